@@ -1,0 +1,36 @@
+#pragma once
+// The quillon command: subcommands register themselves on the CLI11 application; the chosen
+// one's action runs after parsing. Exit status: 0 success, 1 operation error, 2 usage error.
+
+#include <CLI/CLI.hpp>
+
+#include <functional>
+#include <string>
+
+#include "core/Error.h"
+
+namespace quillon::cli {
+
+inline constexpr int kExitOk = 0;
+inline constexpr int kExitError = 1;
+inline constexpr int kExitUsage = 2;
+
+struct Cli {
+    CLI::App app{"Quillon: browse, copy, sync and share files on local disks and servers",
+                 "quillon"};
+    // Set by the chosen subcommand's callback; returns the exit status.
+    std::function<int()> action;
+};
+
+// Prints "quillon: <reason> (<domain> <code>)" on standard error and returns kExitError.
+int reportError(const Error& error);
+// Prints "quillon: <message>" on standard error and returns `code`.
+int reportMessage(const std::string& message, int code = kExitError);
+
+// Subcommand groups.
+void registerTypeCommand(Cli& cli);
+
+// Parses and runs; returns the exit status.
+int run(int argc, char** argv);
+
+}  // namespace quillon::cli

@@ -1,0 +1,72 @@
+#pragma once
+// The program's error value and the shared code space of every storage client.
+
+#include <expected>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace quillon {
+
+struct Error {
+    std::string domain;
+    long code = 0;
+    std::string reason;
+
+    // "reason (domain code)" for messages shown to the user.
+    std::string describe() const;
+    bool operator==(const Error&) const = default;
+};
+
+template <typename T>
+using Result = std::expected<T, Error>;
+using Status = std::expected<void, Error>;
+
+namespace ErrorCode {
+inline constexpr long NoPermission = 10001;        // local item cannot be opened for lack of permission
+inline constexpr long TransferFailed = 10002;      // a transfer step failed
+inline constexpr long DeleteFailed = 10003;        // delete failed
+inline constexpr long MoveFailed = 10005;          // move or rename failed
+inline constexpr long DownloadFailed = 10006;      // a client's synchronous download failed
+inline constexpr long UploadFailed = 10007;        // a client's synchronous upload failed
+inline constexpr long NotFound = 10008;            // item not found
+inline constexpr long NoThumbnail = 10009;         // thumbnail could not be produced
+inline constexpr long CrossCopyFailed = 10013;     // cross-server copy failed
+inline constexpr long CreateFolderFailed = 10014;  // create folder failed
+inline constexpr long CloudListFailed = 20001;     // listing or search of a cloud folder failed
+inline constexpr long CloudCreateFailed = 20002;   // create on a cloud drive failed
+inline constexpr long DragOutFailed = 20003;       // a dragged-out file could not be delivered
+inline constexpr long GoogleDocs = 1001;           // the Google Drive client's own code
+}  // namespace ErrorCode
+
+namespace ErrorDomain {
+inline constexpr std::string_view Local = "Local";
+inline constexpr std::string_view FTP = "FTP";
+inline constexpr std::string_view SFTP = "SFTP";
+inline constexpr std::string_view SMB = "SMB";
+inline constexpr std::string_view WebDAV = "WEBDAV";
+inline constexpr std::string_view GoogleDrive = "GOOGLEDRIVE";
+inline constexpr std::string_view OneDrive = "ONEDRIVE";
+inline constexpr std::string_view Dropbox = "DROPBOX";
+inline constexpr std::string_view Baidu = "BAIDU";  // also used by the Box client, on purpose
+inline constexpr std::string_view FileTransfer = "File Transfer";
+inline constexpr std::string_view FileSync = "File Sync";
+inline constexpr std::string_view NearbyFileTransfer = "Nearby File Transfer";
+inline constexpr std::string_view Generic = "Kv Generic";
+inline constexpr std::string_view GoogleDocs = "GoogleDocs";
+}  // namespace ErrorDomain
+
+namespace KvError {
+// An error with that domain, code and reason.
+Error errorWithDomain(std::string_view domain, long code, std::string_view reason);
+// Like errorWithDomain, but an absent reason yields no error at all (a missing library message
+// means success).
+std::optional<Error> errorWithDescription(const std::optional<std::string>& reason,
+                                          std::string_view domain, long code);
+// The same as an unexpected Status, for `return KvError::fail(...)`.
+inline std::unexpected<Error> fail(std::string_view domain, long code, std::string_view reason) {
+    return std::unexpected(errorWithDomain(domain, code, reason));
+}
+}  // namespace KvError
+
+}  // namespace quillon

@@ -1,0 +1,123 @@
+#include "core/KvConnectionPool.h"
+
+#include <curl/curl.h>
+
+#include "core/GCD.h"
+
+namespace quillon {
+
+namespace {
+size_t refuseBytes(char*, size_t, size_t, void*) { return 0; }
+}  // namespace
+
+CURLConnection::CURLConnection() {
+    static std::once_flag global;
+    std::call_once(global, [] { curl_global_init(CURL_GLOBAL_ALL); });
+    curl_ = curl_easy_init();
+}
+
+CURLConnection::~CURLConnection() {
+    if (curl_) curl_easy_cleanup(curl_);
+}
+
+void CURLConnection::cleanup() {
+    if (!curl_) return;
+    curl_easy_setopt(curl_, CURLOPT_WRITEFUNCTION, refuseBytes);
+    curl_easy_setopt(curl_, CURLOPT_HEADERFUNCTION, refuseBytes);
+    curl_easy_cleanup(curl_);
+    curl_ = nullptr;
+}
+
+KvConnectionPool& KvConnectionPool::sharedInstance() {
+    static KvConnectionPool* pool = new KvConnectionPool();
+    return *pool;
+}
+
+KvConnectionPool::KvConnectionPool() = default;
+
+void KvConnectionPool::setClock(std::function<std::chrono::system_clock::time_point()> now) {
+    std::lock_guard lock(mutex_);
+    clock_ = std::move(now);
+}
+
+std::chrono::system_clock::time_point KvConnectionPool::now() const {
+    return clock_ ? clock_() : std::chrono::system_clock::now();
+}
+
+KvConnectionPtr KvConnectionPool::retrieveConnection(const ServerInfo& server) {
+    std::lock_guard lock(mutex_);
+    auto it = connDict_.find(server.serverID);
+    if (it != connDict_.end() && !it->second.empty()) {
+        auto conn = it->second.front();
+        it->second.pop_front();
+        return conn;
+    }
+    if (server.protocolType == ProtocolType::FTP || server.protocolType == ProtocolType::SFTP) {
+        auto conn = std::make_shared<CURLConnection>();
+        conn->serverInfo = std::make_shared<ServerInfo>(server);
+        return conn;
+    }
+    return nullptr;
+}
+
+void KvConnectionPool::recycleConnection(const KvConnectionPtr& connection) {
+    if (!connection || !connection->serverInfo) return;
+    std::lock_guard lock(mutex_);
+    connection->lastUsedTime = now();
+    connDict_[connection->serverInfo->serverID].push_back(connection);
+    if (!timer_) startTimer();
+}
+
+void KvConnectionPool::clearConnectionPool() { sharedInstance().clear(); }
+
+void KvConnectionPool::clear() {
+    std::lock_guard lock(mutex_);
+    connDict_.clear();
+}
+
+void KvConnectionPool::manageConnectionPool() {
+    std::lock_guard lock(mutex_);
+    bool allEmpty = true;
+    auto t = now();
+    for (auto& [id, conns] : connDict_) {
+        for (auto it = conns.begin(); it != conns.end();) {
+            if (std::chrono::duration<double>(t - (*it)->lastUsedTime).count() > kIdleLimit) {
+                (*it)->cleanup();
+                it = conns.erase(it);
+            } else {
+                ++it;
+            }
+        }
+        if (!conns.empty()) allEmpty = false;
+    }
+    if (allEmpty && timer_) stopTimer();
+}
+
+void KvConnectionPool::startTimer() {
+    std::lock_guard lock(mutex_);
+    if (timer_) return;
+    // The timer lives on the main queue; its tick does the eviction pass in the background, since
+    // closing an FTP session waits for the server's reply to QUIT.
+    timer_ = MainQueue::shared().scheduleRepeating(
+        std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::duration<double>(kTimerInterval)),
+        [this] { GCD::doInBackground([this] { manageConnectionPool(); }); });
+}
+
+void KvConnectionPool::stopTimer() {
+    std::lock_guard lock(mutex_);
+    if (timer_) MainQueue::shared().cancel(*timer_);
+    timer_.reset();
+}
+
+bool KvConnectionPool::timerRunning() const {
+    std::lock_guard lock(mutex_);
+    return timer_.has_value();
+}
+
+std::size_t KvConnectionPool::idleCount(const std::string& serverID) const {
+    std::lock_guard lock(mutex_);
+    auto it = connDict_.find(serverID);
+    return it == connDict_.end() ? 0 : it->second.size();
+}
+
+}  // namespace quillon

@@ -1,0 +1,111 @@
+#include "core/Wrapper.h"
+
+#include <fmt/format.h>
+
+#include "core/GCD.h"
+
+namespace quillon {
+
+Wrapper::Wrapper(ServerInfoPtr serverInfo) : serverInfo_(std::move(serverInfo)) {
+    if (!serverInfo_) serverInfo_ = std::make_shared<ServerInfo>();
+}
+
+Error Wrapper::unsupported(std::string_view operation) const {
+    return KvError::errorWithDomain(ErrorDomain::Generic, -1,
+                                    fmt::format("{} is not supported by this server", operation));
+}
+
+Status Wrapper::initStreamFileMeta(const KvMetadata&) {
+    return std::unexpected(unsupported("Streaming"));
+}
+Result<Bytes> Wrapper::readDataOfLength(std::uint64_t) {
+    return std::unexpected(unsupported("Streaming"));
+}
+Status Wrapper::readDataFromOffsetToEnd(std::int64_t, const std::function<bool(const Bytes&)>&) {
+    return std::unexpected(unsupported("Reading to the end"));
+}
+Status Wrapper::moveItemsSync(const KvMetadataList&, const KvMetadata&) {
+    return std::unexpected(unsupported("Moving several items at once"));
+}
+Status Wrapper::searchSync(const KvMetadata&, const std::string&,
+                           const std::function<void(const KvMetadataList&)>&) {
+    return std::unexpected(unsupported("Search"));
+}
+
+void Wrapper::deliverCompletion(std::function<void()> fn) { GCD::doInForeground(std::move(fn)); }
+
+void Wrapper::runAsync(std::function<std::optional<Error>()> work, CompletionHandler complete) {
+    // The queued work holds the client alive until its completion has run.
+    auto self = shared_from_this();
+    GCD::doInBackground([self, work = std::move(work), complete = std::move(complete)] {
+        auto error = work();
+        self->deliverCompletion([self, complete, error] {
+            if (complete) complete(error);
+        });
+    });
+}
+
+namespace {
+std::optional<Error> errorOf(const Status& s) {
+    if (s) return std::nullopt;
+    return s.error();
+}
+}  // namespace
+
+void Wrapper::signIn(CompletionHandler complete) {
+    runAsync([this] { return errorOf(signInSync()); }, std::move(complete));
+}
+
+void Wrapper::contentsOfDirectoryAtPath(const KvMetadata& folder, ListingHandler complete) {
+    auto self = shared_from_this();
+    GCD::doInBackground([self, folder, complete = std::move(complete)] {
+        auto result = std::make_shared<Result<KvMetadataList>>(
+            self->contentsOfDirectoryAtPathSync(folder));
+        self->deliverCompletion([self, complete, result] {
+            if (complete) complete(std::move(*result));
+        });
+    });
+}
+
+void Wrapper::download(const KvMetadata& file, const std::string& saveTo,
+                       CompletionHandler complete, ProgressHandler progress) {
+    runAsync([this, file, saveTo, progress] { return errorOf(downloadSync(file, saveTo, progress)); },
+             std::move(complete));
+}
+
+void Wrapper::upload(const KvMetadata& localFile, const KvMetadata& toFolder,
+                     CompletionHandler complete, ProgressHandler progress) {
+    runAsync([this, localFile, toFolder,
+              progress] { return errorOf(uploadSync(localFile, toFolder, progress)); },
+             std::move(complete));
+}
+
+void Wrapper::move(const KvMetadata& item, const KvMetadata& to, CompletionHandler complete) {
+    runAsync([this, item, to] { return errorOf(moveSync(item, to)); }, std::move(complete));
+}
+
+void Wrapper::remove(const KvMetadataList& items, CompletionHandler complete) {
+    runAsync([this, items] { return errorOf(removeSync(items)); }, std::move(complete));
+}
+
+void Wrapper::downloadThumbnail(const KvMetadata& item, CompletionHandler complete) {
+    runAsync([this, item] { return errorOf(downloadThumbnailSync(item)); }, std::move(complete));
+}
+
+void Wrapper::createFolder(const KvMetadata& folder, CompletionHandler complete) {
+    runAsync([this, folder] { return errorOf(createFolderSync(folder)); }, std::move(complete));
+}
+
+void Wrapper::moveItems(const KvMetadataList& items, const KvMetadata& toFolder,
+                        CompletionHandler complete) {
+    runAsync([this, items, toFolder] { return errorOf(moveItemsSync(items, toFolder)); },
+             std::move(complete));
+}
+
+void Wrapper::search(const KvMetadata& folder, const std::string& keyword,
+                     CompletionHandler complete, std::function<void(const KvMetadataList&)> update) {
+    runAsync([this, folder, keyword, update] { return errorOf(searchSync(folder, keyword, update)); },
+             std::move(complete));
+}
+
+}  // namespace quillon

@@ -1,0 +1,140 @@
+#include "support/TestEnv.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+extern char** environ;
+
+namespace fs = std::filesystem;
+
+namespace quillon::test {
+
+ScratchDir::ScratchDir(const std::string& tag) {
+    std::string tmpl = (fs::temp_directory_path() / ("quillon-" + tag + "-XXXXXX")).string();
+    if (!::mkdtemp(tmpl.data())) throw std::runtime_error("mkdtemp failed");
+    path_ = tmpl;
+}
+
+ScratchDir::~ScratchDir() {
+    std::error_code ec;
+    // Make read-only leftovers of permission tests removable.
+    for (auto it = fs::recursive_directory_iterator(path_, ec); !ec && it != fs::end(it);
+         it.increment(ec)) {
+        if (it->is_directory(ec) && !it->is_symlink(ec))
+            fs::permissions(it->path(), fs::perms::owner_all, fs::perm_options::add, ec);
+    }
+    fs::remove_all(path_, ec);
+}
+
+IsolatedHome::IsolatedHome() : dir_("home") {
+    if (const char* p = std::getenv("QUILLON_HOME")) {
+        previous_ = p;
+        hadPrevious_ = true;
+    }
+    ::setenv("QUILLON_HOME", dir_.path().c_str(), 1);
+}
+
+IsolatedHome::~IsolatedHome() {
+    if (hadPrevious_)
+        ::setenv("QUILLON_HOME", previous_.c_str(), 1);
+    else
+        ::unsetenv("QUILLON_HOME");
+}
+
+CommandResult runProgram(const std::vector<std::string>& argv, const std::string& input) {
+    int inPipe[2], outPipe[2], errPipe[2];
+    if (::pipe2(inPipe, O_CLOEXEC) || ::pipe2(outPipe, O_CLOEXEC) || ::pipe2(errPipe, O_CLOEXEC))
+        throw std::runtime_error("pipe failed");
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, inPipe[0], 0);
+    posix_spawn_file_actions_adddup2(&actions, outPipe[1], 1);
+    posix_spawn_file_actions_adddup2(&actions, errPipe[1], 2);
+    std::vector<char*> args;
+    for (auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    pid_t pid = 0;
+    int rc = ::posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    ::close(inPipe[0]);
+    ::close(outPipe[1]);
+    ::close(errPipe[1]);
+    CommandResult result;
+    if (rc != 0) {
+        ::close(inPipe[1]);
+        ::close(outPipe[0]);
+        ::close(errPipe[0]);
+        result.err = "cannot start " + argv[0];
+        return result;
+    }
+    std::size_t written = 0;
+    if (input.empty()) {
+        ::close(inPipe[1]);
+        inPipe[1] = -1;
+    }
+    bool outOpen = true, errOpen = true;
+    char buf[65536];
+    while (outOpen || errOpen) {
+        pollfd fds[3];
+        int n = 0;
+        if (outOpen) fds[n++] = {outPipe[0], POLLIN, 0};
+        if (errOpen) fds[n++] = {errPipe[0], POLLIN, 0};
+        if (inPipe[1] >= 0) fds[n++] = {inPipe[1], POLLOUT, 0};
+        if (::poll(fds, n, -1) < 0) continue;
+        for (int i = 0; i < n; ++i) {
+            if (!fds[i].revents) continue;
+            if (fds[i].fd == inPipe[1]) {
+                ssize_t w = ::write(inPipe[1], input.data() + written, input.size() - written);
+                if (w > 0) written += static_cast<std::size_t>(w);
+                if (w < 0 || written == input.size()) {
+                    ::close(inPipe[1]);
+                    inPipe[1] = -1;
+                }
+                continue;
+            }
+            ssize_t r = ::read(fds[i].fd, buf, sizeof buf);
+            if (r <= 0) {
+                if (fds[i].fd == outPipe[0]) outOpen = false; else errOpen = false;
+                continue;
+            }
+            (fds[i].fd == outPipe[0] ? result.out : result.err).append(buf, static_cast<std::size_t>(r));
+        }
+    }
+    if (inPipe[1] >= 0) ::close(inPipe[1]);
+    ::close(outPipe[0]);
+    ::close(errPipe[0]);
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return result;
+}
+
+CommandResult runQuillon(const std::vector<std::string>& args, const std::string& input) {
+    std::vector<std::string> argv{QUILLON_BINARY};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return runProgram(argv, input);
+}
+
+void writeFile(const std::string& path, const std::string& content) {
+    fs::create_directories(fs::path(path).parent_path());
+    std::ofstream out(path, std::ios::binary);
+    out << content;
+}
+
+std::string readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+}  // namespace quillon::test
