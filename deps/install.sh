@@ -19,7 +19,12 @@ while read -r pkg rest; do
   fi
 done < "$here/debian-packages.txt"
 
-[ ${#missing[@]} -eq 0 ] && exit 0
+unpack_ftp_servers() {
+  for p in "${purposes[@]}"; do
+    case "$p" in test|bench) "$here/unpack-ftp-servers.sh"; return ;; esac
+  done
+}
+if [ ${#missing[@]} -eq 0 ]; then unpack_ftp_servers; exit 0; fi
 
 sudo=""
 if [ "$(id -u)" != 0 ]; then
@@ -46,3 +51,4 @@ if ! $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >&2; t
     $sudo apt-get install -y -qq --no-install-recommends "$pkg" >&2
   done
 fi
+unpack_ftp_servers
