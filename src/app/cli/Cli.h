@@ -5,6 +5,7 @@
 #include <CLI/CLI.hpp>
 
 #include <functional>
+#include <optional>
 #include <string>
 
 #include "core/Error.h"
@@ -27,8 +28,17 @@ int reportError(const Error& error);
 // Prints "quillon: <message>" on standard error and returns `code`.
 int reportMessage(const std::string& message, int code = kExitError);
 
+// Prepares the program for a command that uses servers, preferences or files: preferences,
+// the database, the storage clients. Fails with a clear error (a corrupt file, say).
+Status startApplication();
+// A password given with --password or read from standard input (--password-stdin).
+std::optional<std::string> readPasswordFromStdin();
+
 // Subcommand groups.
 void registerTypeCommand(Cli& cli);
+void registerServerCommands(Cli& cli);
+void registerPrefsCommand(Cli& cli);
+void registerFileCommands(Cli& cli);
 
 // Parses and runs; returns the exit status.
 int run(int argc, char** argv);

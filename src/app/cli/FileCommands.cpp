@@ -1,0 +1,263 @@
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+
+#include "app/cli/Cli.h"
+#include "app/cli/Json.h"
+#include "app/cli/Location.h"
+#include "core/FileTypeUtils.h"
+#include "core/StringUtils.h"
+
+namespace quillon::cli {
+
+namespace {
+
+std::string kindColumn(const KvMetadata& m) {
+    if (m.isSymbolLink) return "link";
+    return m.isDir ? "dir" : "file";
+}
+
+std::string timeColumn(const std::optional<TimePoint>& t) {
+    if (!t) return std::string(16, ' ');
+    std::time_t tt = std::chrono::system_clock::to_time_t(*t);
+    std::tm tm{};
+    localtime_r(&tt, &tm);
+    return fmt::format("{:%Y-%m-%d %H:%M}", tm);
+}
+
+std::string displayName(const KvMetadata& m) {
+    auto name = m.nameIgnoreLinkResolve().value_or(StringUtils::lastPathComponent(m.pathOrEmpty()));
+    if (m.isSymbolLink && m.symbolLinkTarget) name += " -> " + *m.symbolLinkTarget;
+    return name;
+}
+
+std::string itemJson(const KvMetadata& m) {
+    std::string out = "{\"name\":" + jsonOptString(m.nameIgnoreLinkResolve()) +
+                      ",\"path\":" + jsonOptString(m.path()) +
+                      ",\"kind\":" + jsonString(kindColumn(m)) +
+                      ",\"isDir\":" + (m.isDir ? "true" : "false") + ",\"size\":" +
+                      (m.fileSizeInBytes ? std::to_string(*m.fileSizeInBytes) : "null") +
+                      ",\"mtime\":" + jsonTime(m.timestamp);
+    if (m.isSymbolLink) out += ",\"target\":" + jsonOptString(m.symbolLinkTarget);
+    if (m.unixPermission) out += ",\"permission\":" + jsonOptString(m.unixPermission);
+    if (m.isIcloudPlaceHold) out += ",\"placeholder\":true";
+    return out + "}";
+}
+
+void printLong(const KvMetadata& m, std::string& out) {
+    std::string size = m.isDir ? "-" : m.fileSizeInBytes ? std::to_string(*m.fileSizeInBytes) : "?";
+    out += fmt::format("{:<4} {:>12}  {}  {}\n", kindColumn(m), size, timeColumn(m.timestamp),
+                       displayName(m));
+}
+
+// Buffered standard output: listings of 100,000 entries must not cost one write per line.
+void flushOut(std::string& out, bool force) {
+    if (!force && out.size() < (1 << 16)) return;
+    std::fwrite(out.data(), 1, out.size(), stdout);
+    out.clear();
+}
+
+Result<Location> resolveAndStart(const std::string& text) {
+    if (auto r = startApplication(); !r) return std::unexpected(r.error());
+    return resolveLocation(text);
+}
+
+}  // namespace
+
+void registerFileCommands(Cli& cli) {
+    // ls
+    auto lsTarget = std::make_shared<std::string>(".");
+    auto lsAll = std::make_shared<bool>(false);
+    auto lsJson = std::make_shared<bool>(false);
+    auto* ls = cli.app.add_subcommand("ls", "List a folder: kind, size, modification time, name");
+    ls->add_option("LOCATION", *lsTarget, "Local path, NAME:/path or URL (default: .)");
+    ls->add_flag("-a,--all", *lsAll, "Include hidden items");
+    ls->add_flag("--json", *lsJson, "Print a JSON array");
+    ls->callback([&cli, lsTarget, lsAll, lsJson] {
+        cli.action = [lsTarget, lsAll, lsJson] {
+            auto loc = resolveAndStart(*lsTarget);
+            if (!loc) return reportError(loc.error());
+            loc->client->setForceIncludesHiddenFiles(*lsAll);
+            auto item = statLocation(*loc);
+            if (!item) return reportError(item.error());
+            KvMetadataList entries;
+            if (item->isDir) {
+                auto listing = loc->client->contentsOfDirectoryAtPathSync(loc->metadata(true));
+                if (!listing) return reportError(listing.error());
+                entries = std::move(*listing);
+                if (!*lsAll) {
+                    std::erase_if(entries, [](const KvMetadata& m) {
+                        return m.nameIgnoreLinkResolve().value_or("").starts_with(".");
+                    });
+                }
+                std::sort(entries.begin(), entries.end(), [](const KvMetadata& a, const KvMetadata& b) {
+                    return StringUtils::localizedStandardCompare(a.nameIgnoreLinkResolve().value_or(""),
+                                                                 b.nameIgnoreLinkResolve().value_or("")) < 0;
+                });
+            } else {
+                entries.push_back(std::move(*item));
+            }
+            std::string out;
+            if (*lsJson) {
+                out += "[";
+                for (std::size_t i = 0; i < entries.size(); ++i) {
+                    out += i ? ",\n" : "\n";
+                    out += itemJson(entries[i]);
+                    flushOut(out, false);
+                }
+                out += "\n]\n";
+            } else {
+                for (auto& e : entries) {
+                    printLong(e, out);
+                    flushOut(out, false);
+                }
+            }
+            flushOut(out, true);
+            return kExitOk;
+        };
+    });
+
+    // stat
+    auto statTarget = std::make_shared<std::string>();
+    auto statJson = std::make_shared<bool>(false);
+    auto* stat = cli.app.add_subcommand("stat", "Show one item");
+    stat->add_option("LOCATION", *statTarget, "Local path, NAME:/path or URL")->required();
+    stat->add_flag("--json", *statJson, "Print JSON");
+    stat->callback([&cli, statTarget, statJson] {
+        cli.action = [statTarget, statJson] {
+            auto loc = resolveAndStart(*statTarget);
+            if (!loc) return reportError(loc.error());
+            auto item = statLocation(*loc);
+            if (!item) return reportError(item.error());
+            if (*statJson) {
+                fmt::print("{}\n", itemJson(*item));
+                return kExitOk;
+            }
+            fmt::print("name:     {}\n", displayName(*item));
+            fmt::print("location: {}\n", loc->display());
+            fmt::print("kind:     {} ({})\n", kindColumn(*item),
+                       FileTypeUtils::kindForFileName(item->nameOrEmpty(), item->isDir));
+            if (item->fileSizeInBytes) fmt::print("size:     {} bytes\n", *item->fileSizeInBytes);
+            if (item->timestamp) fmt::print("modified: {}\n", timeColumn(item->timestamp));
+            if (item->unixPermission) fmt::print("mode:     {}\n", *item->unixPermission);
+            return kExitOk;
+        };
+    });
+
+    // mkdir
+    auto mkdirTargets = std::make_shared<std::vector<std::string>>();
+    auto* mkdir = cli.app.add_subcommand("mkdir", "Create folders");
+    mkdir->add_option("LOCATION", *mkdirTargets, "Folders to create")->required();
+    mkdir->callback([&cli, mkdirTargets] {
+        cli.action = [mkdirTargets] {
+            int rc = kExitOk;
+            for (auto& t : *mkdirTargets) {
+                auto loc = resolveAndStart(t);
+                if (!loc) return reportError(loc.error());
+                if (auto r = loc->client->createFolderSync(loc->metadata(true)); !r)
+                    rc = reportError(r.error());
+            }
+            return rc;
+        };
+    });
+
+    // rm
+    auto rmTargets = std::make_shared<std::vector<std::string>>();
+    auto rmRecursive = std::make_shared<bool>(false);
+    auto* rm = cli.app.add_subcommand("rm", "Delete files, and folders with -r");
+    rm->add_option("LOCATION", *rmTargets, "Items to delete")->required();
+    rm->add_flag("-r,--recursive", *rmRecursive, "Delete folders with their contents");
+    rm->callback([&cli, rmTargets, rmRecursive] {
+        cli.action = [rmTargets, rmRecursive] {
+            int rc = kExitOk;
+            for (auto& t : *rmTargets) {
+                auto loc = resolveAndStart(t);
+                if (!loc) return reportError(loc.error());
+                if (loc->path == "/" || loc->path == loc->server->rootFolderPath) {
+                    rc = reportMessage("Refusing to delete the top folder " + loc->display() + ".");
+                    continue;
+                }
+                auto item = statLocation(*loc);
+                if (!item) {
+                    rc = reportError(item.error());
+                    continue;
+                }
+                if (item->isDir && !item->isSymbolLink && !*rmRecursive) {
+                    rc = reportMessage(loc->display() + " is a folder: use -r to delete it.");
+                    continue;
+                }
+                if (auto r = loc->client->removeSync({*item}); !r) rc = reportError(r.error());
+            }
+            return rc;
+        };
+    });
+
+    // mv (within one server)
+    auto mvSource = std::make_shared<std::string>();
+    auto mvTarget = std::make_shared<std::string>();
+    auto* mv = cli.app.add_subcommand("mv", "Rename or move an item within one server");
+    mv->add_option("SRC", *mvSource, "Item to move")->required();
+    mv->add_option("DST", *mvTarget, "New path, or a folder to move into")->required();
+    mv->callback([&cli, mvSource, mvTarget] {
+        cli.action = [mvSource, mvTarget] {
+            auto src = resolveAndStart(*mvSource);
+            if (!src) return reportError(src.error());
+            auto dst = resolveLocation(*mvTarget);
+            if (!dst) return reportError(dst.error());
+            if (src->server->serverID != dst->server->serverID)
+                return reportMessage("Moving between servers is not supported by this command yet.");
+            auto item = statLocation(*src);
+            if (!item) return reportError(item.error());
+            std::string targetPath = dst->path;
+            if (auto existing = statLocation(*dst); existing && existing->isDir)
+                targetPath = StringUtils::stringByAppendingPathComponentDirectly(
+                    dst->path, StringUtils::lastPathComponent(src->path));
+            if (targetPath == src->path) return kExitOk;
+            if (item->isDir && targetPath.starts_with(src->path + "/"))
+                return reportMessage("can’t copy/move an item into itself.");
+            Location target = *dst;
+            target.path = targetPath;
+            if (auto r = src->client->moveSync(*item, target.metadata(item->isDir)); !r)
+                return reportError(r.error());
+            return kExitOk;
+        };
+    });
+
+    // cat
+    auto catTarget = std::make_shared<std::string>();
+    auto* cat = cli.app.add_subcommand("cat", "Write a file's bytes to standard output");
+    cat->add_option("LOCATION", *catTarget, "File to print")->required();
+    cat->callback([&cli, catTarget] {
+        cli.action = [catTarget] {
+            auto loc = resolveAndStart(*catTarget);
+            if (!loc) return reportError(loc.error());
+            auto item = statLocation(*loc);
+            if (!item) return reportError(item.error());
+            if (item->isDir) return reportMessage(loc->display() + " is a folder.");
+            auto caps = loc->client->capabilities();
+            auto write = [](const Bytes& chunk) {
+                return std::fwrite(chunk.data(), 1, chunk.size(), stdout) == chunk.size();
+            };
+            if (!caps.streaming) return reportMessage("This server cannot stream files yet.");
+            if (auto r = loc->client->initStreamFileMeta(*item); !r) return reportError(r.error());
+            if (caps.readFromOffsetToEnd) {
+                if (auto r = loc->client->readDataFromOffsetToEnd(0, write); !r)
+                    return reportError(r.error());
+            } else {
+                while (true) {
+                    auto chunk = loc->client->readDataOfLength(1 << 20);
+                    if (!chunk) return reportError(chunk.error());
+                    if (chunk->empty()) break;
+                    if (!write(*chunk)) return reportMessage("Cannot write to standard output.");
+                }
+            }
+            std::fflush(stdout);
+            return kExitOk;
+        };
+    });
+}
+
+}  // namespace quillon::cli

@@ -1,0 +1,36 @@
+#pragma once
+// Locations on the command line: a local path, NAME:/path for a configured server (display name
+// or server id), or a URL such as ftp://user@host:2121/path, which creates a quick-connect record
+// that the next launch deletes.
+
+#include <memory>
+#include <string>
+
+#include "core/KvMetadata.h"
+#include "core/ServerInfo.h"
+#include "core/Wrapper.h"
+
+namespace quillon::cli {
+
+struct Location {
+    ServerInfoPtr server;
+    WrapperPtr client;
+    std::string path;  // absolute path on the server
+    bool isLocal() const { return server && server->protocolType == ProtocolType::Local; }
+    // A record for the path; isDir as given (the kind is unknown until listed).
+    KvMetadata metadata(bool isDir) const;
+    // "NAME:/path" or the local path, for messages.
+    std::string display() const;
+};
+
+// Finds the server for the text: a configured server's display name or id, else none.
+std::optional<ServerInfo> findServer(const std::string& nameOrId);
+
+// Parses a location and makes its client.
+Result<Location> resolveLocation(const std::string& text);
+
+// The record of the item at the location, found by listing its parent (the top folder is the
+// client's root folder). Fails with 10008 "File not found!" when it does not exist.
+Result<KvMetadata> statLocation(const Location& loc);
+
+}  // namespace quillon::cli

@@ -1,0 +1,258 @@
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <iostream>
+#include <map>
+
+#include "app/cli/Cli.h"
+#include "app/cli/Json.h"
+#include "app/cli/Location.h"
+#include "core/ServerInfoService.h"
+#include "core/StringEncoding.h"
+#include "core/WrapperProxy.h"
+
+namespace quillon::cli {
+
+namespace {
+
+const std::map<std::string, std::int32_t> kTypes = {
+    {"local", ProtocolType::Local}, {"dropbox", ProtocolType::Dropbox},
+    {"gdrive", ProtocolType::GoogleDrive}, {"smb", ProtocolType::SMB},
+    {"onedrive", ProtocolType::OneDrive}, {"box", ProtocolType::Box},
+    {"webdav", ProtocolType::WebDAV}, {"ftp", ProtocolType::FTP},
+    {"sftp", ProtocolType::SFTP}, {"baidu", ProtocolType::BaiduPan},
+};
+
+const std::map<std::string, std::string> kFtpProtocols = {
+    {"plain", "FTP_PROTOCOL_PLAIN"},
+    {"explicit-if-available", "FTP_PROTOCOL_EXPLICIT_IF_AVAILABLE"},
+    {"explicit", "FTP_PROTOCOL_EXPLICIT"},
+    {"implicit", "FTP_PROTOCOL_IMPLICIT"},
+};
+
+std::string typeName(std::int32_t type) {
+    for (auto& [name, t] : kTypes)
+        if (t == type) return name;
+    return std::to_string(type);
+}
+
+std::string defaultPort(std::int32_t type, const std::string& ftpProtocol) {
+    switch (type) {
+        case ProtocolType::FTP: return ftpProtocol == "FTP_PROTOCOL_IMPLICIT" ? "990" : "21";
+        case ProtocolType::SFTP: return "22";
+        case ProtocolType::SMB: return "445";
+        case ProtocolType::WebDAV: return "80";
+        default: return "";
+    }
+}
+
+// Secrets are not printed.
+bool isSecret(const std::string& key) {
+    return key == "PASSWORD" || key == "TEMP_PASSWORD" || key == "DROPBOX_ACCESS_TOKEN" ||
+           key == "GoogleAuthorizationData" || key.find("TOKEN") != std::string::npos;
+}
+
+std::string serverJson(const ServerInfo& info) {
+    std::string props;
+    for (auto& [k, v] : info.props) {
+        if (!props.empty()) props += ",";
+        props += jsonString(k) + ":" + jsonString(isSecret(k) ? std::string("********") : v);
+    }
+    return fmt::format(
+        "{{\"id\":{},\"name\":{},\"type\":{},\"protocolType\":{},\"root\":{},\"props\":{{{}}}}}",
+        jsonString(info.serverID), jsonString(info.displayName),
+        jsonString(typeName(info.protocolType)), info.protocolType,
+        info.protocolType == ProtocolType::Local ? jsonString(info.rootFolderPath) : "null", props);
+}
+
+std::string serverLine(const ServerInfo& info) {
+    std::string where;
+    if (info.protocolType == ProtocolType::Local) {
+        where = info.rootFolderPath;
+    } else {
+        auto addr = info.valueForKey(ServerProp::ADDR).value_or("");
+        auto user = info.valueForKey(ServerProp::USERNAME).value_or("");
+        auto port = info.valueForKey(ServerProp::PORT).value_or("");
+        where = typeName(info.protocolType) + "://" + (user.empty() ? "" : user + "@") + addr +
+                (port.empty() ? "" : ":" + port) + info.valueForKey(ServerProp::PATH).value_or("");
+        if (info.boolValueForKey(ServerProp::QUICK_CONNECT)) where += "  (quick connect)";
+    }
+    return fmt::format("{:<8} {:<24} {}", typeName(info.protocolType), info.displayName, where);
+}
+
+Result<ServerInfo> requireServer(const std::string& name) {
+    auto info = findServer(name);
+    if (!info)
+        return KvError::fail(ErrorDomain::Generic, -1, "No server named \"" + name + "\".");
+    return *info;
+}
+
+}  // namespace
+
+void registerServerCommands(Cli& cli) {
+    auto* servers = cli.app.add_subcommand("servers", "List local volumes and configured servers");
+    auto serversJson = std::make_shared<bool>(false);
+    servers->add_flag("--json", *serversJson, "Print a JSON array");
+    servers->callback([&cli, serversJson] {
+        cli.action = [serversJson] {
+            if (auto r = startApplication(); !r) return reportError(r.error());
+            auto& service = ServerInfoService::sharedServerInfoService();
+            auto all = service.localServerInfos();
+            auto remote = service.remoteServerInfos();
+            ServerInfoService::sortConnections(remote);
+            all.insert(all.end(), remote.begin(), remote.end());
+            if (*serversJson) {
+                std::string out = "[";
+                for (std::size_t i = 0; i < all.size(); ++i)
+                    out += (i ? ",\n" : "\n") + serverJson(all[i]);
+                fmt::print("{}\n]\n", out);
+            } else {
+                for (auto& info : all) fmt::print("{}\n", serverLine(info));
+            }
+            return kExitOk;
+        };
+    });
+
+    auto* server = cli.app.add_subcommand("server", "Add, show, change or remove a server");
+    server->require_subcommand(1);
+
+    struct AddOptions {
+        std::string name, type, addr, port, path, user, password, ftpProtocol, encoding;
+        bool passwordStdin = false, active = false;
+    };
+    auto add = std::make_shared<AddOptions>();
+    auto* addCmd = server->add_subcommand("add", "Add a server");
+    addCmd->add_option("NAME", add->name, "Display name")->required();
+    addCmd->add_option("--type", add->type, "local, dropbox, gdrive, smb, onedrive, box, webdav, ftp, sftp, baidu")
+        ->required()
+        ->check(CLI::IsMember({"local", "dropbox", "gdrive", "smb", "onedrive", "box", "webdav",
+                               "ftp", "sftp", "baidu"}));
+    addCmd->add_option("--addr", add->addr, "Host name or address");
+    addCmd->add_option("--port", add->port, "Port")->check(CLI::Range(1, 65535));
+    addCmd->add_option("--path", add->path, "Start folder on the server");
+    addCmd->add_option("--user", add->user, "User name");
+    auto* pw = addCmd->add_option("--password", add->password, "Password");
+    addCmd->add_flag("--password-stdin", add->passwordStdin, "Read the password from standard input")
+        ->excludes(pw);
+    addCmd->add_option("--ftp-protocol", add->ftpProtocol, "plain, explicit-if-available, explicit or implicit")
+        ->check(CLI::IsMember({"plain", "explicit-if-available", "explicit", "implicit"}));
+    addCmd->add_flag("--active", add->active, "FTP active mode");
+    addCmd->add_option("--encoding", add->encoding, "Server's file-name encoding (UTF-8, GBK, Shift_JIS, ...)");
+    addCmd->callback([&cli, add] {
+        cli.action = [add] {
+            if (auto r = startApplication(); !r) return reportError(r.error());
+            if (findServer(add->name))
+                return reportMessage("A server named \"" + add->name + "\" exists already.");
+            ServerInfo info;
+            info.displayName = add->name;
+            info.protocolType = kTypes.at(add->type);
+            std::string ftpProtocol =
+                add->ftpProtocol.empty() ? "" : kFtpProtocols.at(add->ftpProtocol);
+            if (!ftpProtocol.empty()) {
+                if (info.protocolType != ProtocolType::FTP)
+                    return reportMessage("--ftp-protocol is only for FTP servers.", kExitUsage);
+                info.setValue(ftpProtocol, ServerProp::FTP_PROTOCOL);
+            }
+            if (!add->addr.empty()) info.setValue(add->addr, ServerProp::ADDR);
+            auto port = add->port.empty() ? defaultPort(info.protocolType, ftpProtocol) : add->port;
+            if (!port.empty()) info.setValue(port, ServerProp::PORT);
+            if (!add->path.empty()) info.setValue(add->path, ServerProp::PATH);
+            if (!add->user.empty()) info.setValue(add->user, ServerProp::USERNAME);
+            std::optional<std::string> password;
+            if (add->passwordStdin) {
+                password = readPasswordFromStdin();
+                if (!password) return reportMessage("No password on standard input.", kExitUsage);
+            } else if (!add->password.empty()) {
+                password = add->password;
+            }
+            if (password) {
+                info.setValue(*password, ServerProp::PASSWORD);
+                info.setValue("YES", ServerProp::REMEMBER_PASSWORD);
+            }
+            if (add->active) info.setValue("YES", ServerProp::FTP_ACTIVE_MODE);
+            if (!add->encoding.empty()) {
+                auto number = StringEncoding::encodingNumberForName(add->encoding);
+                if (!number)
+                    return reportMessage("Unknown encoding \"" + add->encoding + "\".", kExitUsage);
+                info.setValue(std::to_string(*number), ServerProp::SERVER_ENCODING);
+            }
+            if (info.protocolType != ProtocolType::Local && add->addr.empty() &&
+                (info.protocolType == ProtocolType::FTP || info.protocolType == ProtocolType::SFTP ||
+                 info.protocolType == ProtocolType::SMB || info.protocolType == ProtocolType::WebDAV))
+                return reportMessage("--addr is required for this kind of server.", kExitUsage);
+            auto& service = ServerInfoService::sharedServerInfoService();
+            auto remote = service.remoteServerInfos();
+            info.sortID = static_cast<std::int64_t>(remote.size());
+            info.setValue(std::to_string(remote.size()), ServerProp::CONNECTION_SORT_ID);
+            if (auto r = service.saveServerInfo(info); !r) return reportError(r.error());
+            fmt::print("Added {} ({})\n", info.displayName, info.serverID);
+            return kExitOk;
+        };
+    });
+
+    auto showName = std::make_shared<std::string>();
+    auto showJson = std::make_shared<bool>(false);
+    auto* show = server->add_subcommand("show", "Show a server's settings");
+    show->add_option("NAME", *showName, "Display name or server id")->required();
+    show->add_flag("--json", *showJson, "Print JSON");
+    show->callback([&cli, showName, showJson] {
+        cli.action = [showName, showJson] {
+            if (auto r = startApplication(); !r) return reportError(r.error());
+            auto info = requireServer(*showName);
+            if (!info) return reportError(info.error());
+            if (*showJson) {
+                fmt::print("{}\n", serverJson(*info));
+                return kExitOk;
+            }
+            fmt::print("name:  {}\nid:    {}\ntype:  {} ({})\n", info->displayName,
+                       info->serverID, typeName(info->protocolType),
+                       WrapperProxy::kindName(info->protocolType));
+            for (auto& [k, v] : info->props)
+                fmt::print("  {} = {}\n", k, isSecret(k) ? std::string("********") : v);
+            return kExitOk;
+        };
+    });
+
+    auto setName = std::make_shared<std::string>();
+    auto setPairs = std::make_shared<std::vector<std::string>>();
+    auto unsetKeys = std::make_shared<std::vector<std::string>>();
+    auto* set = server->add_subcommand("set", "Set raw properties: KEY=VALUE...");
+    set->add_option("NAME", *setName, "Display name or server id")->required();
+    set->add_option("PROPS", *setPairs, "KEY=VALUE pairs");
+    set->add_option("--unset", *unsetKeys, "Remove a property");
+    set->callback([&cli, setName, setPairs, unsetKeys] {
+        cli.action = [setName, setPairs, unsetKeys] {
+            if (auto r = startApplication(); !r) return reportError(r.error());
+            auto info = requireServer(*setName);
+            if (!info) return reportError(info.error());
+            if (setPairs->empty() && unsetKeys->empty())
+                return reportMessage("Nothing to set: give KEY=VALUE pairs or --unset KEY.", kExitUsage);
+            for (auto& pair : *setPairs) {
+                auto eq = pair.find('=');
+                if (eq == std::string::npos || eq == 0)
+                    return reportMessage("Not a KEY=VALUE pair: " + pair, kExitUsage);
+                info->setValue(pair.substr(eq + 1), pair.substr(0, eq));
+            }
+            for (auto& key : *unsetKeys) info->removeObjectForKey(key);
+            if (auto r = ServerInfoService::sharedServerInfoService().updateServerInfo(*info); !r)
+                return reportError(r.error());
+            return kExitOk;
+        };
+    });
+
+    auto rmName = std::make_shared<std::string>();
+    auto* rm = server->add_subcommand("rm", "Remove a server");
+    rm->add_option("NAME", *rmName, "Display name or server id")->required();
+    rm->callback([&cli, rmName] {
+        cli.action = [rmName] {
+            if (auto r = startApplication(); !r) return reportError(r.error());
+            auto info = requireServer(*rmName);
+            if (!info) return reportError(info.error());
+            if (auto r = ServerInfoService::sharedServerInfoService().deleteServerInfo(*info); !r)
+                return reportError(r.error());
+            return kExitOk;
+        };
+    });
+}
+
+}  // namespace quillon::cli
