@@ -2,12 +2,22 @@
 
 #include <mutex>
 
+#include "clients/ftp/FtpWrapper.h"
+#include "clients/local/LocalWrapper.h"
+#include "core/WrapperProxy.h"
+
 namespace quillon {
 
 void registerBuiltinClients() {
     static std::once_flag once;
     std::call_once(once, [] {
         // Each client adds its registration line here as it is written.
+        WrapperProxy::registerClass("LocalWrapper", [](ServerInfoPtr info) -> WrapperPtr {
+            return std::make_shared<LocalWrapper>(std::move(info));
+        });
+        WrapperProxy::registerClass("FtpWrapper", [](ServerInfoPtr info) -> WrapperPtr {
+            return std::make_shared<FtpWrapper>(std::move(info));
+        });
     });
 }
 

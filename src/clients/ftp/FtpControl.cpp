@@ -1,0 +1,420 @@
+// FtpWrapper: the control-connection layer shared by every operation (pooled handles, handle
+// configuration, URLs and command bytes in the server's encoding, FEAT, commands without a data
+// phase, error texts).
+
+#include <curl/curl.h>
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "clients/ftp/FtpWrapper.h"
+#include "core/LocalizedUtils.h"
+#include "core/ServerInfoService.h"
+#include "core/StringEncoding.h"
+#include "core/StringUtils.h"
+
+namespace quillon {
+
+namespace {
+
+constexpr std::string_view kFtpSkipPasvIp = "FTP_SKIP_PASV_IP";
+constexpr std::size_t kMaxReplyBytes = 4 * 1024 * 1024;
+
+size_t headerTrampoline(char* data, size_t size, size_t n, void* self) {
+    return static_cast<FtpWrapper*>(self)->onHeader(data, size * n);
+}
+
+size_t refuseBytes(char*, size_t, size_t, void*) {
+    return 0;
+}
+
+std::string asciiOnly(std::string_view s) {
+    std::string out;
+    out.reserve(s.size());
+    for (unsigned char c : s) out += c < 0x80 ? static_cast<char>(c) : '?';
+    return out;
+}
+
+// The platform's URL escaping with "[" and "]" left alone and "!'();&=+$,?%#" forced: only
+// letters, digits, "-._~*/:@" and the brackets travel as they are.
+std::string percentEscape(std::string_view bytes) {
+    static constexpr char hex[] = "0123456789ABCDEF";
+    std::string out;
+    out.reserve(bytes.size() * 3 / 2);
+    for (unsigned char c : bytes) {
+        bool keep =
+            (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+            std::string_view("-._~*/:@[]").find(static_cast<char>(c)) != std::string_view::npos;
+        if (keep && c != 0) {
+            out += static_cast<char>(c);
+        } else {
+            out += '%';
+            out += hex[c >> 4];
+            out += hex[c & 15];
+        }
+    }
+    return out;
+}
+
+}  // namespace
+
+Result<std::shared_ptr<CURLConnection>> FtpWrapper::retrieveFTPConnection() {
+    auto conn = std::dynamic_pointer_cast<CURLConnection>(
+        KvConnectionPool::sharedInstance().retrieveConnection(*serverInfo()));
+    if (!conn || !conn->curl())
+        return KvError::fail(ErrorDomain::FTP, 60001, "No connection available");
+    connection_ = conn;
+    return conn;
+}
+
+void FtpWrapper::recycleFTPConnection(const std::shared_ptr<CURLConnection>& connection,
+                                      int responseCode) {
+    if (!connection) return;
+    if (CURL* curl = connection->curl()) {
+        // The pooled handle must keep no pointer into this wrapper or this request: the session
+        // may be closed later, from another thread, after both are gone.
+        curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, nullptr);
+        curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, refuseBytes);
+        curl_easy_setopt(curl, CURLOPT_HEADERDATA, nullptr);
+        curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, refuseBytes);
+        curl_easy_setopt(curl, CURLOPT_WRITEDATA, nullptr);
+        curl_easy_setopt(curl, CURLOPT_READFUNCTION, nullptr);
+        curl_easy_setopt(curl, CURLOPT_READDATA, nullptr);
+        curl_easy_setopt(curl, CURLOPT_SEEKFUNCTION, nullptr);
+        curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 1L);
+        curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, nullptr);
+        curl_easy_setopt(curl, CURLOPT_XFERINFODATA, nullptr);
+        curl_easy_setopt(curl, CURLOPT_QUOTE, nullptr);
+    }
+    if (responseCode == CURLE_OPERATION_TIMEDOUT)
+        connection->cleanup();
+    else
+        KvConnectionPool::sharedInstance().recycleConnection(connection);
+    if (connection_ == connection) connection_.reset();
+}
+
+void FtpWrapper::resetCURL(CURL* curl) {
+    curl_easy_reset(curl);
+    currentProgress_ = -1;
+    data_ = std::string();
+    data_.reserve(1024);
+    dataHeader_ = std::string();
+    dataHeader_.reserve(1024);
+
+    const ServerInfo& info = *serverInfo();
+    auto nonEmpty = [&](std::string_view preferred, std::string_view fallback) {
+        auto v = info.valueForKey(preferred);
+        if (!v || v->empty()) v = info.valueForKey(fallback);
+        return v.value_or("");
+    };
+    std::string user = nonEmpty(ServerProp::TEMP_USERNAME, ServerProp::USERNAME);
+    std::string password = nonEmpty(ServerProp::TEMP_PASSWORD, ServerProp::PASSWORD);
+    if (user.empty()) {
+        user = "anonymous";
+        if (password.empty()) password = "anonymous";
+    }
+    if (!password.empty()) {
+        std::string userpwd = user + ":" + password;
+        curl_easy_setopt(curl, CURLOPT_USERPWD, userpwd.c_str());
+    } else {
+        curl_easy_setopt(curl, CURLOPT_USERNAME, user.c_str());
+    }
+
+    if (info.boolValueForKey(ServerProp::FTP_ACTIVE_MODE)) {
+        curl_easy_setopt(curl, CURLOPT_FTPPORT, "-");
+    } else {
+        // A server never probed is driven with PASV only.
+        curl_easy_setopt(curl, CURLOPT_FTP_USE_EPSV, info.supportEPSV.value_or(false) ? 1L : 0L);
+    }
+
+    // Server certificates are deliberately not verified: self-signed servers are the rule.
+    curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, 0L);
+    curl_easy_setopt(curl, CURLOPT_SSL_VERIFYHOST, 0L);
+    auto protocol = info.valueForKey(ServerProp::FTP_PROTOCOL).value_or("");
+    if (protocol == "FTP_PROTOCOL_EXPLICIT_IF_AVAILABLE")
+        curl_easy_setopt(curl, CURLOPT_USE_SSL, static_cast<long>(CURLUSESSL_TRY));
+    else if (protocol == "FTP_PROTOCOL_EXPLICIT")
+        curl_easy_setopt(curl, CURLOPT_USE_SSL, static_cast<long>(CURLUSESSL_ALL));
+
+    curl_easy_setopt(curl, CURLOPT_FTP_SKIP_PASV_IP,
+                     info.boolValueForKey(kFtpSkipPasvIp) ? 1L : 0L);
+    // Requests run on worker threads: no signals.
+    curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, 30L);
+    curl_easy_setopt(curl, CURLOPT_BUFFERSIZE, 63488L);
+}
+
+int FtpWrapper::runCurlEasyPerform(CURL* curl) {
+    auto rc = curl_easy_perform(curl);
+    if (rc != CURLE_COULDNT_CONNECT && rc != CURLE_OPERATION_TIMEDOUT &&
+        rc != CURLE_SSL_CONNECT_ERROR)
+        return rc;
+    if (triedAfterTimeout_ || cancelled()) return rc;
+    // Servers behind NAT advertise a private address in their PASV reply: try once more with
+    // the control connection's host.
+    curl_easy_setopt(curl, CURLOPT_FTP_SKIP_PASV_IP, 1L);
+    if (file_ && direction_ == Direction::Download) {
+        // A time-out may strike in the middle of a transfer: start the attempt over.
+        std::fflush(file_);
+        std::fseek(file_, static_cast<long>(finishedDlSize_), SEEK_SET);
+    }
+    rc = curl_easy_perform(curl);
+    triedAfterTimeout_ = true;
+    if (rc != CURLE_OK) return rc;
+    auto& info = *serverInfo();
+    info.setValue(std::string("TRUE"), kFtpSkipPasvIp);
+    (void)ServerInfoService::sharedServerInfoService().saveOrUpdateServerInfo(info);
+    return CURLE_OK;
+}
+
+std::string FtpWrapper::FTPUrlString(const std::string& path) const {
+    const ServerInfo& info = *serverInfo();
+    std::string host = StringUtils::trim(info.valueForKey(ServerProp::ADDR).value_or(""));
+    if (StringUtils::startsWithIgnoreCase(host, "ftp://"))
+        host = host.substr(6);
+    else if (StringUtils::startsWithIgnoreCase(host, "ftps://") ||
+             StringUtils::startsWithIgnoreCase(host, "sftp://"))
+        host = host.substr(7);
+    if (!host.empty() && host.back() == '/') host.pop_back();
+    std::string scheme =
+        info.valueForKey(ServerProp::FTP_PROTOCOL).value_or("") == "FTP_PROTOCOL_IMPLICIT" ? "ftps"
+                                                                                           : "ftp";
+    std::string port = info.valueForKey(ServerProp::PORT).value_or("");
+    std::string base = port.empty() ? fmt::format("{}://{}", scheme, host)
+                                    : fmt::format("{}://{}:{}", scheme, host, port);
+    return fmt::format("{}/{}", base, path);
+}
+
+unsigned long FtpWrapper::nsEncodingFromSetting() const {
+    return StringEncoding::encodingFromProperty(
+        serverInfo()->valueForKey(ServerProp::SERVER_ENCODING));
+}
+
+unsigned long FtpWrapper::kcfEncodingFromSetting() const {
+    unsigned long ns = nsEncodingFromSetting();
+    if (ns & 0x80000000UL) return ns & 0x7FFFFFFFUL;
+    static const std::pair<unsigned long, unsigned long> builtin[] = {
+        {1, 0x0600},
+        {2, 0x0B01},
+        {3, 0x0920},
+        {4, 0x08000100},
+        {5, 0x0201},
+        {8, 0x0420},
+        {9, 0x0202},
+        {10, 0x0100},
+        {11, 0x0502},
+        {12, 0x0500},
+        {13, 0x0503},
+        {14, 0x0504},
+        {15, 0x0501},
+        {21, 0x0820},
+        {30, 0x0000},
+        {0x90000100, 0x10000100},
+        {0x94000100, 0x14000100},
+    };
+    for (auto [n, cf] : builtin)
+        if (n == ns) return cf;
+    return 0x08000100;  // kCFStringEncodingUTF8
+}
+
+std::string FtpWrapper::cStringForCmd(const std::string& command) const {
+    auto bytes = StringEncoding::fromUtf8(command, nsEncodingFromSetting());
+    if (bytes) return *bytes;
+    return asciiOnly(command);
+}
+
+std::string FtpWrapper::cStringForURL(const std::optional<std::string>& path) const {
+    if (!path) return {};
+    auto bytes = StringEncoding::fromUtf8(*path, nsEncodingFromSetting());
+    if (!bytes || bytes->empty()) return percentEscape(asciiOnly(*path));
+    return percentEscape(*bytes);
+}
+
+bool FtpWrapper::canSendUTF8Command() const {
+    return nsEncodingFromSetting() == StringEncoding::UTF8 &&
+           serverInfo()->supportUTF8.value_or(false);
+}
+
+int FtpWrapper::sendUTF8Command() {
+    auto conn = retrieveFTPConnection();
+    if (!conn) return CURLE_FAILED_INIT;
+    int rc = sendUTF8Command((*conn)->curl());
+    recycleFTPConnection(*conn, rc);
+    return rc;
+}
+
+int FtpWrapper::sendUTF8Command(CURL* curl) {
+    resetCURL(curl);
+    std::string url = cStringForURL(FTPUrlString(baseServerPath()));
+    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+    curl_slist* list = curl_slist_append(nullptr, cStringForCmd("OPTS UTF8 ON").c_str());
+    curl_easy_setopt(curl, CURLOPT_QUOTE, list);
+    curl_easy_setopt(curl, CURLOPT_NOBODY, 1L);
+    curl_easy_setopt(curl, CURLOPT_HEADERDATA, this);
+    curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, headerTrampoline);
+    int rc = runCurlEasyPerform(curl);
+    curl_slist_free_all(list);
+    curl_easy_setopt(curl, CURLOPT_QUOTE, nullptr);
+    curl_easy_setopt(curl, CURLOPT_HEADERDATA, nullptr);
+    curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, nullptr);
+    return rc;
+}
+
+void FtpWrapper::sendFEATCommand() {
+    auto reply = curl_runCommandWithoutBody("FEAT", baseServerPath());
+    if (!reply || cancelled()) return;
+    auto& info = *serverInfo();
+    info.supportMLSD = false;
+    info.supportMFMT = false;
+    info.supportUTF8 = false;
+    info.supportEPSV = false;
+    std::size_t pos = 0;
+    const std::string& text = *reply;
+    while (pos < text.size()) {
+        auto nl = text.find('\n', pos);
+        auto line = StringUtils::trim(std::string_view(text).substr(
+            pos, nl == std::string::npos ? std::string::npos : nl - pos));
+        pos = nl == std::string::npos ? text.size() : nl + 1;
+        if (StringUtils::equalsIgnoreCase(line, "MLSD") || StringUtils::startsWith(line, "MLST"))
+            info.supportMLSD = true;
+        else if (StringUtils::equalsIgnoreCase(line, "UTF8"))
+            info.supportUTF8 = true;
+        else if (line == "MFMT")
+            info.supportMFMT = true;
+        else if (line == "EPSV")
+            info.supportEPSV = true;
+    }
+}
+
+Result<std::string> FtpWrapper::curl_runCommandWithoutBody(const std::string& command,
+                                                           const std::string& path) {
+    return curl_runCommandWithoutBodyWithCommandList({command}, path);
+}
+
+Result<std::string> FtpWrapper::curl_runCommandWithoutBodyWithCommandList(
+    const std::vector<std::string>& commands, const std::string& path) {
+    // A line break or NUL would end the command early and start another one of the name's
+    // choosing.
+    for (auto& c : commands)
+        if (hasControlCharacters(c))
+            return KvError::fail(ErrorDomain::FTP, CURLE_BAD_FUNCTION_ARGUMENT,
+                                 "The name holds a line break or NUL and cannot be sent");
+    if (auto s = refuseUnsafe(path); !s) return std::unexpected(s.error());
+    auto conn = retrieveFTPConnection();
+    if (!conn) return std::unexpected(conn.error());
+    CURL* curl = (*conn)->curl();
+    resetCURL(curl);
+    curl_slist* list = nullptr;
+    for (auto& c : commands) list = curl_slist_append(list, cStringForCmd(c).c_str());
+    std::string url = cStringForURL(FTPUrlString(path));
+    char errorBuffer[CURL_ERROR_SIZE] = {0};
+    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(curl, CURLOPT_QUOTE, list);
+    curl_easy_setopt(curl, CURLOPT_NOBODY, 1L);
+    curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, errorBuffer);
+    curl_easy_setopt(curl, CURLOPT_HEADERDATA, this);
+    curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, headerTrampoline);
+    int rc = runCurlEasyPerform(curl);
+    curl_easy_setopt(curl, CURLOPT_QUOTE, nullptr);
+    curl_slist_free_all(list);
+    recycleFTPConnection(*conn, rc);
+    if (rc == CURLE_OK) return stringForHeaderResp();
+    return std::unexpected(curlError(rc, errorBuffer));
+}
+
+Error FtpWrapper::curlError(int code, const char* errorBuffer, bool forListing) const {
+    std::string text = errorBuffer ? errorBuffer : "";
+    if (StringUtils::contains(text, "550"))
+        text = "Permission denied";
+    else if (StringUtils::contains(text, "530"))
+        text = "Access denied";
+    if (code == CURLE_OPERATION_TIMEDOUT) {
+        text = LocalizedUtils::localizedStringForKey("trans.operation.timeout", "");
+        if (text == "trans.operation.timeout") text = "Operation Time Out";
+    }
+    if (text.empty()) text = parseErrorInMessage(stringForHeaderResp());
+    long reported = code;
+    if (forListing && (code == CURLE_LOGIN_DENIED || code == 69)) reported = 13;
+    return KvError::errorWithDomain(ErrorDomain::FTP, reported, text);
+}
+
+std::string FtpWrapper::decodeFromServer(const std::string& bytes) const {
+    unsigned long enc = nsEncodingFromSetting();
+    if (enc == StringEncoding::UTF8) {
+        if (StringUtils::isValidUtf8(bytes)) return bytes;
+    } else if (auto text = StringEncoding::toUtf8(bytes, enc)) {
+        return *text;
+    }
+    // Bytes that are not valid in the server's encoding: read line by line, so one bad name
+    // does not spoil the others, and fall back to ASCII for the bad lines.
+    std::string out;
+    std::size_t pos = 0;
+    while (pos < bytes.size()) {
+        auto nl = bytes.find('\n', pos);
+        std::size_t end = nl == std::string::npos ? bytes.size() : nl + 1;
+        std::string_view line(bytes.data() + pos, end - pos);
+        pos = end;
+        if (enc == StringEncoding::UTF8) {
+            out += StringUtils::isValidUtf8(line) ? std::string(line) : asciiOnly(line);
+        } else if (auto text = StringEncoding::toUtf8(line, enc)) {
+            out += *text;
+        } else {
+            out += asciiOnly(line);
+        }
+    }
+    return out;
+}
+
+std::string FtpWrapper::stringForHeaderResp() const {
+    return decodeFromServer(dataHeader_);
+}
+std::string FtpWrapper::stringForBodyResp() const {
+    return decodeFromServer(data_);
+}
+
+std::string FtpWrapper::parseErrorInMessage(const std::string& message) {
+    auto at = message.rfind("421");
+    if (at == std::string::npos) return "Unknown error!";
+    return message.substr(at);
+}
+
+namespace {
+std::string withoutScheme(const std::string& fullPath) {
+    std::string s = fullPath;
+    std::replace(s.begin(), s.end(), '\\', '/');
+    auto scheme = s.find("://");
+    if (scheme != std::string::npos) s = s.substr(scheme + 3);
+    return s;
+}
+}  // namespace
+
+std::string FtpWrapper::pureAddressFromFullPath(const std::string& fullPath) {
+    auto s = withoutScheme(fullPath);
+    return s.substr(0, s.find('/'));
+}
+
+std::string FtpWrapper::purePathFromFullPath(const std::string& fullPath) {
+    auto s = withoutScheme(fullPath);
+    auto slash = s.find('/');
+    return slash == std::string::npos ? std::string() : s.substr(slash);
+}
+
+bool FtpWrapper::hasControlCharacters(const std::string& s) {
+    return s.find_first_of(std::string_view("\r\n\0", 3)) != std::string::npos;
+}
+
+Status FtpWrapper::refuseUnsafe(const std::string& path) const {
+    if (hasControlCharacters(path))
+        return KvError::fail(ErrorDomain::FTP, CURLE_BAD_FUNCTION_ARGUMENT,
+                             "The name holds a line break or NUL and cannot be sent");
+    return {};
+}
+
+std::size_t FtpWrapper::onHeader(const char* data, std::size_t size) {
+    // A hostile server may send replies without end: keep the first few MiB only.
+    if (dataHeader_.size() < kMaxReplyBytes)
+        dataHeader_.append(data, std::min(size, kMaxReplyBytes - dataHeader_.size()));
+    return size;
+}
+
+}  // namespace quillon

@@ -1,0 +1,181 @@
+#pragma once
+// FtpWrapper: the Wrapper of FTP, explicit FTPS and implicit FTPS servers. Every request drives a
+// pooled libcurl easy handle: libcurl speaks the protocol (login, AUTH TLS, PASV/EPSV/PORT, the
+// data connection); this class builds URLs and command bytes in the server's encoding, probes
+// features, interprets replies and maps libcurl results to errors of domain "FTP".
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "core/KvConnectionPool.h"
+#include "core/Wrapper.h"
+
+namespace quillon {
+
+class FtpWrapper : public Wrapper {
+  public:
+    explicit FtpWrapper(ServerInfoPtr serverInfo);
+    ~FtpWrapper() override;
+
+    WrapperCapabilities capabilities() const override;
+
+    // Checks that the server accepts the login (probing its features on the way).
+    [[nodiscard]] Status signInSync() override;
+    void signOut() override;
+    void cancelOperation() override;
+
+    // MLSD or LIST of the folder. Errors: libcurl's text (code 13 for a refused login).
+    [[nodiscard]] Result<KvMetadataList> contentsOfDirectoryAtPathSync(
+        const KvMetadata& folder) override;
+    // RETR into `saveTo`, resuming a broken transfer up to ten attempts. A missing file fails
+    // with "File not found, check permission" (code 78).
+    [[nodiscard]] Status downloadSync(const KvMetadata& file, const std::string& saveTo,
+                                      const ProgressHandler& progress) override;
+    // STOR of the local file under its own name; sets the server's time by MFMT when offered.
+    [[nodiscard]] Status uploadSync(const KvMetadata& localFile, const KvMetadata& toFolder,
+                                    const ProgressHandler& progress) override;
+    // RNFR/RNTO. A missing source fails with "Permission denied" (the server's 550).
+    [[nodiscard]] Status moveSync(const KvMetadata& item, const KvMetadata& to) override;
+    // Files by DELE in one command list per folder, folders recursively with hidden entries.
+    [[nodiscard]] Status removeSync(const KvMetadataList& items) override;
+    // No thumbnails are made for FTP items yet: fails with 10009.
+    [[nodiscard]] Status downloadThumbnailSync(const KvMetadata& item) override;
+    // MKD of the folder's last path component in its parent.
+    [[nodiscard]] Status createFolderSync(const KvMetadata& folder) override;
+    // "http://127.0.0.1:21901/<path>" on the local streaming server.
+    std::optional<std::string> loadStreamableURLForFileSync(const KvMetadata& file) override;
+    // The folder of the "PATH" setting; the login folder when it is empty.
+    KvMetadata rootFolder() override;
+
+    // Ranged reads: initStreamFileMeta takes the file's size from the record (or SIZE).
+    [[nodiscard]] Status initStreamFileMeta(const KvMetadata& file) override;
+    [[nodiscard]] Result<Bytes> readDataOfLength(std::uint64_t length) override;
+    [[nodiscard]] Status readDataFromOffsetToEnd(
+        std::int64_t start, const std::function<bool(const Bytes&)>& handler) override;
+
+    // SITE CHMOD with the octal permission text.
+    [[nodiscard]] Status chmodSync(const KvMetadata& item, const std::string& octalPermissions);
+    // The server's working folder after login, from the 257 reply of PWD.
+    [[nodiscard]] Result<std::string> currentWorkingDirectory();
+    // Walks into the folder (a request whose URL names it with a trailing "/").
+    [[nodiscard]] Status changeWorkingDirectory(const std::string& path);
+    // MFMT with the time in UTC ("yyyyMMddHHmmss").
+    [[nodiscard]] Status modifyDateTime(std::chrono::system_clock::time_point time,
+                                        const std::string& serverFile);
+
+    // --- Control connection
+
+    // A pooled connection of the server, or 60001 "No connection available".
+    [[nodiscard]] Result<std::shared_ptr<CURLConnection>> retrieveFTPConnection();
+    // Hands the connection back, or destroys it after a time-out (28).
+    void recycleFTPConnection(const std::shared_ptr<CURLConnection>& connection, int responseCode);
+    // curl_easy_reset, then credentials, mode, TLS, PASV address, signals, time-outs, buffer.
+    void resetCURL(CURL* curl);
+    // curl_easy_perform, retried once with the PASV address ignored on 7, 28 or 35.
+    int runCurlEasyPerform(CURL* curl);
+    // "ftp[s]://host[:port]/" + path (a path starting with "/" gives a double slash: from root).
+    std::string FTPUrlString(const std::string& path) const;
+    std::string baseServerPath() const { return {}; }
+    // The "SERVER_ENCODING" number (UTF-8 when absent or unknown), and the platform constant.
+    unsigned long nsEncodingFromSetting() const;
+    unsigned long kcfEncodingFromSetting() const;
+    // Command text as bytes in the server's encoding (ASCII when it cannot hold the text).
+    std::string cStringForCmd(const std::string& command) const;
+    // A path as percent-escaped bytes of the server's encoding, for a URL.
+    std::string cStringForURL(const std::optional<std::string>& path) const;
+    // True when the encoding is UTF-8 and FEAT listed UTF8.
+    bool canSendUTF8Command() const;
+    int sendUTF8Command();
+    int sendUTF8Command(CURL* curl);
+    // FEAT: sets supportMLSD, supportMFMT, supportUTF8 and supportEPSV of the server record.
+    void sendFEATCommand();
+    // Runs the commands before a request without a data phase; the whole reply text.
+    [[nodiscard]] Result<std::string> curl_runCommandWithoutBody(const std::string& command,
+                                                                 const std::string& path);
+    [[nodiscard]] Result<std::string> curl_runCommandWithoutBodyWithCommandList(
+        const std::vector<std::string>& commands, const std::string& path);
+    [[nodiscard]] Result<std::string> runCommandList(const std::vector<std::string>& commands,
+                                                     const std::string& path) {
+        return curl_runCommandWithoutBodyWithCommandList(commands, path);
+    }
+    std::string stringForHeaderResp() const;
+    std::string stringForBodyResp() const;
+    // From the last "421" of the reply to its end, or "Unknown error!".
+    static std::string parseErrorInMessage(const std::string& message);
+    // Host part and path part of "scheme://host/path" ("\\" read as "/").
+    static std::string pureAddressFromFullPath(const std::string& fullPath);
+    static std::string purePathFromFullPath(const std::string& fullPath);
+
+    // --- Listing and transfers
+    [[nodiscard]] Result<KvMetadataList> mlsdCmd(const KvMetadata& folder);
+    [[nodiscard]] Result<KvMetadataList> listCmd(const KvMetadata& folder);
+    [[nodiscard]] Result<KvMetadataList> listDir(const KvMetadata& folder,
+                                                 const char* customRequest = nullptr);
+    [[nodiscard]] Status downloadFile(const KvMetadata& file, const std::string& saveTo,
+                                      std::int64_t resumeFrom);
+    [[nodiscard]] Status uploadFileForFTP(const KvMetadata& localFile, const KvMetadata& toFolder,
+                                          const std::optional<std::string>& serverFileName,
+                                          std::int64_t resumeFrom);
+    [[nodiscard]] Status deleteFolder(const KvMetadata& folder);
+    std::string genDeleteCommand(const KvMetadata& item) const;
+
+    // Hidden names are listed: the preference "SYS_SHOW_HIDDEN_FILES" or forceIncludesHiddenFiles.
+    bool includesHiddenFiles() const;
+    const KvMetadataList& folderList() const { return folderList_; }
+    bool triedAfterTimeout() const { return triedAfterTimeout_; }
+    // Seconds between resume attempts (one by default).
+    void setRetryDelay(std::chrono::milliseconds delay) { retryDelay_ = delay; }
+
+    // libcurl callbacks (public for the C trampolines).
+    std::size_t onHeader(const char* data, std::size_t size);
+    std::size_t onBody(const char* data, std::size_t size);
+    std::size_t onFileWrite(const char* data, std::size_t size);
+    std::size_t onFileRead(char* buffer, std::size_t size);
+    std::size_t onStreamData(const char* data, std::size_t size);
+    int onProgress(std::int64_t dltotal, std::int64_t dlnow, std::int64_t ultotal,
+                   std::int64_t ulnow);
+
+  protected:
+    // Completions of the asynchronous forms run on the worker that did the work.
+    void deliverCompletion(std::function<void()> fn) override;
+
+  private:
+    enum class Direction { None, Download, Upload };
+
+    Status probe(bool forListing);
+    Error curlError(int code, const char* errorBuffer, bool forListing = false) const;
+    std::string decodeFromServer(const std::string& bytes) const;
+    static bool hasControlCharacters(const std::string& s);
+    Status refuseUnsafe(const std::string& path) const;
+    void postProgress(std::int64_t done, std::int64_t total);
+    Result<KvMetadataList> listing(const KvMetadata& folder, bool forDelete);
+    Status readRange(std::uint64_t from, std::optional<std::uint64_t> length,
+                     const std::function<bool(const Bytes&)>& handler);
+
+    std::shared_ptr<CURLConnection> connection_;
+    std::string data_;
+    std::string dataHeader_;
+    int currentProgress_ = -1;
+    std::int64_t totalDlSize_ = -1;
+    std::int64_t finishedDlSize_ = 0;
+    ProgressHandler downloadProgressHandler_;
+    ProgressHandler uploadProgressHandler_;
+    std::function<bool(const Bytes&)> recievedDataHandler_;
+    bool skipProgressUpdate_ = false;
+    bool quickDownload_ = false;
+    bool triedAfterTimeout_ = false;
+    Direction direction_ = Direction::None;
+    std::FILE* file_ = nullptr;
+    KvMetadataList folderList_;
+    std::optional<KvMetadata> streamFile_;
+    std::int64_t offsetStreaming_ = 0;
+    bool streamStopped_ = false;
+    std::chrono::milliseconds retryDelay_{1000};
+};
+
+}  // namespace quillon
