@@ -20,6 +20,8 @@ std::optional<std::string> relativePath(std::string_view s);
 std::string stringByDeletingAllPathExtensions(std::string_view s);
 // The platform's path helpers, on text: last component, extension, deleting the extension.
 std::string lastPathComponent(std::string_view s);
+// The platform's parent of a path: trailing "/" ignored, "/a" gives "/", "a" gives "".
+std::string stringByDeletingLastPathComponent(std::string_view s);
 std::string pathExtension(std::string_view s);
 std::string stringByDeletingPathExtension(std::string_view s);
 
@@ -28,7 +30,9 @@ std::string stringByDeletingPathExtension(std::string_view s);
 bool matchPattern(std::string_view s, std::string_view pattern);
 // Absent or of length 0.
 bool isEmpty(const std::optional<std::string>& s);
-inline bool isEmpty(std::string_view s) { return s.empty(); }
+inline bool isEmpty(std::string_view s) {
+    return s.empty();
+}
 // White space and line breaks removed at both ends.
 std::string trim(std::string_view s);
 std::string reversedString(std::string_view s);
