@@ -1,0 +1,180 @@
+#include "transfer/CopyTask.h"
+
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+
+#include "clients/local/LocalWrapper.h"
+#include "core/StringUtils.h"
+#include "core/WrapperProxy.h"
+#include "transfer/FileTransferUtils.h"
+
+namespace quillon {
+
+namespace {
+
+std::string join(const std::string& folder, const std::string& name) {
+    return StringUtils::stringByAppendingPathComponentDirectly(folder, name);
+}
+
+std::string itemName(const KvMetadata& m) {
+    return m.nameIgnoreLinkResolve().value_or(StringUtils::lastPathComponent(m.pathOrEmpty()));
+}
+
+std::unexpected<Error> cannotCreate(const std::string& path) {
+    return KvError::fail(ErrorDomain::Local, ErrorCode::TransferFailed,
+                         fmt::format("Cannot create file {}", path));
+}
+
+}  // namespace
+
+bool CopyTask::fileExists() {
+    struct stat st {};
+    auto path = join(targetMetadata.pathOrEmpty(), itemName(sourceMetadata));
+    return ::lstat(path.c_str(), &st) == 0;
+}
+
+void CopyTask::cancelTransfer() {
+    setState(TransferTaskState::Stopped);
+    if (sourceProxy_) sourceProxy_->cancelOperation();
+    if (targetProxy_) targetProxy_->cancelOperation();
+}
+
+void CopyTask::tick() {
+    double t = now();
+    if (t - lastUpdateTick_ > 0.5) {
+        lastUpdateTick_ = t;
+        reportProgress();
+    }
+}
+
+void CopyTask::startTransfer() {
+    beginTransfer();
+    if (fileConflict() == ConflictAction::Skip || stopped()) {
+        completeFileTransfer(std::nullopt);
+        return;
+    }
+    auto source = WrapperProxy::clientForServerInfo(sourceServerInfo);
+    auto target = WrapperProxy::clientForServerInfo(targetServerInfo);
+    if (!source || !target) {
+        completeFileTransfer(!source ? source.error() : target.error());
+        return;
+    }
+    sourceProxy_ = *source;
+    targetProxy_ = *target;
+    sourceProxy_->setForceIncludesHiddenFiles(true);
+    targetProxy_->setForceIncludesHiddenFiles(true);
+    copier_.shouldStop = [this] { return stopped(); };
+
+    auto targetItem =
+        FileTransferUtils::targetMetadataWithSourceMetadata(sourceMetadata, targetMetadata);
+    if (fileConflict() == ConflictAction::KeepBoth) {
+        auto listing = targetProxy_->contentsOfDirectoryAtPathSync(targetMetadata);
+        if (!listing) {
+            completeFileTransfer(listing.error());
+            return;
+        }
+        FileTransferUtils::renameTarget(
+            targetItem, FileTransferUtils::getUniqueFileName(*listing, itemName(sourceMetadata)));
+    }
+    targetMetadata = targetItem;
+    auto result = copyRoot(sourceMetadata.pathOrEmpty(), targetItem.pathOrEmpty());
+    reportProgress();
+    completeFileTransfer(result ? std::nullopt : std::optional<Error>(result.error()));
+}
+
+Status CopyTask::copyRoot(const std::string& from, const std::string& to) {
+    struct stat st {};
+    if (::lstat(from.c_str(), &st) != 0)
+        return KvError::fail(ErrorDomain::Generic, ErrorCode::NotFound,
+                             fmt::format("Not Found: {}", from));
+    struct stat existing {};
+    bool replace = fileConflict() == ConflictAction::Replace && ::lstat(to.c_str(), &existing) == 0;
+
+    if (S_ISLNK(st.st_mode)) {
+        setTransferringFileMeta(sourceMetadata);
+        return copier_.copyLink(from, to, replace);
+    }
+    if (!S_ISDIR(st.st_mode)) {
+        setTotalBytes(st.st_size);
+        return copyFile(sourceMetadata, from, to, replace);
+    }
+
+    auto count =
+        LocalWrapper::calculateLocalFolderItemsAndSize(from, true, [this] { return !stopped(); });
+    setTotalBytes(count.totalBytes);
+    if (stopped()) return {};
+    if (!replace) return copyFolder(sourceMetadata, from, to);
+
+    // The new folder is built beside the old one and swapped in only when complete, so a
+    // failed or stopped copy leaves the existing folder as it was.
+    std::string staging = LocalFileCopier::hiddenSibling(to, "copy");
+    auto r = copyFolder(sourceMetadata, from, staging);
+    std::error_code ec;
+    if (!r || stopped()) {
+        std::filesystem::remove_all(staging, ec);
+        return r;
+    }
+    std::string old = LocalFileCopier::hiddenSibling(to, "old");
+    if (::rename(to.c_str(), old.c_str()) != 0 || ::rename(staging.c_str(), to.c_str()) != 0) {
+        std::filesystem::remove_all(staging, ec);
+        return cannotCreate(to);
+    }
+    std::filesystem::remove_all(old, ec);
+    return {};
+}
+
+Status CopyTask::copyFolder(const KvMetadata& folder, const std::string& from,
+                            const std::string& to) {
+    if (stopped()) return {};
+    struct stat st {};
+    if (::stat(from.c_str(), &st) != 0)
+        return KvError::fail(ErrorDomain::Generic, ErrorCode::NotFound,
+                             fmt::format("Not Found: {}", from));
+    if (::mkdir(to.c_str(), 0700) != 0) {
+        struct stat there {};
+        if (errno != EEXIST || ::stat(to.c_str(), &there) != 0 || !S_ISDIR(there.st_mode))
+            return cannotCreate(to);
+    }
+    KvMetadata listed = folder;
+    listed.setPath(from);
+    listed.isDir = true;
+    auto children = sourceProxy_->contentsOfDirectoryAtPathSync(listed);
+    if (!children) return std::unexpected(children.error());
+    for (auto& child : *children) {
+        if (stopped()) return {};
+        std::string name = itemName(child);
+        std::string childFrom = child.pathOrEmpty();
+        std::string childTo = join(to, name);
+        Status r;
+        if (child.isSymbolLink) {
+            setTransferringFileMeta(child);
+            r = copier_.copyLink(childFrom, childTo, true);
+        } else if (child.isDir) {
+            r = copyFolder(child, childFrom, childTo);
+        } else if (child.isIcloudPlaceHold) {
+            r = sourceProxy_->downloadSync(child, childTo, nullptr);
+        } else {
+            r = copyFile(child, childFrom, childTo, false);
+        }
+        if (!r) return r;
+    }
+    if (!stopped()) LocalFileCopier::copyFolderAttributes(st, to);
+    return {};
+}
+
+Status CopyTask::copyFile(const KvMetadata& file, const std::string& from, const std::string& to,
+                          bool replace) {
+    setTransferringFileMeta(file);
+    std::int64_t base = transferredBytes();
+    copier_.onStep = [this, base](std::uint64_t copied) {
+        setTransferredBytes(base + static_cast<std::int64_t>(copied));
+        tick();
+    };
+    return copier_.copyFile(from, to, replace);
+}
+
+}  // namespace quillon

@@ -1,0 +1,217 @@
+#include "transfer/CrossCopyTask.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "core/LocalizedUtils.h"
+#include "core/StringUtils.h"
+#include "core/WrapperProxy.h"
+#include "transfer/FileTransferUtils.h"
+#include "transfer/RemoteUpload.h"
+#include "transfer/UploadTask.h"
+
+namespace quillon {
+
+namespace {
+
+std::string itemName(const KvMetadata& m) {
+    return m.nameIgnoreLinkResolve().value_or(StringUtils::lastPathComponent(m.pathOrEmpty()));
+}
+
+bool isLocal(const ServerInfoPtr& server) {
+    return server && server->protocolType == 0;
+}
+
+}  // namespace
+
+std::string CrossCopyTask::fileNameForConflict() const {
+    std::lock_guard lock(mutex_);
+    return fileNameForConflict_;
+}
+
+std::string CrossCopyTask::taskTempFolderPath() const {
+    std::lock_guard lock(mutex_);
+    return taskTempFolderPath_;
+}
+
+bool CrossCopyTask::fileExists() {
+    auto client = WrapperProxy::clientForServerInfo(targetServerInfo);
+    if (!client) return false;
+    (*client)->setForceIncludesHiddenFiles(true);
+    auto listing = (*client)->contentsOfDirectoryAtPathSync(targetMetadata);
+    if (!listing) return false;
+    auto name = itemName(sourceMetadata);
+    for (auto& entry : *listing)
+        if (itemName(entry) == name) return true;
+    return false;
+}
+
+void CrossCopyTask::cancelTransfer() {
+    setState(TransferTaskState::Stopped);
+    if (sourceProxy_) sourceProxy_->cancelOperation();
+    if (targetProxy_) targetProxy_->cancelOperation();
+}
+
+void CrossCopyTask::finish(std::optional<Error> error) {
+    FileTransferUtils::removeTaskTempFolder(taskTempFolderPath());
+    completeFileTransfer(std::move(error));
+}
+
+void CrossCopyTask::startTransfer() {
+    beginTransfer();
+    if (fileConflict() == ConflictAction::Skip || stopped()) {
+        completeFileTransfer(std::nullopt);
+        return;
+    }
+    auto source = WrapperProxy::clientForServerInfo(sourceServerInfo);
+    auto target = WrapperProxy::clientForServerInfo(targetServerInfo);
+    if (!source || !target) {
+        completeFileTransfer(!source ? source.error() : target.error());
+        return;
+    }
+    sourceProxy_ = *source;
+    targetProxy_ = *target;
+    sourceProxy_->setForceIncludesHiddenFiles(true);
+    targetProxy_->setForceIncludesHiddenFiles(true);
+    if (stopped()) cancelTransfer();
+    auto temp = FileTransferUtils::makeTaskTempFolder();
+    if (!temp) {
+        completeFileTransfer(temp.error());
+        return;
+    }
+    {
+        std::lock_guard lock(mutex_);
+        taskTempFolderPath_ = *temp;
+    }
+
+    KvMetadata folder = targetMetadata;
+    auto targetItem = FileTransferUtils::targetMetadataWithSourceMetadata(sourceMetadata, folder);
+    if (fileConflict() == ConflictAction::KeepBoth) {
+        auto listing = targetProxy_->contentsOfDirectoryAtPathSync(folder);
+        if (!listing) {
+            finish(listing.error());
+            return;
+        }
+        auto name = FileTransferUtils::getUniqueFileName(*listing, itemName(sourceMetadata));
+        FileTransferUtils::renameTarget(targetItem, name);
+        std::lock_guard lock(mutex_);
+        fileNameForConflict_ = name;
+    }
+    targetMetadata = targetItem;
+
+    auto root = std::make_shared<FileTransferNode>(sourceMetadata, targetItem, folder);
+    if (sourceMetadata.isDir) {
+        auto made = targetProxy_->createFolderSync(targetItem);
+        // Replacing a folder merges into it: it may be there already.
+        if (!made && fileConflict() != ConflictAction::Replace) {
+            finish(made.error());
+            return;
+        }
+        if (auto r = contentsOfDirectory(root); !r) {
+            finish(stopped() ? std::nullopt : std::optional<Error>(r.error()));
+            return;
+        }
+    } else {
+        setTotalBytes(static_cast<std::int64_t>(sourceMetadata.fileSizeInBytes.value_or(0)));
+        fileNodes_.push_back(root);
+    }
+    if (stopped()) {
+        finish(std::nullopt);
+        return;
+    }
+    auto r = transferFiles();
+    reportProgress();
+    finish(r ? std::nullopt : std::optional<Error>(r.error()));
+}
+
+Status CrossCopyTask::contentsOfDirectory(const FileTransferNode::Ptr& node) {
+    if (stopped()) return {};
+    auto listing = isLocal(sourceServerInfo)
+                       ? listLocalFolder(node->sourceMetadata)
+                       : sourceProxy_->contentsOfDirectoryAtPathSync(node->sourceMetadata);
+    if (!listing) return std::unexpected(listing.error());
+    for (auto& entry : *listing) {
+        if (stopped()) return {};
+        // A link to a folder is left out: following it could loop.
+        if (entry.isDir && entry.isSymbolLink) continue;
+        auto target =
+            FileTransferUtils::targetMetadataWithSourceMetadata(entry, node->targetMetadata);
+        auto child = std::make_shared<FileTransferNode>(entry, target, node->targetMetadata);
+        node->addChild(child);
+        if (entry.isDir) {
+            auto made = targetProxy_->createFolderSync(target);
+            if (!made && fileConflict() != ConflictAction::Replace) return made;
+            if (auto r = contentsOfDirectory(child); !r) return r;
+        } else {
+            setTotalBytes(totalBytes() +
+                          static_cast<std::int64_t>(entry.fileSizeInBytes.value_or(0)));
+            fileNodes_.push_back(child);
+        }
+    }
+    return {};
+}
+
+Status CrossCopyTask::transferFiles() {
+    std::int64_t done = 0;
+    for (auto& node : fileNodes_) {
+        if (!(state() == TransferTaskState::Running)) return {};
+        auto r = transferFile(*node, done);
+        done += static_cast<std::int64_t>(node->sourceMetadata.fileSizeInBytes.value_or(0));
+        setTransferredBytes(done);
+        if (stopped()) return {};
+        if (!r) return r;
+    }
+    return {};
+}
+
+Status CrossCopyTask::transferFile(const FileTransferNode& node, std::int64_t base) {
+    const auto& source = node.sourceMetadata;
+    setTransferringFileMeta(source);
+    std::string name = itemName(node.targetMetadata);
+    bool replace = fileConflict() == ConflictAction::Replace;
+    auto stoppedFn = [this] { return stopped(); };
+
+    if (isLocal(sourceServerInfo)) {
+        return RemoteUpload::uploadFile(
+            *targetProxy_, source, source.pathOrEmpty(), node.targetParentMetadata, name, replace,
+            [this, base](std::int64_t sent, std::int64_t) {
+                if (stopped()) return;
+                setTransferredBytes(base + sent);
+                reportProgress();
+            },
+            stoppedFn);
+    }
+
+    std::string temp = taskTempFolderPath();
+    auto size = source.fileSizeInBytes.value_or(0);
+    if (size > FileTransferUtils::totalFreeDiskSpace(temp))
+        return KvError::fail(ErrorDomain::FileTransfer, ErrorCode::TransferFailed,
+                             LocalizedUtils::localizedStringForKey("trans.no_space"));
+    std::string scratch = StringUtils::stringByAppendingPathComponentDirectly(temp, name);
+    ::unlink(scratch.c_str());
+    // Each byte is counted half when it arrives and half when it leaves, so that the bar moves
+    // through both legs and ends at the file's size.
+    auto r =
+        sourceProxy_->downloadSync(source, scratch, [this, base](std::int64_t got, std::int64_t) {
+            if (stopped()) return;
+            setTransferredBytes(base + got / 2);
+            reportProgress();
+        });
+    if (!r || stopped()) {
+        ::unlink(scratch.c_str());
+        return r;
+    }
+    auto half = static_cast<std::int64_t>(size / 2);
+    r = RemoteUpload::uploadFile(
+        *targetProxy_, source, scratch, node.targetParentMetadata, name, replace,
+        [this, base, half](std::int64_t sent, std::int64_t) {
+            if (stopped()) return;
+            setTransferredBytes(base + half + sent / 2);
+            reportProgress();
+        },
+        stoppedFn);
+    ::unlink(scratch.c_str());
+    return r;
+}
+
+}  // namespace quillon

@@ -1,0 +1,230 @@
+#include "transfer/DownloadTask.h"
+
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "core/LocalizedUtils.h"
+#include "core/StringUtils.h"
+#include "core/WrapperProxy.h"
+#include "transfer/FileTransferUtils.h"
+
+namespace quillon {
+
+namespace {
+
+std::string join(const std::string& folder, const std::string& name) {
+    return StringUtils::stringByAppendingPathComponentDirectly(folder, name);
+}
+
+bool existsLocally(const std::string& path) {
+    struct stat st {};
+    return ::lstat(path.c_str(), &st) == 0;
+}
+
+Status makeLocalFolder(const std::string& path) {
+    std::error_code ec;
+    std::filesystem::create_directories(path, ec);
+    if (ec && !std::filesystem::is_directory(path))
+        return KvError::fail(ErrorDomain::Local, ErrorCode::TransferFailed,
+                             fmt::format("Cannot create file {}", path));
+    return {};
+}
+
+}  // namespace
+
+DownloadTask::DownloadTask() : progress_(std::make_shared<TransferProgress>()) {}
+
+std::string DownloadTask::localName(const KvMetadata& item) {
+    if (item.isSymbolLink && item.symbolLinkTarget && !item.symbolLinkTarget->empty()) {
+        auto name = StringUtils::lastPathComponent(*item.symbolLinkTarget);
+        if (!name.empty() && name != "/" && name != "." && name != "..") return name;
+    }
+    return item.nameIgnoreLinkResolve().value_or(
+        StringUtils::lastPathComponent(item.pathOrEmpty()));
+}
+
+std::string DownloadTask::taskTempFolderPath() const {
+    std::lock_guard lock(tempMutex_);
+    return taskTempFolderPath_;
+}
+
+bool DownloadTask::fileExists() {
+    return existsLocally(join(targetMetadata.pathOrEmpty(), localName(sourceMetadata)));
+}
+
+void DownloadTask::cancelTransfer() {
+    setState(TransferTaskState::Stopped);
+    progress_->cancel();
+    if (sourceWrapper_) sourceWrapper_->cancelOperation();
+}
+
+void DownloadTask::finish(std::optional<Error> error) {
+    FileTransferUtils::removeTaskTempFolder(taskTempFolderPath());
+    if (completionHandler) completionHandler(error);
+    completeFileTransfer(std::move(error));
+}
+
+void DownloadTask::startTransfer() {
+    beginTransfer();
+    doneBytes_ = 0;
+    if (fileConflict() == ConflictAction::Skip || stopped()) {
+        completeFileTransfer(std::nullopt);
+        return;
+    }
+    auto temp = FileTransferUtils::makeTaskTempFolder();
+    if (!temp) {
+        completeFileTransfer(temp.error());
+        return;
+    }
+    {
+        std::lock_guard lock(tempMutex_);
+        taskTempFolderPath_ = *temp;
+    }
+    auto client = WrapperProxy::clientForServerInfo(sourceServerInfo);
+    if (!client) {
+        finish(client.error());
+        return;
+    }
+    // The wrapper is published before any request so that a stop reaches it.
+    sourceWrapper_ = *client;
+    sourceWrapper_->setForceIncludesHiddenFiles(true);
+    if (stopped()) sourceWrapper_->cancelOperation();
+    copier_.shouldStop = [this] { return stopped(); };
+
+    KvMetadata folder = targetMetadata;
+    auto target = FileTransferUtils::targetMetadataWithSourceMetadata(sourceMetadata, folder);
+    std::string name = localName(sourceMetadata);
+    if (fileConflict() == ConflictAction::KeepBoth)
+        name = StringUtils::lastPathComponent(
+            FileTransferUtils::uniqueFilePathInFolder(folder.pathOrEmpty(), name));
+    FileTransferUtils::renameTarget(target, name);
+    target.localPath = target.path();
+    targetMetadata = target;
+
+    auto root = std::make_shared<FileTransferNode>(sourceMetadata, target, folder);
+    if (sourceMetadata.isDir && !sourceMetadata.isSymbolLink) {
+        if (auto r = makeLocalFolder(target.pathOrEmpty()); !r) {
+            finish(r.error());
+            return;
+        }
+        if (auto r = contentsOfDirectory(root); !r) {
+            finish(stopped() ? std::nullopt : std::optional<Error>(r.error()));
+            return;
+        }
+        if (stopped()) {
+            finish(std::nullopt);
+            return;
+        }
+    } else {
+        if (sourceMetadata.fileSizeInBytes)
+            setTotalBytes(static_cast<std::int64_t>(*sourceMetadata.fileSizeInBytes));
+        progress_->setTotalUnitCount(totalBytes());
+        fileNodes_.push_back(root);
+    }
+    auto r = transferFiles();
+    reportProgress();
+    finish(r ? std::nullopt : std::optional<Error>(r.error()));
+}
+
+Status DownloadTask::contentsOfDirectory(const FileTransferNode::Ptr& node) {
+    if (stopped()) return {};
+    auto listing = sourceWrapper_->contentsOfDirectoryAtPathSync(node->sourceMetadata);
+    if (!listing) return std::unexpected(listing.error());
+    for (auto& entry : *listing) {
+        if (stopped()) return {};
+        auto target =
+            FileTransferUtils::targetMetadataWithSourceMetadata(entry, node->targetMetadata);
+        FileTransferUtils::renameTarget(target, localName(entry));
+        target.localPath = target.path();
+        auto child = std::make_shared<FileTransferNode>(entry, target, node->targetMetadata);
+        node->addChild(child);
+        if (entry.isDir && !entry.isSymbolLink) {
+            if (auto r = makeLocalFolder(target.pathOrEmpty()); !r) return r;
+            if (auto r = contentsOfDirectory(child); !r) return r;
+        } else if (entry.isDir) {
+            // A link to a folder would be fetched as a file; it is left out, as a listing of
+            // its target could loop.
+            continue;
+        } else {
+            setTotalBytes(totalBytes() +
+                          static_cast<std::int64_t>(entry.fileSizeInBytes.value_or(0)));
+            progress_->setTotalUnitCount(totalBytes());
+            fileNodes_.push_back(child);
+        }
+    }
+    return {};
+}
+
+Status DownloadTask::transferFiles() {
+    for (auto& node : fileNodes_) {
+        if (stopped()) return {};
+        if (auto r = transferFile(*node); !r) return stopped() ? Status{} : r;
+    }
+    return {};
+}
+
+Status DownloadTask::transferFile(const FileTransferNode& node) {
+    const auto& source = node.sourceMetadata;
+    std::string targetPath = node.targetMetadata.pathOrEmpty();
+    std::string targetFolder = node.targetParentMetadata.pathOrEmpty();
+    auto size = source.fileSizeInBytes.value_or(0);
+    // The file passes through the scratch folder and then lands in the target folder: both
+    // volumes must hold it before the first byte moves.
+    auto temp = taskTempFolderPath();
+    auto freeSpace = std::min(FileTransferUtils::totalFreeDiskSpace(temp),
+                              FileTransferUtils::totalFreeDiskSpace(targetFolder));
+    if (size > freeSpace)
+        return KvError::fail(ErrorDomain::FileTransfer, ErrorCode::TransferFailed,
+                             LocalizedUtils::localizedStringForKey("trans.no_space"));
+
+    setTransferringFileMeta(source);
+    std::string name = StringUtils::lastPathComponent(targetPath);
+    std::string scratch = join(temp, name);
+    if (existsLocally(scratch)) ::unlink(scratch.c_str());
+
+    std::int64_t base = doneBytes_;
+    auto r = sourceWrapper_->downloadSync(source, scratch,
+                                          [this, base](std::int64_t done, std::int64_t total) {
+                                              if (stopped()) return;
+                                              if (totalBytes() == 0 && total > 0) {
+                                                  setTotalBytes(total);
+                                                  progress_->setTotalUnitCount(total);
+                                              }
+                                              setTransferredBytes(base + done);
+                                              progress_->setCompletedUnitCount(base + done);
+                                              if (progressHandler)
+                                                  progressHandler(base + done, totalBytes());
+                                              reportProgress();
+                                          });
+    doneBytes_ += static_cast<std::int64_t>(size);
+    setTransferredBytes(doneBytes_);
+    auto cleanup = [&] {
+        if (existsLocally(scratch)) ::unlink(scratch.c_str());
+    };
+    if (stopped()) {
+        cleanup();
+        return {};
+    }
+    if (!r) {
+        cleanup();
+        return r;
+    }
+    // A wrapper that produced no file skipped it: the next one follows.
+    if (!existsLocally(scratch)) return {};
+
+    auto conflict = fileConflict();
+    if (conflict == ConflictAction::KeepBoth && existsLocally(targetPath))
+        targetPath = FileTransferUtils::uniqueFilePathInFolder(targetFolder, name);
+    if (auto made = makeLocalFolder(targetFolder); !made) {
+        cleanup();
+        return made;
+    }
+    auto placed = copier_.moveIntoPlace(scratch, targetPath, conflict == ConflictAction::Replace);
+    cleanup();
+    return placed;
+}
+
+}  // namespace quillon

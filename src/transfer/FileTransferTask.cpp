@@ -1,0 +1,155 @@
+#include "transfer/FileTransferTask.h"
+
+#include "core/GCD.h"
+#include "core/NotificationCenter.h"
+#include "transfer/FileTransferTaskManager.h"
+#include "transfer/FileTransferUtils.h"
+
+namespace quillon {
+
+namespace {
+
+std::mutex& clockMutex() {
+    static std::mutex m;
+    return m;
+}
+FileTransferTask::Clock& clockSlot() {
+    static FileTransferTask::Clock clock;
+    return clock;
+}
+
+}  // namespace
+
+FileTransferTask::FileTransferTask() = default;
+FileTransferTask::~FileTransferTask() = default;
+
+void FileTransferTask::setClock(Clock clock) {
+    std::lock_guard lock(clockMutex());
+    clockSlot() = std::move(clock);
+}
+
+double FileTransferTask::now() {
+    {
+        std::lock_guard lock(clockMutex());
+        if (clockSlot()) return clockSlot()();
+    }
+    return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+std::optional<Error> FileTransferTask::error() const {
+    std::lock_guard lock(mutex_);
+    return error_;
+}
+
+std::optional<TimePoint> FileTransferTask::startTime() const {
+    std::lock_guard lock(mutex_);
+    return startTime_;
+}
+
+std::optional<TimePoint> FileTransferTask::endTime() const {
+    std::lock_guard lock(mutex_);
+    return endTime_;
+}
+
+std::optional<KvMetadata> FileTransferTask::transferringFileMeta() const {
+    std::lock_guard lock(mutex_);
+    return transferringFileMeta_;
+}
+
+void FileTransferTask::setTransferringFileMeta(std::optional<KvMetadata> meta) {
+    std::lock_guard lock(mutex_);
+    transferringFileMeta_ = std::move(meta);
+}
+
+void FileTransferTask::beginTransfer() {
+    // A task stopped before its thread got here stays stopped.
+    auto expected = TransferTaskState::Waiting;
+    if (!state_.compare_exchange_strong(expected, TransferTaskState::Running)) {
+        expected = TransferTaskState::Running;
+        state_.compare_exchange_strong(expected, TransferTaskState::Running);
+    }
+    {
+        std::lock_guard lock(mutex_);
+        startTime_ = std::chrono::system_clock::now();
+        targetFolder_ = targetMetadata;
+    }
+    transferredBytes_.store(0);
+    totalBytes_.store(0);
+}
+
+KvMetadataList FileTransferTask::foldersToRefresh() const {
+    KvMetadataList folders;
+    if (sourceMetadata.parentFolderMeta) {
+        folders.push_back(*sourceMetadata.parentFolderMeta);
+    } else if (sourceMetadata.path()) {
+        KvMetadata parent(FileTransferUtils::parentPath(*sourceMetadata.path()));
+        parent.isDir = true;
+        parent.serverID = sourceMetadata.serverID;
+        parent.protocolType = sourceMetadata.protocolType;
+        folders.push_back(std::move(parent));
+    }
+    if (targetFolder_.path()) folders.push_back(targetFolder_);
+    return folders;
+}
+
+void FileTransferTask::reportProgress() {
+    if (progressQueued_.exchange(true)) return;
+    auto self = shared_from_this();
+    GCD::doInForeground([self] {
+        self->progressQueued_.store(false);
+        // A report that arrives after the task was stopped is of no interest.
+        if (self->state() != TransferTaskState::Running) return;
+        if (auto* d = self->delegate())
+            d->updateTask(*self, self->transferredBytes(), self->totalBytes());
+    });
+}
+
+void FileTransferTask::completeFileTransfer(std::optional<Error> err) {
+    if (completed_.exchange(true)) return;
+    auto current = state();
+    if (current != TransferTaskState::Stopped) {
+        if (err) {
+            setState(TransferTaskState::Failed);
+        } else {
+            setState(fileConflict() == ConflictAction::Skip ? TransferTaskState::Stopped
+                                                            : TransferTaskState::Completed);
+        }
+    }
+    {
+        std::lock_guard lock(mutex_);
+        if (err && state() == TransferTaskState::Failed) error_ = err;
+        endTime_ = std::chrono::system_clock::now();
+        transferringFileMeta_.reset();
+    }
+    auto self = shared_from_this();
+    auto folders = foldersToRefresh();
+    GCD::doInForeground([self, err, folders = std::move(folders)] {
+        auto* manager = self->manager();
+        if (self->state() == TransferTaskState::Completed && manager &&
+            !manager->hasOtherActiveTaskOfClass(*self) && !folders.empty()) {
+            UserInfo info;
+            info[std::string(REFRESH_FOLDER_USER_INFO)] = folders;
+            NotificationCenter::defaultCenter().post(REFRESH_FOLDER_NOTIFICATION, info);
+        }
+        if (auto* d = self->delegate()) d->didCompleteTask(*self, err);
+    });
+}
+
+std::string_view stateName(TransferTaskState state) {
+    switch (state) {
+        case TransferTaskState::Waiting:
+            return "waiting";
+        case TransferTaskState::Running:
+            return "running";
+        case TransferTaskState::Completed:
+            return "completed";
+        case TransferTaskState::Stopped:
+            return "stopped";
+        case TransferTaskState::Failed:
+            return "failed";
+    }
+    return "unknown";
+}
+
+}  // namespace quillon

@@ -1,0 +1,142 @@
+#pragma once
+// FileTransferTask: one copy, move, download, upload or sync the user started. A task is a
+// self-contained record plus startTransfer, which does all of its work synchronously on the
+// thread that calls it; FileTransferTaskManager runs it on a background thread.
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "core/Error.h"
+#include "core/KvMetadata.h"
+#include "core/ServerInfo.h"
+
+namespace quillon {
+
+// The values of a task's `state`; every task starts waiting.
+enum class TransferTaskState : int {
+    Waiting = 0,
+    Running = 1,
+    Completed = 2,
+    Stopped = 3,  // cancelled, stopped while waiting, or skipped because of a name conflict
+    Failed = 4,
+};
+
+// What a task does with an existing target item.
+enum class ConflictAction : int {
+    NotDecided = 0,  // neither removes nor renames anything
+    Replace = 1,
+    KeepBoth = 2,
+    Skip = 3,
+};
+
+class FileTransferTask;
+class FileTransferTaskManager;
+using FileTransferTaskPtr = std::shared_ptr<FileTransferTask>;
+
+// Receives a running task's progress and its end; both calls arrive on the main thread.
+class FileTransferTaskDelegate {
+  public:
+    virtual ~FileTransferTaskDelegate() = default;
+    // Progress of one task.
+    virtual void updateTask(FileTransferTask& task, std::int64_t transferredBytes,
+                            std::int64_t totalBytes) = 0;
+    // The task reached state 2, 3 or 4; exactly once per run.
+    virtual void didCompleteTask(FileTransferTask& task, const std::optional<Error>& error) = 0;
+};
+
+class FileTransferTask : public std::enable_shared_from_this<FileTransferTask> {
+  public:
+    using Clock = std::function<double()>;  // seconds since 1970
+
+    FileTransferTask();
+    virtual ~FileTransferTask();
+    FileTransferTask(const FileTransferTask&) = delete;
+    FileTransferTask& operator=(const FileTransferTask&) = delete;
+
+    // Does the whole transfer on the calling thread, then completes (state 2, 3 or 4).
+    virtual void startTransfer() = 0;
+    // Whether the target item already exists (may ask the target server).
+    virtual bool fileExists() { return false; }
+    // Stops a running transfer: state 3, and the wrappers' current requests are cancelled.
+    virtual void cancelTransfer() = 0;
+    // The class name ("CopyTask", ...), for display and for "another task of the same class".
+    virtual std::string_view taskClassName() const = 0;
+    // Moves ask only "keep both" or "skip" on a name conflict.
+    virtual bool isMoveTask() const { return false; }
+
+    // Set by the creator before the task is added.
+    ServerInfoPtr sourceServerInfo;
+    ServerInfoPtr targetServerInfo;
+    KvMetadataList sourceItems;  // every item of one gesture
+    KvMetadata sourceMetadata;   // the item this task transfers
+    KvMetadata targetMetadata;   // the target folder; a running task may replace it by the item
+
+    FileTransferTaskDelegate* delegate() const { return delegate_.load(); }
+    void setDelegate(FileTransferTaskDelegate* d) { delegate_.store(d); }
+    TransferTaskState state() const { return state_.load(); }
+    void setState(TransferTaskState s) { state_.store(s); }
+    ConflictAction fileConflict() const { return fileConflict_.load(); }
+    void setFileConflict(ConflictAction c) { fileConflict_.store(c); }
+    std::int64_t totalBytes() const { return totalBytes_.load(); }
+    void setTotalBytes(std::int64_t n) { totalBytes_.store(n); }
+    std::int64_t transferredBytes() const { return transferredBytes_.load(); }
+    void setTransferredBytes(std::int64_t n) { transferredBytes_.store(n); }
+    std::optional<Error> error() const;
+    std::optional<TimePoint> startTime() const;
+    std::optional<TimePoint> endTime() const;
+    // The file being transferred now, for the progress row.
+    std::optional<KvMetadata> transferringFileMeta() const;
+
+    // The manager whose list holds the task (set when it runs); none for inner tasks.
+    void setManager(FileTransferTaskManager* m) { manager_.store(m); }
+    FileTransferTaskManager* manager() const { return manager_.load(); }
+
+    // The time source of progress throttling; tests replace it.
+    static void setClock(Clock clock);
+    static double now();
+
+  protected:
+    // Step 1 of every run: running, start time now, counters at 0.
+    void beginTransfer();
+    // Ends the run: the state from the error and the conflict choice, the end time, then on the
+    // main thread the refresh notification and the delegate's didCompleteTask.
+    void completeFileTransfer(std::optional<Error> error);
+    // Folders that views should reload when the task completes (the source's parent and the
+    // target folder by default).
+    virtual KvMetadataList foldersToRefresh() const;
+    // Sends the current counters to the delegate on the main thread. Reports coalesce: while
+    // one is queued, later calls only update the counters it will read.
+    void reportProgress();
+    void setTransferringFileMeta(std::optional<KvMetadata> meta);
+    bool stopped() const { return state() == TransferTaskState::Stopped; }
+
+    // The target folder as the task was created with, kept for the refresh notification.
+    KvMetadata targetFolder_;
+
+  private:
+    std::atomic<FileTransferTaskDelegate*> delegate_{nullptr};
+    std::atomic<FileTransferTaskManager*> manager_{nullptr};
+    std::atomic<TransferTaskState> state_{TransferTaskState::Waiting};
+    std::atomic<ConflictAction> fileConflict_{ConflictAction::NotDecided};
+    std::atomic<std::int64_t> totalBytes_{0};
+    std::atomic<std::int64_t> transferredBytes_{0};
+    std::atomic<bool> progressQueued_{false};
+    std::atomic<bool> completed_{false};
+    mutable std::mutex mutex_;
+    std::optional<Error> error_;
+    std::optional<TimePoint> startTime_;
+    std::optional<TimePoint> endTime_;
+    std::optional<KvMetadata> transferringFileMeta_;
+};
+
+// Text for a state ("waiting", "running", "completed", "stopped", "failed").
+std::string_view stateName(TransferTaskState state);
+
+}  // namespace quillon

@@ -1,0 +1,259 @@
+#include "transfer/FileTransferTaskManager.h"
+
+#include <typeinfo>
+
+#include "core/AppPreference.h"
+#include "core/GCD.h"
+#include "core/LocalizedUtils.h"
+#include "transfer/FileTransferUtils.h"
+
+namespace quillon {
+
+FileTransferTaskManager& FileTransferTaskManager::sharedInstance() {
+    static FileTransferTaskManager instance;
+    return instance;
+}
+
+FileTransferTaskManager::FileTransferTaskManager() = default;
+FileTransferTaskManager::~FileTransferTaskManager() = default;
+
+void FileTransferTaskManager::addTask(FileTransferTaskPtr task) {
+    std::lock_guard lock(listLock_);
+    tasks_.push_back(std::move(task));
+}
+
+void FileTransferTaskManager::start() {
+    runNextTask();
+    if (auto view = getFileTransferView(); view && view->isDisplayed()) view->reloadContent();
+}
+
+std::vector<FileTransferTaskPtr> FileTransferTaskManager::getAllTasks() const {
+    std::lock_guard lock(listLock_);
+    return tasks_;
+}
+
+void FileTransferTaskManager::stopTask(const FileTransferTaskPtr& task) {
+    if (!task) return;
+    switch (task->state()) {
+        case TransferTaskState::Running:
+            task->cancelTransfer();
+            break;
+        case TransferTaskState::Waiting:
+            task->setState(TransferTaskState::Stopped);
+            break;
+        default:
+            break;
+    }
+    runNextTask();
+    if (auto view = getFileTransferView(); view && view->isDisplayed())
+        view->updateProgress(*task, task->transferredBytes(), task->totalBytes());
+}
+
+void FileTransferTaskManager::stopAllTasks() {
+    auto all = getAllTasks();
+    for (auto& t : all)
+        if (t->state() == TransferTaskState::Waiting) t->setState(TransferTaskState::Stopped);
+    for (auto& t : all)
+        if (t->state() == TransferTaskState::Running) stopTask(t);
+    std::lock_guard lock(stateMutex_);
+    applyAll_ = false;
+    fileConflict_ = ConflictAction::NotDecided;
+}
+
+int FileTransferTaskManager::maxSimultaneousTransfers() const {
+    {
+        std::lock_guard lock(stateMutex_);
+        if (limitOverride_) return *limitOverride_;
+    }
+    auto& prefs = AppPreference::sharedAppPreference();
+    if (!prefs.valueForKey(PrefKey::MaxSimultaneousTransfers)) return 1;
+    return static_cast<int>(prefs.integerForKey(PrefKey::MaxSimultaneousTransfers));
+}
+
+void FileTransferTaskManager::setMaxSimultaneousTransfers(std::optional<int> limit) {
+    std::lock_guard lock(stateMutex_);
+    limitOverride_ = limit;
+}
+
+std::size_t FileTransferTaskManager::countInState(TransferTaskState state) const {
+    std::lock_guard lock(listLock_);
+    std::size_t n = 0;
+    for (auto& t : tasks_)
+        if (t->state() == state) ++n;
+    return n;
+}
+
+bool FileTransferTaskManager::canRunTask(const FileTransferTask&) const {
+    auto running = countInState(TransferTaskState::Running);
+    return static_cast<long long>(running) < maxSimultaneousTransfers();
+}
+
+void FileTransferTaskManager::runNextTask() {
+    std::lock_guard lock(listLock_);
+    bool started = false;
+    // runTask may not change the list, but a copy keeps the walk safe whatever it does.
+    auto snapshot = tasks_;
+    for (auto& t : snapshot) {
+        if (t->state() != TransferTaskState::Waiting) continue;
+        if (!canRunTask(*t)) continue;
+        runTask(t);
+        started = true;
+    }
+    if (!started) {
+        std::lock_guard stateLock(stateMutex_);
+        applyAll_ = false;
+        fileConflict_ = ConflictAction::NotDecided;
+    }
+}
+
+bool FileTransferTaskManager::sameFolder(const FileTransferTask& task) const {
+    const auto& source = task.sourceMetadata;
+    std::string parent = source.parentFolderMeta && source.parentFolderMeta->path()
+                             ? *source.parentFolderMeta->path()
+                             : FileTransferUtils::parentPath(source.pathOrEmpty());
+    auto trim = [](std::string p) {
+        while (p.size() > 1 && p.back() == '/') p.pop_back();
+        return p.empty() ? std::string("/") : p;
+    };
+    std::string sourceServer = task.sourceServerInfo ? task.sourceServerInfo->serverID : "";
+    std::string targetServer = task.targetServerInfo ? task.targetServerInfo->serverID : "";
+    return sourceServer == targetServer && trim(parent) == trim(task.targetMetadata.pathOrEmpty());
+}
+
+void FileTransferTaskManager::runTask(const FileTransferTaskPtr& task) {
+    if (!task || task->state() != TransferTaskState::Waiting) return;
+    task->setState(TransferTaskState::Running);
+    task->setDelegate(this);
+    task->setManager(this);
+    GCD::doInBackground([this, task] {
+        if (task->state() != TransferTaskState::Running) {
+            // Stopped before its thread started: the run ends at once as stopped.
+            task->startTransfer();
+            return;
+        }
+        if (!task->fileExists()) {
+            task->startTransfer();
+            return;
+        }
+        std::optional<ConflictAction> remembered;
+        {
+            std::lock_guard lock(stateMutex_);
+            if (applyAll_) remembered = fileConflict_;
+        }
+        if (remembered) {
+            task->setFileConflict(*remembered);
+            task->startTransfer();
+        } else if (!task->isMoveTask() && sameFolder(*task)) {
+            // Copying an item into its own folder never asks.
+            task->setFileConflict(ConflictAction::KeepBoth);
+            task->startTransfer();
+        } else {
+            GCD::doInForeground([this, task] { askConflict(task); });
+        }
+    });
+}
+
+void FileTransferTaskManager::askConflict(const FileTransferTaskPtr& task) {
+    if (task->state() != TransferTaskState::Running) {
+        // Stopped while waiting for the question: nothing to ask.
+        startInBackground(task);
+        return;
+    }
+    ResolveConflictItem item;
+    item.metadata = task->sourceMetadata;
+    item.message = LocalizedUtils::localizedFormat("trans.conflict_message",
+                                                   {task->sourceMetadata.nameOrEmpty()}, "Conlict");
+    item.hideReplaceButton = task->isMoveTask();
+    bool hideReplace = item.hideReplaceButton;
+    prompts()->resolveConflict(item,
+                               [this, task, hideReplace](ConflictAction action, bool applyToAll) {
+                                   if (action == ConflictAction::NotDecided ||
+                                       (hideReplace && action == ConflictAction::Replace))
+                                       action = ConflictAction::Skip;
+                                   {
+                                       std::lock_guard lock(stateMutex_);
+                                       fileConflict_ = action;
+                                       applyAll_ = applyToAll;
+                                   }
+                                   task->setFileConflict(action);
+                                   startInBackground(task);
+                               });
+}
+
+void FileTransferTaskManager::startInBackground(const FileTransferTaskPtr& task) {
+    GCD::doInBackground([task] { task->startTransfer(); });
+}
+
+void FileTransferTaskManager::setUserPrompts(std::shared_ptr<UserPrompts> prompts) {
+    std::lock_guard lock(stateMutex_);
+    prompts_ = std::move(prompts);
+}
+
+std::shared_ptr<UserPrompts> FileTransferTaskManager::prompts() const {
+    std::lock_guard lock(stateMutex_);
+    if (prompts_) return prompts_;
+    static auto unattended = std::make_shared<UnattendedPrompts>();
+    return unattended;
+}
+
+void FileTransferTaskManager::setFileTransferView(std::shared_ptr<FileTransferView> view) {
+    std::lock_guard lock(stateMutex_);
+    view_ = std::move(view);
+}
+
+std::shared_ptr<FileTransferView> FileTransferTaskManager::getFileTransferView() const {
+    std::lock_guard lock(stateMutex_);
+    return view_;
+}
+
+bool FileTransferTaskManager::applyAll() const {
+    std::lock_guard lock(stateMutex_);
+    return applyAll_;
+}
+
+ConflictAction FileTransferTaskManager::fileConflict() const {
+    std::lock_guard lock(stateMutex_);
+    return fileConflict_;
+}
+
+bool FileTransferTaskManager::hasOtherActiveTaskOfClass(const FileTransferTask& task) const {
+    std::lock_guard lock(listLock_);
+    for (auto& t : tasks_) {
+        if (t.get() == &task || typeid(*t) != typeid(task)) continue;
+        auto s = t->state();
+        if (s == TransferTaskState::Waiting || s == TransferTaskState::Running) return true;
+    }
+    return false;
+}
+
+bool FileTransferTaskManager::hasActiveTasks() const {
+    return countInState(TransferTaskState::Waiting) + countInState(TransferTaskState::Running) > 0;
+}
+
+void FileTransferTaskManager::updateTask(FileTransferTask& task, std::int64_t transferredBytes,
+                                         std::int64_t totalBytes) {
+    if (auto view = getFileTransferView(); view && view->isDisplayed())
+        view->updateProgress(task, transferredBytes, totalBytes);
+}
+
+void FileTransferTaskManager::didCompleteTask(FileTransferTask& task,
+                                              const std::optional<Error>& error) {
+    task.setDelegate(nullptr);
+    auto view = getFileTransferView();
+    if (view && view->isDisplayed())
+        view->updateProgress(task, task.transferredBytes(), task.totalBytes());
+    if (!error || task.state() == TransferTaskState::Stopped) {
+        runNextTask();
+    } else {
+        bool waiting = countInState(TransferTaskState::Waiting) > 0;
+        auto choice = prompts()->alertTaskFailure(
+            error->reason.empty() ? error->describe() : error->reason, waiting);
+        if (choice == FailureChoice::Ignore)
+            runNextTask();
+        else
+            stopAllTasks();
+    }
+    if (!hasActiveTasks() && view && view->isDisplayed()) view->close();
+}
+
+}  // namespace quillon

@@ -1,0 +1,48 @@
+#pragma once
+// FileTransferUtils: the small rules every task shares: unique names for "keep both", free disk
+// space, the target record of a copied item, the scratch folder of a task, the into-itself test.
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "core/Error.h"
+#include "core/KvMetadata.h"
+
+namespace quillon::FileTransferUtils {
+
+// `name` when no entry of the listing has it (case-sensitive); else the first free candidate
+// "base-n.ext" (or "base-n" without an extension) for n = 1, 2, ...; after 9999 taken candidates
+// the name unchanged.
+std::string getUniqueFileName(const KvMetadataList& listing, const std::string& name);
+// The same rule against the entries of a local folder; returns the full path.
+std::string uniqueFilePathInFolder(const std::string& folder, const std::string& name);
+
+// Bytes free for an unprivileged user on the volume that holds `path` (the home folder by
+// default), through statvfs; 0 when it cannot be read.
+std::uint64_t totalFreeDiskSpace();
+std::uint64_t totalFreeDiskSpace(const std::string& path);
+
+// A copy of the source record placed in the target folder: path = folder path + name (joined
+// without normalising), protocol type, server id and parent of the folder, the source's time.
+KvMetadata targetMetadataWithSourceMetadata(const KvMetadata& source, const KvMetadata& folder);
+// The same record renamed to `name` in the same folder.
+void renameTarget(KvMetadata& target, const std::string& name);
+
+// A fresh scratch folder for one task: the program's temporary folder joined with a UUID.
+Result<std::string> makeTaskTempFolder();
+// Removes a scratch folder and everything in it; missing is fine.
+void removeTaskTempFolder(const std::string& path);
+// Whether a path lies in the program's temporary folder.
+bool isTempFilePath(const std::string& path);
+
+// True when `targetFolder` is `source` or lies below it (the test is on paths with "/" added),
+// so copying or moving `source` there must be refused.
+bool isCopyIntoItself(std::string_view sourcePath, std::string_view targetFolder);
+// The refusal text for that case.
+std::string copyIntoItselfMessage();
+
+// The parent folder's path of an item path ("/" for top-level items).
+std::string parentPath(std::string_view path);
+
+}  // namespace quillon::FileTransferUtils

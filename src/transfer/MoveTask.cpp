@@ -1,0 +1,112 @@
+#include "transfer/MoveTask.h"
+
+#include "core/StringUtils.h"
+#include "core/WrapperProxy.h"
+#include "transfer/FileTransferUtils.h"
+
+namespace quillon {
+
+namespace {
+
+std::string itemName(const KvMetadata& m) {
+    return m.nameIgnoreLinkResolve().value_or(StringUtils::lastPathComponent(m.pathOrEmpty()));
+}
+
+// The moved item's record at its new place; the server assigns the identifier.
+KvMetadata movedTarget(const KvMetadata& item, const KvMetadata& folder) {
+    auto target = FileTransferUtils::targetMetadataWithSourceMetadata(item, folder);
+    target.identifier.reset();
+    return target;
+}
+
+}  // namespace
+
+std::optional<KvMetadata> MoveTask::conflictMeta() const {
+    std::lock_guard lock(mutex_);
+    return conflictMeta_;
+}
+
+bool MoveTask::fileExists() {
+    auto client = WrapperProxy::clientForServerInfo(targetServerInfo);
+    if (!client) return false;
+    (*client)->setForceIncludesHiddenFiles(true);
+    auto listing = (*client)->contentsOfDirectoryAtPathSync(targetMetadata);
+    if (!listing) return false;
+    auto name = itemName(sourceMetadata);
+    for (auto& entry : *listing) {
+        if (itemName(entry) != name) continue;
+        std::lock_guard lock(mutex_);
+        conflictMeta_ = entry;
+        return true;
+    }
+    return false;
+}
+
+void MoveTask::cancelTransfer() {
+    setState(TransferTaskState::Stopped);
+    if (targetWrapper_) targetWrapper_->cancelOperation();
+}
+
+Status MoveTask::moveAll(const KvMetadataList& items, const KvMetadata& folder) {
+    if (targetWrapper_->capabilities().moveItems)
+        return targetWrapper_->moveItemsSync(items, folder);
+    // A server without a many-item move gets one move per item.
+    for (auto& item : items) {
+        if (stopped()) return {};
+        if (auto r = targetWrapper_->moveSync(item, movedTarget(item, folder)); !r) return r;
+    }
+    return {};
+}
+
+void MoveTask::startTransfer() {
+    beginTransfer();
+    if (fileConflict() == ConflictAction::Skip || stopped()) {
+        completeFileTransfer(std::nullopt);
+        return;
+    }
+    auto client = WrapperProxy::clientForServerInfo(targetServerInfo);
+    if (!client) {
+        completeFileTransfer(client.error());
+        return;
+    }
+    targetWrapper_ = *client;
+    targetWrapper_->setForceIncludesHiddenFiles(true);
+    KvMetadata folder = targetMetadata;
+    rootNode_ = std::make_shared<FileTransferNode>(sourceMetadata,
+                                                   movedTarget(sourceMetadata, folder), folder);
+    setTransferringFileMeta(sourceMetadata);
+
+    Status result;
+    switch (fileConflict()) {
+        case ConflictAction::KeepBoth: {
+            auto listing = targetWrapper_->contentsOfDirectoryAtPathSync(folder);
+            if (!listing) {
+                result = std::unexpected(listing.error());
+                break;
+            }
+            FileTransferUtils::renameTarget(
+                rootNode_->targetMetadata,
+                FileTransferUtils::getUniqueFileName(*listing, itemName(sourceMetadata)));
+            result = targetWrapper_->moveSync(sourceMetadata, rootNode_->targetMetadata);
+            break;
+        }
+        case ConflictAction::Replace: {
+            if (auto existing = conflictMeta()) {
+                if (auto r = targetWrapper_->removeSync({*existing}); !r) {
+                    result = r;
+                    break;
+                }
+            }
+            result = targetWrapper_->moveSync(sourceMetadata, rootNode_->targetMetadata);
+            break;
+        }
+        default:
+            result =
+                moveAll(sourceItems.empty() ? KvMetadataList{sourceMetadata} : sourceItems, folder);
+            break;
+    }
+    targetMetadata = rootNode_->targetMetadata;
+    completeFileTransfer(result ? std::nullopt : std::optional<Error>(result.error()));
+}
+
+}  // namespace quillon

@@ -1,0 +1,208 @@
+#include "transfer/UploadTask.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <memory>
+
+#include "core/StringUtils.h"
+#include "core/WrapperProxy.h"
+#include "transfer/FileTransferUtils.h"
+#include "transfer/RemoteUpload.h"
+
+namespace quillon {
+
+namespace {
+
+std::string itemName(const KvMetadata& m) {
+    return m.nameIgnoreLinkResolve().value_or(StringUtils::lastPathComponent(m.pathOrEmpty()));
+}
+
+}  // namespace
+
+Result<KvMetadataList> listLocalFolder(const KvMetadata& folder) {
+    std::string path = folder.pathOrEmpty();
+    std::unique_ptr<DIR, int (*)(DIR*)> dir(::opendir(path.c_str()), &::closedir);
+    if (!dir) return KvError::fail(ErrorDomain::Local, ErrorCode::NotFound, "File not found!");
+    auto parent = std::make_shared<KvMetadata>(folder);
+    KvMetadataList entries;
+    int fd = ::dirfd(dir.get());
+    while (dirent* e = ::readdir(dir.get())) {
+        std::string name = e->d_name;
+        if (name == "." || name == "..") continue;
+        struct stat st {};
+        if (::fstatat(fd, e->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
+        KvMetadata m(StringUtils::stringByAppendingPathComponentDirectly(path, name));
+        m.localPath = m.path();
+        m.serverID = folder.serverID;
+        m.protocolType = folder.protocolType;
+        m.parentFolderMeta = parent;
+        m.timestamp = std::chrono::system_clock::time_point(
+            std::chrono::duration_cast<std::chrono::system_clock::duration>(
+                std::chrono::seconds(st.st_mtim.tv_sec) +
+                std::chrono::nanoseconds(st.st_mtim.tv_nsec)));
+        if (S_ISLNK(st.st_mode)) {
+            m.isSymbolLink = true;
+            std::string target(4096, '\0');
+            ssize_t n = ::readlink(m.pathOrEmpty().c_str(), target.data(), target.size());
+            if (n >= 0) m.symbolLinkTarget = target.substr(0, static_cast<std::size_t>(n));
+            struct stat followed {};
+            if (::fstatat(fd, e->d_name, &followed, 0) != 0) continue;  // a dangling link
+            st = followed;
+        }
+        bool placeholder = name.size() > 8 && name.front() == '.' && name.ends_with(".icloud");
+        if (placeholder) {
+            name = name.substr(1, name.size() - 8);
+            m.isIcloudPlaceHold = true;
+        }
+        m.setName(name);
+        m.isDir = S_ISDIR(st.st_mode);
+        if (!m.isDir) m.fileSizeInBytes = static_cast<std::uint64_t>(st.st_size);
+        entries.push_back(std::move(m));
+    }
+    return entries;
+}
+
+WrapperPtr UploadTask::makeTargetWrapper() {
+    auto client = WrapperProxy::clientForServerInfo(targetServerInfo);
+    if (!client) return nullptr;
+    (*client)->setForceIncludesHiddenFiles(true);
+    return *client;
+}
+
+bool UploadTask::fileExists() {
+    auto wrapper = makeTargetWrapper();
+    if (!wrapper) return false;
+    auto listing = wrapper->contentsOfDirectoryAtPathSync(targetMetadata);
+    if (!listing) return false;
+    auto name = itemName(sourceMetadata);
+    for (auto& entry : *listing)
+        if (itemName(entry) == name) return true;
+    return false;
+}
+
+void UploadTask::cancelTransfer() {
+    setState(TransferTaskState::Stopped);
+    if (targetWrapper_) targetWrapper_->cancelOperation();
+}
+
+void UploadTask::startTransfer() {
+    beginTransfer();
+    if (fileConflict() == ConflictAction::Skip || stopped()) {
+        completeFileTransfer(std::nullopt);
+        return;
+    }
+    auto client = WrapperProxy::clientForServerInfo(targetServerInfo);
+    if (!client) {
+        completeFileTransfer(client.error());
+        return;
+    }
+    targetWrapper_ = *client;
+    targetWrapper_->setForceIncludesHiddenFiles(true);
+    if (stopped()) targetWrapper_->cancelOperation();
+
+    KvMetadata folder = targetMetadata;
+    auto target = FileTransferUtils::targetMetadataWithSourceMetadata(sourceMetadata, folder);
+    if (fileConflict() == ConflictAction::KeepBoth) {
+        auto listing = targetWrapper_->contentsOfDirectoryAtPathSync(folder);
+        if (!listing) {
+            completeFileTransfer(listing.error());
+            return;
+        }
+        FileTransferUtils::renameTarget(
+            target, FileTransferUtils::getUniqueFileName(*listing, itemName(sourceMetadata)));
+    }
+    targetMetadata = target;
+
+    auto root = std::make_shared<FileTransferNode>(sourceMetadata, target, folder);
+    struct stat st {};
+    std::string sourcePath = sourceMetadata.pathOrEmpty();
+    if (::stat(sourcePath.c_str(), &st) != 0) {
+        completeFileTransfer(KvError::errorWithDomain(ErrorDomain::Generic, ErrorCode::NotFound,
+                                                      "Not Found: " + sourcePath));
+        return;
+    }
+    if (S_ISDIR(st.st_mode)) {
+        visited_.insert({st.st_dev, st.st_ino});
+        auto made = targetWrapper_->createFolderSync(target);
+        // Replacing a folder merges into it: it may be there already.
+        if (!made && fileConflict() != ConflictAction::Replace) {
+            completeFileTransfer(made.error());
+            return;
+        }
+        if (auto r = contentsOfDirectory(root); !r) {
+            completeFileTransfer(stopped() ? std::nullopt : std::optional<Error>(r.error()));
+            return;
+        }
+    } else {
+        setTotalBytes(st.st_size);
+        root->sourceMetadata.fileSizeInBytes = static_cast<std::uint64_t>(st.st_size);
+        fileNodes_.push_back(root);
+    }
+    if (stopped()) {
+        completeFileTransfer(std::nullopt);
+        return;
+    }
+    auto r = transferFiles();
+    reportProgress();
+    completeFileTransfer(r ? std::nullopt : std::optional<Error>(r.error()));
+}
+
+Status UploadTask::contentsOfDirectory(const FileTransferNode::Ptr& node) {
+    if (stopped()) return {};
+    auto listing = listLocalFolder(node->sourceMetadata);
+    if (!listing) return std::unexpected(listing.error());
+    for (auto& entry : *listing) {
+        if (stopped()) return {};
+        auto target =
+            FileTransferUtils::targetMetadataWithSourceMetadata(entry, node->targetMetadata);
+        auto child = std::make_shared<FileTransferNode>(entry, target, node->targetMetadata);
+        node->addChild(child);
+        if (entry.isDir) {
+            struct stat st {};
+            // A folder reached twice (through a link) is sent once: links could loop.
+            if (::stat(entry.pathOrEmpty().c_str(), &st) != 0 ||
+                !visited_.insert({st.st_dev, st.st_ino}).second)
+                continue;
+            auto made = targetWrapper_->createFolderSync(target);
+            if (!made && fileConflict() != ConflictAction::Replace) return made;
+            if (auto r = contentsOfDirectory(child); !r) return r;
+        } else {
+            setTotalBytes(totalBytes() +
+                          static_cast<std::int64_t>(entry.fileSizeInBytes.value_or(0)));
+            fileNodes_.push_back(child);
+        }
+    }
+    return {};
+}
+
+Status UploadTask::transferFiles() {
+    std::int64_t done = 0;
+    bool replace = fileConflict() == ConflictAction::Replace;
+    for (auto& node : fileNodes_) {
+        if (stopped()) return {};
+        std::string path = node->sourceMetadata.pathOrEmpty();
+        if (::access(path.c_str(), F_OK) != 0) continue;
+        setTransferringFileMeta(node->sourceMetadata);
+        std::int64_t base = done;
+        auto r = RemoteUpload::uploadFile(
+            *targetWrapper_, node->sourceMetadata, path, node->targetParentMetadata,
+            itemName(node->targetMetadata), replace,
+            [this, base](std::int64_t sent, std::int64_t) {
+                if (stopped()) return;
+                setTransferredBytes(base + sent);
+                reportProgress();
+            },
+            [this] { return stopped(); });
+        done += static_cast<std::int64_t>(node->sourceMetadata.fileSizeInBytes.value_or(0));
+        setTransferredBytes(done);
+        if (FileTransferUtils::isTempFilePath(path)) ::unlink(path.c_str());
+        if (stopped()) return {};
+        if (!r) return r;
+    }
+    return {};
+}
+
+}  // namespace quillon

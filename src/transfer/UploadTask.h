@@ -1,0 +1,37 @@
+#pragma once
+// UploadTask: sends one local item (file or folder) into a folder on a server. Folder trees are
+// listed once, creating the target folders, before the first byte moves.
+
+#include <set>
+#include <utility>
+#include <vector>
+
+#include "core/Wrapper.h"
+#include "transfer/FileTransferNode.h"
+#include "transfer/FileTransferTask.h"
+
+namespace quillon {
+
+class UploadTask : public FileTransferTask {
+  public:
+    void startTransfer() override;
+    // The server's target folder lists an entry of the source's name (case-sensitive).
+    bool fileExists() override;
+    void cancelTransfer() override;
+    std::string_view taskClassName() const override { return "UploadTask"; }
+
+  private:
+    Status contentsOfDirectory(const FileTransferNode::Ptr& node);
+    Status transferFiles();
+    WrapperPtr makeTargetWrapper();
+
+    WrapperPtr targetWrapper_;
+    std::vector<FileTransferNode::Ptr> fileNodes_;
+    std::set<std::pair<dev_t, ino_t>> visited_;
+};
+
+// Reads a local folder's entries as records (hidden entries included; a ".name.icloud"
+// placeholder is listed as "name"). Links are followed for their kind and size.
+Result<KvMetadataList> listLocalFolder(const KvMetadata& folder);
+
+}  // namespace quillon

@@ -1,0 +1,382 @@
+// The task queue: the concurrency limit, stopping, conflict questions with their apply-to-all
+// memory, failure alerts, completion rules and the refresh notification; and the shared helpers
+// (unique names, free space, progress observation).
+#include <gtest/gtest.h>
+#include <sys/statvfs.h>
+
+#include <any>
+#include <atomic>
+#include <condition_variable>
+
+#include "TransferTestKit.h"
+#include "core/AppPreference.h"
+#include "core/NotificationCenter.h"
+#include "transfer/CopyTask.h"
+#include "transfer/FileTransferUtils.h"
+#include "transfer/MoveTask.h"
+#include "transfer/ProgressObserver.h"
+
+using namespace quillon;
+using namespace quillon::test;
+
+namespace {
+
+// A task that runs until the test opens its gate: it exercises the queue, nothing else.
+class GateTask : public FileTransferTask {
+  public:
+    void startTransfer() override {
+        ++starts;
+        beginTransfer();
+        std::unique_lock lock(m_);
+        cv_.wait(lock, [&] { return open_ || stopped(); });
+        lock.unlock();
+        completeFileTransfer(std::nullopt);
+    }
+    void cancelTransfer() override {
+        setState(TransferTaskState::Stopped);
+        std::lock_guard lock(m_);
+        cv_.notify_all();
+    }
+    std::string_view taskClassName() const override { return "GateTask"; }
+    void open() {
+        std::lock_guard lock(m_);
+        open_ = true;
+        cv_.notify_all();
+    }
+    std::atomic<int> starts{0};
+
+  private:
+    std::mutex m_;
+    std::condition_variable cv_;
+    bool open_ = false;
+};
+
+std::vector<std::shared_ptr<GateTask>> addGates(FileTransferTaskManager& manager, int n) {
+    std::vector<std::shared_ptr<GateTask>> gates;
+    for (int i = 0; i < n; ++i) {
+        auto g = std::make_shared<GateTask>();
+        g->sourceMetadata = KvMetadata("/gate" + std::to_string(i));
+        manager.addTask(g);
+        gates.push_back(g);
+    }
+    return gates;
+}
+
+int countStarted(const std::vector<std::shared_ptr<GateTask>>& gates) {
+    int n = 0;
+    for (auto& g : gates) n += g->starts.load();
+    return n;
+}
+
+}  // namespace
+
+TEST(FileTransferUtils, UniqueNamesFollowTheNumberingRule) {
+    auto listing = [](std::initializer_list<const char*> names) {
+        KvMetadataList l;
+        for (auto* n : names) l.emplace_back(std::string("/f/") + n);
+        return l;
+    };
+    using FileTransferUtils::getUniqueFileName;
+    EXPECT_EQ(getUniqueFileName(listing({"other.txt"}), "report.txt"), "report.txt");
+    EXPECT_EQ(getUniqueFileName(listing({"report.txt"}), "report.txt"), "report-1.txt");
+    EXPECT_EQ(getUniqueFileName(listing({"report.txt", "report-1.txt"}), "report.txt"),
+              "report-2.txt");
+    EXPECT_EQ(getUniqueFileName(listing({"notes"}), "notes"), "notes-1");
+    EXPECT_EQ(getUniqueFileName(listing({"a.tar.gz"}), "a.tar.gz"), "a.tar-1.gz");
+    EXPECT_EQ(getUniqueFileName(listing({".bashrc"}), ".bashrc"), ".bashrc-1");
+    // Names compare case-sensitively.
+    EXPECT_EQ(getUniqueFileName(listing({"Report.txt"}), "report.txt"), "report.txt");
+
+    // With every candidate 1..9999 taken the name comes back unchanged.
+    KvMetadataList full;
+    full.emplace_back("/f/x.bin");
+    for (int n = 1; n < 10000; ++n) full.emplace_back("/f/x-" + std::to_string(n) + ".bin");
+    EXPECT_EQ(getUniqueFileName(full, "x.bin"), "x.bin");
+    full.pop_back();
+    EXPECT_EQ(getUniqueFileName(full, "x.bin"), "x-9999.bin");
+
+    ScratchDir dir("unique");
+    writeFile(dir / "report.txt", "a");
+    writeFile(dir / "report-1.txt", "b");
+    EXPECT_EQ(FileTransferUtils::uniqueFilePathInFolder(dir.path(), "report.txt"),
+              dir / "report-2.txt");
+    EXPECT_EQ(FileTransferUtils::uniqueFilePathInFolder(dir.path(), "new.txt"), dir / "new.txt");
+}
+
+TEST(FileTransferUtils, IntoItselfAndFreeSpace) {
+    using FileTransferUtils::isCopyIntoItself;
+    EXPECT_TRUE(isCopyIntoItself("/a/b", "/a/b"));
+    EXPECT_TRUE(isCopyIntoItself("/a/b", "/a/b/c"));
+    EXPECT_TRUE(isCopyIntoItself("/a/b/", "/a/b/c/"));
+    EXPECT_FALSE(isCopyIntoItself("/a/b", "/a/bc"));
+    EXPECT_FALSE(isCopyIntoItself("/a/b", "/a"));
+    EXPECT_EQ(FileTransferUtils::copyIntoItselfMessage(), "can’t copy/move an item into itself.");
+
+    ScratchDir dir("free");
+    struct statvfs st {};
+    ASSERT_EQ(::statvfs(dir.path().c_str(), &st), 0);
+    auto expected = static_cast<std::uint64_t>(st.f_bavail) * st.f_frsize;
+    auto measured = FileTransferUtils::totalFreeDiskSpace(dir.path());
+    // Other writers on the volume move the figure a little between the two readings.
+    EXPECT_NEAR(static_cast<double>(measured), static_cast<double>(expected), 512.0 * 1024 * 1024);
+    // A path that does not exist yet is measured on the volume that would hold it.
+    EXPECT_GT(FileTransferUtils::totalFreeDiskSpace(dir / "not/yet/there"), 0u);
+}
+
+TEST(TransferManager, FourthTaskWaitsForFreeSlot) {
+    IsolatedHome home;
+    auto& prefs = AppPreference::sharedAppPreference();
+    prefs.setValue(PlistValue(std::int64_t{3}), PrefKey::MaxSimultaneousTransfers);
+    FileTransferTaskManager manager;
+    EXPECT_EQ(manager.maxSimultaneousTransfers(), 3);
+    auto gates = addGates(manager, 4);
+    manager.start();
+    ASSERT_TRUE(pumpUntil([&] { return countStarted(gates) == 3; }));
+    EXPECT_EQ(gates[3]->state(), TransferTaskState::Waiting);
+    EXPECT_EQ(gates[3]->starts, 0);
+    gates[1]->open();
+    ASSERT_TRUE(pumpUntil([&] { return gates[3]->starts == 1; }));
+    EXPECT_EQ(gates[1]->state(), TransferTaskState::Completed);
+    for (auto& g : gates) g->open();
+    runToEnd(manager);
+    for (auto& g : gates) EXPECT_EQ(g->state(), TransferTaskState::Completed);
+    // The list keeps finished tasks.
+    EXPECT_EQ(manager.getAllTasks().size(), 4u);
+
+    // Without the preference one task runs at a time.
+    prefs.removeValueForKey(PrefKey::MaxSimultaneousTransfers);
+    EXPECT_EQ(manager.maxSimultaneousTransfers(), 1);
+    auto more = addGates(manager, 2);
+    manager.start();
+    ASSERT_TRUE(pumpUntil([&] { return more[0]->starts == 1; }));
+    EXPECT_EQ(more[1]->state(), TransferTaskState::Waiting);
+    // An override (the command line's --jobs) wins over the preference.
+    manager.setMaxSimultaneousTransfers(2);
+    manager.runNextTask();
+    ASSERT_TRUE(pumpUntil([&] { return more[1]->starts == 1; }));
+    for (auto& g : more) g->open();
+    runToEnd(manager);
+}
+
+TEST(TransferManager, StoppingWaitingTaskNeverStartsIt) {
+    IsolatedHome home;
+    FileTransferTaskManager manager;
+    manager.setMaxSimultaneousTransfers(1);
+    auto gates = addGates(manager, 3);
+    manager.start();
+    ASSERT_TRUE(pumpUntil([&] { return gates[0]->starts == 1; }));
+    manager.stopTask(gates[1]);
+    EXPECT_EQ(gates[1]->state(), TransferTaskState::Stopped);
+    // Stopping the running one lets the next waiting task (not the stopped one) start.
+    manager.stopTask(gates[0]);
+    ASSERT_TRUE(pumpUntil([&] { return gates[2]->starts == 1; }));
+    gates[2]->open();
+    runToEnd(manager);
+    EXPECT_EQ(gates[0]->state(), TransferTaskState::Stopped);
+    EXPECT_EQ(gates[1]->starts, 0);
+    EXPECT_EQ(gates[1]->state(), TransferTaskState::Stopped);
+    EXPECT_EQ(gates[2]->state(), TransferTaskState::Completed);
+
+    // stopAllTasks stops the waiting ones first, then the running one.
+    auto batch = addGates(manager, 3);
+    manager.start();
+    ASSERT_TRUE(pumpUntil([&] { return batch[0]->starts == 1; }));
+    manager.stopAllTasks();
+    runToEnd(manager);
+    for (auto& g : batch) EXPECT_EQ(g->state(), TransferTaskState::Stopped);
+    EXPECT_EQ(batch[1]->starts + batch[2]->starts, 0);
+}
+
+TEST(TransferManager, ConflictQuestionsAndApplyToAll) {
+    IsolatedHome home;
+    ScratchDir dir("conflict");
+    for (auto n : {"a.txt", "b.txt", "c.txt"}) {
+        writeFile(dir / ("src/" + std::string(n)), std::string("new ") + n);
+        writeFile(dir / ("dst/" + std::string(n)), std::string("old ") + n);
+    }
+    FileTransferTaskManager manager;
+    manager.setMaxSimultaneousTransfers(1);
+    auto prompts = std::make_shared<ScriptedPrompts>();
+    manager.setUserPrompts(prompts);
+    // First question answered "replace" for all: the other two conflicts are not asked.
+    prompts->conflictAnswers.push_back({ConflictAction::Replace, true});
+    std::vector<std::shared_ptr<CopyTask>> tasks;
+    for (auto n : {"a.txt", "b.txt", "c.txt"}) {
+        tasks.push_back(makeTask<CopyTask>(localServer(),
+                                           localItem(dir / ("src/" + std::string(n))),
+                                           localServer(), localFolder(dir / "dst")));
+        manager.addTask(tasks.back());
+    }
+    manager.start();
+    runToEnd(manager);
+    EXPECT_EQ(prompts->conflictsAsked.size(), 1u);
+    EXPECT_FALSE(prompts->conflictsAsked[0].hideReplaceButton);
+    EXPECT_EQ(prompts->conflictsAsked[0].message,
+              "An item named “a.txt” already exists in this location.");
+    for (auto n : {"a.txt", "b.txt", "c.txt"})
+        EXPECT_EQ(readFile(dir / ("dst/" + std::string(n))), std::string("new ") + n);
+    // The walk that started nothing forgot the answer.
+    EXPECT_FALSE(manager.applyAll());
+    EXPECT_EQ(manager.fileConflict(), ConflictAction::NotDecided);
+
+    // "Skip" without apply-to-all: the task ends stopped, no alert, and the next one is asked.
+    prompts->conflictAnswers.push_back({ConflictAction::Skip, false});
+    prompts->conflictAnswers.push_back({ConflictAction::KeepBoth, false});
+    auto skipped = makeTask<CopyTask>(localServer(), localItem(dir / "src/a.txt"), localServer(),
+                                      localFolder(dir / "dst"));
+    auto kept = makeTask<CopyTask>(localServer(), localItem(dir / "src/b.txt"), localServer(),
+                                   localFolder(dir / "dst"));
+    manager.addTask(skipped);
+    manager.addTask(kept);
+    manager.start();
+    runToEnd(manager);
+    EXPECT_EQ(prompts->conflictsAsked.size(), 3u);
+    EXPECT_EQ(skipped->state(), TransferTaskState::Stopped);
+    EXPECT_FALSE(skipped->error());
+    EXPECT_TRUE(prompts->failuresShown.empty());
+    EXPECT_EQ(kept->state(), TransferTaskState::Completed);
+    EXPECT_EQ(readFile(dir / "dst/b-1.txt"), "new b.txt");
+
+    // Copying into the item's own folder never asks: report-1.txt, then report-2.txt.
+    writeFile(dir / "same/report.txt", "r");
+    for (int i = 0; i < 2; ++i) {
+        auto item = localItem(dir / "same/report.txt");
+        item.parentFolderMeta = std::make_shared<KvMetadata>(localFolder(dir / "same"));
+        manager.addTask(
+            makeTask<CopyTask>(localServer(), item, localServer(), localFolder(dir / "same")));
+        manager.start();
+        runToEnd(manager);
+    }
+    EXPECT_EQ(prompts->conflictsAsked.size(), 3u);
+    EXPECT_EQ(folderEntries(dir / "same"),
+              (std::vector<std::string>{"report-1.txt", "report-2.txt", "report.txt"}));
+}
+
+TEST(TransferManager, MoveConflictOffersOnlyKeepBothAndSkip) {
+    IsolatedHome home;
+    ScratchDir dir("moveconflict");
+    writeFile(dir / "src/x.txt", "moving");
+    writeFile(dir / "dst/x.txt", "staying");
+    FileTransferTaskManager manager;
+    auto prompts = std::make_shared<ScriptedPrompts>();
+    manager.setUserPrompts(prompts);
+    // A replace answer to a move question is not one of its buttons: it counts as skip.
+    prompts->conflictAnswers.push_back({ConflictAction::Replace, false});
+    auto refused = makeTask<MoveTask>(localServer(), localItem(dir / "src/x.txt"), localServer(),
+                                      localFolder(dir / "dst"));
+    manager.addTask(refused);
+    manager.start();
+    runToEnd(manager);
+    ASSERT_EQ(prompts->conflictsAsked.size(), 1u);
+    EXPECT_TRUE(prompts->conflictsAsked[0].hideReplaceButton);
+    EXPECT_EQ(refused->state(), TransferTaskState::Stopped);
+    EXPECT_EQ(readFile(dir / "dst/x.txt"), "staying");
+    EXPECT_EQ(readFile(dir / "src/x.txt"), "moving");
+
+    prompts->conflictAnswers.push_back({ConflictAction::KeepBoth, false});
+    auto kept = makeTask<MoveTask>(localServer(), localItem(dir / "src/x.txt"), localServer(),
+                                   localFolder(dir / "dst"));
+    manager.addTask(kept);
+    manager.start();
+    runToEnd(manager);
+    EXPECT_TRUE(prompts->conflictsAsked.back().hideReplaceButton);
+    EXPECT_EQ(kept->state(), TransferTaskState::Completed);
+    EXPECT_EQ(readFile(dir / "dst/x-1.txt"), "moving");
+    EXPECT_EQ(readFile(dir / "dst/x.txt"), "staying");
+    EXPECT_FALSE(std::filesystem::exists(dir / "src/x.txt"));
+}
+
+TEST(TransferManager, FailureAlertOffersIgnoreOnlyWhileTasksWait) {
+    IsolatedHome home;
+    ScratchDir dir("failure");
+    writeFile(dir / "src/ok.txt", "fine");
+    FileTransferTaskManager manager;
+    manager.setMaxSimultaneousTransfers(1);
+    auto prompts = std::make_shared<ScriptedPrompts>();
+    manager.setUserPrompts(prompts);
+    prompts->failureAnswers.push_back(FailureChoice::Ignore);
+
+    auto missing = makeTask<CopyTask>(localServer(), localItem(dir / "src/gone.txt"), localServer(),
+                                      localFolder(dir / "dst"));
+    std::filesystem::create_directories(dir / "dst");
+    auto fine = makeTask<CopyTask>(localServer(), localItem(dir / "src/ok.txt"), localServer(),
+                                   localFolder(dir / "dst"));
+    manager.addTask(missing);
+    manager.addTask(fine);
+    manager.start();
+    runToEnd(manager);
+    ASSERT_EQ(prompts->failuresShown.size(), 1u);
+    EXPECT_TRUE(prompts->failuresShown[0].second);
+    EXPECT_EQ(prompts->failuresShown[0].first, "Not Found: " + dir / "src/gone.txt");
+    EXPECT_EQ(missing->state(), TransferTaskState::Failed);
+    ASSERT_TRUE(missing->error());
+    EXPECT_EQ(missing->error()->domain, "Kv Generic");
+    EXPECT_EQ(fine->state(), TransferTaskState::Completed);
+    EXPECT_TRUE(missing->endTime().has_value());
+
+    // Nothing waiting: only "Stop" is offered, and it stops the queue.
+    auto again = makeTask<CopyTask>(localServer(), localItem(dir / "src/gone.txt"), localServer(),
+                                    localFolder(dir / "dst"));
+    manager.addTask(again);
+    manager.start();
+    runToEnd(manager);
+    ASSERT_EQ(prompts->failuresShown.size(), 2u);
+    EXPECT_FALSE(prompts->failuresShown[1].second);
+}
+
+TEST(TransferManager, RefreshNotificationAfterTheLastTaskOfAClass) {
+    IsolatedHome home;
+    ScratchDir dir("refresh");
+    writeFile(dir / "src/a.txt", "a");
+    writeFile(dir / "src/b.txt", "b");
+    std::filesystem::create_directories(dir / "dst");
+    std::vector<KvMetadataList> posted;
+    auto token = NotificationCenter::defaultCenter().addObserver(
+        REFRESH_FOLDER_NOTIFICATION, [&](const UserInfo& info) {
+            auto it = info.find(std::string(REFRESH_FOLDER_USER_INFO));
+            if (it != info.end()) posted.push_back(std::any_cast<KvMetadataList>(it->second));
+        });
+    FileTransferTaskManager manager;
+    manager.setMaxSimultaneousTransfers(1);
+    for (auto n : {"a.txt", "b.txt"}) {
+        auto item = localItem(dir / ("src/" + std::string(n)));
+        item.parentFolderMeta = std::make_shared<KvMetadata>(localFolder(dir / "src"));
+        manager.addTask(
+            makeTask<CopyTask>(localServer(), item, localServer(), localFolder(dir / "dst")));
+    }
+    manager.start();
+    runToEnd(manager);
+    NotificationCenter::defaultCenter().removeObserver(token);
+    // The first copy completes while the second waits: only the second posts.
+    ASSERT_EQ(posted.size(), 1u);
+    ASSERT_EQ(posted[0].size(), 2u);
+    EXPECT_EQ(posted[0][0].pathOrEmpty(), dir / "src");
+    EXPECT_EQ(posted[0][1].pathOrEmpty(), dir / "dst");
+}
+
+TEST(ProgressObserver, ForwardsChangesCancelAndCompletion) {
+    struct Recorder : ProgressObserverDelegate {
+        std::vector<std::string> events;
+        void observerDidChange(ProgressObserver& o) override {
+            events.push_back("change " + std::to_string(o.progress()->completedUnitCount()));
+        }
+        void observerDidCancel(ProgressObserver&) override { events.push_back("cancel"); }
+        void observerDidComplete(ProgressObserver& o) override {
+            events.push_back("complete " + o.name());
+        }
+    } recorder;
+    auto progress = std::make_shared<TransferProgress>();
+    progress->setTotalUnitCount(10);
+    {
+        ProgressObserver observer("movie.mkv", progress);
+        observer.setDelegate(&recorder);
+        progress->setCompletedUnitCount(4);
+        progress->setCompletedUnitCount(10);
+        progress->cancel();
+        progress->cancel();
+    }
+    // After the observer is gone nothing reaches the delegate.
+    progress->setCompletedUnitCount(3);
+    EXPECT_EQ(recorder.events,
+              (std::vector<std::string>{"change 4", "change 10", "complete movie.mkv", "cancel"}));
+}
