@@ -41,6 +41,7 @@ int run(int argc, char** argv) {
     cli.app.set_version_flag("--version", std::string("quillon ") + QUILLON_VERSION);
     cli.app.require_subcommand(1);
     registerTypeCommand(cli);
+    registerServeCommand(cli);
     registerServerCommands(cli);
     registerPrefsCommand(cli);
     registerFileCommands(cli);

@@ -1,0 +1,168 @@
+// quillon serve ftp: shares a local folder over FTP until SIGINT or SIGTERM.
+
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+#include <pthread.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <ctime>
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#include "app/cli/Cli.h"
+#include "core/MainQueue.h"
+#include "servers/ftpserver/FtpServerService.h"
+
+namespace quillon::cli {
+
+namespace {
+
+struct ServeFtpOptions {
+    std::string folder;
+    int port = FtpServerService::kDefaultPort;
+    std::string user;
+    std::string password;
+    bool passwordStdin = false;
+    std::string bind = "0.0.0.0";
+    std::size_t maxSessions = 50;
+    int idleTimeout = 300;
+    bool allowAnonymousUpload = false;
+    CLI::Option* portOption = nullptr;
+    CLI::Option* userOption = nullptr;
+    CLI::Option* passwordOption = nullptr;
+};
+
+// One line on standard error per server event, with the time; lines from the server's thread and
+// the main thread never interleave.
+void logLine(const std::string& line) {
+    static std::mutex mutex;
+    std::lock_guard lock(mutex);
+    auto now = std::chrono::system_clock::now();
+    auto t = std::chrono::system_clock::to_time_t(now);
+    std::tm tm{};
+    ::localtime_r(&t, &tm);
+    fmt::print(stderr, "{:%Y-%m-%d %H:%M:%S} ftp {}\n", tm, line);
+    std::fflush(stderr);
+}
+
+// Waits on a thread of its own for SIGINT or SIGTERM (blocked everywhere else) and tells the
+// main queue; a signal handler could not take the queue's lock safely.
+std::thread waitForStopSignal(std::atomic<bool>& stop, sigset_t signals) {
+    return std::thread([&stop, signals] {
+        int received = 0;
+        ::sigwait(&signals, &received);
+        MainQueue::shared().post([&stop, received] {
+            logLine(
+                fmt::format("received {}, stopping", received == SIGINT ? "SIGINT" : "SIGTERM"));
+            stop = true;
+        });
+    });
+}
+
+int runServeFtp(ServeFtpOptions& o) {
+    FtpServerService service;
+    service.loadSettings();
+    if (!o.folder.empty()) service.rootFolder = o.folder;
+    if (service.rootFolder.empty()) {
+        std::error_code ec;
+        service.rootFolder = std::filesystem::current_path(ec).string();
+    }
+    std::error_code ec;
+    if (!std::filesystem::is_directory(service.rootFolder, ec))
+        return reportMessage(fmt::format("{}: no such folder", service.rootFolder), kExitUsage);
+    service.rootFolder = std::filesystem::canonical(service.rootFolder, ec).string();
+    if (o.portOption->count() > 0) service.port = o.port;
+    if (o.userOption->count() > 0) service.username = o.user;
+    if (o.passwordStdin) {
+        auto password = readPasswordFromStdin();
+        if (!password) return reportMessage("No password on standard input.", kExitUsage);
+        service.password = *password;
+    } else if (o.passwordOption->count() > 0) {
+        service.password = o.password;
+    }
+    service.bindAddress = o.bind;
+    service.maxSessions = o.maxSessions;
+    service.idleTimeout = std::chrono::seconds(o.idleTimeout);
+    service.allowAnonymousUploads = o.allowAnonymousUpload;
+    service.logHandler = logLine;
+
+    // Block the stop signals before any thread starts, so that only the waiting thread sees them.
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    sigset_t previous;
+    ::pthread_sigmask(SIG_BLOCK, &signals, &previous);
+
+    if (auto started = service.startServer(); !started) {
+        ::pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+        return reportError(started.error());
+    }
+    std::atomic<bool> stop = false;
+    auto waiter = waitForStopSignal(stop, signals);
+
+    bool anonymous = service.username.empty() || service.username == "anonymous";
+    std::string host = o.bind;
+    if (host == "0.0.0.0" || host == "::") {
+        host = service.localIPAddress();
+        if (host == "0.0.0.0") host = "127.0.0.1";
+    }
+    if (host.find(':') != std::string::npos) host = "[" + host + "]";
+    std::string who = anonymous ? std::string() : service.username + "@";
+    fmt::print("Sharing {} over FTP\n", service.rootFolder);
+    fmt::print("Connect to ftp://{}{}:{}/\n", who, host, service.listeningPort());
+    if (anonymous)
+        fmt::print("Anyone may log in ({}); press Ctrl-C to stop.\n",
+                   o.allowAnonymousUpload ? "uploads allowed" : "read-only");
+    else
+        fmt::print("Log in as {}; press Ctrl-C to stop.\n", service.username);
+    std::fflush(stdout);
+
+    MainQueue::shared().runUntil([&stop] { return stop.load(); });
+    service.stopServer();
+    waiter.join();
+    ::pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    logLine("stopped");
+    return kExitOk;
+}
+
+}  // namespace
+
+void registerServeCommand(Cli& cli) {
+    auto* serve = cli.app.add_subcommand("serve", "Share a local folder with a built-in server");
+    serve->require_subcommand(1);
+    auto* ftp = serve->add_subcommand(
+        "ftp", "Share a folder over FTP until Ctrl-C; sessions are logged on standard error");
+    auto o = std::make_shared<ServeFtpOptions>();
+    ftp->add_option("FOLDER", o->folder,
+                    "Folder to share (default: the FTP_SERVER_LOCATION preference, else the "
+                    "current folder)");
+    o->portOption = ftp->add_option("--port", o->port,
+                                    "Port (default: the FTP_SERVER_PORT preference, else 2121; 0 "
+                                    "picks a free one)")
+                        ->check(CLI::Range(0, 65535));
+    o->userOption =
+        ftp->add_option("--user", o->user,
+                        "User name to log in with (default: FTP_SERVER_USERNAME; empty: anyone)");
+    o->passwordOption = ftp->add_option("--password", o->password, "Password of that user");
+    auto* stdinFlag = ftp->add_flag("--password-stdin", o->passwordStdin,
+                                    "Read the password from standard input");
+    o->passwordOption->excludes(stdinFlag);
+    ftp->add_option("--bind", o->bind, "Address to listen on (default 0.0.0.0: every interface)");
+    ftp->add_option("--max-sessions", o->maxSessions, "Sessions open at once (default 50)")
+        ->check(CLI::Range(1, 100000));
+    ftp->add_option("--idle-timeout", o->idleTimeout,
+                    "Seconds before an idle session is closed (default 300)")
+        ->check(CLI::Range(1, 86400));
+    ftp->add_flag("--allow-anonymous-upload", o->allowAnonymousUpload,
+                  "Let anonymous sessions upload, rename and delete");
+    ftp->callback([&cli, o] { cli.action = [o] { return runServeFtp(*o); }; });
+}
+
+}  // namespace quillon::cli

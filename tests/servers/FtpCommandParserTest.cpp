@@ -1,0 +1,247 @@
+// The FTP server's text and path layers without sockets: line cutting, word splitting, path
+// confinement (with real symbolic links), listing lines and times, and a few thousand random and
+// structured inputs through the same entry points the fuzzer uses.
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <random>
+
+#include "servers/ftpserver/FtpCommandParser.h"
+#include "servers/ftpserver/FtpListing.h"
+#include "servers/ftpserver/FtpPath.h"
+#include "support/TestEnv.h"
+
+namespace quillon {
+namespace {
+
+using test::ScratchDir;
+namespace fs = std::filesystem;
+
+TEST(FtpLineBuffer, CutsLinesAtCrLfOrLfAndKeepsPartialOnes) {
+    FtpLineBuffer buf(4096);
+    EXPECT_TRUE(buf.append("USER bob\r\nPASS se"));
+    EXPECT_EQ(buf.nextLine(), "USER bob");
+    EXPECT_EQ(buf.nextLine(), std::nullopt);
+    EXPECT_TRUE(buf.append("cret\r\nNOOP\nPWD\r"));
+    EXPECT_EQ(buf.nextLine(), "PASS secret");
+    EXPECT_EQ(buf.nextLine(), "NOOP");
+    EXPECT_EQ(buf.nextLine(), std::nullopt);
+    EXPECT_TRUE(buf.append("\n"));
+    EXPECT_EQ(buf.nextLine(), "PWD");
+    // A blank in a name and an empty line survive untouched.
+    EXPECT_TRUE(buf.append("\r\nSTOR a  b \r\n"));
+    EXPECT_EQ(buf.nextLine(), "");
+    EXPECT_EQ(buf.nextLine(), "STOR a  b ");
+    EXPECT_TRUE(buf.append("NOOP\r\nNOOP\r\n"));
+    EXPECT_EQ(buf.discard(), 12u);
+    EXPECT_EQ(buf.nextLine(), std::nullopt);
+}
+
+TEST(FtpLineBuffer, OverflowsOnALineLongerThanTheLimitFinishedOrNot) {
+    FtpLineBuffer unfinished(16);
+    EXPECT_TRUE(unfinished.append(std::string(16, 'A')));
+    EXPECT_FALSE(unfinished.append("B"));
+    EXPECT_TRUE(unfinished.overflowed());
+    EXPECT_EQ(unfinished.nextLine(), std::nullopt);
+
+    FtpLineBuffer finished(16);
+    EXPECT_TRUE(finished.append("NOOP\r\n"));
+    EXPECT_FALSE(finished.append(std::string(40, 'C') + "\r\nNOOP\r\n"));
+    EXPECT_EQ(finished.nextLine(), std::nullopt);
+
+    // Many short lines in one read are fine; only a single long line counts.
+    FtpLineBuffer many(16);
+    std::string packet;
+    for (int i = 0; i < 100; ++i) packet += "NOOP\r\n";
+    EXPECT_TRUE(many.append(packet));
+    int n = 0;
+    while (many.nextLine()) ++n;
+    EXPECT_EQ(n, 100);
+    // A line split over reads counts as a whole.
+    FtpLineBuffer split(16);
+    EXPECT_TRUE(split.append("NOOP\r\n0123456789"));
+    EXPECT_EQ(split.nextLine(), "NOOP");
+    EXPECT_FALSE(split.append("0123456789"));
+}
+
+TEST(FtpCommandParser, SplitsAtSingleBlanksAndLowerCasesTheWord) {
+    auto cmd = FtpCommandParser::parse("RETR my  file name.txt\r\n");
+    EXPECT_EQ(cmd.word, "retr");
+    ASSERT_EQ(cmd.words.size(), 5u);
+    EXPECT_EQ(cmd.words[0], "RETR");
+    EXPECT_EQ(cmd.words[2], "");
+    EXPECT_EQ(cmd.argument(), "my  file name.txt");
+
+    auto mfmt = FtpCommandParser::parse("mFmT 20240102030405 a b");
+    EXPECT_EQ(mfmt.word, "mfmt");
+    EXPECT_EQ(mfmt.argumentFrom(2), "a b");
+
+    auto empty = FtpCommandParser::parse("");
+    EXPECT_EQ(empty.word, "");
+    EXPECT_EQ(empty.argument(), "");
+    // Non-ASCII letters are left alone, only ASCII is lower-cased.
+    EXPECT_EQ(FtpCommandParser::parse("ÄBC x").word, "Äbc");
+    EXPECT_EQ(FtpCommandParser::parse("STOR  lead").argument(), " lead");
+}
+
+TEST(FtpCommandParser, SanitizeKeepsRepliesOnOneLine) {
+    EXPECT_EQ(FtpCommandParser::sanitize("a\r\n200 fake\0b"), "a??200 fake");
+    EXPECT_EQ(FtpCommandParser::sanitize(std::string("x\0y\x7f", 4)), "x?y?");
+    EXPECT_EQ(FtpCommandParser::sanitize("Grüße"), "Grüße");
+}
+
+TEST(FtpPath, VirtualPathsFoldDotsAndNeverClimbAboveTheRoot) {
+    EXPECT_EQ(FtpPath::virtualPath("/", ""), "/");
+    EXPECT_EQ(FtpPath::virtualPath("/a/b", "c"), "/a/b/c");
+    EXPECT_EQ(FtpPath::virtualPath("/a/b", "../c"), "/a/c");
+    EXPECT_EQ(FtpPath::virtualPath("/a/b", "/x//y/./z/"), "/x/y/z");
+    EXPECT_EQ(FtpPath::virtualPath("/", "../../etc/passwd"), "/etc/passwd");
+    EXPECT_EQ(FtpPath::virtualPath("/a", "/../.."), "/");
+    EXPECT_EQ(FtpPath::virtualPath("/a", "..\\..\\x"), "/a/..\\..\\x");
+    // Percent signs are name characters, not escapes.
+    EXPECT_EQ(FtpPath::virtualPath("/", "%2e%2e%2fetc"), "/%2e%2e%2fetc");
+    EXPECT_EQ(FtpPath::virtualPath("/", std::string("a\0b", 3)), std::nullopt);
+}
+
+TEST(FtpPath, LocalPathsStayInsideTheRootThroughLinks) {
+    ScratchDir outside("outside");
+    test::writeFile(outside / "secret", "s");
+    ScratchDir dir("root");
+    auto root = *FtpPath::canonical(dir.path());
+    test::writeFile(dir / "a/file.txt", "x");
+    fs::create_directory_symlink(outside.path(), dir / "out");
+    fs::create_symlink(outside / "secret", dir / "secret-link");
+    fs::create_symlink(outside / "missing", dir / "dangling");
+    fs::create_directory_symlink(dir / "a", dir / "inner");
+
+    using FtpPath::Resolve;
+    EXPECT_EQ(FtpPath::localPath(root, "/", Resolve::Follow), root);
+    EXPECT_EQ(FtpPath::localPath(root, "/a/file.txt", Resolve::Follow), root + "/a/file.txt");
+    EXPECT_EQ(FtpPath::localPath(root, "/inner/file.txt", Resolve::Follow), root + "/a/file.txt");
+    EXPECT_EQ(FtpPath::localPath(root, "/out", Resolve::Follow), std::nullopt);
+    EXPECT_EQ(FtpPath::localPath(root, "/out/secret", Resolve::Follow), std::nullopt);
+    EXPECT_EQ(FtpPath::localPath(root, "/secret-link", Resolve::Follow), std::nullopt);
+    EXPECT_EQ(FtpPath::localPath(root, "/dangling", Resolve::Follow), std::nullopt);
+    EXPECT_EQ(FtpPath::localPath(root, "/a/missing", Resolve::Follow), std::nullopt);
+    // Entries: the name in its folder, so a link is the link itself; folders must be inside.
+    EXPECT_EQ(FtpPath::localPath(root, "/a/new", Resolve::Entry), root + "/a/new");
+    EXPECT_EQ(FtpPath::localPath(root, "/secret-link", Resolve::Entry), root + "/secret-link");
+    EXPECT_EQ(FtpPath::localPath(root, "/out/new", Resolve::Entry), std::nullopt);
+    EXPECT_EQ(FtpPath::localPath(root, "/nofolder/new", Resolve::Entry), std::nullopt);
+    EXPECT_EQ(FtpPath::localPath(root, "/", Resolve::Entry), std::nullopt);
+    EXPECT_EQ(FtpPath::localPath(root, "relative", Resolve::Follow), std::nullopt);
+
+    EXPECT_TRUE(FtpPath::isInside("/srv/x", "/srv/x/y"));
+    EXPECT_FALSE(FtpPath::isInside("/srv/x", "/srv/xy"));
+    EXPECT_TRUE(FtpPath::isInside("/", "/etc"));
+}
+
+TEST(FtpListing, FolderEntriesLeaveOutLinksThatLeadOutOfTheRoot) {
+    ScratchDir outside("outside");
+    ScratchDir dir("root");
+    auto root = *FtpPath::canonical(dir.path());
+    test::writeFile(dir / "b.txt", "12345");
+    fs::create_directory(dir / "a folder");
+    fs::create_directory_symlink(outside.path(), dir / "escape");
+    fs::create_symlink(dir / "b.txt", dir / "c-link");
+    auto entries = FtpListing::entriesOfFolder(root, root);
+    ASSERT_EQ(entries.size(), 3u);
+    EXPECT_EQ(entries[0].name, "a folder");
+    EXPECT_TRUE(entries[0].isDir);
+    EXPECT_EQ(entries[1].name, "b.txt");
+    EXPECT_EQ(entries[1].size, 5u);
+    EXPECT_EQ(entries[2].name, "c-link");  // a link inside the root shows as what it points to
+    EXPECT_EQ(entries[2].size, 5u);
+}
+
+TEST(FtpListing, LinesAndTimesInTheFormatsClientsParse) {
+    FtpListEntry file{"my file.txt", false, 1234, 1700000000, 0644, 1};
+    FtpListEntry folder{"docs", true, 0, 1700000000, 0755, 3};
+    std::time_t now = 1700000000 + 3600;
+    EXPECT_EQ(FtpListing::listLine(file, now),
+              "-rw-r--r--   1 ftp      ftp              1234 Nov 14 22:13 my file.txt");
+    EXPECT_EQ(FtpListing::listLine(folder, now + 365L * 86400),
+              "drwxr-xr-x   3 ftp      ftp                 0 Nov 14  2023 docs");
+    EXPECT_EQ(FtpListing::mlsxLine(file, true),
+              "type=file;size=1234;modify=20231114221320;perm=adfrw;UNIX.mode=0644; my file.txt");
+    EXPECT_EQ(FtpListing::mlsxLine(folder, false),
+              "type=dir;modify=20231114221320;perm=fle;UNIX.mode=0755; docs");
+
+    EXPECT_EQ(FtpListing::timeString(0), "19700101000000");
+    EXPECT_EQ(FtpListing::parseTimeString("20231114221320"), 1700000000);
+    EXPECT_EQ(FtpListing::parseTimeString("20231114221320.123"), 1700000000);
+    EXPECT_EQ(FtpListing::parseTimeString("20230231000000"), std::nullopt);  // 31 February
+    EXPECT_EQ(FtpListing::parseTimeString("2023111422132"), std::nullopt);
+    EXPECT_EQ(FtpListing::parseTimeString("2023111422132x"), std::nullopt);
+    EXPECT_EQ(FtpListing::parseTimeString("20231314221320"), std::nullopt);
+    EXPECT_EQ(FtpListing::parseTimeString("20231114221320."), std::nullopt);
+}
+
+// The same work as the libFuzzer target, on GCC builds too: random bytes and mutated commands
+// through the line buffer, the parser and both path resolutions; nothing may escape the root.
+TEST(FtpCommandParser, SurvivesThousandsOfRandomAndStructuredInputs) {
+    ScratchDir outside("outside");
+    ScratchDir dir("root");
+    auto root = *FtpPath::canonical(dir.path());
+    test::writeFile(dir / "a/b/file", "x");
+    fs::create_directory_symlink(outside.path(), dir / "a/out");
+    fs::create_directory_symlink("/etc", dir / "etc");
+
+    std::mt19937 rng(12345);
+    const std::vector<std::string> pieces = {
+        "..",     "/",        ".",  "a", "b",  "file", "out",  "etc",
+        "passwd", "%2e",      "\\", " ", "\r", "\n",   "\r\n", std::string(1, '\0'),
+        "\xff",   "\xc3\xa4", "//"};
+    const std::vector<std::string> words = {"RETR ",     "CWD ",       "STOR ",
+                                            "LIST -la ", "MFMT 2023 ", "PORT 127,0,0,2,4,1",
+                                            "",          "user ",      "XPWD"};
+    std::size_t lines = 0;
+    for (int round = 0; round < 4000; ++round) {
+        std::string input;
+        if (round % 2 == 0) {
+            std::uniform_int_distribution<int> len(0, 200), byte(0, 255);
+            for (int i = len(rng); i > 0; --i) input += static_cast<char>(byte(rng));
+        } else {
+            input = words[rng() % words.size()];
+            for (int i = static_cast<int>(rng() % 12); i > 0; --i)
+                input += pieces[rng() % pieces.size()];
+            input += "\r\n";
+        }
+        FtpLineBuffer buf(64);
+        std::size_t at = 0;
+        while (at < input.size()) {
+            std::size_t step = 1 + rng() % 17;
+            if (!buf.append(std::string_view(input).substr(at, step))) break;
+            at += step;
+            while (auto line = buf.nextLine()) {
+                ++lines;
+                auto cmd = FtpCommandParser::parse(*line);
+                ASSERT_FALSE(cmd.words.empty());
+                auto shown = FtpCommandParser::sanitize(cmd.argument());
+                ASSERT_EQ(shown.find_first_of("\r\n"), std::string::npos);
+                for (auto cwd : {"/", "/a", "/a/b"}) {
+                    auto vp = FtpPath::virtualPath(cwd, cmd.argument());
+                    if (!vp) continue;
+                    ASSERT_EQ(vp->front(), '/');
+                    ASSERT_EQ(vp->find("/../"), std::string::npos);
+                    for (auto how : {FtpPath::Resolve::Follow, FtpPath::Resolve::Entry}) {
+                        auto local = FtpPath::localPath(root, *vp, how);
+                        if (!local) continue;
+                        ASSERT_TRUE(FtpPath::isInside(root, *local)) << *local;
+                        if (how == FtpPath::Resolve::Entry) {
+                            auto folder = fs::path(*local).parent_path().string();
+                            ASSERT_TRUE(FtpPath::isInside(root, *FtpPath::canonical(folder)));
+                        }
+                    }
+                }
+            }
+        }
+    }
+    EXPECT_GT(lines, 1000u);
+}
+
+}  // namespace
+}  // namespace quillon

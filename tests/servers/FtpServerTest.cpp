@@ -1,0 +1,719 @@
+// The built-in FTP server against real clients (curl, lftp, python3's ftplib) and a raw
+// control-channel client for exact reply texts and hostile input, on loopback ports.
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <random>
+
+#include "core/PathUtils.h"
+#include "core/StringUtils.h"
+#include "servers/FtpServerFixture.h"
+#include "servers/ftpserver/FtpConnection.h"
+
+namespace quillon {
+namespace {
+
+using test::RawFtpClient;
+using test::RunningFtpServer;
+using test::ScratchDir;
+namespace fs = std::filesystem;
+
+std::string randomBytes(std::size_t n, unsigned seed) {
+    std::mt19937 rng(seed);
+    std::string s(n, '\0');
+    for (auto& c : s) c = static_cast<char>(rng() & 0xff);
+    return s;
+}
+
+FtpServerOptions userOptions() {
+    FtpServerOptions o;
+    o.username = "bob";
+    o.password = "s3cret pw";
+    o.loginFailureDelay = std::chrono::milliseconds(50);
+    return o;
+}
+
+bool startsWith(const std::string& s, const std::string& prefix) {
+    return s.rfind(prefix, 0) == 0;
+}
+
+// curl with no ~/.curlrc, quiet but with errors, and a time limit.
+test::CommandResult curl(std::vector<std::string> args) {
+    std::vector<std::string> argv{"curl", "-q", "-s", "-S", "--max-time", "30"};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return test::runProgram(argv);
+}
+
+// lftp with its home in a scratch folder, one try per command, and a script.
+test::CommandResult lftp(const std::string& home, int port, const std::string& login,
+                         const std::string& script) {
+    return test::runProgram(
+        {"env", "HOME=" + home, "lftp", "-u", login, "-p", std::to_string(port), "-e",
+         "set net:max-retries 1; set net:timeout 10; set cmd:fail-exit yes; " + script + "; bye",
+         "127.0.0.1"});
+}
+
+TEST(FtpServer, CommandTableComesFromThePlistWithAliases) {
+    auto commands =
+        FtpServer::loadCommands(PathUtils::getResourceFolderPath() + "/ftp_commands.plist");
+    for (auto word :
+         {"user", "pass", "quit", "syst", "noop", "stat", "feat", "opts", "type", "pwd",  "cwd",
+          "cdup", "pasv", "epsv", "lprt", "port", "eprt", "list", "nlst", "mlsd", "mlst", "retr",
+          "stor", "rest", "dele", "mkd",  "rmd",  "rnfr", "rnto", "size", "mdtm", "mfmt"})
+        EXPECT_TRUE(commands.count(word)) << word;
+    EXPECT_EQ(commands["xpwd"], commands["pwd"]);
+    EXPECT_EQ(commands["xcwd"], commands["cwd"]);
+    EXPECT_EQ(commands["xmkd"], commands["mkd"]);
+    EXPECT_EQ(commands["xrmd"], commands["rmd"]);
+    EXPECT_EQ(commands["xcup"], commands["cdup"]);
+    // Every name in the table is a handler that exists.
+    for (const auto& [word, handler] : commands)
+        EXPECT_TRUE(FtpConnection::handlers().count(handler + "arguments:"))
+            << word << " " << handler;
+    // Nothing beyond the known handlers: no command copies or links files.
+    for (auto word : {"site", "appe", "cpfr", "symlink"})
+        EXPECT_FALSE(commands.count(word)) << word;
+
+    std::vector<std::string> logged;
+    auto none = FtpServer::loadCommands("/nonexistent/ftp_commands.plist",
+                                        [&](const std::string& l) { logged.push_back(l); });
+    EXPECT_TRUE(none.empty());
+    EXPECT_EQ(logged, std::vector<std::string>{"ftp_commands.plist missing"});
+}
+
+TEST(FtpServer, AnswersEveryCommandWithItsExactReplyText) {
+    RunningFtpServer srv(userOptions());
+    test::writeFile(srv / "docs/a file.txt", "hello");
+    fs::create_directory(srv / "taken dir");
+    RawFtpClient c(srv.port());
+    EXPECT_EQ(c.line(), "220 ---------- Welcome to Quillon Pro ---------- ");
+    EXPECT_EQ(c.ask("PWD"), "530 Please login with USER and PASS.");
+    EXPECT_EQ(c.ask("SYST"), "215 UNIX Type: L8");
+    EXPECT_EQ(c.ask("USER alice"), "530 Login User incorrect.");
+    EXPECT_EQ(c.ask("PASS x"), "503 Login with USER first.");
+    EXPECT_EQ(c.ask("USER bob"), "331 Password required for bob");
+    EXPECT_EQ(c.ask("PASS wrong"), "530 Login incorrect.");
+    EXPECT_EQ(c.ask("USER bob"), "331 Password required for bob");
+    EXPECT_EQ(c.ask("PASS s3cret pw"), "230 User bob logged in.");
+    EXPECT_EQ(c.ask("NOOP"), "200 NOOP command successful.");
+    c.send("FEAT");
+    EXPECT_EQ(c.reply(),
+              (std::vector<std::string>{"211-Extensions supported:", " MDTM", " MFMT", " SIZE",
+                                        " MLSD", " PASV", " EPSV", " UTF8", "211 End"}));
+    c.send("STAT");
+    auto stat = c.reply();
+    ASSERT_GE(stat.size(), 2u);
+    EXPECT_EQ(stat.front(), "211-localhost FTP server status:");
+    EXPECT_EQ(stat.back(), "211 End of Status");
+    EXPECT_EQ(c.ask("OPTS UTF8 ON"), "200 UTF8 mode on");
+    EXPECT_EQ(c.ask("OPTS MLST type;size;"), "501 Unknown command 'MLST type;size;'");
+    EXPECT_EQ(c.ask("TYPE I"), "200 Type set to I");
+    EXPECT_EQ(c.ask("PWD"), "257 \"/\" is the current directory.");
+    EXPECT_EQ(c.ask("CWD docs"), "250 OK. Current directory is /docs");
+    EXPECT_EQ(c.ask("XPWD"), "257 \"/docs\" is the current directory.");
+    EXPECT_EQ(c.ask("CWD nowhere"), "550 CWD failed.");
+    EXPECT_EQ(c.ask("CDUP"), "250 CDUP command successful.");
+    EXPECT_EQ(c.ask("XCWD docs"), "250 OK. Current directory is /docs");
+    EXPECT_EQ(c.ask("XCUP"), "250 CDUP command successful.");
+    EXPECT_EQ(c.ask("SIZE docs/a file.txt"), "213 5");
+    EXPECT_EQ(c.ask("SIZE docs/none"), "550 docs/none No such file or directory.");
+    EXPECT_EQ(c.ask("MFMT 20200102030405 docs/a file.txt"),
+              "213 Modify=20200102030405; docs/a file.txt");
+    EXPECT_EQ(c.ask("MDTM docs/a file.txt"), "213 20200102030405");
+    EXPECT_EQ(c.ask("MDTM none"), "550 No file named none");
+    EXPECT_EQ(c.ask("MFMT 2020 docs/a file.txt"), "500 Invalid MFMT command");
+    EXPECT_EQ(c.ask("MFMT 20200102030405 none"), "550 No file named none");
+    EXPECT_EQ(c.ask("REST 3"), "350 Command successful.");
+    EXPECT_EQ(c.ask("REST -1"), "501 Invalid REST parameter.");
+    EXPECT_EQ(c.ask("LPRT 4,4,127,0,0,1,2,4,1"),
+              "228 Entering Long Passive Mode     (af, hal, h1, h2, h3,..., pal, p1, p2...)");
+    EXPECT_TRUE(startsWith(c.ask("PASV"), "227 Entering Passive Mode (127,0,0,1,"));
+    auto epsv = c.ask("EPSV");
+    EXPECT_TRUE(
+        std::regex_match(epsv, std::regex(R"(229 Entering Extended Passive Mode \(\|\|\|\d+\|\))")))
+        << epsv;
+    EXPECT_EQ(c.ask("MKD new folder"), "250 MKD command successful.");
+    EXPECT_TRUE(fs::is_directory(srv / "new folder"));
+    EXPECT_EQ(c.ask("MKD no/parent"), "550 MKD command failed.");
+    EXPECT_EQ(c.ask("XMKD new folder/sub"), "250 MKD command successful.");
+    EXPECT_EQ(c.ask("XRMD new folder/sub"), "250 RMD command successful.");
+    EXPECT_EQ(c.ask("RMD new folder"), "250 RMD command successful.");
+    EXPECT_EQ(c.ask("RMD new folder"), "550 RMD command failed.");
+    EXPECT_EQ(c.ask("RNTO x"), "550 RNTO command failed.");
+    EXPECT_EQ(c.ask("RNFR none"), "550 RNFR command failed.");
+    test::writeFile(srv / "one", "1");
+    test::writeFile(srv / "two", "2");
+    EXPECT_EQ(c.ask("RNFR one"), "350 RNFR command successful.");
+    EXPECT_EQ(c.ask("RNTO two"), "550 RNTO command failed: File name has been taken.");
+    EXPECT_EQ(c.ask("RNFR one"), "350 RNFR command successful.");
+    EXPECT_EQ(c.ask("RNTO taken dir"), "550 RNTO command failed: Folder name has been taken.");
+    EXPECT_EQ(c.ask("RNFR one"), "350 RNFR command successful.");
+    EXPECT_EQ(c.ask("NOOP"), "200 NOOP command successful.");
+    EXPECT_EQ(c.ask("RNTO three"), "550 RNTO command failed.");  // not right after RNFR
+    EXPECT_EQ(c.ask("RNFR one"), "350 RNFR command successful.");
+    EXPECT_EQ(c.ask("RNTO docs/three"), "250 RNTO command successful.");
+    EXPECT_EQ(test::readFile(srv / "docs/three"), "1");
+    EXPECT_EQ(c.ask("DELE docs/three"), "250 DELE docs/three successful.");
+    EXPECT_FALSE(fs::exists(srv / "docs/three"));
+    EXPECT_EQ(c.ask("DELE docs/three"), "550 docs/three No such file or directory.");
+    EXPECT_EQ(c.ask("DELE taken dir"), "550 DELE taken dir unsuccessful.");
+    EXPECT_EQ(c.ask("DELE"), "550 DELE command failed.");
+    EXPECT_EQ(c.ask("RETR none"), "550 none No such file or directory.");
+    EXPECT_EQ(c.ask("FROB x"), "500 'FROB': command not understood.");
+    EXPECT_EQ(c.ask("APPE x"), "500 'APPE': command not understood.");
+    EXPECT_EQ(c.ask("PORT 1,2,3"), "501 Syntax error in parameters or arguments.");
+    EXPECT_EQ(c.ask("OPTS UTF8 OFF"), "200 UTF8 mode off");
+    c.send("QUIT");
+    EXPECT_EQ(c.reply(),
+              (std::vector<std::string>{"221- Data traffic for this session was 0 bytes in 0 files",
+                                        "221 Thank you for using the FTP service on localhost."}));
+    EXPECT_TRUE(c.closedByServer());
+}
+
+TEST(FtpServer, ListsAndTransfersOverRawDataConnections) {
+    RunningFtpServer srv(userOptions());
+    std::string content = randomBytes(300000, 1);
+    test::writeFile(srv / "data.bin", content);
+    fs::create_directory(srv / "folder");
+    RawFtpClient c(srv.port());
+    ASSERT_TRUE(c.login("bob", "s3cret pw"));
+
+    EXPECT_EQ(c.ask("LIST"), "425 Can't open data connection.");  // no PASV or PORT before
+    auto data = c.passive();
+    ASSERT_TRUE(data);
+    c.send("MLSD");
+    EXPECT_EQ(c.reply().back(), "150 Accepted data connection");
+    auto listing = RawFtpClient::readAll(*data);
+    EXPECT_EQ(c.reply().back(), "226 Transfer complete.");
+    EXPECT_NE(listing.find("type=file;size=300000;"), std::string::npos) << listing;
+    EXPECT_NE(listing.find("; data.bin\r\n"), std::string::npos);
+    EXPECT_NE(listing.find("type=dir;"), std::string::npos);
+
+    data = c.passive();
+    ASSERT_TRUE(data);
+    c.send("NLST");
+    EXPECT_EQ(c.reply().back(), "150 Accepted data connection");
+    EXPECT_EQ(RawFtpClient::readAll(*data), "data.bin\r\nfolder\r\n");
+    EXPECT_EQ(c.reply().back(), "226 Transfer complete.");
+
+    data = c.passive();
+    ASSERT_TRUE(data);
+    c.send("MLST data.bin");
+    EXPECT_EQ(c.reply().back(), "150 Opening BINARY mode data connection for 'data.bin'.");
+    EXPECT_TRUE(startsWith(RawFtpClient::readAll(*data), "type=file;size=300000;"));
+    EXPECT_EQ(c.reply().back(), "226 Transfer complete.");
+
+    EXPECT_EQ(c.ask("REST 100000"), "350 Command successful.");
+    data = c.passive();
+    ASSERT_TRUE(data);
+    c.send("RETR data.bin");
+    EXPECT_EQ(c.reply().back(), "150 Opening BINARY mode data connection for 'data.bin'.");
+    EXPECT_EQ(RawFtpClient::readAll(*data), content.substr(100000));
+    EXPECT_EQ(c.reply().back(), "226 Transfer complete.");
+
+    // The REST offset was used up by that transfer.
+    data = c.passive();
+    ASSERT_TRUE(data);
+    c.send("RETR data.bin");
+    c.reply();
+    EXPECT_EQ(RawFtpClient::readAll(*data).size(), content.size());
+    EXPECT_EQ(c.reply().back(), "226 Transfer complete.");
+}
+
+TEST(FtpServer, CurlListsDownloadsUploadsResumesAndManagesFiles) {
+    RunningFtpServer srv(userOptions());
+    ScratchDir local("curl");
+    std::string content = randomBytes(2 * 1024 * 1024 + 17, 2);
+    test::writeFile(srv / "sub dir/größe data.bin", content);
+    std::string user = "bob:s3cret pw";
+
+    auto list = curl({"--user", user, srv.url("/sub%20dir/")});
+    EXPECT_EQ(list.exitCode, 0) << list.err;
+    EXPECT_NE(list.out.find("größe data.bin"), std::string::npos) << list.out;
+    EXPECT_TRUE(startsWith(list.out, "-rw-r--r--"));
+
+    auto get = curl(
+        {"--user", user, "-o", local / "whole", srv.url("/sub%20dir/gr%C3%B6%C3%9Fe%20data.bin")});
+    EXPECT_EQ(get.exitCode, 0) << get.err;
+    EXPECT_EQ(test::readFile(local / "whole"), content);
+
+    // Resume a download cut off after 1 MiB: curl asks for the rest with REST.
+    test::writeFile(local / "partial", content.substr(0, 1024 * 1024));
+    auto resume = curl({"--user", user, "-C", "-", "-o", local / "partial",
+                        srv.url("/sub%20dir/gr%C3%B6%C3%9Fe%20data.bin")});
+    EXPECT_EQ(resume.exitCode, 0) << resume.err;
+    EXPECT_EQ(test::readFile(local / "partial"), content);
+
+    // Upload, into a new folder made on the way, with active mode once.
+    test::writeFile(local / "up.bin", content);
+    auto put = curl({"--user", user, "-T", local / "up.bin", "--ftp-create-dirs",
+                     srv.url("/new%20folder/uploaded%20%C3%A9.bin")});
+    EXPECT_EQ(put.exitCode, 0) << put.err;
+    EXPECT_EQ(test::readFile(srv / "new folder/uploaded é.bin"), content);
+    auto active =
+        curl({"--user", user, "-P", "127.0.0.1", "-T", local / "up.bin", srv.url("/active.bin")});
+    EXPECT_EQ(active.exitCode, 0) << active.err;
+    EXPECT_EQ(test::readFile(srv / "active.bin"), content);
+
+    // Quote commands after a listing: rename, delete, make and remove a folder.
+    auto quote = curl({"--user", user, "-l", "-Q", "-RNFR active.bin", "-Q", "-RNTO renamed.bin",
+                       "-Q", "-DELE new folder/uploaded é.bin", "-Q", "-MKD made", "-Q",
+                       "-RMD new folder", srv.url("/")});
+    EXPECT_EQ(quote.exitCode, 0) << quote.err;
+    EXPECT_TRUE(fs::exists(srv / "renamed.bin"));
+    EXPECT_FALSE(fs::exists(srv / "active.bin"));
+    EXPECT_FALSE(fs::exists(srv / "new folder"));
+    EXPECT_TRUE(fs::is_directory(srv / "made"));
+
+    auto wrong = curl({"--user", "bob:nope", srv.url("/")});
+    EXPECT_NE(wrong.exitCode, 0);
+}
+
+TEST(FtpServer, LftpBrowsesTransfersResumesRenamesAndDeletes) {
+    RunningFtpServer srv(userOptions());
+    ScratchDir local("lftp");
+    std::string content = randomBytes(1500000, 3);
+    test::writeFile(srv / "Ordner mit Leerzeichen/日本語 ファイル.bin", content);
+    test::writeFile(local / "up load.bin", content);
+    test::writeFile(local / "resume.bin", content);
+    // What a cut-off upload left behind; "put -c" sends the rest after REST.
+    test::writeFile(srv / "resume.bin", content.substr(0, 700000));
+
+    auto r = lftp(local.path(), srv.port(), "bob,s3cret pw",
+                  "lcd " + local.path() +
+                      "; cd 'Ordner mit Leerzeichen'; ls; get '日本語 ファイル.bin' -o got.bin; "
+                      "put 'up load.bin' -o 'hoch geladen.bin'; mv 'hoch geladen.bin' "
+                      "'umbenannt.bin'; mkdir 'neu er'; rmdir 'neu er'; cd ..; put -c resume.bin; "
+                      "rm 'Ordner mit Leerzeichen/umbenannt.bin'");
+    EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
+    EXPECT_NE(r.out.find("日本語 ファイル.bin"), std::string::npos) << r.out;
+    EXPECT_EQ(test::readFile(local / "got.bin"), content);
+    EXPECT_EQ(test::readFile(srv / "resume.bin"), content);
+    EXPECT_FALSE(fs::exists(srv / "Ordner mit Leerzeichen/hoch geladen.bin"));
+    EXPECT_FALSE(fs::exists(srv / "Ordner mit Leerzeichen/umbenannt.bin"));
+    EXPECT_FALSE(fs::exists(srv / "Ordner mit Leerzeichen/neu er"));
+    auto log = srv.log();
+    EXPECT_TRUE(std::any_of(log.begin(), log.end(), [](const std::string& l) {
+        return l.find("STOR resume.bin from 700000") != std::string::npos;
+    })) << "lftp did not resume with REST";
+}
+
+const char* kFtplibScript = R"PY(
+import ftplib, io, sys
+port, user, password, local = int(sys.argv[1]), sys.argv[2], sys.argv[3], sys.argv[4]
+f = ftplib.FTP()
+f.connect('127.0.0.1', port, timeout=10)
+print(f.login(user, password))
+data = open(local + '/src.bin', 'rb').read()
+f.mkd('Dossier é')
+f.cwd('Dossier é')
+f.storbinary('STOR fichier été.bin', io.BytesIO(data))
+print('size', f.size('fichier été.bin'))
+print('mlsd', sorted(n for n, facts in f.mlsd()))
+print('nlst', f.nlst())
+got = io.BytesIO()
+f.retrbinary('RETR fichier été.bin', got.write)
+assert got.getvalue() == data, 'download differs'
+tail = io.BytesIO()
+f.retrbinary('RETR fichier été.bin', tail.write, rest=1000)
+assert tail.getvalue() == data[1000:], 'REST download differs'
+# Resume an upload from what the server has.
+f.storbinary('STOR half.bin', io.BytesIO(data[:5000]))
+have = f.size('half.bin')
+f.storbinary('STOR half.bin', io.BytesIO(data[have:]), rest=have)
+got = io.BytesIO()
+f.retrbinary('RETR half.bin', got.write)
+assert got.getvalue() == data, 'resumed upload differs'
+f.rename('half.bin', 'entier.bin')
+f.delete('fichier été.bin')
+f.mkd('vide')
+f.rmd('vide')
+f.cwd('/')
+print('pwd', f.pwd())
+print(f.quit())
+)PY";
+
+TEST(FtpServer, PythonFtplibUploadsDownloadsAndResumesBothWays) {
+    RunningFtpServer srv(userOptions());
+    ScratchDir local("ftplib");
+    std::string content = randomBytes(400000, 4);
+    test::writeFile(local / "src.bin", content);
+    auto r = test::runPython(kFtplibScript,
+                             {std::to_string(srv.port()), "bob", "s3cret pw", local.path()});
+    EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
+    EXPECT_NE(r.out.find("230 User bob logged in."), std::string::npos);
+    EXPECT_NE(r.out.find("size 400000"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("mlsd ['fichier été.bin']"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("pwd /"), std::string::npos);
+    EXPECT_EQ(test::readFile(srv / "Dossier é/entier.bin"), content);
+    EXPECT_FALSE(fs::exists(srv / "Dossier é/fichier été.bin"));
+    EXPECT_FALSE(fs::exists(srv / "Dossier é/vide"));
+}
+
+TEST(FtpServer, AnonymousSessionsAreReadOnlyUnlessUploadsAreAllowed) {
+    ScratchDir local("anon");
+    test::writeFile(local / "f.txt", "upload");
+    {
+        RunningFtpServer srv;  // no user name: anonymous access
+        test::writeFile(srv / "pub.txt", "public");
+        auto get = curl({srv.url("/pub.txt")});
+        EXPECT_EQ(get.exitCode, 0) << get.err;
+        EXPECT_EQ(get.out, "public");
+        auto put = curl({"-T", local / "f.txt", srv.url("/f.txt")});
+        EXPECT_NE(put.exitCode, 0);
+        EXPECT_FALSE(fs::exists(srv / "f.txt"));
+
+        RawFtpClient c(srv.port());
+        c.reply();
+        EXPECT_EQ(c.ask("USER anonymous"), "230 User anonymous logged in.");
+        EXPECT_EQ(c.ask("STOR x"), "553 x: Permission denied.");
+        EXPECT_EQ(c.ask("DELE pub.txt"), "550 Permission denied.");
+        EXPECT_EQ(c.ask("MKD d"), "550 Permission denied.");
+        EXPECT_EQ(c.ask("RNFR pub.txt"), "550 Permission denied.");
+        EXPECT_EQ(c.ask("MFMT 20200101000000 pub.txt"), "550 Permission denied.");
+        EXPECT_TRUE(fs::exists(srv / "pub.txt"));
+
+        auto ftplib = test::runPython(
+            "import "
+            "ftplib,sys\nf=ftplib.FTP()\nf.connect('127.0.0.1',int(sys.argv[1]),timeout=10)\n"
+            "print(f.login())\nprint(f.nlst())\n",
+            {std::to_string(srv.port())});
+        EXPECT_EQ(ftplib.exitCode, 0) << ftplib.err;
+        EXPECT_NE(ftplib.out.find("['pub.txt']"), std::string::npos);
+    }
+    {
+        FtpServerOptions o;
+        o.username = "Anonymous";  // the configured name "anonymous" in any case also means anyone
+        o.allowAnonymousUploads = true;
+        RunningFtpServer srv(o);
+        auto put = curl({"-T", local / "f.txt", srv.url("/f.txt")});
+        EXPECT_EQ(put.exitCode, 0) << put.err;
+        EXPECT_EQ(test::readFile(srv / "f.txt"), "upload");
+    }
+    {
+        FtpServerOptions o;
+        o.username = "carol";  // a user without a password logs in with USER alone
+        RunningFtpServer srv(o);
+        RawFtpClient c(srv.port());
+        c.reply();
+        EXPECT_EQ(c.ask("USER anonymous"), "530 Login User incorrect.");
+        EXPECT_EQ(c.ask("USER carol"), "230 User carol logged in.");
+    }
+}
+
+TEST(FtpServer, ConfinesEveryPathToTheSharedFolder) {
+    ScratchDir outside("outside");
+    test::writeFile(outside / "secret.txt", "secret");
+    FtpServerOptions o = userOptions();
+    RunningFtpServer srv(o);
+    test::writeFile(srv / "inside/ok.txt", "ok");
+    fs::create_directory_symlink("/etc", srv / "etc-link");
+    fs::create_symlink(outside / "secret.txt", srv / "secret-link");
+    fs::create_symlink(outside / "new-outside.txt", srv / "dangling");
+    fs::create_directory_symlink(srv / "inside", srv / "inner-link");
+
+    RawFtpClient c(srv.port());
+    ASSERT_TRUE(c.login("bob", "s3cret pw"));
+    EXPECT_EQ(c.ask("RETR ../../etc/passwd"), "550 ../../etc/passwd No such file or directory.");
+    EXPECT_EQ(c.ask("SIZE /../../../etc/passwd"),
+              "550 /../../../etc/passwd No such file or directory.");
+    EXPECT_EQ(c.ask("CWD /../.."), "250 OK. Current directory is /");
+    EXPECT_EQ(c.ask("CWD ../../.."), "250 OK. Current directory is /");
+    EXPECT_EQ(c.ask("PWD"), "257 \"/\" is the current directory.");
+    EXPECT_EQ(c.ask("CWD etc-link"), "550 CWD failed.");
+    EXPECT_EQ(c.ask("SIZE etc-link/passwd"), "550 etc-link/passwd No such file or directory.");
+    EXPECT_EQ(c.ask("RETR etc-link/passwd"), "550 etc-link/passwd No such file or directory.");
+    EXPECT_EQ(c.ask("RETR secret-link"), "550 secret-link No such file or directory.");
+    EXPECT_EQ(c.ask("MDTM secret-link"), "550 No file named secret-link");
+    EXPECT_EQ(c.ask("STOR dangling"), "553 dangling: Permission denied.");
+    EXPECT_EQ(c.ask("STOR etc-link/evil"), "553 etc-link/evil: Permission denied.");
+    EXPECT_EQ(c.ask("MKD etc-link/evil"), "550 MKD command failed.");
+    EXPECT_EQ(c.ask("DELE secret-link"), "550 secret-link No such file or directory.");
+    EXPECT_EQ(c.ask("RNFR etc-link"), "550 RNFR command failed.");
+    EXPECT_EQ(c.ask("RNFR inside/ok.txt"), "350 RNFR command successful.");
+    EXPECT_EQ(c.ask("RNTO etc-link/moved"), "550 RNTO command failed.");
+    EXPECT_EQ(c.ask("MFMT 20000101000000 secret-link"), "550 No file named secret-link");
+    EXPECT_EQ(c.ask("SIZE %2e%2e/%2e%2e/etc/passwd"),
+              "550 %2e%2e/%2e%2e/etc/passwd No such file or directory.");
+    // A link that stays inside works.
+    EXPECT_EQ(c.ask("SIZE inner-link/ok.txt"), "213 2");
+    EXPECT_FALSE(fs::exists(outside / "new-outside.txt"));
+    EXPECT_FALSE(fs::exists("/etc/evil"));
+    EXPECT_EQ(test::readFile(outside / "secret.txt"), "secret");
+
+    // Listings leave the escaping links out; the inside one shows.
+    auto listing = curl({"--user", "bob:s3cret pw", srv.url("/")});
+    EXPECT_EQ(listing.exitCode, 0) << listing.err;
+    EXPECT_EQ(listing.out.find("etc-link"), std::string::npos) << listing.out;
+    EXPECT_EQ(listing.out.find("secret-link"), std::string::npos);
+    EXPECT_NE(listing.out.find("inner-link"), std::string::npos);
+    auto passwd = curl({"--user", "bob:s3cret pw", "--path-as-is", srv.url("/../../etc/passwd")});
+    EXPECT_NE(passwd.exitCode, 0);
+    EXPECT_EQ(passwd.out.find("root:"), std::string::npos);
+    auto viaLink = curl({"--user", "bob:s3cret pw", srv.url("/etc-link/passwd")});
+    EXPECT_NE(viaLink.exitCode, 0);
+    EXPECT_EQ(viaLink.out.find("root:"), std::string::npos);
+}
+
+TEST(FtpServer, RefusesPortAndEprtToAnotherAddressAndDropsForeignPassiveConnections) {
+    RunningFtpServer srv(userOptions());
+    test::writeFile(srv / "f.txt", "content");
+    // A listener on another loopback address: the server must never connect to it.
+    asio::io_context io;
+    asio::ip::tcp::acceptor bystander(io, {asio::ip::make_address("127.0.0.2"), 0});
+    bystander.non_blocking(true);
+    auto bport = bystander.local_endpoint().port();
+
+    RawFtpClient c(srv.port());
+    ASSERT_TRUE(c.login("bob", "s3cret pw"));
+    EXPECT_EQ(c.ask(fmt::format("PORT 127,0,0,2,{},{}", bport >> 8, bport & 0xff)),
+              "500 Illegal PORT command.");
+    EXPECT_EQ(c.ask(fmt::format("EPRT |1|127.0.0.2|{}|", bport)), "500 Illegal EPRT command.");
+    EXPECT_EQ(c.ask(fmt::format("EPRT |2|::1|{}|", bport)), "500 Illegal EPRT command.");
+    EXPECT_EQ(c.ask("PORT 127,0,0,1,0,21"), "500 Illegal PORT command.");  // a system port
+    EXPECT_EQ(c.ask("NOOP"), "200 NOOP command successful.");
+    asio::error_code ec;
+    asio::ip::tcp::socket probe(io);
+    bystander.accept(probe, ec);
+    EXPECT_EQ(ec, asio::error::would_block) << "the server connected to 127.0.0.2";
+
+    // Passive: a connection from 127.0.0.2 to the data port is dropped; the client's own works.
+    auto r = c.ask("PASV");
+    std::smatch m;
+    ASSERT_TRUE(std::regex_search(r, m, std::regex(R"(,(\d+),(\d+)\))")));
+    unsigned short dport = static_cast<unsigned short>(std::stoi(m[1]) * 256 + std::stoi(m[2]));
+    asio::ip::tcp::socket intruder(io);
+    intruder.open(asio::ip::tcp::v4());
+    intruder.bind({asio::ip::make_address("127.0.0.2"), 0});
+    intruder.connect({asio::ip::make_address("127.0.0.1"), dport}, ec);
+    ASSERT_FALSE(ec);
+    char byte;
+    intruder.read_some(asio::buffer(&byte, 1), ec);  // the server closes it
+    EXPECT_TRUE(ec == asio::error::eof || ec == asio::error::connection_reset) << ec.message();
+    asio::ip::tcp::socket own(io);
+    own.connect({asio::ip::make_address("127.0.0.1"), dport}, ec);
+    ASSERT_FALSE(ec);
+    c.send("RETR f.txt");
+    EXPECT_EQ(c.reply().back(), "150 Opening BINARY mode data connection for 'f.txt'.");
+    EXPECT_EQ(RawFtpClient::readAll(own), "content");
+    EXPECT_EQ(c.reply().back(), "226 Transfer complete.");
+    auto log = srv.log();
+    EXPECT_TRUE(std::any_of(log.begin(), log.end(), [](const std::string& l) {
+        return l.find("dropped data connection from 127.0.0.2") != std::string::npos;
+    }));
+}
+
+TEST(FtpServer, HonoursTheSessionLimitUnderTwoHundredParallelSessions) {
+    FtpServerOptions o = userOptions();
+    RunningFtpServer srv(o);  // the default limit, 50
+    std::vector<std::unique_ptr<RawFtpClient>> clients;
+    int welcomed = 0, refused = 0;
+    for (int i = 0; i < 200; ++i) clients.push_back(std::make_unique<RawFtpClient>(srv.port()));
+    for (auto& c : clients) {
+        auto banner = c->line();
+        if (startsWith(banner, "220 "))
+            ++welcomed;
+        else if (banner == "421 Too many connections, try again later.")
+            ++refused;
+    }
+    EXPECT_EQ(welcomed, 50);
+    EXPECT_EQ(refused, 150);
+    EXPECT_EQ(srv.server().connectionCount(), 50u);
+    // The sessions let in work; once they leave, newcomers get in again.
+    int answered = 0;
+    for (auto& c : clients)
+        if (c->ask("PWD") == "530 Please login with USER and PASS.") ++answered;
+    EXPECT_EQ(answered, 50);
+    clients.clear();
+    RawFtpClient late(srv.port());
+    // Closing is noticed asynchronously; the newcomer is let in or told to retry, never ignored.
+    auto banner = late.line();
+    for (int attempt = 0; attempt < 50 && !startsWith(banner, "220 "); ++attempt) {
+        RawFtpClient again(srv.port());
+        banner = again.line();
+    }
+    EXPECT_TRUE(startsWith(banner, "220 ")) << banner;
+}
+
+TEST(FtpServer, ClosesOnOverlongLinesAndAnswersJunkWithoutCrashing) {
+    RunningFtpServer srv(userOptions());
+    {
+        RawFtpClient c(srv.port());
+        c.reply();
+        c.sendRaw(std::string(1024 * 1024, 'A'));
+        EXPECT_EQ(c.line(), "500 Command line too long.");
+        EXPECT_TRUE(c.closedByServer());
+    }
+    {
+        RawFtpClient c(srv.port());
+        c.reply();
+        c.sendRaw("STOR " + std::string(5000, 'x') + "\r\n");
+        EXPECT_EQ(c.line(), "500 Command line too long.");
+    }
+    RawFtpClient c(srv.port());
+    c.reply();
+    EXPECT_EQ(c.ask("LIST"), "530 Please login with USER and PASS.");
+    EXPECT_EQ(c.ask("RETR /etc/passwd"), "530 Please login with USER and PASS.");
+    EXPECT_EQ(c.ask(std::string("US\0ER x", 7)), "500 'US?ER': command not understood.");
+    EXPECT_EQ(c.ask("USER \xff\xfe"), "501 Invalid UTF-8 in command.");
+    EXPECT_EQ(c.ask("\x01\x02\x03"), "500 '\?\?\?': command not understood.");
+    EXPECT_EQ(c.ask(""), "500 '': command not understood.");
+    EXPECT_EQ(c.ask("NOOP\rINJECTED"), "500 'NOOP?INJECTED': command not understood.");
+    std::mt19937 rng(7);
+    for (int i = 0; i < 300; ++i) {
+        std::string junk;
+        for (int n = rng() % 100; n > 0; --n) junk += static_cast<char>(rng() % 256);
+        junk.erase(std::remove(junk.begin(), junk.end(), '\n'), junk.end());
+        c.sendRaw(junk + "\r\n");
+    }
+    int replies = 0;
+    for (int i = 0; i < 300; ++i) replies += c.line().empty() ? 0 : 1;
+    EXPECT_EQ(replies, 300);  // one reply per junk line, and the session is still there
+    EXPECT_EQ(c.ask("USER bob"), "331 Password required for bob");
+    ASSERT_EQ(c.ask("PASS s3cret pw"), "230 User bob logged in.");
+    for (auto cmd : {"TYPE", "PORT", "EPRT", "EPRT |3|x|1|", "EPRT ||||", "MFMT", "REST x",
+                     "REST 99999999999999999999", "OPTS", "RNTO", "SIZE", "MDTM", "STOR", "RETR",
+                     "MLST /nonexistent", "LIST /nonexistent", "RETR a::thumbnail"}) {
+        auto r = c.ask(cmd);
+        EXPECT_TRUE(r.size() >= 3 && (r[0] == '5' || r[0] == '4')) << cmd << " -> " << r;
+    }
+    EXPECT_EQ(c.ask("NOOP"), "200 NOOP command successful.");
+}
+
+TEST(FtpServer, DelaysFailedLoginsAndRunsNothingSentAlongWithPass) {
+    FtpServerOptions o = userOptions();
+    o.loginFailureDelay = std::chrono::milliseconds(200);
+    o.maxLoginFailures = 3;
+    RunningFtpServer srv(o);
+    test::writeFile(srv / "keep.txt", "keep");
+    {
+        RawFtpClient c(srv.port());
+        c.reply();
+        auto start = std::chrono::steady_clock::now();
+        // A brute-force batch in one packet: only the first attempt is answered.
+        c.sendRaw("USER bob\r\nPASS a\r\nUSER bob\r\nPASS b\r\nUSER bob\r\nPASS s3cret pw\r\n");
+        EXPECT_EQ(c.line(), "331 Password required for bob");
+        EXPECT_EQ(c.line(), "530 Login incorrect.");
+        EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(200));
+        EXPECT_EQ(c.ask("NOOP"), "200 NOOP command successful.");
+        start = std::chrono::steady_clock::now();
+        EXPECT_EQ(c.ask("USER mallory"), "530 Login User incorrect.");
+        EXPECT_GE(std::chrono::steady_clock::now() - start,
+                  std::chrono::milliseconds(400));  // doubled
+        EXPECT_EQ(c.ask("USER bob"), "331 Password required for bob");
+        c.send("PASS c");
+        EXPECT_EQ(c.line(), "530 Login incorrect.");
+        EXPECT_EQ(c.line(), "421 Too many failed logins, closing control connection.");
+        EXPECT_TRUE(c.closedByServer());
+    }
+    {
+        RawFtpClient c(srv.port());
+        c.reply();
+        c.sendRaw("USER bob\r\nPASS s3cret pw\r\nDELE keep.txt\r\n");
+        EXPECT_EQ(c.line(), "331 Password required for bob");
+        EXPECT_EQ(c.line(), "230 User bob logged in.");
+        EXPECT_EQ(c.ask("NOOP"), "200 NOOP command successful.");  // DELE was never answered
+        EXPECT_TRUE(fs::exists(srv / "keep.txt"));
+    }
+}
+
+TEST(FtpServer, ClosesIdleSessions) {
+    FtpServerOptions o = userOptions();
+    o.idleTimeout = std::chrono::milliseconds(300);
+    RunningFtpServer srv(o);
+    RawFtpClient c(srv.port());
+    c.reply();
+    EXPECT_EQ(c.ask("NOOP"), "200 NOOP command successful.");
+    EXPECT_EQ(c.line(), "421 Timeout: closing control connection.");
+    EXPECT_TRUE(c.closedByServer());
+    EXPECT_EQ(srv.server().connectionCount(), 0u);
+}
+
+TEST(FtpServer, InterruptedUploadKeepsWhatArrivedAndResumesFromSize) {
+    RunningFtpServer srv(userOptions());
+    std::string content = randomBytes(1000000, 5);
+    RawFtpClient c(srv.port());
+    ASSERT_TRUE(c.login("bob", "s3cret pw"));
+    {
+        auto data = c.passive();
+        ASSERT_TRUE(data);
+        c.send("STOR cut.bin");
+        EXPECT_EQ(c.reply().back(), "150 Opening BINARY mode data connection for 'cut.bin'.");
+        asio::write(*data, asio::buffer(content.data(), 300000));
+        // Reset instead of a clean close: the upload was cut off.
+        data->set_option(asio::socket_base::linger(true, 0));
+        data->close();
+    }
+    auto end = c.reply().back();
+    EXPECT_TRUE(end == "426 Connection closed; transfer aborted." ||
+                end == "226 Transfer complete.")
+        << end;
+    auto size = c.ask("SIZE cut.bin");
+    ASSERT_TRUE(startsWith(size, "213 "));
+    auto have = std::stoul(size.substr(4));
+    EXPECT_LE(have, 300000u);
+    EXPECT_EQ(fs::file_size(srv / "cut.bin"), have);  // SIZE tells what is on disk
+    EXPECT_EQ(test::readFile(srv / "cut.bin"), content.substr(0, have));
+
+    EXPECT_EQ(c.ask("REST " + std::to_string(have)), "350 Command successful.");
+    auto data = c.passive();
+    ASSERT_TRUE(data);
+    c.send("STOR cut.bin");
+    EXPECT_EQ(c.reply().back(), "150 Opening BINARY mode data connection for 'cut.bin'.");
+    asio::write(*data, asio::buffer(content.data() + have, content.size() - have));
+    data->shutdown(asio::socket_base::shutdown_send);
+    data->close();
+    EXPECT_EQ(c.reply().back(), "226 Transfer complete.");
+    EXPECT_EQ(test::readFile(srv / "cut.bin"), content);
+    EXPECT_EQ(c.ask("REST 2000000"), "350 Command successful.");
+    c.passive();
+    EXPECT_EQ(c.ask("STOR cut.bin"), "554 Restart offset beyond end of file.");
+    EXPECT_EQ(test::readFile(srv / "cut.bin"), content);
+}
+
+TEST(FtpServer, ReportsChangedFoldersToTheNotificationObject) {
+    RunningFtpServer srv(userOptions());
+    ScratchDir local("notify");
+    test::writeFile(local / "f.txt", "x");
+    fs::create_directory(srv / "sub");
+    auto put = curl({"--user", "bob:s3cret pw", "-T", local / "f.txt", srv.url("/sub/f.txt")});
+    ASSERT_EQ(put.exitCode, 0) << put.err;
+    RawFtpClient c(srv.port());
+    ASSERT_TRUE(c.login("bob", "s3cret pw"));
+    EXPECT_EQ(c.ask("MKD made"), "250 MKD command successful.");
+    EXPECT_EQ(c.ask("DELE sub/f.txt"), "250 DELE sub/f.txt successful.");
+    EXPECT_EQ(c.ask("NOOP"), "200 NOOP command successful.");
+    auto folders = srv.changes().folders();
+    auto root = srv.rootPath();
+    EXPECT_EQ(folders, (std::vector<std::string>{root + "/sub", root, root + "/sub"}));
+}
+
+TEST(FtpServer, SendsThumbnailsFromTheProviderForThumbnailNames) {
+    ScratchDir cache("thumbs");
+    test::writeFile(cache / "t.jpg", "JPEGDATA");
+    FtpServerOptions o = userOptions();
+    o.thumbnailProvider = [&cache](const std::string& path) -> std::optional<std::string> {
+        if (StringUtils::endsWith(path, "/photo.raw")) return cache / "t.jpg";
+        return std::nullopt;
+    };
+    RunningFtpServer srv(o);
+    test::writeFile(srv / "photo.raw", "RAWDATA");
+    test::writeFile(srv / "other.raw", "RAWDATA");
+    auto thumb = curl({"--user", "bob:s3cret pw", srv.url("/photo.raw::thumbnail")});
+    EXPECT_EQ(thumb.exitCode, 0) << thumb.err;
+    EXPECT_EQ(thumb.out, "JPEGDATA");
+    RawFtpClient c(srv.port());
+    ASSERT_TRUE(c.login("bob", "s3cret pw"));
+    EXPECT_EQ(c.ask("RETR other.raw::thumbnail"),
+              "550 other.raw::thumbnail No such file or directory.");
+    EXPECT_EQ(c.ask("RETR missing.raw::thumbnail"),
+              "550 missing.raw::thumbnail No such file or directory.");
+}
+
+}  // namespace
+}  // namespace quillon
