@@ -194,13 +194,18 @@ std::optional<KvMetadata> parseUnix(std::string_view line, system_clock::time_po
             }
         }
         if (!dateEnd) continue;
-        // The size column stands right before the date.
+        // The size column stands right before the date; device files have "major, minor" there.
         std::optional<long long> size = toNumber(toks[i - 1].text);
+        char kind = toks[0].text[0];
         bool device = false;
-        if (!size && i >= 2 && !toks[i - 2].text.empty() && toks[i - 2].text.back() == ',') {
-            device = true;
-        } else if (!size && toks[i - 1].text.find(',') != std::string_view::npos) {
-            device = true;  // "1,3"
+        std::size_t sizeIdx = i - 1;
+        if (kind == 'c' || kind == 'b') {
+            if (i >= 3 && !toks[i - 2].text.empty() && toks[i - 2].text.back() == ',') {
+                device = true;
+                sizeIdx = i - 2;
+            } else if (toks[i - 1].text.find(',') != std::string_view::npos) {
+                device = true;
+            }
         }
         if (!size && !device) continue;
         if (ty->hasYear)
@@ -216,7 +221,6 @@ std::optional<KvMetadata> parseUnix(std::string_view line, system_clock::time_po
         std::string name(line.substr(nameStart));
 
         KvMetadata m;
-        char kind = toks[0].text[0];
         m.isDir = kind == 'd' || kind == 'D';
         m.unixPermission = std::string(toks[0].text);
         if (kind == 'l') {
@@ -233,11 +237,6 @@ std::optional<KvMetadata> parseUnix(std::string_view line, system_clock::time_po
         m.timestamp = when;
         m.timestampString =
             std::string(line.substr(toks[i].begin, toks[dateEnd].end - toks[i].begin));
-        std::size_t sizeIdx = device ? (toks[i - 1].text.find(',') != std::string_view::npos &&
-                                                toks[i - 1].text.back() != ','
-                                            ? i - 1
-                                            : i - 2)
-                                     : i - 1;
         // Between the permissions and the size: an optional link count, the owner, the group.
         std::size_t first = 1;
         if (first < sizeIdx && allDigits(toks[first].text)) ++first;

@@ -127,10 +127,33 @@ Result<KvMetadataList> FtpWrapper::contentsOfDirectoryAtPathSync(const KvMetadat
     (void)probe(true);
     if (cancelled()) return KvMetadataList{};
     auto result = serverInfo()->supportMLSD.value_or(false) ? mlsdCmd(folder) : listCmd(folder);
-    if (!result) return result;
+    if (!result) {
+        if (result.error().code == CURLE_REMOTE_ACCESS_DENIED && isMissing(folder))
+            result.error().code = ErrorCode::NotFound;
+        return result;
+    }
     if (cancelled()) return KvMetadataList{};
     folderList_ = *result;
     return result;
+}
+
+bool FtpWrapper::isMissing(const KvMetadata& item) {
+    // A refused CWD reads the same for a missing folder and a forbidden one: the parent's
+    // listing tells them apart.
+    std::string path = item.pathOrEmpty();
+    while (path.size() > 1 && path.back() == '/') path.pop_back();
+    if (path.empty() || path == "/") return false;
+    KvMetadata parent(parentPath(path));
+    parent.isDir = true;
+    bool previous = forceIncludesHiddenFiles();
+    setForceIncludesHiddenFiles(true);
+    auto siblings = serverInfo()->supportMLSD.value_or(false) ? mlsdCmd(parent) : listCmd(parent);
+    setForceIncludesHiddenFiles(previous);
+    if (!siblings) return false;
+    std::string name = StringUtils::lastPathComponent(path);
+    for (auto& s : *siblings)
+        if (s.nameIgnoreLinkResolve() == name) return false;
+    return true;
 }
 
 Result<KvMetadataList> FtpWrapper::mlsdCmd(const KvMetadata& folder) {
@@ -235,6 +258,16 @@ int FtpWrapper::onProgress(std::int64_t dltotal, std::int64_t dlnow, std::int64_
         postProgress(done, totalDlSize_);
     }
     return 0;
+}
+
+void FtpWrapper::finishProgress(std::int64_t total) {
+    if (total <= 0 || skipProgressUpdate_) return;
+    std::int64_t scale = total > kFineProgressAbove ? 1000 : 100;
+    // libcurl's last report comes with done equal to total, which the callback passes over: the
+    // final step is reported here, once the transfer is known to be complete.
+    if (currentProgress_ == static_cast<int>(scale)) return;
+    currentProgress_ = static_cast<int>(scale);
+    postProgress(total, total);
 }
 
 void FtpWrapper::postProgress(std::int64_t done, std::int64_t total) {
@@ -342,6 +375,8 @@ Status FtpWrapper::downloadFile(const KvMetadata& file, const std::string& saveT
 
 Status FtpWrapper::uploadSync(const KvMetadata& localFile, const KvMetadata& toFolder,
                               const ProgressHandler& progress) {
+    if (cancelled())
+        return KvError::fail(ErrorDomain::FTP, CURLE_ABORTED_BY_CALLBACK, "Upload Cancelled");
     if (auto s = probe(false); !s) return s;
     uploadProgressHandler_ = progress;
     return uploadFileForFTP(localFile, toFolder, std::nullopt, 0);
@@ -424,6 +459,7 @@ Status FtpWrapper::uploadFileForFTP(const KvMetadata& localFile, const KvMetadat
         if (text.empty()) e.reason = parseErrorInMessage(stringForHeaderResp());
         return std::unexpected(e);
     }
+    finishProgress(size);
     if (serverInfo()->supportMFMT.value_or(false)) {
         struct stat ls {};
         if (::stat(localPath.c_str(), &ls) == 0)

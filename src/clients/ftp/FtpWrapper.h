@@ -153,6 +153,8 @@ class FtpWrapper : public Wrapper {
     static bool hasControlCharacters(const std::string& s);
     Status refuseUnsafe(const std::string& path) const;
     void postProgress(std::int64_t done, std::int64_t total);
+    void finishProgress(std::int64_t total);
+    bool isMissing(const KvMetadata& item);
     Result<KvMetadataList> listing(const KvMetadata& folder, bool forDelete);
     Status readRange(std::uint64_t from, std::optional<std::uint64_t> length,
                      const std::function<bool(const Bytes&)>& handler);

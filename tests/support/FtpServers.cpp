@@ -1,0 +1,548 @@
+#include "support/FtpServers.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+extern char** environ;
+
+namespace fs = std::filesystem;
+
+namespace quillon::test {
+
+namespace {
+
+// The user the servers that log in real users write as: "nobody" exists everywhere.
+constexpr uid_t kNobody = 65534;
+constexpr gid_t kNogroup = 65534;
+
+constexpr const char* kPyftpdlibScript = R"PY(
+import argparse, logging, sys
+from pyftpdlib.authorizers import DummyAuthorizer
+from pyftpdlib.handlers import FTPHandler, DTPHandler
+from pyftpdlib.servers import FTPServer
+
+ap = argparse.ArgumentParser()
+ap.add_argument('--port', type=int, required=True)
+ap.add_argument('--root', required=True)
+ap.add_argument('--user', required=True)
+ap.add_argument('--password', required=True)
+ap.add_argument('--implicit-tls', metavar='PEMFILE')
+ap.add_argument('--explicit-tls', metavar='PEMFILE')
+ap.add_argument('--masquerade')
+ap.add_argument('--cut-after', type=int, default=0)
+ap.add_argument('--cuts', type=int, default=-1)
+ap.add_argument('--rest-log')
+a = ap.parse_args()
+logging.basicConfig(level=logging.WARNING)
+
+state = {'cuts': a.cuts}
+
+def cutting(base):
+    class Cutting(base):
+        _counted = False
+
+        def use_sendfile(self):
+            # send() must see every byte to cut the transfer.
+            return False if a.cut_after > 0 else super().use_sendfile()
+
+        def readable(self):
+            # curl starts the TLS handshake on a data connection before it sends RETR or LIST;
+            # pyftpdlib would close a data channel that turns readable that early.
+            if getattr(self, '_ssl_accepting', False):
+                return True
+            return super().readable()
+
+        def send(self, data):
+            if a.cut_after > 0 and state['cuts'] != 0 and self.file_obj is not None \
+                    and not self.receive:
+                room = a.cut_after - self.tot_bytes_sent
+                if room <= 0:
+                    if not self._counted:
+                        self._counted = True
+                        if state['cuts'] > 0:
+                            state['cuts'] -= 1
+                    self._resp = ('426 Connection closed; transfer aborted.', logging.info)
+                    self.close()
+                    return 0
+                data = data[:room]
+            return super().send(data)
+    return Cutting
+
+tls = a.implicit_tls or a.explicit_tls
+if tls:
+    from pyftpdlib.handlers import TLS_FTPHandler, TLS_DTPHandler
+    base, dtp = TLS_FTPHandler, TLS_DTPHandler
+else:
+    base, dtp = FTPHandler, DTPHandler
+
+class Handler(base):
+    dtp_handler = cutting(dtp)
+
+    def ftp_REST(self, line):
+        if a.rest_log:
+            with open(a.rest_log, 'a') as f:
+                f.write(line.strip() + '\n')
+        return super().ftp_REST(line)
+
+    if a.implicit_tls:
+        def handle(self):
+            self.secure_connection(self.ssl_context)
+
+        def handle_ssl_established(self):
+            base.handle(self)
+
+if tls:
+    from OpenSSL import SSL
+    ctx = SSL.Context(SSL.TLS_SERVER_METHOD)
+    ctx.use_certificate_chain_file(tls)
+    ctx.use_privatekey_file(tls)
+    ctx.set_options(SSL.OP_NO_SSLv2 | SSL.OP_NO_SSLv3 | SSL.OP_NO_COMPRESSION)
+    # Data connections resume the control connection's TLS session, which needs a session id
+    # context on the server side.
+    ctx.set_session_id(b'quillon-test')
+    Handler.ssl_context = ctx
+
+auth = DummyAuthorizer()
+auth.add_user(a.user, a.password, a.root, perm='elradfmwMT')
+Handler.authorizer = auth
+if a.masquerade:
+    Handler.masquerade_address = a.masquerade
+server = FTPServer(('127.0.0.1', a.port), Handler)
+server.max_cons = 64
+print('READY', flush=True)
+server.serve_forever(handle_exit=True)
+)PY";
+
+std::string ftpdRoot() {
+    if (const char* p = std::getenv("QUILLON_FTPD_ROOT")) return p;
+    return "/opt/quillon-ftpd";
+}
+
+// The unpacked copy first (the packages conflict, so only one can be installed), then the
+// installed one.
+std::string findProgram(const std::string& package, const std::string& rel) {
+    std::string unpacked = ftpdRoot() + "/" + package + "/" + rel;
+    if (::access(unpacked.c_str(), X_OK) == 0) return unpacked;
+    std::string installed = "/" + rel;
+    if (::access(installed.c_str(), X_OK) == 0) return installed;
+    return {};
+}
+
+int freePort() {
+    int s = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    a.sin_port = 0;
+    socklen_t len = sizeof a;
+    int port = 0;
+    if (::bind(s, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 &&
+        ::getsockname(s, reinterpret_cast<sockaddr*>(&a), &len) == 0)
+        port = ntohs(a.sin_port);
+    ::close(s);
+    return port;
+}
+
+// Connects and, unless the server speaks TLS first, waits for a "220" greeting.
+bool greets(int port, bool tlsFirst) {
+    int s = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    a.sin_port = htons(static_cast<uint16_t>(port));
+    bool ok = false;
+    if (::connect(s, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0) {
+        if (tlsFirst) {
+            ok = true;
+        } else {
+            std::string got;
+            auto until = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+            while (std::chrono::steady_clock::now() < until &&
+                   got.find('\n') == std::string::npos) {
+                pollfd p{s, POLLIN, 0};
+                if (::poll(&p, 1, 200) <= 0) continue;
+                char buf[512];
+                auto n = ::read(s, buf, sizeof buf);
+                if (n <= 0) break;
+                got.append(buf, static_cast<std::size_t>(n));
+            }
+            ok = got.rfind("220", 0) == 0;
+            if (ok) (void)!::write(s, "QUIT\r\n", 6);
+        }
+    }
+    ::close(s);
+    return ok;
+}
+
+void writeText(const std::string& path, const std::string& text, mode_t mode = 0644) {
+    std::ofstream(path, std::ios::binary) << text;
+    ::chmod(path.c_str(), mode);
+}
+
+}  // namespace
+
+std::string_view ftpServerKindName(FtpServerKind kind) {
+    switch (kind) {
+        case FtpServerKind::Vsftpd:
+            return "vsftpd";
+        case FtpServerKind::PureFtpd:
+            return "pure-ftpd";
+        case FtpServerKind::Proftpd:
+            return "proftpd";
+        case FtpServerKind::Pyftpdlib:
+            return "pyftpdlib";
+    }
+    return "?";
+}
+
+const std::vector<FtpServerKind>& allFtpServerKinds() {
+    static const std::vector<FtpServerKind> all = {FtpServerKind::Vsftpd, FtpServerKind::PureFtpd,
+                                                   FtpServerKind::Proftpd,
+                                                   FtpServerKind::Pyftpdlib};
+    return all;
+}
+
+FtpServer::FtpServer(FtpServerKind kind, const FtpServerOptions& options)
+    : kind_(kind), options_(options), dir_("ftpd") {
+    // The servers that switch to "nobody" must reach the root through the scratch folder.
+    ::chmod(dir_.path().c_str(), 0755);
+    root_ = dir_.path() + "/root";
+    fs::create_directories(root_);
+    // vsftpd serves anonymous users and stays root; the others run as "nobody", so that file
+    // permissions bind them.
+    if (kind_ != FtpServerKind::Vsftpd) {
+        uid_ = kNobody;
+        gid_ = kNogroup;
+    }
+    if (kind_ != FtpServerKind::Vsftpd) {
+        user_ = "tester";
+        password_ = "secret pass";
+    }
+    ::chown(root_.c_str(), uid_, gid_);
+}
+
+std::unique_ptr<FtpServer> FtpServer::start(FtpServerKind kind, const FtpServerOptions& options,
+                                            std::string* whyNot) {
+    std::string reason;
+    std::unique_ptr<FtpServer> server(new FtpServer(kind, options));
+    // A port found free may be taken before the server binds it: try a few.
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        reason.clear();
+        if (server->launch(&reason)) return server;
+        if (reason.find("cannot run here") != std::string::npos) break;
+    }
+    if (whyNot) *whyNot = reason;
+    return nullptr;
+}
+
+bool FtpServer::launch(std::string* whyNot) {
+    port_ = freePort();
+    const std::string conf = dir_.path();
+    std::string logPath = conf + "/server.log";
+    std::vector<std::string> argv;
+    bool tlsFirst = false;
+    auto makeCert = [&](std::string* pem) {
+        auto r = runProgram({"openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout",
+                             conf + "/key.pem", "-out", conf + "/cert.pem", "-days", "2", "-subj",
+                             "/CN=127.0.0.1"});
+        if (r.exitCode != 0) return false;
+        if (pem) {
+            writeText(*pem, readFile(conf + "/cert.pem") + readFile(conf + "/key.pem"), 0600);
+        }
+        return true;
+    };
+
+    switch (kind_) {
+        case FtpServerKind::Vsftpd: {
+            std::string bin = findProgram("vsftpd", "usr/sbin/vsftpd");
+            if (bin.empty()) {
+                *whyNot = "vsftpd cannot run here: not found (run deps/install.sh test)";
+                return false;
+            }
+            fs::create_directories(conf + "/empty");
+            std::ostringstream c;
+            c << "listen=YES\nlisten_ipv6=NO\nlisten_address=127.0.0.1\nlisten_port=" << port_
+              << "\nbackground=NO\nrun_as_launching_user=YES\nanonymous_enable=YES\n"
+                 "local_enable=NO\nwrite_enable=YES\nanon_upload_enable=YES\n"
+                 "anon_mkdir_write_enable=YES\nanon_other_write_enable=YES\n"
+                 "anon_world_readable_only=NO\nanon_umask=022\nno_anon_password=YES\n"
+                 "force_dot_files=YES\nseccomp_sandbox=NO\npasv_enable=YES\nxferlog_enable=NO\n"
+                 "dirmessage_enable=NO\nconnect_from_port_20=NO\nallow_writeable_chroot=YES\n"
+                 "ftp_username=nobody\nmax_clients=64\nmax_per_ip=64\n"
+              << "anon_root=" << root_ << "\nsecure_chroot_dir=" << conf << "/empty\n"
+              << "vsftpd_log_file=" << conf << "/vsftpd.log\n";
+            writeText(conf + "/vsftpd.conf", c.str(), 0600);
+            argv = {bin, conf + "/vsftpd.conf"};
+            break;
+        }
+        case FtpServerKind::PureFtpd: {
+            std::string bin = findProgram("pure-ftpd", "usr/sbin/pure-ftpd");
+            std::string pw = findProgram("pure-ftpd", "usr/bin/pure-pw");
+            if (bin.empty() || pw.empty()) {
+                *whyNot = "pure-ftpd cannot run here: not found (run deps/install.sh test)";
+                return false;
+            }
+            if (!fs::exists(conf + "/pure.pdb")) {
+                writeText(conf + "/passwd", "", 0600);
+                auto r = runProgram(
+                    {pw, "useradd", user_, "-u", std::to_string(uid_), "-g", std::to_string(gid_),
+                     "-d", root_, "-f", conf + "/passwd", "-m", "-F", conf + "/pure.pdb"},
+                    password_ + "\n" + password_ + "\n");
+                if (r.exitCode != 0) {
+                    *whyNot = "pure-ftpd cannot run here: pure-pw failed: " + r.err;
+                    return false;
+                }
+            }
+            argv = {bin,
+                    "-S",
+                    "127.0.0.1," + std::to_string(port_),
+                    "-l",
+                    "puredb:" + conf + "/pure.pdb",
+                    "-E",
+                    "-H",
+                    "-D",
+                    "-A",
+                    "-u",
+                    "1",
+                    "-c",
+                    "64",
+                    "-C",
+                    "64",
+                    "-I",
+                    "15"};
+            break;
+        }
+        case FtpServerKind::Proftpd: {
+            std::string bin = findProgram("proftpd", "usr/sbin/proftpd");
+            if (bin.empty()) {
+                *whyNot = "proftpd cannot run here: not found (run deps/install.sh test)";
+                return false;
+            }
+            if (!fs::exists(conf + "/cert.pem") && !makeCert(nullptr)) {
+                *whyNot = "proftpd cannot run here: openssl could not make a certificate";
+                return false;
+            }
+            auto hash = runProgram({"openssl", "passwd", "-6", "-stdin"}, password_ + "\n");
+            std::string h = hash.out.substr(0, hash.out.find('\n'));
+            writeText(conf + "/passwd",
+                      user_ + ":" + h + ":" + std::to_string(uid_) + ":" + std::to_string(gid_) +
+                          "::" + root_ + ":/bin/false\n",
+                      0600);
+            writeText(conf + "/group", "nogroup:x:" + std::to_string(gid_) + ":\n", 0600);
+            bool tlsModule = fs::exists("/usr/lib/proftpd/mod_tls.so");
+            std::ostringstream c;
+            c << "ServerName \"quillon test\"\nServerType standalone\nDefaultServer on\n"
+              << "Port " << port_ << "\nDefaultAddress 127.0.0.1\nSocketBindTight on\nUseIPv6 off\n"
+              << "User nobody\nGroup nogroup\nUmask 022\nMaxInstances 64\n"
+              << "PidFile " << conf << "/proftpd.pid\nScoreboardFile " << conf << "/scoreboard\n"
+              << "DelayTable none\nWtmpLog off\nUseReverseDNS off\nAuthOrder mod_auth_file.c\n"
+              << "AuthUserFile " << conf << "/passwd\nAuthGroupFile " << conf << "/group\n"
+              << "RequireValidShell off\nDefaultRoot ~\nAllowOverwrite on\nAllowStoreRestart on\n"
+              << "AllowRetrieveRestart on\nTransferLog none\nSystemLog " << conf << "/system.log\n"
+              << "ListOptions \"-a\"\nTimeoutIdle 600\n";
+            if (tlsModule) {
+                c << "<IfModule mod_dso.c>\n  ModulePath /usr/lib/proftpd\n  LoadModule mod_tls.c\n"
+                     "</IfModule>\n<IfModule mod_tls.c>\n  TLSEngine on\n  TLSRequired off\n"
+                  << "  TLSRSACertificateFile " << conf << "/cert.pem\n"
+                  << "  TLSRSACertificateKeyFile " << conf << "/key.pem\n"
+                  << "  TLSOptions NoSessionReuseRequired\n  TLSProtocol TLSv1.2 TLSv1.3\n"
+                  << "  TLSLog " << conf << "/tls.log\n</IfModule>\n";
+            }
+            writeText(conf + "/proftpd.conf", c.str(), 0600);
+            argv = {bin, "-n", "-q", "-c", conf + "/proftpd.conf"};
+            break;
+        }
+        case FtpServerKind::Pyftpdlib: {
+            if (::access("/usr/bin/python3", X_OK) != 0 ||
+                ::access("/usr/bin/setpriv", X_OK) != 0 ||
+                runProgram({"/usr/bin/python3", "-c", "import pyftpdlib, OpenSSL"}).exitCode != 0) {
+                *whyNot =
+                    "pyftpdlib cannot run here: /usr/bin/python3 with pyftpdlib and OpenSSL, and "
+                    "setpriv, are needed";
+                return false;
+            }
+            writeText(conf + "/server.py", kPyftpdlibScript);
+            writeText(conf + "/rest.log", "", 0600);
+            ::chown((conf + "/rest.log").c_str(), uid_, gid_);
+            argv = {"/usr/bin/setpriv",
+                    "--reuid=" + std::to_string(uid_),
+                    "--regid=" + std::to_string(gid_),
+                    "--clear-groups",
+                    "/usr/bin/python3",
+                    conf + "/server.py",
+                    "--port",
+                    std::to_string(port_),
+                    "--root",
+                    root_,
+                    "--user",
+                    user_,
+                    "--password",
+                    password_,
+                    "--rest-log",
+                    conf + "/rest.log"};
+            if (options_.implicitTls || options_.explicitTls) {
+                std::string pem = conf + "/both.pem";
+                if (!fs::exists(pem) && !makeCert(&pem)) {
+                    *whyNot = "pyftpdlib cannot run here: openssl could not make a certificate";
+                    return false;
+                }
+                ::chown(pem.c_str(), uid_, gid_);
+                argv.push_back(options_.implicitTls ? "--implicit-tls" : "--explicit-tls");
+                argv.push_back(pem);
+                tlsFirst = options_.implicitTls;
+            }
+            if (!options_.masqueradeAddress.empty()) {
+                argv.push_back("--masquerade");
+                argv.push_back(options_.masqueradeAddress);
+            }
+            if (options_.cutAfterBytes > 0) {
+                argv.push_back("--cut-after");
+                argv.push_back(std::to_string(options_.cutAfterBytes));
+                argv.push_back("--cuts");
+                argv.push_back(std::to_string(options_.cuts));
+            }
+            break;
+        }
+    }
+
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, 1, logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND,
+                                     0600);
+    posix_spawn_file_actions_adddup2(&actions, 1, 2);
+    posix_spawnattr_t attr;
+    posix_spawnattr_init(&attr);
+    // A group of its own, so that stopping it reaches the session processes it forks.
+    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETPGROUP);
+    posix_spawnattr_setpgroup(&attr, 0);
+    std::vector<char*> args;
+    for (auto& a : argv) args.push_back(a.data());
+    args.push_back(nullptr);
+    pid_t pid = -1;
+    int rc = ::posix_spawn(&pid, args[0], &actions, &attr, args.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    posix_spawnattr_destroy(&attr);
+    if (rc != 0) {
+        *whyNot = name() + " cannot run here: cannot start " + argv[0];
+        return false;
+    }
+    pid_ = pid;
+
+    auto until = std::chrono::steady_clock::now() + std::chrono::seconds(15);
+    while (std::chrono::steady_clock::now() < until) {
+        int status = 0;
+        if (::waitpid(pid_, &status, WNOHANG) == pid_) {
+            pid_ = -1;
+            *whyNot = name() + " exited at start: " + log();
+            return false;
+        }
+        if (greets(port_, tlsFirst)) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    *whyNot = name() + " did not answer on port " + std::to_string(port_) + ": " + log();
+    stop();
+    return false;
+}
+
+void FtpServer::stop() {
+    if (pid_ <= 0) return;
+    pid_t group = pid_;
+    ::kill(-group, SIGTERM);
+    bool reaped = false;
+    int status = 0;
+    auto until = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+    while (std::chrono::steady_clock::now() < until) {
+        if (::waitpid(group, &status, WNOHANG) == group) {
+            reaped = true;
+            break;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    // Session processes that outlive their master, and a master that ignored SIGTERM.
+    ::kill(-group, SIGKILL);
+    if (!reaped) ::waitpid(group, &status, 0);
+    pid_ = -1;
+}
+
+FtpServer::~FtpServer() {
+    stop();
+}
+
+std::string FtpServer::log() const {
+    std::string out;
+    for (auto* f : {"/server.log", "/vsftpd.log", "/system.log", "/tls.log"}) {
+        std::ifstream in(dir_.path() + f, std::ios::binary);
+        if (!in) continue;
+        std::ostringstream s;
+        s << in.rdbuf();
+        out += s.str();
+    }
+    return out;
+}
+
+std::vector<long long> FtpServer::restOffsets() const {
+    std::vector<long long> out;
+    std::ifstream in(dir_.path() + "/rest.log");
+    long long v;
+    while (in >> v) out.push_back(v);
+    return out;
+}
+
+ServerInfoPtr FtpServer::serverInfo(std::string_view ftpProtocol) const {
+    auto info = std::make_shared<ServerInfo>();
+    info->protocolType = ProtocolType::FTP;
+    info->displayName = name();
+    info->setValue(std::string("127.0.0.1"), ServerProp::ADDR);
+    info->setValue(std::to_string(port_), ServerProp::PORT);
+    info->setValue(user_, ServerProp::USERNAME);
+    info->setValue(password_, ServerProp::PASSWORD);
+    info->setValue(
+        options_.implicitTls ? std::string("FTP_PROTOCOL_IMPLICIT") : std::string(ftpProtocol),
+        ServerProp::FTP_PROTOCOL);
+    return info;
+}
+
+std::string FtpServer::hostPath(std::string_view serverPath) const {
+    std::string p(serverPath);
+    while (!p.empty() && p.front() == '/') p.erase(0, 1);
+    return p.empty() ? root_ : root_ + "/" + p;
+}
+
+void FtpServer::writeFile(std::string_view serverPath, std::string_view content) const {
+    auto path = hostPath(serverPath);
+    fs::create_directories(fs::path(path).parent_path());
+    std::ofstream(path, std::ios::binary) << content;
+    chownTree();
+}
+
+void FtpServer::makeDir(std::string_view serverPath) const {
+    fs::create_directories(hostPath(serverPath));
+    chownTree();
+}
+
+void FtpServer::chownTree() const {
+    if (uid_ == 0) return;
+    std::error_code ec;
+    ::lchown(root_.c_str(), uid_, gid_);
+    for (auto it = fs::recursive_directory_iterator(root_, ec); !ec && it != fs::end(it);
+         it.increment(ec))
+        ::lchown(it->path().c_str(), uid_, gid_);
+}
+
+}  // namespace quillon::test
