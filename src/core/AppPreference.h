@@ -43,6 +43,8 @@ inline constexpr std::string_view SlideshowRepeat = "Slideshow Repeat";
 inline constexpr std::string_view SlideshowShuffle = "Slideshow Shuffle";
 inline constexpr std::string_view NearbyLocation = "Nearby Location";
 inline constexpr std::string_view NumberOfLaunchedTimes = "Number of Launched Times";
+// The folder shared between installations that mirrors the server list (empty: none).
+inline constexpr std::string_view CLOUD_SYNC_FOLDER = "CLOUD_SYNC_FOLDER";
 }  // namespace PrefKey
 
 class AppPreference {
@@ -65,11 +67,16 @@ public:
     Status load();
     std::string prefFilePath() const;
     PlistDict snapshot() const;
+    // The error of the latest load (a corrupt file kept aside), for the application to report.
+    std::optional<Error> loadError() const;
 
 private:
     AppPreference();
     mutable std::mutex mutex_;
     PlistDict prefDic_;
+    std::optional<Error> loadError_;
+    // Set while an unreadable "pref.plist" could not be moved aside: save must not replace it.
+    bool fileProtected_ = false;
 };
 
 }  // namespace quillon

@@ -3,6 +3,7 @@
 // the mounted local volumes, and the mirror of the records in the cloud key-value store.
 
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -10,6 +11,7 @@
 #include <vector>
 
 #include "core/Error.h"
+#include "core/Plist.h"
 #include "core/ServerInfo.h"
 
 namespace quillon {
@@ -23,6 +25,17 @@ inline constexpr std::uint64_t Removable = 2;
 inline constexpr std::uint64_t Network = 4;
 inline constexpr std::uint64_t ReadOnly = 8;
 }  // namespace VolumeType
+
+// Operating systems of a server, kept as an integer under "SERVER_TYPE".
+namespace ServerOSType {
+inline constexpr long Unknown = 0;
+inline constexpr long Windows = 1;
+inline constexpr long Linux = 2;
+inline constexpr long Apple = 3;
+inline constexpr long Darwin = 4;
+inline constexpr long WDNAS = 5;
+inline constexpr long ToshibaNAS = 6;
+}  // namespace ServerOSType
 
 class ServerInfoService {
 public:
@@ -64,6 +77,38 @@ public:
     void syncServerInfoWithChangedIds(const std::vector<std::string>& changedKeys);
     // Stamps "SI_LAST_UPDATE" with the current time.
     static void tickForServerInfo(ServerInfo& info);
+
+    // Cloud key of a record: "S2-" followed by the serverID.
+    static std::string cloudKeyForServerInfo(const ServerInfo& info);
+    // Property names and values of the cloud copy; "REMEMBER PASSWORD" is "YES" when the record
+    // has none.
+    static std::map<std::string, std::string> translatePropsToCloud(
+        const std::map<std::string, std::string>& props, const ServerInfo& serverInfo);
+    // The reverse of translatePropsToCloud, into serverInfo.props.
+    static void translatePropsFromCloud(const std::map<std::string, std::string>& cloudProps,
+                                        ServerInfo& serverInfo);
+    // "WDNAS", "ToshibaNAS", "Apple", "Linux", "Windows", "Darwin" or "Unknown".
+    static std::string serverTypeToCloud(long serverType);
+    static long serverTypeFromCloud(std::string_view name);
+    // The cloud dictionary of a record: no session-only properties, the password enciphered
+    // under "PW_ENCRYPTED", "SID", "SIN" and "SIP" added, names translated.
+    static PlistDict cloudDictionaryForServerInfo(const ServerInfo& info);
+    // The record of a cloud dictionary; absent when "SID", "SIN" or "SIP" is missing.
+    static std::optional<ServerInfo> serverInfoFromCloudDictionary(const PlistDict& dict);
+
+    // What merging cloud copies into the local records decided.
+    struct SyncPlan {
+        std::vector<ServerInfo> toStore;   // cloud copies to keep locally, as they are
+        std::vector<ServerInfo> toDelete;  // local records whose cloud copy was removed
+        std::vector<ServerInfo> toUpload;  // local records newer than their cloud copy, or absent
+    };
+    // Merges by "SI_LAST_UPDATE": the strictly newer side wins, equal stamps change nothing; a
+    // cloud entry of absent means removed from the cloud, which deletes the local record; a full
+    // pass also uploads the local records the cloud does not have. `cloud` maps serverID to the
+    // cloud copy.
+    static SyncPlan syncServerInfoWithLocal(
+        const std::vector<ServerInfo>& local,
+        const std::map<std::string, std::optional<ServerInfo>>& cloud, bool fullPass);
 
     // Parses /proc/self/mountinfo text into local volume records (for tests).
     static std::vector<ServerInfo> localServerInfosFromMountInfo(const std::string& mountinfo);

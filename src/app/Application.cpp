@@ -1,0 +1,147 @@
+#include "app/Application.h"
+
+#include <fmt/format.h>
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+
+#include "clients/Clients.h"
+#include "core/AppPreference.h"
+#include "core/DBManager.h"
+#include "core/Initialization.h"
+#include "core/PathUtils.h"
+#include "core/ServerInfoService.h"
+
+namespace quillon {
+
+namespace {
+
+constexpr std::string_view kServerKeyPrefix = "S2-";
+
+std::chrono::nanoseconds seconds(double s) {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::duration<double>(s));
+}
+
+}  // namespace
+
+Application::Application(ApplicationOptions options) : options_(std::move(options)) {}
+
+Application::~Application() {
+    stop();
+}
+
+Status Application::start() {
+    if (running_) return {};
+    warnings_.clear();
+
+    // The shared store reads the file when first used; a later launch in the same process
+    // reads it again, as a launch does.
+    static std::atomic<bool> launchedBefore{false};
+    auto& prefs = AppPreference::sharedAppPreference();
+    if (launchedBefore.exchange(true)) (void)prefs.load();
+    if (auto e = prefs.loadError()) return std::unexpected(*e);
+
+    if (auto r = DBManager::sharedDBManager().openDB(); !r) return r;
+    registerBuiltinClients();
+    makeCloudStore();
+
+    if (auto r = Migrator(options_.keychain).migrate(); !r) warnings_.push_back(r.error());
+    if (!Initialization::isInitialized()) Initialization::initializeApp();
+
+    running_ = true;
+    deleteQuickConnections();
+    syncConnectionsWithCloud();
+    return {};
+}
+
+void Application::stop() {
+    for (auto id : timers_) MainQueue::shared().cancel(id);
+    timers_.clear();
+    if (store_) {
+        if (observer_) store_->removeChangeObserver(*observer_);
+        auto& service = ServerInfoService::sharedServerInfoService();
+        if (service.cloudStore() == store_) service.setCloudStore(nullptr);
+    }
+    observer_.reset();
+    store_.reset();
+    if (running_) DBManager::sharedDBManager().closeDB();
+    running_ = false;
+}
+
+void Application::makeCloudStore() {
+    store_ = options_.cloudStore;
+    if (!store_) {
+        std::string folder =
+            AppPreference::sharedAppPreference().stringForKey(PrefKey::CLOUD_SYNC_FOLDER);
+        if (!folder.empty()) {
+            std::error_code ec;
+            if (std::filesystem::is_directory(folder, ec)) {
+                store_ = std::make_shared<FileCloudKeyValueStore>(
+                    folder, PathUtils::getAppDataFolderPath() + "/" + kCloudCacheFileName);
+            } else {
+                warnings_.push_back(KvError::errorWithDomain(
+                    ErrorDomain::Generic, ENOENT,
+                    fmt::format("The shared folder {} of the server list does not exist; server "
+                                "records are not shared.",
+                                folder)));
+            }
+        }
+    }
+    ServerInfoService::sharedServerInfoService().setCloudStore(store_);
+}
+
+void Application::deleteQuickConnections() {
+    auto& service = ServerInfoService::sharedServerInfoService();
+    for (auto& info : service.remoteServerInfos())
+        if (info.boolValueForKey(ServerProp::QUICK_CONNECT)) (void)service.deleteServerInfo(info);
+}
+
+void Application::observeCloudStore() {
+    if (!store_ || observer_) return;
+    observer_ = store_->addChangeObserver([this](int reason, const std::vector<std::string>& keys) {
+        keyvalueStoreDidChange(reason, keys);
+    });
+}
+
+void Application::syncConnectionsWithCloud() {
+    if (!store_) return;
+    if (!AppPreference::sharedAppPreference().boolForKey(PrefKey::SYS_AUTO_SYNC_CONN)) return;
+    auto fullSync = [] {
+        ServerInfoService::sharedServerInfoService().syncServerInfoWithChangedIds({});
+    };
+    switch (options_.delayedSteps) {
+        case ApplicationOptions::DelayedSteps::Skip:
+            return;
+        case ApplicationOptions::DelayedSteps::Immediate:
+            observeCloudStore();
+            (void)store_->synchronize();
+            // Deliver what the synchronisation found before the full pass looks at the records.
+            MainQueue::shared().pump();
+            fullSync();
+            return;
+        case ApplicationOptions::DelayedSteps::Scheduled:
+            timers_.push_back(
+                MainQueue::shared().postAfter(seconds(kCloudObserveDelay), [this, fullSync] {
+                    if (!store_) return;
+                    observeCloudStore();
+                    (void)store_->synchronize();
+                    timers_.push_back(
+                        MainQueue::shared().postAfter(seconds(kCloudFullSyncDelay), fullSync));
+                }));
+            return;
+    }
+}
+
+void Application::keyvalueStoreDidChange(int reason, const std::vector<std::string>& changedKeys) {
+    if (reason != CloudChangeReason::ServerChange && reason != CloudChangeReason::InitialSyncChange)
+        return;
+    std::vector<std::string> serverKeys;
+    for (auto& key : changedKeys)
+        if (key.starts_with(kServerKeyPrefix)) serverKeys.push_back(key);
+    // An empty list would mean a full pass; changes of other kinds must not start one.
+    if (serverKeys.empty()) return;
+    ServerInfoService::sharedServerInfoService().syncServerInfoWithChangedIds(serverKeys);
+}
+
+}  // namespace quillon

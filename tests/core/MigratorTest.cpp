@@ -1,0 +1,155 @@
+#include "core/Migrator.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <set>
+#include <sstream>
+
+#include "core/AppPreference.h"
+#include "core/Base64.h"
+#include "core/CloudKeyValueStore.h"
+#include "core/DBManager.h"
+#include "core/PathUtils.h"
+#include "core/ServerInfoService.h"
+#include "core/UserDefaults.h"
+#include "support/TestEnv.h"
+
+using namespace quillon;
+namespace fs = std::filesystem;
+
+namespace {
+
+class MigratorTest : public ::testing::Test {
+  protected:
+    // The shared database is bound to the home of its first use: one home for this program.
+    static test::IsolatedHome& home() {
+        static test::IsolatedHome h;
+        return h;
+    }
+    void SetUp() override {
+        home();
+        auto& db = DBManager::sharedDBManager();
+        db.closeDB();
+        fs::remove(db.path());
+        ASSERT_TRUE(db.openDB());
+        fs::remove(UserDefaults::standardUserDefaults().path());
+        auto& prefs = AppPreference::sharedAppPreference();
+        ASSERT_TRUE(prefs.load());
+        prefs.setValue(PlistValue(true), PrefKey::SYS_AUTO_SYNC_CONN);
+        service().setCloudStore(std::make_shared<FileCloudKeyValueStore>(cloud.path()));
+    }
+    void TearDown() override { service().setCloudStore(nullptr); }
+    static ServerInfoService& service() { return ServerInfoService::sharedServerInfoService(); }
+
+    ServerInfo stored(std::int32_t type, const std::string& name) {
+        ServerInfo info;
+        info.protocolType = type;
+        info.displayName = name;
+        service().setDisableUpdateCloud(true);
+        EXPECT_TRUE(service().saveServerInfo(info));
+        service().setDisableUpdateCloud(false);
+        return info;
+    }
+
+    test::ScratchDir cloud{"cloud"};
+};
+
+PlistValue signInObject(const std::string& token) {
+    return PlistValue(PlistDict{{"refresh_token", PlistValue(token)},
+                                {"scope", PlistValue(std::string(200, 's'))}});
+}
+
+}  // namespace
+
+TEST_F(MigratorTest, MovesGoogleSignInsOnceWithTheFlagSetBeforeTheWork) {
+    ServerInfo drive = stored(ProtocolType::GoogleDrive, "Drive");
+    ServerInfo already = stored(ProtocolType::GoogleDrive, "Drive with data");
+    already.setValue("existing", ServerProp::GoogleAuthorizationData);
+    service().setDisableUpdateCloud(true);
+    ASSERT_TRUE(service().updateServerInfo(already));
+    service().setDisableUpdateCloud(false);
+    ServerInfo withoutSignIn = stored(ProtocolType::GoogleDrive, "Drive never signed in");
+    ServerInfo ftp = stored(ProtocolType::FTP, "FTP");
+
+    std::vector<std::string> asked;
+    bool flagOnDiskDuringWork = false;
+    KeychainLookup keychain = [&](const std::string& name) -> std::optional<PlistValue> {
+        asked.push_back(name);
+        flagOnDiskDuringWork =
+            UserDefaults::standardUserDefaults().boolForKey(MIGRATED_TO_VERSION_3_0);
+        if (name == std::string(kKeychainServerIDPrefix) + drive.serverID)
+            return signInObject("tok-" + drive.serverID);
+        return std::nullopt;
+    };
+    ASSERT_TRUE(Migrator(keychain).migrate());
+    EXPECT_TRUE(flagOnDiskDuringWork);
+    EXPECT_EQ(std::set<std::string>(asked.begin(), asked.end()),
+              (std::set<std::string>{"Kv_KEYCHAIN_ServerID_" + drive.serverID,
+                                     "Kv_KEYCHAIN_ServerID_" + withoutSignIn.serverID}));
+    EXPECT_EQ(asked.size(), 2u);
+
+    auto migrated = service().serverInfoWithServerID(drive.serverID);
+    ASSERT_TRUE(migrated);
+    auto text = migrated->valueForKey(ServerProp::GoogleAuthorizationData);
+    ASSERT_TRUE(text);
+    std::istringstream in(*text);
+    for (std::string line; std::getline(in, line);) EXPECT_LE(line.size(), 64u);
+    EXPECT_NE(text->find('\n'), std::string::npos);
+    auto bytes = Base64::decode(*text);
+    ASSERT_TRUE(bytes);
+    auto object = Plist::fromXml(std::string(bytes->begin(), bytes->end()));
+    ASSERT_TRUE(object);
+    EXPECT_EQ(*object, signInObject("tok-" + drive.serverID));
+
+    EXPECT_EQ(service()
+                  .serverInfoWithServerID(already.serverID)
+                  ->valueForKey(ServerProp::GoogleAuthorizationData),
+              "existing");
+    EXPECT_FALSE(service()
+                     .serverInfoWithServerID(withoutSignIn.serverID)
+                     ->valueForKey(ServerProp::GoogleAuthorizationData));
+    EXPECT_FALSE(service()
+                     .serverInfoWithServerID(ftp.serverID)
+                     ->valueForKey(ServerProp::GoogleAuthorizationData));
+    // Records changed by the migration are not mirrored, and mirroring is on again after it.
+    auto cloudFile = cloud / FileCloudKeyValueStore::kFileName;
+    EXPECT_EQ(test::readFile(cloudFile).find(drive.serverID), std::string::npos);
+    EXPECT_FALSE(service().disableUpdateCloud());
+
+    // The second run finds the flag and touches nothing.
+    asked.clear();
+    ServerInfo later = stored(ProtocolType::GoogleDrive, "Added later");
+    ASSERT_TRUE(Migrator(keychain).migrate());
+    EXPECT_TRUE(asked.empty());
+    EXPECT_FALSE(service()
+                     .serverInfoWithServerID(later.serverID)
+                     ->valueForKey(ServerProp::GoogleAuthorizationData));
+    EXPECT_EQ(
+        *service().serverInfoWithServerID(drive.serverID)->valueForKey(ServerProp::SI_LAST_UPDATE),
+        *migrated->valueForKey(ServerProp::SI_LAST_UPDATE));
+}
+
+TEST_F(MigratorTest, AFirstRunThatStoppedHalfWayIsNotResumed) {
+    ServerInfo drive = stored(ProtocolType::GoogleDrive, "Drive");
+    // The mark alone, as a run that died after setting it leaves it.
+    auto defaults = UserDefaults::standardUserDefaults();
+    defaults.setObject(PlistValue(true), MIGRATED_TO_VERSION_3_0);
+    ASSERT_TRUE(defaults.synchronize());
+    int asked = 0;
+    ASSERT_TRUE(Migrator([&](const std::string&) -> std::optional<PlistValue> {
+                    ++asked;
+                    return signInObject("t");
+                }).migrate());
+    EXPECT_EQ(asked, 0);
+    EXPECT_EQ(defaults.path(), PathUtils::getAppDataFolderPath() + "/defaults.plist");
+}
+
+TEST_F(MigratorTest, WithoutAKeychainNoSignInIsFound) {
+    ServerInfo drive = stored(ProtocolType::GoogleDrive, "Drive");
+    ASSERT_TRUE(Migrator().migrate());
+    EXPECT_FALSE(service()
+                     .serverInfoWithServerID(drive.serverID)
+                     ->valueForKey(ServerProp::GoogleAuthorizationData));
+    EXPECT_TRUE(UserDefaults::standardUserDefaults().boolForKey(MIGRATED_TO_VERSION_3_0));
+}
