@@ -128,7 +128,6 @@ int runServeFtp(ServeFtpOptions& o) {
     service.stopServer();
     waiter.join();
     ::pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-    logLine("stopped");
     return kExitOk;
 }
 

@@ -140,7 +140,7 @@ void FtpServer::stopFtpServer() {
     for (auto& connection : open) connection->close();
     connections_.clear();
     connectionCount_ = 0;
-    log("stopped");
+    log("stopped listening");
 }
 
 void FtpServer::closeConnection(FtpConnection* connection) {

@@ -1,0 +1,105 @@
+// FtpServerService: settings from the preferences, start and stop on a thread of its own, and the
+// folder-refresh notification on the main queue after a client changes something.
+
+#include <gtest/gtest.h>
+
+#include <asio.hpp>
+
+#include <any>
+#include <filesystem>
+
+#include "core/AppPreference.h"
+#include "core/MainQueue.h"
+#include "core/NotificationCenter.h"
+#include "core/StringUtils.h"
+#include "servers/ftpserver/FtpPath.h"
+#include "servers/ftpserver/FtpServerService.h"
+#include "support/TestEnv.h"
+
+namespace quillon {
+namespace {
+
+using test::ScratchDir;
+
+int freeLoopbackPort() {
+    asio::io_context io;
+    asio::ip::tcp::acceptor a(io, {asio::ip::make_address("127.0.0.1"), 0});
+    return a.local_endpoint().port();
+}
+
+// Runs the main queue until `done` or ten seconds passed.
+void pumpUntil(const std::function<bool()>& done) {
+    bool timedOut = false;
+    auto timer =
+        MainQueue::shared().postAfter(std::chrono::seconds(10), [&timedOut] { timedOut = true; });
+    MainQueue::shared().runUntil([&] { return done() || timedOut; });
+    MainQueue::shared().cancel(timer);
+}
+
+TEST(FtpServerService, StartsFromThePreferencesPostsRefreshesAndStops) {
+    test::IsolatedHome home;
+    ScratchDir root("svcroot");
+    ScratchDir local("svclocal");
+    test::writeFile(local / "up.txt", "uploaded");
+    int port = freeLoopbackPort();
+    auto& prefs = AppPreference::sharedAppPreference();
+    prefs.setValue(root.path(), PrefKey::FTP_SERVER_LOCATION);
+    prefs.setValue(port, PrefKey::FTP_SERVER_PORT);
+    prefs.setValue("alice", PrefKey::FTP_SERVER_USERNAME);
+    prefs.setValue("pa ss", PrefKey::FTP_SERVER_PASSWORD);
+
+    FtpServerService service;
+    service.bindAddress = "127.0.0.1";
+    EXPECT_EQ(service.port, FtpServerService::kDefaultPort);
+    service.loadSettings();
+    EXPECT_EQ(service.rootFolder, root.path());
+    EXPECT_EQ(service.port, port);
+    EXPECT_EQ(service.username, "alice");
+    EXPECT_EQ(service.password, "pa ss");
+    EXPECT_FALSE(service.online());
+
+    std::vector<std::string> refreshed;
+    auto token = NotificationCenter::defaultCenter().addObserver(
+        REFRESH_FOLDER_NOTIFICATION, [&refreshed](const UserInfo& info) {
+            auto it = info.find(std::string(REFRESH_FOLDER_USER_INFO));
+            if (it == info.end()) return;
+            for (auto& f : std::any_cast<std::vector<std::string>>(it->second))
+                refreshed.push_back(f);
+        });
+
+    ASSERT_TRUE(service.startServer());
+    EXPECT_TRUE(service.online());
+    EXPECT_EQ(service.listeningPort(), port);
+    EXPECT_TRUE(StringUtils::endsWith(service.localHostName(), ".local"));
+    EXPECT_FALSE(service.localIPAddress().empty());
+    EXPECT_FALSE(service.startServer());  // already running
+
+    std::string url = "ftp://127.0.0.1:" + std::to_string(port) + "/";
+    auto put = test::runProgram({"curl", "-q", "-s", "-S", "--max-time", "20", "--user",
+                                 "alice:pa ss", "-T", local / "up.txt", url + "up.txt"});
+    EXPECT_EQ(put.exitCode, 0) << put.err;
+    EXPECT_EQ(test::readFile(root / "up.txt"), "uploaded");
+    pumpUntil([&] { return !refreshed.empty(); });
+    EXPECT_EQ(refreshed, std::vector<std::string>{*FtpPath::canonical(root.path())});
+
+    service.stopServer();
+    EXPECT_FALSE(service.online());
+    EXPECT_TRUE(service.localIPAddress().empty());
+    EXPECT_EQ(service.listeningPort(), 0);
+    auto after =
+        test::runProgram({"curl", "-q", "-s", "--max-time", "5", "--user", "alice:pa ss", url});
+    EXPECT_NE(after.exitCode, 0);  // nobody listens any more
+
+    // It starts again, on a port of its choosing, and a missing folder is an error.
+    service.port = 0;
+    ASSERT_TRUE(service.startServer());
+    EXPECT_GT(service.listeningPort(), 0);
+    service.stopServer();
+    service.rootFolder = root / "missing";
+    EXPECT_FALSE(service.startServer());
+    EXPECT_FALSE(service.online());
+    NotificationCenter::defaultCenter().removeObserver(token);
+}
+
+}  // namespace
+}  // namespace quillon
