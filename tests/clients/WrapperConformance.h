@@ -1,0 +1,726 @@
+#pragma once
+// WrapperConformance: the one suite every storage client must pass, once per real server it
+// supports. A target gives a factory of clients pointed at a fresh scratch folder on the server
+// and that folder's place on this machine's disk (all our test servers serve a local folder), so
+// the suite can put and check files behind the client's back.
+//
+// Include this header in exactly one source file of a test program and instantiate it:
+//
+//   INSTANTIATE_TEST_SUITE_P(Ftp, WrapperConformance, ::testing::Values(vsftpdTarget()),
+//                            quillon::test::conformanceTargetName);
+//
+// Scenarios a server cannot pass are listed in the target's knownFailures with the reason; they
+// are reported as skipped with that reason, never as passed.
+
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <expected>
+#include <filesystem>
+#include <functional>
+#include <future>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <ostream>
+#include <random>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "core/AppPreference.h"
+#include "core/MainQueue.h"
+#include "core/Wrapper.h"
+#include "support/TestEnv.h"
+
+namespace quillon::test {
+
+// One opened server: made fresh for every test.
+struct ConformanceSession {
+    // A new client for the server; each call gives a fresh one (a cancelled client stays so).
+    std::function<WrapperPtr()> makeWrapper;
+    // The empty scratch folder as the client addresses it ("/"-separated path on the server).
+    std::string remoteRoot;
+    // The same folder on this machine's disk.
+    std::string serverDir;
+    // Stops what open() started; may be empty. Called once, after the test.
+    std::function<void()> close;
+};
+
+// Probes of the refused-permission scenario run through this: it returns the probe's findings,
+// or the reason why permissions cannot be refused to this process.
+using RestrictedRunner = std::function<std::expected<std::vector<std::string>, std::string>(
+    const std::function<std::vector<std::string>()>& probe)>;
+
+struct ConformanceTarget {
+    std::string name;  // part of the test names: letters, digits and underscores
+    std::function<ConformanceSession()> open;
+    // Scenario name (the TEST_P name) -> why this server cannot pass it.
+    std::map<std::string, std::string> knownFailures;
+    // Where the refused-permission probes run; empty: in this process as it is.
+    RestrictedRunner runRestricted;
+};
+
+inline void PrintTo(const ConformanceTarget& target, std::ostream* os) {
+    *os << target.name;
+}
+
+inline std::string conformanceTargetName(const ::testing::TestParamInfo<ConformanceTarget>& info) {
+    return info.param.name;
+}
+
+// Runs the probe as the unprivileged user "nobody" (65534) in a forked child when this process
+// is root, whom file permissions do not stop; otherwise runs it here.
+inline std::expected<std::vector<std::string>, std::string> runAsUnprivilegedUser(
+    const std::function<std::vector<std::string>()>& probe) {
+    if (::geteuid() != 0) return probe();
+    int fds[2];
+    if (::pipe(fds) != 0) return std::unexpected(std::string("cannot create a pipe"));
+    std::fflush(stdout);
+    std::fflush(stderr);
+    pid_t pid = ::fork();
+    if (pid < 0) {
+        ::close(fds[0]);
+        ::close(fds[1]);
+        return std::unexpected(std::string("cannot fork"));
+    }
+    if (pid == 0) {
+        ::close(fds[0]);
+        std::string report;
+        if (::setgroups(0, nullptr) != 0 || ::setgid(65534) != 0 || ::setuid(65534) != 0 ||
+            ::geteuid() == 0) {
+            report = "SKIP root privileges cannot be dropped here\n";
+        } else {
+            for (auto line : probe()) {
+                std::replace(line.begin(), line.end(), '\n', ' ');
+                report += "FAIL " + line + "\n";
+            }
+        }
+        std::size_t sent = 0;
+        while (sent < report.size()) {
+            ssize_t n = ::write(fds[1], report.data() + sent, report.size() - sent);
+            if (n <= 0) break;
+            sent += static_cast<std::size_t>(n);
+        }
+        // No destructors or exit handlers of the test program in the child.
+        ::_exit(0);
+    }
+    ::close(fds[1]);
+    std::string text;
+    char buf[4096];
+    ssize_t n;
+    while ((n = ::read(fds[0], buf, sizeof buf)) > 0 || (n < 0 && errno == EINTR))
+        if (n > 0) text.append(buf, static_cast<std::size_t>(n));
+    ::close(fds[0]);
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
+        return std::vector<std::string>{"the unprivileged probe process ended abnormally"};
+    std::vector<std::string> findings;
+    std::size_t start = 0;
+    while (start < text.size()) {
+        auto end = text.find('\n', start);
+        std::string line = text.substr(start, end - start);
+        start = end == std::string::npos ? text.size() : end + 1;
+        if (line.starts_with("SKIP ")) return std::unexpected(line.substr(5));
+        if (line.starts_with("FAIL ")) findings.push_back(line.substr(5));
+    }
+    return findings;
+}
+
+// Progress reports of one operation, from whichever thread the client reports on.
+struct ProgressLog {
+    std::mutex mutex;
+    std::vector<std::pair<std::int64_t, std::int64_t>> reports;
+
+    static ProgressHandler handlerOf(const std::shared_ptr<ProgressLog>& log,
+                                     std::function<void()> onReport = {}) {
+        return [log, onReport](std::int64_t done, std::int64_t total) {
+            {
+                std::lock_guard lock(log->mutex);
+                log->reports.emplace_back(done, total);
+            }
+            if (onReport) onReport();
+        };
+    }
+    std::vector<std::pair<std::int64_t, std::int64_t>> snapshot() {
+        std::lock_guard lock(mutex);
+        return reports;
+    }
+};
+
+class WrapperConformance : public ::testing::TestWithParam<ConformanceTarget> {
+  protected:
+    void SetUp() override {
+        std::string scenario = ::testing::UnitTest::GetInstance()->current_test_info()->name();
+        scenario = scenario.substr(0, scenario.find('/'));
+        auto known = GetParam().knownFailures.find(scenario);
+        if (known != GetParam().knownFailures.end())
+            GTEST_SKIP() << "known failure on " << GetParam().name << ": " << known->second;
+
+        auto& prefs = AppPreference::sharedAppPreference();
+        savedHiddenPref_ = prefs.valueForKey(PrefKey::SYS_SHOW_HIDDEN_FILES);
+        prefs.setValue(false, PrefKey::SYS_SHOW_HIDDEN_FILES);
+        prefTouched_ = true;
+
+        session_ = GetParam().open();
+        ASSERT_FALSE(session_.serverDir.empty());
+        ASSERT_TRUE(session_.makeWrapper);
+        client_ = session_.makeWrapper();
+        ASSERT_TRUE(client_) << "the target made no client";
+        local_ = std::make_unique<ScratchDir>("conformance-local");
+    }
+
+    void TearDown() override {
+        MainQueue::shared().pump();
+        client_.reset();
+        if (session_.close) session_.close();
+        session_ = {};
+        if (prefTouched_) {
+            auto& prefs = AppPreference::sharedAppPreference();
+            if (savedHiddenPref_)
+                prefs.setValue(*savedHiddenPref_, PrefKey::SYS_SHOW_HIDDEN_FILES);
+            else
+                prefs.removeValueForKey(PrefKey::SYS_SHOW_HIDDEN_FILES);
+        }
+    }
+
+    // Records of items on the server, addressed relative to the scratch folder.
+    KvMetadata remote(const std::string& rel, bool isDir = false) const {
+        std::string path = session_.remoteRoot;
+        if (!rel.empty()) {
+            if (path.empty() || path.back() != '/') path += '/';
+            path += rel;
+        }
+        KvMetadata meta(path);
+        meta.isDir = isDir;
+        meta.serverID = client_->serverInfo()->serverID;
+        meta.protocolType = client_->serverInfo()->protocolType;
+        return meta;
+    }
+    KvMetadata remoteRoot() const { return remote("", true); }
+
+    // A record of a local file, as transfer tasks hand it to uploads.
+    KvMetadata localRecord(const std::string& path) const {
+        KvMetadata meta(path);
+        meta.protocolType = 0;
+        meta.localPath = path;
+        std::error_code ec;
+        auto size = std::filesystem::file_size(path, ec);
+        if (!ec) meta.fileSizeInBytes = size;
+        return meta;
+    }
+
+    std::string serverPath(const std::string& rel) const { return session_.serverDir + "/" + rel; }
+    std::string localPath(const std::string& rel) const { return local_->path() + "/" + rel; }
+
+    // Server-side files are made writable for everyone: the server may run as another user.
+    void putServerFile(const std::string& rel, const std::string& content) const {
+        writeFile(serverPath(rel), content);
+        ::chmod(serverPath(rel).c_str(), 0666);
+        for (auto dir = std::filesystem::path(serverPath(rel)).parent_path();
+             dir.string().size() > session_.serverDir.size(); dir = dir.parent_path())
+            ::chmod(dir.c_str(), 0777);
+    }
+    void makeServerFolder(const std::string& rel) const {
+        std::filesystem::create_directories(serverPath(rel));
+        ::chmod(serverPath(rel).c_str(), 0777);
+    }
+    std::string readServerFile(const std::string& rel) const { return readFile(serverPath(rel)); }
+    bool serverHas(const std::string& rel) const {
+        struct stat st {};
+        return ::lstat(serverPath(rel).c_str(), &st) == 0;
+    }
+    bool serverHasFolder(const std::string& rel) const {
+        std::error_code ec;
+        return std::filesystem::is_directory(serverPath(rel), ec);
+    }
+    static bool localHas(const std::string& path) {
+        struct stat st {};
+        return ::lstat(path.c_str(), &st) == 0;
+    }
+
+    static std::string randomBytes(std::size_t size, std::uint64_t seed) {
+        std::mt19937_64 gen(seed);
+        std::string out(size, '\0');
+        std::size_t i = 0;
+        for (; i + 8 <= size; i += 8) {
+            std::uint64_t v = gen();
+            std::memcpy(out.data() + i, &v, 8);
+        }
+        for (; i < size; ++i) out[i] = static_cast<char>(gen());
+        return out;
+    }
+
+    static std::vector<std::string> namesOf(const KvMetadataList& items) {
+        std::vector<std::string> names;
+        for (auto& item : items) names.push_back(item.nameIgnoreLinkResolve().value_or("(none)"));
+        std::sort(names.begin(), names.end());
+        return names;
+    }
+    static const KvMetadata* findNamed(const KvMetadataList& items, const std::string& name) {
+        for (auto& item : items)
+            if (item.nameIgnoreLinkResolve() == name) return &item;
+        return nullptr;
+    }
+
+    // Runs a blocking operation on another thread while this one serves the main queue, so that
+    // progress reports delivered there arrive while the operation runs.
+    template <typename Op>
+    static auto runPumping(Op op) -> decltype(op()) {
+        decltype(op()) result;
+        std::atomic<bool> done{false};
+        std::thread worker([&] {
+            result = op();
+            done = true;
+            MainQueue::shared().post([] {});
+        });
+        MainQueue::shared().runUntil([&] { return done.load(); });
+        worker.join();
+        MainQueue::shared().pump();
+        return result;
+    }
+
+    // Starts an asynchronous operation and serves the main queue until its completion ran, on
+    // whichever thread the client calls it.
+    template <typename T>
+    static T awaitCompletion(const std::function<void(std::function<void(T)>)>& start) {
+        auto promise = std::make_shared<std::promise<T>>();
+        auto future = promise->get_future();
+        start([promise](T value) { promise->set_value(std::move(value)); });
+        MainQueue::shared().runUntil(
+            [&] { return future.wait_for(std::chrono::seconds(0)) == std::future_status::ready; });
+        return future.get();
+    }
+
+    // The checks every progress log of a complete transfer of `size` bytes passes.
+    static void expectCompleteProgress(
+        const std::vector<std::pair<std::int64_t, std::int64_t>>& log, std::int64_t size,
+        const char* what) {
+        ASSERT_FALSE(log.empty()) << what << ": no progress was reported";
+        for (std::size_t i = 1; i < log.size(); ++i)
+            EXPECT_LE(log[i - 1].first, log[i].first) << what << ": progress went backwards";
+        EXPECT_EQ(log.back().first, size) << what << ": the last report is not the whole size";
+        for (auto& [done, total] : log) {
+            EXPECT_EQ(total, size) << what << ": a report gives the wrong total";
+            EXPECT_LE(done, size) << what;
+        }
+    }
+
+    ConformanceSession session_;
+    WrapperPtr client_;
+    std::unique_ptr<ScratchDir> local_;
+    std::optional<PlistValue> savedHiddenPref_;
+    bool prefTouched_ = false;
+};
+
+TEST_P(WrapperConformance, ListsFilesAndFolders) {
+    putServerFile("a.txt", "hello");
+    putServerFile("b.bin", randomBytes(1000, 1));
+    putServerFile("sub/inner.txt", "x");
+
+    auto listing = client_->contentsOfDirectoryAtPathSync(remoteRoot());
+    ASSERT_TRUE(listing) << listing.error().describe();
+    EXPECT_EQ(namesOf(*listing), (std::vector<std::string>{"a.txt", "b.bin", "sub"}));
+    auto* a = findNamed(*listing, "a.txt");
+    auto* sub = findNamed(*listing, "sub");
+    ASSERT_TRUE(a && sub);
+    EXPECT_FALSE(a->isDir);
+    EXPECT_EQ(a->fileSizeInBytes, 5u);
+    EXPECT_TRUE(a->pathOrEmpty().ends_with("/a.txt")) << a->pathOrEmpty();
+    EXPECT_TRUE(a->timestamp.has_value());
+    EXPECT_EQ(findNamed(*listing, "b.bin")->fileSizeInBytes, 1000u);
+    EXPECT_TRUE(sub->isDir);
+
+    // A listed folder record is good for listing it in turn.
+    auto inner = client_->contentsOfDirectoryAtPathSync(*sub);
+    ASSERT_TRUE(inner) << inner.error().describe();
+    EXPECT_EQ(namesOf(*inner), std::vector<std::string>{"inner.txt"});
+
+    makeServerFolder("empty");
+    auto empty = client_->contentsOfDirectoryAtPathSync(remote("empty", true));
+    ASSERT_TRUE(empty) << empty.error().describe();
+    EXPECT_TRUE(empty->empty());
+}
+
+TEST_P(WrapperConformance, CreatesFolders) {
+    auto made = client_->createFolderSync(remote("new folder", true));
+    ASSERT_TRUE(made) << made.error().describe();
+    EXPECT_TRUE(serverHasFolder("new folder"));
+    auto nested = client_->createFolderSync(remote("new folder/child", true));
+    ASSERT_TRUE(nested) << nested.error().describe();
+    EXPECT_TRUE(serverHasFolder("new folder/child"));
+
+    auto listing = client_->contentsOfDirectoryAtPathSync(remoteRoot());
+    ASSERT_TRUE(listing) << listing.error().describe();
+    auto* folder = findNamed(*listing, "new folder");
+    ASSERT_TRUE(folder);
+    EXPECT_TRUE(folder->isDir);
+}
+
+TEST_P(WrapperConformance, UploadsAndDownloadsByteIdentical) {
+    const std::string content = randomBytes(300001, 2);
+    writeFile(localPath("upload.bin"), content);
+    auto up = client_->uploadSync(localRecord(localPath("upload.bin")), remoteRoot(), {});
+    ASSERT_TRUE(up) << up.error().describe();
+    EXPECT_EQ(readServerFile("upload.bin"), content);
+
+    auto down = client_->downloadSync(remote("upload.bin"), localPath("down.bin"), {});
+    ASSERT_TRUE(down) << down.error().describe();
+    EXPECT_EQ(readFile(localPath("down.bin")), content);
+
+    // Replacing longer files with shorter ones must not leave old bytes behind.
+    const std::string shorter = "short replacement";
+    putServerFile("upload.bin", shorter);
+    down = client_->downloadSync(remote("upload.bin"), localPath("down.bin"), {});
+    ASSERT_TRUE(down) << down.error().describe();
+    EXPECT_EQ(readFile(localPath("down.bin")), shorter);
+
+    putServerFile("upload.bin", content);
+    writeFile(localPath("upload.bin"), shorter);
+    up = client_->uploadSync(localRecord(localPath("upload.bin")), remoteRoot(), {});
+    ASSERT_TRUE(up) << up.error().describe();
+    EXPECT_EQ(readServerFile("upload.bin"), shorter);
+
+    // An empty file is a file too.
+    writeFile(localPath("empty.txt"), "");
+    up = client_->uploadSync(localRecord(localPath("empty.txt")), remoteRoot(), {});
+    ASSERT_TRUE(up) << up.error().describe();
+    EXPECT_TRUE(serverHas("empty.txt"));
+    EXPECT_EQ(readServerFile("empty.txt"), "");
+}
+
+TEST_P(WrapperConformance, RenamesItems) {
+    putServerFile("old name.txt", "content");
+    putServerFile("old folder/child.txt", "child");
+
+    auto r = client_->moveSync(remote("old name.txt"), remote("new name.txt"));
+    ASSERT_TRUE(r) << r.error().describe();
+    EXPECT_FALSE(serverHas("old name.txt"));
+    EXPECT_EQ(readServerFile("new name.txt"), "content");
+
+    r = client_->moveSync(remote("old folder", true), remote("new folder", true));
+    ASSERT_TRUE(r) << r.error().describe();
+    EXPECT_FALSE(serverHas("old folder"));
+    EXPECT_EQ(readServerFile("new folder/child.txt"), "child");
+
+    auto listing = client_->contentsOfDirectoryAtPathSync(remoteRoot());
+    ASSERT_TRUE(listing) << listing.error().describe();
+    EXPECT_EQ(namesOf(*listing), (std::vector<std::string>{"new folder", "new name.txt"}));
+}
+
+TEST_P(WrapperConformance, MovesItemsIntoAnotherFolder) {
+    putServerFile("f.txt", "file");
+    putServerFile("dir/g.txt", "nested");
+    makeServerFolder("dest");
+
+    auto r = client_->moveSync(remote("f.txt"), remote("dest/f.txt"));
+    ASSERT_TRUE(r) << r.error().describe();
+    r = client_->moveSync(remote("dir", true), remote("dest/dir", true));
+    ASSERT_TRUE(r) << r.error().describe();
+
+    EXPECT_FALSE(serverHas("f.txt"));
+    EXPECT_FALSE(serverHas("dir"));
+    EXPECT_EQ(readServerFile("dest/f.txt"), "file");
+    EXPECT_EQ(readServerFile("dest/dir/g.txt"), "nested");
+}
+
+TEST_P(WrapperConformance, DeletesFilesAndFoldersRecursively) {
+    putServerFile("x.txt", "x");
+    putServerFile("keep.txt", "keep");
+    putServerFile("tree/a/b/c.txt", "deep");
+    putServerFile("tree/.hidden", "hidden files go too, even when not shown");
+    putServerFile("tree/a/.hid/d.txt", "d");
+
+    auto r = client_->removeSync({remote("x.txt"), remote("tree", true)});
+    ASSERT_TRUE(r) << r.error().describe();
+    EXPECT_FALSE(serverHas("x.txt"));
+    EXPECT_FALSE(serverHas("tree"));
+    EXPECT_EQ(readServerFile("keep.txt"), "keep");
+}
+
+TEST_P(WrapperConformance, HiddenFilesFollowPreferenceAndOverride) {
+    putServerFile(".hidden", "h");
+    putServerFile("shown", "s");
+    auto& prefs = AppPreference::sharedAppPreference();
+
+    auto listing = client_->contentsOfDirectoryAtPathSync(remoteRoot());
+    ASSERT_TRUE(listing) << listing.error().describe();
+    EXPECT_EQ(namesOf(*listing), std::vector<std::string>{"shown"});
+
+    auto forced = session_.makeWrapper();
+    forced->setForceIncludesHiddenFiles(true);
+    listing = forced->contentsOfDirectoryAtPathSync(remoteRoot());
+    ASSERT_TRUE(listing) << listing.error().describe();
+    EXPECT_EQ(namesOf(*listing), (std::vector<std::string>{".hidden", "shown"}));
+
+    prefs.setValue(true, PrefKey::SYS_SHOW_HIDDEN_FILES);
+    listing = client_->contentsOfDirectoryAtPathSync(remoteRoot());
+    ASSERT_TRUE(listing) << listing.error().describe();
+    EXPECT_EQ(namesOf(*listing), (std::vector<std::string>{".hidden", "shown"}));
+}
+
+TEST_P(WrapperConformance, HandlesBlanksHashPercentAndNonAsciiNames) {
+    const std::vector<std::string> names = {"with blank.txt", "hash#sign.txt", "100% done.txt",
+                                            "Gr\u00fc\u00dfe \u65e5\u672c.txt", "a%20b.txt"};
+    const std::string folder = "dir #% \u00fc";
+    auto made = client_->createFolderSync(remote(folder, true));
+    ASSERT_TRUE(made) << made.error().describe();
+    ASSERT_TRUE(serverHasFolder(folder));
+
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        writeFile(localPath(names[i]), "content " + names[i]);
+        auto up = client_->uploadSync(localRecord(localPath(names[i])), remote(folder, true), {});
+        ASSERT_TRUE(up) << names[i] << ": " << up.error().describe();
+        EXPECT_EQ(readServerFile(folder + "/" + names[i]), "content " + names[i]) << names[i];
+    }
+    auto listing = client_->contentsOfDirectoryAtPathSync(remote(folder, true));
+    ASSERT_TRUE(listing) << listing.error().describe();
+    auto expected = names;
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(namesOf(*listing), expected);
+
+    for (auto& item : *listing) {
+        std::string name = item.nameIgnoreLinkResolve().value_or("");
+        auto down = client_->downloadSync(item, localPath("copy of " + name), {});
+        ASSERT_TRUE(down) << name << ": " << down.error().describe();
+        EXPECT_EQ(readFile(localPath("copy of " + name)), "content " + name);
+    }
+
+    auto renamed =
+        client_->moveSync(remote(folder + "/hash#sign.txt"), remote(folder + "/hash#sign 2 %.txt"));
+    ASSERT_TRUE(renamed) << renamed.error().describe();
+    EXPECT_EQ(readServerFile(folder + "/hash#sign 2 %.txt"), "content hash#sign.txt");
+
+    auto removed = client_->removeSync({remote(folder, true)});
+    ASSERT_TRUE(removed) << removed.error().describe();
+    EXPECT_FALSE(serverHas(folder));
+}
+
+TEST_P(WrapperConformance, TransfersLargeFilesWithProgress) {
+    const std::string content = randomBytes(25 * 1024 * 1024 + 123, 3);
+    const auto size = static_cast<std::int64_t>(content.size());
+    writeFile(localPath("large.bin"), content);
+
+    auto upLog = std::make_shared<ProgressLog>();
+    auto up = client_->uploadSync(localRecord(localPath("large.bin")), remoteRoot(),
+                                  ProgressLog::handlerOf(upLog));
+    MainQueue::shared().pump();
+    ASSERT_TRUE(up) << up.error().describe();
+    EXPECT_TRUE(readServerFile("large.bin") == content) << "uploaded bytes differ";
+    expectCompleteProgress(upLog->snapshot(), size, "upload");
+
+    auto downLog = std::make_shared<ProgressLog>();
+    auto down = client_->downloadSync(remote("large.bin"), localPath("large copy.bin"),
+                                      ProgressLog::handlerOf(downLog));
+    MainQueue::shared().pump();
+    ASSERT_TRUE(down) << down.error().describe();
+    EXPECT_TRUE(readFile(localPath("large copy.bin")) == content) << "downloaded bytes differ";
+    expectCompleteProgress(downLog->snapshot(), size, "download");
+}
+
+TEST_P(WrapperConformance, CancellationLeavesNoPartialFile) {
+    const std::string content = randomBytes(40 * 1024 * 1024, 4);
+    putServerFile("big.bin", content);
+    writeFile(localPath("big.bin"), content);
+
+    // Cancelled before it starts: nothing is transferred.
+    auto cancelled = session_.makeWrapper();
+    cancelled->cancelOperation();
+    auto down = cancelled->downloadSync(remote("big.bin"), localPath("never.bin"), {});
+    EXPECT_FALSE(down) << "a cancelled download reported success";
+    EXPECT_FALSE(localHas(localPath("never.bin"))) << "a cancelled download left a file";
+    writeFile(localPath("other/big.bin"), "different content");
+    auto up = cancelled->uploadSync(localRecord(localPath("other/big.bin")), remoteRoot(), {});
+    EXPECT_FALSE(up) << "a cancelled upload reported success";
+    EXPECT_TRUE(readServerFile("big.bin") == content) << "a cancelled upload damaged the file";
+    MainQueue::shared().pump();
+
+    // Cancelled at the first progress report: either it stopped and left nothing, or it had
+    // already finished with every byte.
+    auto midway = session_.makeWrapper();
+    Wrapper* raw = midway.get();
+    auto log = std::make_shared<ProgressLog>();
+    down = runPumping([&] {
+        return midway->downloadSync(remote("big.bin"), localPath("partial.bin"),
+                                    ProgressLog::handlerOf(log, [raw] { raw->cancelOperation(); }));
+    });
+    if (down)
+        EXPECT_TRUE(readFile(localPath("partial.bin")) == content);
+    else
+        EXPECT_FALSE(localHas(localPath("partial.bin"))) << "a cancelled download left a file";
+    for (auto& e : std::filesystem::directory_iterator(local_->path())) {
+        auto name = e.path().filename().string();
+        EXPECT_TRUE(name == "big.bin" || name == "other" || name == "partial.bin")
+            << "a cancelled download left " << name;
+    }
+
+    makeServerFolder("target");
+    auto uploader = session_.makeWrapper();
+    Wrapper* rawUp = uploader.get();
+    auto upLog = std::make_shared<ProgressLog>();
+    up = runPumping([&] {
+        return uploader->uploadSync(
+            localRecord(localPath("big.bin")), remote("target", true),
+            ProgressLog::handlerOf(upLog, [rawUp] { rawUp->cancelOperation(); }));
+    });
+    if (up)
+        EXPECT_TRUE(readServerFile("target/big.bin") == content);
+    else
+        EXPECT_FALSE(serverHas("target/big.bin")) << "a cancelled upload left a file";
+    for (auto& e : std::filesystem::directory_iterator(serverPath("target")))
+        EXPECT_EQ(e.path().filename().string(), "big.bin") << "a cancelled upload left junk";
+}
+
+TEST_P(WrapperConformance, MissingItemsFail) {
+    makeServerFolder("present");
+    auto listing = client_->contentsOfDirectoryAtPathSync(remote("absent", true));
+    EXPECT_FALSE(listing) << "listing a missing folder succeeded";
+
+    auto down = client_->downloadSync(remote("absent.txt"), localPath("got.txt"), {});
+    EXPECT_FALSE(down) << "downloading a missing file succeeded";
+    EXPECT_FALSE(localHas(localPath("got.txt"))) << "a failed download left a file";
+
+    auto moved = client_->moveSync(remote("absent.txt"), remote("present/absent.txt"));
+    EXPECT_FALSE(moved) << "moving a missing item succeeded";
+    auto removed = client_->removeSync({remote("absent.txt")});
+    EXPECT_FALSE(removed) << "removing a missing item succeeded";
+
+    writeFile(localPath("up.txt"), "up");
+    auto up = client_->uploadSync(localRecord(localPath("up.txt")), remote("absent", true), {});
+    EXPECT_FALSE(up) << "uploading into a missing folder succeeded";
+    EXPECT_FALSE(serverHas("absent"));
+
+    auto made = client_->createFolderSync(remote("absent/child", true));
+    EXPECT_FALSE(made) << "creating a folder in a missing folder succeeded";
+    EXPECT_FALSE(serverHas("absent"));
+    MainQueue::shared().pump();
+}
+
+TEST_P(WrapperConformance, MissingItemsReport10008) {
+    auto listing = client_->contentsOfDirectoryAtPathSync(remote("absent", true));
+    ASSERT_FALSE(listing);
+    EXPECT_EQ(listing.error().code, 10008) << listing.error().describe();
+    auto down = client_->downloadSync(remote("absent.txt"), localPath("got.txt"), {});
+    ASSERT_FALSE(down);
+    EXPECT_EQ(down.error().code, 10008) << down.error().describe();
+    MainQueue::shared().pump();
+}
+
+TEST_P(WrapperConformance, RefusedPermissionFails) {
+    putServerFile("locked/inside.txt", "inside");
+    putServerFile("secret.txt", "secret");
+    ::chmod(serverPath("locked").c_str(), 0);
+    ::chmod(serverPath("secret.txt").c_str(), 0);
+    ::chmod(local_->path().c_str(), 0777);
+    writeFile(localPath("up.txt"), "up");
+    ::chmod(localPath("up.txt").c_str(), 0644);
+    struct Restore {
+        std::string locked, secret;
+        ~Restore() {
+            ::chmod(locked.c_str(), 0777);
+            ::chmod(secret.c_str(), 0666);
+        }
+    } restore{serverPath("locked"), serverPath("secret.txt")};
+
+    const std::string target = localPath("secret copy.txt");
+    auto probe = [&]() -> std::vector<std::string> {
+        std::vector<std::string> problems;
+        auto w = session_.makeWrapper();
+        if (!w) return {"no client"};
+        w->setForceIncludesHiddenFiles(true);
+        auto top = w->contentsOfDirectoryAtPathSync(remoteRoot());
+        if (!top)
+            problems.push_back("listing the scratch folder failed: " + top.error().describe());
+        if (w->contentsOfDirectoryAtPathSync(remote("locked", true)))
+            problems.push_back("listing a folder without permissions succeeded");
+        if (w->downloadSync(remote("secret.txt"), target, {}))
+            problems.push_back("downloading a file without read permission succeeded");
+        if (localHas(target)) problems.push_back("a refused download left a file at the target");
+        if (w->uploadSync(localRecord(localPath("up.txt")), remote("locked", true), {}))
+            problems.push_back("uploading into a folder without permissions succeeded");
+        return problems;
+    };
+    auto runner = GetParam().runRestricted;
+    auto findings = runner ? runner(probe) : probe();
+    MainQueue::shared().pump();
+    if (!findings) GTEST_SKIP() << findings.error();
+    for (auto& problem : *findings) ADD_FAILURE() << problem;
+
+    ::chmod(serverPath("locked").c_str(), 0777);
+    std::vector<std::string> inLocked;
+    for (auto& e : std::filesystem::directory_iterator(serverPath("locked")))
+        inLocked.push_back(e.path().filename().string());
+    EXPECT_EQ(inLocked, std::vector<std::string>{"inside.txt"}) << "a refused upload landed";
+}
+
+TEST_P(WrapperConformance, StreamsRandomReads) {
+    if (!client_->capabilities().streaming) GTEST_SKIP() << "the client offers no streaming";
+    const std::string content = randomBytes(1024 * 1024 + 5, 5);
+    putServerFile("stream.bin", content);
+
+    auto opened = client_->initStreamFileMeta(remote("stream.bin"));
+    ASSERT_TRUE(opened) << opened.error().describe();
+    EXPECT_EQ(client_->contentLength(), content.size());
+    EXPECT_EQ(client_->offset(), 0u);
+
+    client_->setOffset(1000);
+    auto bytes = client_->readDataOfLength(5000);
+    ASSERT_TRUE(bytes) << bytes.error().describe();
+    EXPECT_EQ(std::string(bytes->begin(), bytes->end()), content.substr(1000, 5000));
+    EXPECT_EQ(client_->offset(), 6000u);
+
+    client_->setOffset(content.size() - 3);
+    bytes = client_->readDataOfLength(100);
+    ASSERT_TRUE(bytes) << bytes.error().describe();
+    EXPECT_EQ(std::string(bytes->begin(), bytes->end()), content.substr(content.size() - 3));
+    bytes = client_->readDataOfLength(100);
+    ASSERT_TRUE(bytes) << bytes.error().describe();
+    EXPECT_TRUE(bytes->empty());
+}
+
+TEST_P(WrapperConformance, FolderHasNoThumbnail) {
+    makeServerFolder("pictures");
+    auto r = client_->downloadThumbnailSync(remote("pictures", true));
+    ASSERT_FALSE(r);
+    EXPECT_EQ(r.error().code, 10009);
+    EXPECT_EQ(r.error().domain, "Local");
+    EXPECT_EQ(r.error().reason, "Folder has no thumbnail.");
+}
+
+TEST_P(WrapperConformance, AsynchronousFormsComplete) {
+    putServerFile("async.txt", "async content");
+    using Done = std::optional<Error>;
+    auto listing = awaitCompletion<Result<KvMetadataList>>(
+        [&](auto complete) { client_->contentsOfDirectoryAtPath(remoteRoot(), complete); });
+    ASSERT_TRUE(listing) << listing.error().describe();
+    EXPECT_EQ(namesOf(*listing), std::vector<std::string>{"async.txt"});
+
+    auto downloaded = awaitCompletion<Done>([&](auto complete) {
+        client_->download(remote("async.txt"), localPath("async copy.txt"), complete, {});
+    });
+    EXPECT_FALSE(downloaded) << downloaded->describe();
+    EXPECT_EQ(readFile(localPath("async copy.txt")), "async content");
+
+    auto created = awaitCompletion<Done>(
+        [&](auto complete) { client_->createFolder(remote("async folder", true), complete); });
+    EXPECT_FALSE(created) << created->describe();
+    EXPECT_TRUE(serverHasFolder("async folder"));
+
+    auto removed = awaitCompletion<Done>(
+        [&](auto complete) { client_->remove({remote("async.txt")}, complete); });
+    EXPECT_FALSE(removed) << removed->describe();
+    EXPECT_FALSE(serverHas("async.txt"));
+}
+
+}  // namespace quillon::test
