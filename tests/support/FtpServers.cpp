@@ -298,13 +298,21 @@ bool FtpServer::launch(std::string* whyNot) {
                 return false;
             }
             if (!fs::exists(conf + "/pure.pdb")) {
-                writeText(conf + "/passwd", "", 0600);
-                auto r = runProgram(
-                    {pw, "useradd", user_, "-u", std::to_string(uid_), "-g", std::to_string(gid_),
-                     "-d", root_, "-f", conf + "/passwd", "-m", "-F", conf + "/pure.pdb"},
-                    password_ + "\n" + password_ + "\n");
+                // pure-pw hashes with a costly argon2 setting (seconds per login on a busy
+                // machine): the passwd file is written here with a SHA-512 crypt hash instead.
+                auto hash = runProgram({"openssl", "passwd", "-6", "-stdin"}, password_ + "\n");
+                std::string h = hash.out.substr(0, hash.out.find('\n'));
+                if (hash.exitCode != 0 || h.empty()) {
+                    *whyNot = "pure-ftpd cannot run here: openssl passwd failed";
+                    return false;
+                }
+                writeText(conf + "/passwd",
+                          user_ + ":" + h + ":" + std::to_string(uid_) + ":" +
+                              std::to_string(gid_) + "::" + root_ + "/./::::::::::::\n",
+                          0600);
+                auto r = runProgram({pw, "mkdb", conf + "/pure.pdb", "-f", conf + "/passwd"});
                 if (r.exitCode != 0) {
-                    *whyNot = "pure-ftpd cannot run here: pure-pw failed: " + r.err;
+                    *whyNot = "pure-ftpd cannot run here: pure-pw mkdb failed: " + r.err;
                     return false;
                 }
             }
@@ -522,6 +530,13 @@ std::string FtpServer::hostPath(std::string_view serverPath) const {
     std::string p(serverPath);
     while (!p.empty() && p.front() == '/') p.erase(0, 1);
     return p.empty() ? root_ : root_ + "/" + p;
+}
+
+std::string FtpServer::remotePath(std::string_view serverPath) const {
+    std::string p(serverPath);
+    while (!p.empty() && p.front() == '/') p.erase(0, 1);
+    std::string base = kind_ == FtpServerKind::Vsftpd ? root_ : std::string();
+    return base + "/" + p;
 }
 
 void FtpServer::writeFile(std::string_view serverPath, std::string_view content) const {

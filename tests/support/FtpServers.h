@@ -61,8 +61,11 @@ class FtpServer {
     // "FTP_PROTOCOL" as given; implicit-TLS servers get "FTP_PROTOCOL_IMPLICIT").
     ServerInfoPtr serverInfo(std::string_view ftpProtocol = "FTP_PROTOCOL_PLAIN") const;
 
-    // The local path of a server path ("/a/b" or "a/b").
+    // The local path of a server path ("/a/b" or "a/b"), relative to the login folder.
     std::string hostPath(std::string_view serverPath) const;
+    // The absolute path by which the client addresses that item: vsftpd, run for anonymous
+    // users without chroot, shows the whole file system, the others show their root as "/".
+    std::string remotePath(std::string_view serverPath) const;
     // Files and folders placed on the server, owned by the user the server writes as.
     void writeFile(std::string_view serverPath, std::string_view content) const;
     void makeDir(std::string_view serverPath) const;

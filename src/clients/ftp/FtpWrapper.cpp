@@ -284,9 +284,14 @@ Status FtpWrapper::downloadSync(const KvMetadata& file, const std::string& saveT
     if (file.isDir)
         return KvError::fail(ErrorDomain::FTP, ErrorCode::DownloadFailed,
                              "Internal Error: download folder");
+    if (cancelled())
+        return KvError::fail(ErrorDomain::FTP, CURLE_ABORTED_BY_CALLBACK, "Download Canncelled");
     if (auto s = probe(false); !s) return s;
     downloadProgressHandler_ = progress;
-    return downloadFile(file, saveTo, 0);
+    auto result = downloadFile(file, saveTo, 0);
+    // A file that did not arrive whole must not look as if it had.
+    if (!result) ::unlink(saveTo.c_str());
+    return result;
 }
 
 std::size_t FtpWrapper::onFileWrite(const char* data, std::size_t size) {
@@ -364,7 +369,12 @@ Status FtpWrapper::downloadFile(const KvMetadata& file, const std::string& saveT
 
     if (cancelled())
         return KvError::fail(ErrorDomain::FTP, CURLE_ABORTED_BY_CALLBACK, "Download Canncelled");
-    if (rc == CURLE_OK) return {};
+    if (rc == CURLE_OK) {
+        curl_off_t got = 0;
+        curl_easy_getinfo(curl, CURLINFO_SIZE_DOWNLOAD_T, &got);
+        finishProgress(totalDlSize_ > 0 ? totalDlSize_ : finishedDlSize_ + got);
+        return {};
+    }
     if (rc == CURLE_REMOTE_FILE_NOT_FOUND)
         return KvError::fail(ErrorDomain::FTP, ErrorCode::NotFound,
                              "File not found, check permission");
@@ -449,17 +459,22 @@ Status FtpWrapper::uploadFileForFTP(const KvMetadata& localFile, const KvMetadat
     recycleFTPConnection(*conn, rc);
     std::fclose(file_);
     file_ = nullptr;
-    direction_ = Direction::None;
 
-    if (cancelled())
+    if (cancelled()) {
+        direction_ = Direction::None;
+        // What arrived of a cancelled upload is not the file: take it away again.
+        if (resumeFrom == 0) (void)curl_runCommandWithoutBody("DELE " + target, baseServerPath());
         return KvError::fail(ErrorDomain::FTP, CURLE_ABORTED_BY_CALLBACK, "Upload Cancelled");
+    }
     if (rc != CURLE_OK) {
+        direction_ = Direction::None;
         std::string text = errorBuffer;
         auto e = curlError(rc, errorBuffer);
         if (text.empty()) e.reason = parseErrorInMessage(stringForHeaderResp());
         return std::unexpected(e);
     }
     finishProgress(size);
+    direction_ = Direction::None;
     if (serverInfo()->supportMFMT.value_or(false)) {
         struct stat ls {};
         if (::stat(localPath.c_str(), &ls) == 0)
@@ -627,6 +642,9 @@ Status FtpWrapper::initStreamFileMeta(const KvMetadata& file) {
     char errorBuffer[CURL_ERROR_SIZE] = {0};
     curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
     curl_easy_setopt(curl, CURLOPT_NOBODY, 1L);
+    // libcurl hands the size over as a made-up header through the body callback too.
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, this);
+    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, bodyCb);
     curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, errorBuffer);
     curl_easy_setopt(curl, CURLOPT_HEADERDATA, this);
     curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, headerCb);

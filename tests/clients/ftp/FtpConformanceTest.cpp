@@ -70,7 +70,7 @@ ConformanceTarget ftpTarget(const std::string& name, FtpServerKind kind, FtpServ
         FtpServer* server = shared.server.get();
         server->makeDir(folder);
         ::chmod(server->hostPath(folder).c_str(), 0777);
-        session.remoteRoot = "/" + folder;
+        session.remoteRoot = server->remotePath(folder);
         session.serverDir = server->hostPath(folder);
         auto info = server->serverInfo(protocol);
         session.makeWrapper = [info] { return WrapperProxy::wrapperWithServerInfo(info); };
