@@ -4,10 +4,10 @@
 
 #include <cstdio>
 #include <iostream>
+#include <memory>
 
+#include "app/Application.h"
 #include "clients/Clients.h"
-#include "core/AppPreference.h"
-#include "core/DBManager.h"
 
 namespace quillon::cli {
 
@@ -21,11 +21,25 @@ int reportMessage(const std::string& message, int code) {
     return code;
 }
 
+namespace {
+// The one application object of a command-line run; started by the first command that needs it.
+std::unique_ptr<Application>& application() {
+    static std::unique_ptr<Application> app;
+    return app;
+}
+}  // namespace
+
 Status startApplication() {
     static std::optional<Status> started;
     if (started) return *started;
-    registerBuiltinClients();
-    started = DBManager::sharedDBManager().openDB();
+    ApplicationOptions options;
+    // A short run merges the shared server list at once instead of on timers.
+    options.delayedSteps = ApplicationOptions::DelayedSteps::Immediate;
+    application() = std::make_unique<Application>(options);
+    started = application()->start();
+    if (*started)
+        for (auto& warning : application()->warnings())
+            fmt::print(stderr, "quillon: warning: {}\n", warning.describe());
     return *started;
 }
 
@@ -45,6 +59,7 @@ int run(int argc, char** argv) {
     registerServerCommands(cli);
     registerPrefsCommand(cli);
     registerFileCommands(cli);
+    registerSyncCommands(cli);
     try {
         cli.app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
@@ -53,7 +68,9 @@ int run(int argc, char** argv) {
     }
     registerBuiltinClients();
     if (!cli.action) return kExitUsage;
-    return cli.action();
+    int rc = cli.action();
+    if (application()) application()->stop();
+    return rc;
 }
 
 }  // namespace quillon::cli
