@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 
-#include <atomic>
 #include <chrono>
 #include <filesystem>
 
@@ -35,12 +34,14 @@ Status Application::start() {
     if (running_) return {};
     warnings_.clear();
 
-    // The shared store reads the file when first used; a later launch in the same process
-    // reads it again, as a launch does.
-    static std::atomic<bool> launchedBefore{false};
+    // A launch reads "pref.plist" afresh. A problem found when the shared store first read it
+    // (perhaps just now) is reported once; the store then runs on the defaults.
     auto& prefs = AppPreference::sharedAppPreference();
-    if (launchedBefore.exchange(true)) (void)prefs.load();
-    if (auto e = prefs.loadError()) return std::unexpected(*e);
+    if (auto e = prefs.takeLoadError()) return std::unexpected(*e);
+    if (auto r = prefs.load(); !r) {
+        (void)prefs.takeLoadError();
+        return r;
+    }
 
     if (auto r = DBManager::sharedDBManager().openDB(); !r) return r;
     registerBuiltinClients();

@@ -39,7 +39,6 @@ bool seedFromShipped(const std::string& shipped, const std::string& target) {
     auto value = Plist::readFile(shipped);
     if (!value || !value->is<PlistDict>()) return false;
     std::error_code ec;
-    if (!fs::exists(shipped, ec)) return false;
     std::string tmp = target + ".tmp-" + std::to_string(::getpid());
     fs::copy_file(shipped, tmp, fs::copy_options::overwrite_existing, ec);
     if (ec) return false;
@@ -131,6 +130,13 @@ Status AppPreference::save() {
 std::optional<Error> AppPreference::loadError() const {
     std::lock_guard lock(mutex_);
     return loadError_;
+}
+
+std::optional<Error> AppPreference::takeLoadError() {
+    std::lock_guard lock(mutex_);
+    auto e = std::move(loadError_);
+    loadError_.reset();
+    return e;
 }
 
 std::optional<PlistValue> AppPreference::valueForKey(std::string_view key) const {

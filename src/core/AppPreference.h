@@ -69,6 +69,8 @@ public:
     PlistDict snapshot() const;
     // The error of the latest load (a corrupt file kept aside), for the application to report.
     std::optional<Error> loadError() const;
+    // The same error, cleared by taking it, so that it is reported once.
+    std::optional<Error> takeLoadError();
 
 private:
     AppPreference();

@@ -136,6 +136,10 @@ TEST(AppPreference, CorruptFileIsKeptAsideAndReported) {
     EXPECT_EQ(prefs.integerForKey(PrefKey::MaxSimultaneousTransfers), 3);
     EXPECT_EQ(modeOf(path), 0600u);
 
+    // Taken once for reporting, then gone.
+    EXPECT_EQ(prefs.takeLoadError(), r.error());
+    EXPECT_FALSE(prefs.takeLoadError());
+    EXPECT_FALSE(prefs.loadError());
     ASSERT_TRUE(prefs.load());
     EXPECT_FALSE(prefs.loadError());
 
