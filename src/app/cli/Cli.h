@@ -40,6 +40,7 @@ void registerServeCommand(Cli& cli);
 void registerServerCommands(Cli& cli);
 void registerPrefsCommand(Cli& cli);
 void registerFileCommands(Cli& cli);
+void registerSyncCommands(Cli& cli);
 
 // Parses and runs; returns the exit status.
 int run(int argc, char** argv);

@@ -1,0 +1,387 @@
+// quillon sync add | list | run | rm: sync pairs on the command line. Runs go through the
+// transfer manager like every other transfer, with the same progress line as cp.
+
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <filesystem>
+#include <mutex>
+
+#include "app/cli/Cli.h"
+#include "app/cli/Json.h"
+#include "app/cli/Location.h"
+#include "app/cli/ProgressView.h"
+#include "core/GCD.h"
+#include "core/MainQueue.h"
+#include "core/StringUtils.h"
+#include "sync/SyncDBManager.h"
+#include "sync/SyncInfoService.h"
+#include "sync/SyncTask.h"
+#include "sync/SyncUtils.h"
+#include "transfer/FileTransferTaskManager.h"
+
+namespace quillon::cli {
+
+namespace {
+
+volatile std::sig_atomic_t interrupted = 0;
+
+void onInterrupt(int) {
+    interrupted = 1;
+}
+
+// A failed pair does not stop the others: the failure is reported with the summary.
+class SyncPrompts : public UserPrompts {
+  public:
+    void resolveConflict(const ResolveConflictItem&, ConflictAnswer answer) override {
+        answer(ConflictAction::Skip, false);
+    }
+    FailureChoice alertTaskFailure(const std::string&, bool offerIgnore) override {
+        return offerIgnore ? FailureChoice::Ignore : FailureChoice::Stop;
+    }
+};
+
+std::string timeText(const std::optional<TimePoint>& t) {
+    if (!t) return "never";
+    std::time_t tt = std::chrono::system_clock::to_time_t(*t);
+    std::tm tm{};
+    localtime_r(&tt, &tm);
+    return fmt::format("{:%Y-%m-%d %H:%M:%S}", tm);
+}
+
+// The status as a user reads it: a pair left "running" by a process that is gone was
+// interrupted.
+std::string statusText(const SyncInfo& info) {
+    if (info.status == SyncStatus::Running &&
+        !SyncUtils::isSyncRunning(info.localFolderMeta.pathOrEmpty()))
+        return "interrupted";
+    return std::string(syncStatusName(info.status));
+}
+
+std::string serverText(const SyncInfo& info) {
+    if (!info.serverInfo) return "(missing server " + info.serverUUID + ")";
+    if (info.serverInfo->protocolType == ProtocolType::Local) return "local";
+    return info.serverInfo->displayName;
+}
+
+std::string remoteText(const SyncInfo& info) {
+    std::string path = info.remoteFolderMeta.pathOrEmpty();
+    if (info.serverInfo && info.serverInfo->protocolType == ProtocolType::Local) return path;
+    return serverText(info) + ":" + path;
+}
+
+bool validLocalName(const std::string& name) {
+    return !name.empty() && name != "." && name != ".." && name.front() != '.' &&
+           name.find('/') == std::string::npos && name.find('\0') == std::string::npos;
+}
+
+void removePairDatabase(const std::string& folder) {
+    for (auto suffix : {"", "-wal", "-shm", "-journal"})
+        ::unlink((folder + "/" + SyncDBManager::kFileName + suffix).c_str());
+    ::unlink((folder + "/" + SyncUtils::kLockFileName).c_str());
+}
+
+int addPair(const std::string& locationText, const std::string& localName) {
+    if (auto r = startApplication(); !r) return reportError(r.error());
+    if (!validLocalName(localName))
+        return reportMessage("LOCAL_NAME must be a plain folder name (no \"/\", not hidden).",
+                             kExitUsage);
+    auto loc = resolveLocation(locationText);
+    if (!loc) return reportError(loc.error());
+    if (loc->server->boolValueForKey(ServerProp::QUICK_CONNECT))
+        return reportMessage(
+            "A sync pair needs a configured server: add it with `quillon server "
+            "add` and give the folder as NAME:/path.");
+    auto item = statLocation(*loc);
+    if (!item) return reportError(item.error());
+    if (!item->isDir) return reportMessage(loc->display() + " is not a folder.");
+
+    auto& service = SyncInfoService::sharedInstance();
+    auto local = SyncInfo::localFolderMetaForName(localName);
+    std::string localPath = local.pathOrEmpty();
+    for (auto& other : service.getAllSyncInfo()) {
+        if (other.localFolderMeta.nameOrEmpty() == localName)
+            return reportMessage(
+                fmt::format("The local folder \"{}\" already belongs to sync pair {}.", localName,
+                            other.syncInfoID));
+        if (other.serverUUID == loc->server->serverID &&
+            other.remoteFolderMeta.pathOrEmpty() == loc->path)
+            return reportMessage(fmt::format("{} is already paired (sync pair {}).", loc->display(),
+                                             other.syncInfoID));
+    }
+    if (loc->isLocal()) {
+        // A folder synced with itself, or with a folder inside it, would never settle.
+        std::string a = loc->path == "/" ? "/" : loc->path + "/";
+        std::string b = localPath + "/";
+        if (a.starts_with(b) || b.starts_with(a))
+            return reportMessage("The folder overlaps its own sync folder " + localPath + ".");
+    }
+
+    SyncInfo info;
+    info.serverInfo = loc->server;
+    info.serverUUID = loc->server->serverID;
+    std::string remoteName = loc->path == "/" ? "/" : StringUtils::lastPathComponent(loc->path);
+    info.remoteFolderMeta = SyncInfo::remoteFolderMetaFor(remoteName, loc->path, info.serverUUID,
+                                                          loc->server->protocolType, std::nullopt);
+    info.localFolderMeta = local;
+    info.status = SyncStatus::NeverSynced;
+    if (auto r = service.saveSyncInfo(info); !r) return reportError(r.error());
+    std::string made = SyncUtils::getSyncFolderPath(localName);
+    // Records left by a forgotten pair of the same name would be read as this pair's history.
+    removePairDatabase(made);
+    fmt::print("Added sync pair {}: {} <-> {}\n", info.syncInfoID, loc->display(), made);
+    return kExitOk;
+}
+
+int listPairs(bool json) {
+    if (auto r = startApplication(); !r) return reportError(r.error());
+    auto pairs = SyncInfoService::sharedInstance().getAllSyncInfo();
+    if (json) {
+        std::string out = "[";
+        for (std::size_t i = 0; i < pairs.size(); ++i) {
+            auto& p = pairs[i];
+            out += i ? ",\n" : "\n";
+            out += fmt::format(
+                "{{\"id\":{},\"server\":{},\"serverID\":{},\"remoteFolder\":{},\"localName\":{},"
+                "\"localFolder\":{},\"lastSync\":{},\"status\":{},\"statusCode\":{}}}",
+                p.syncInfoID, jsonString(serverText(p)), jsonString(p.serverUUID),
+                jsonString(p.remoteFolderMeta.pathOrEmpty()),
+                jsonString(p.localFolderMeta.nameOrEmpty()),
+                jsonString(p.localFolderMeta.pathOrEmpty()), jsonTime(p.lastSyncDate),
+                jsonString(statusText(p)), p.status);
+        }
+        out += pairs.empty() ? "]\n" : "\n]\n";
+        std::fwrite(out.data(), 1, out.size(), stdout);
+        return kExitOk;
+    }
+    if (pairs.empty()) {
+        fmt::print("No sync pairs. Add one with `quillon sync add LOCATION LOCAL_NAME`.\n");
+        return kExitOk;
+    }
+    fmt::print("{:>4}  {:<11}  {:<19}  {}\n", "ID", "STATUS", "LAST SYNC", "FOLDERS");
+    for (auto& p : pairs)
+        fmt::print("{:>4}  {:<11}  {:<19}  {} <-> {}\n", p.syncInfoID, statusText(p),
+                   timeText(p.lastSyncDate), remoteText(p), p.localFolderMeta.pathOrEmpty());
+    return kExitOk;
+}
+
+int removePair(std::int64_t id) {
+    if (auto r = startApplication(); !r) return reportError(r.error());
+    auto& service = SyncInfoService::sharedInstance();
+    auto info = service.getSyncInfoByID(id);
+    if (!info) return reportMessage(fmt::format("No sync pair {}.", id));
+    std::string localPath = info->localFolderMeta.pathOrEmpty();
+    if (SyncUtils::isSyncRunning(localPath))
+        return reportMessage(
+            fmt::format("Sync pair {} is syncing now; try again when it is done.", id));
+    if (auto r = service.deleteSyncInfo(*info); !r) return reportError(r.error());
+    // The pair's own records go with it; the user's files stay where they are.
+    removePairDatabase(localPath);
+    fmt::print("Removed sync pair {}; the files in {} and in {} are kept.\n", id, localPath,
+               remoteText(*info));
+    return kExitOk;
+}
+
+std::string plural(std::int64_t n, const char* one, const char* many) {
+    return fmt::format("{} {}", n, n == 1 ? one : many);
+}
+
+void printSummary(const SyncTask& task, bool dryRun) {
+    auto info = task.syncInfo();
+    auto s = task.summary();
+    std::string outcome;
+    switch (task.state()) {
+        case TransferTaskState::Completed:
+            outcome = dryRun ? "dry run" : "completed";
+            break;
+        case TransferTaskState::Stopped:
+            outcome = "stopped";
+            break;
+        case TransferTaskState::Failed:
+            outcome = "failed";
+            break;
+        default:
+            outcome = std::string(stateName(task.state()));
+    }
+    double secs = 0;
+    if (task.startTime() && task.endTime())
+        secs = std::chrono::duration<double>(*task.endTime() - *task.startTime()).count();
+    fmt::print("sync {}: {} <-> {}: {} in {:.1f} s\n", info.syncInfoID, remoteText(info),
+               info.localFolderMeta.pathOrEmpty(), outcome, secs);
+    const char* verb = dryRun ? "would be " : "";
+    auto side = [&](const char* label, std::int64_t in, std::int64_t bytes, std::int64_t deleted,
+                    std::int64_t made, std::int64_t removed, const char* inVerb) {
+        std::string line = fmt::format("  {}: {} {}{} ({})", label, plural(in, "file", "files"),
+                                       verb, inVerb, formatBytes(bytes));
+        line += fmt::format(", {} {}deleted", plural(deleted, "file", "files"), verb);
+        if (made) line += fmt::format(", {} {}created", plural(made, "folder", "folders"), verb);
+        if (removed)
+            line += fmt::format(", {} {}removed", plural(removed, "folder", "folders"), verb);
+        fmt::print("{}\n", line);
+    };
+    side("local ", s.downloaded, s.bytesDownloaded, s.deletedLocal, s.localFoldersCreated,
+         s.localFoldersDeleted, "downloaded");
+    side("server", s.uploaded, s.bytesUploaded, s.deletedRemote, s.remoteFoldersCreated,
+         s.remoteFoldersDeleted, "uploaded");
+    if (s.conflicts)
+        fmt::print("  {}: the newer version {}\n", plural(s.conflicts, "conflict", "conflicts"),
+                   dryRun ? "would win" : "won");
+    if (s.kept)
+        fmt::print("  {} inside deleted folders kept (new or changed since the last sync)\n",
+                   plural(s.kept, "item", "items"));
+    if (s.skipped)
+        fmt::print("  {} not synced (links or kind clashes)\n", plural(s.skipped, "item", "items"));
+    if (auto e = task.error()) fmt::print("  error: {}\n", e->describe());
+}
+
+struct RunOptions {
+    std::vector<std::int64_t> ids;
+    bool all = false;
+    bool dryRun = false;
+    std::optional<double> maxDelete;
+    bool verbose = false;
+};
+
+int runPairs(const RunOptions& opts) {
+    if (opts.ids.empty() && !opts.all)
+        return reportMessage(
+            "Name the sync pairs to run (IDs from `quillon sync list`) or give --all.", kExitUsage);
+    if (auto r = startApplication(); !r) return reportError(r.error());
+    auto all = SyncInfoService::sharedInstance().getAllSyncInfo();
+    std::vector<SyncInfo> chosen;
+    if (opts.all) {
+        chosen = all;
+    } else {
+        for (auto id : opts.ids) {
+            auto it = std::find_if(all.begin(), all.end(),
+                                   [&](const SyncInfo& i) { return i.syncInfoID == id; });
+            if (it == all.end()) return reportMessage(fmt::format("No sync pair {}.", id));
+            chosen.push_back(*it);
+        }
+    }
+    if (chosen.empty()) {
+        fmt::print("No sync pairs to run.\n");
+        return kExitOk;
+    }
+
+    SyncOptions options;
+    options.dryRun = opts.dryRun;
+    options.maxDeletePercent = opts.maxDelete;
+    auto view = std::make_shared<ProgressView>(stderr, !opts.dryRun && ::isatty(2) == 1);
+    auto& manager = FileTransferTaskManager::sharedInstance();
+    manager.setUserPrompts(std::make_shared<SyncPrompts>());
+    manager.setFileTransferView(view);
+
+    std::vector<std::shared_ptr<SyncTask>> tasks;
+    for (auto& info : chosen) {
+        auto task = std::make_shared<SyncTask>(info, options);
+        if (opts.dryRun || opts.verbose) {
+            std::int64_t id = info.syncInfoID;
+            // Decisions are printed on the main thread, where the progress line is drawn too.
+            task->decisionHandler = [id, view](const SyncDecision& d) {
+                GCD::doInForeground([id, view, d] {
+                    view->clearLine();
+                    std::string what(syncActionName(d.action));
+                    if (d.conflict) what = "conflict: " + what;
+                    fmt::print("[{}] {:<18} {}{}  ({})\n", id, what, d.path, d.isDir ? "/" : "",
+                               d.reason);
+                    std::fflush(stdout);
+                });
+            };
+        }
+        tasks.push_back(task);
+        manager.addTask(task);
+    }
+
+    interrupted = 0;
+    struct sigaction sa {
+    }, oldInt{}, oldTerm{};
+    sa.sa_handler = onInterrupt;
+    sigemptyset(&sa.sa_mask);
+    ::sigaction(SIGINT, &sa, &oldInt);
+    ::sigaction(SIGTERM, &sa, &oldTerm);
+    bool stopping = false;
+    auto& queue = MainQueue::shared();
+    // Wakes the loop to notice an interrupt: the syncs then stop between items and record it.
+    auto timer = queue.scheduleRepeating(std::chrono::milliseconds(50), [&] {
+        if (interrupted && !stopping) {
+            stopping = true;
+            manager.stopAllTasks();
+        }
+    });
+    manager.start();
+    auto finished = [&] {
+        return std::all_of(tasks.begin(), tasks.end(), [](const std::shared_ptr<SyncTask>& t) {
+            auto s = t->state();
+            return s == TransferTaskState::Completed || s == TransferTaskState::Stopped ||
+                   s == TransferTaskState::Failed;
+        });
+    };
+    queue.runUntil([&] { return finished() && !manager.hasActiveTasks(); });
+    queue.cancel(timer);
+    // Decisions and completions already queued.
+    while (queue.pump() > 0) {
+    }
+    view->close();
+    ::sigaction(SIGINT, &oldInt, nullptr);
+    ::sigaction(SIGTERM, &oldTerm, nullptr);
+
+    int rc = kExitOk;
+    for (auto& t : tasks) {
+        printSummary(*t, opts.dryRun);
+        if (t->state() != TransferTaskState::Completed) rc = kExitError;
+    }
+    return rc;
+}
+
+}  // namespace
+
+void registerSyncCommands(Cli& cli) {
+    auto* sync = cli.app.add_subcommand("sync", "Keep a server folder and a local folder in step");
+    sync->require_subcommand(1);
+
+    auto addArgs = std::make_shared<std::pair<std::string, std::string>>();
+    auto* add = sync->add_subcommand(
+        "add", "Pair a folder (NAME:/path, or a local folder) with \"Synced/LOCAL_NAME\"");
+    add->add_option("LOCATION", addArgs->first,
+                    "NAME:/path on a configured server, or a local folder")
+        ->required();
+    add->add_option("LOCAL_NAME", addArgs->second, "Name of the local folder under \"Synced\"")
+        ->required();
+    add->callback([&cli, addArgs] {
+        cli.action = [addArgs] { return addPair(addArgs->first, addArgs->second); };
+    });
+
+    auto listJson = std::make_shared<bool>(false);
+    auto* list = sync->add_subcommand("list", "List the sync pairs: folders, last sync, status");
+    list->add_flag("--json", *listJson, "Print a JSON array");
+    list->callback([&cli, listJson] { cli.action = [listJson] { return listPairs(*listJson); }; });
+
+    auto run = std::make_shared<RunOptions>();
+    auto maxDelete = std::make_shared<double>(0);
+    auto* runCmd = sync->add_subcommand("run", "Sync pairs now");
+    runCmd->add_option("ID", run->ids, "Sync pair IDs (see `quillon sync list`)");
+    runCmd->add_flag("--all", run->all, "Every sync pair");
+    runCmd->add_flag("--dry-run", run->dryRun, "Print what would be done; change nothing");
+    auto* md = runCmd
+                   ->add_option("--max-delete", *maxDelete,
+                                "Stop before deleting anything when a run would delete more "
+                                "than PERCENT of a side's files")
+                   ->check(CLI::Range(0.0, 100.0));
+    runCmd->add_flag("-v,--verbose", run->verbose, "Print every action");
+    runCmd->callback([&cli, run, maxDelete, md] {
+        if (md->count()) run->maxDelete = *maxDelete;
+        cli.action = [run] { return runPairs(*run); };
+    });
+
+    auto rmId = std::make_shared<std::int64_t>(0);
+    auto* rm = sync->add_subcommand("rm", "Forget a sync pair (its files stay on both sides)");
+    rm->add_option("ID", *rmId, "Sync pair ID")->required();
+    rm->callback([&cli, rmId] { cli.action = [rmId] { return removePair(*rmId); }; });
+}
+
+}  // namespace quillon::cli

@@ -1,0 +1,1239 @@
+#include "sync/SyncTask.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cmath>
+#include <filesystem>
+#include <fstream>
+#include <limits>
+#include <thread>
+
+#include "clients/local/LocalFileOps.h"
+#include "clients/local/SandboxFileAccess.h"
+#include "core/GCD.h"
+#include "core/LocalizedUtils.h"
+#include "core/NotificationCenter.h"
+#include "core/ServerInfoService.h"
+#include "core/StringUtils.h"
+#include "core/WrapperProxy.h"
+#include "sync/SyncInfoService.h"
+#include "sync/SyncUtils.h"
+#include "transfer/FileTransferUtils.h"
+#include "transfer/LocalFileCopier.h"
+#include "transfer/RemoteUpload.h"
+
+namespace quillon {
+
+namespace {
+
+using SyncUtils::kLockFileName;
+// Seconds from 1970 to 2001-01-01 00:00:00 UTC, the reference date of the ability-check file.
+constexpr double kReferenceDateOffset = 978307200.0;
+
+std::string nameOf(const KvMetadata& m) {
+    return m.nameIgnoreLinkResolve().value_or(StringUtils::lastPathComponent(m.pathOrEmpty()));
+}
+
+std::string join(const std::string& folder, const std::string& name) {
+    return StringUtils::stringByAppendingPathComponentDirectly(folder, name);
+}
+
+bool isHiddenName(const std::string& name) {
+    return !name.empty() && name.front() == '.';
+}
+
+double seconds(const std::optional<TimePoint>& t) {
+    if (!t) return -std::numeric_limits<double>::infinity();
+    return std::chrono::duration<double>(t->time_since_epoch()).count();
+}
+
+// "if L's time is not later than R's, download R over L; else upload L over R"
+bool localIsNewer(const KvMetadata& l, const KvMetadata& r) {
+    return seconds(l.timestamp) > seconds(r.timestamp);
+}
+
+bool isNotFound(const Error& e) {
+    return e.code == ErrorCode::NotFound;
+}
+
+Status localError(int err, const std::string& path) {
+    return KvError::fail(ErrorDomain::Local, err, fmt::format("{}: {}", path, std::strerror(err)));
+}
+
+}  // namespace
+
+std::string_view syncActionName(SyncAction action) {
+    switch (action) {
+        case SyncAction::Download:
+            return "download";
+        case SyncAction::Upload:
+            return "upload";
+        case SyncAction::DeleteRemote:
+            return "delete remote";
+        case SyncAction::DeleteLocal:
+            return "delete local";
+        case SyncAction::CreateLocalFolder:
+            return "mkdir local";
+        case SyncAction::CreateRemoteFolder:
+            return "mkdir remote";
+        case SyncAction::DeleteRemoteFolder:
+            return "rmdir remote";
+        case SyncAction::DeleteLocalFolder:
+            return "rmdir local";
+        case SyncAction::Keep:
+            return "keep";
+        case SyncAction::Skip:
+            return "skip";
+    }
+    return "unknown";
+}
+
+bool SyncSummary::nothingChanged() const {
+    return downloaded == 0 && uploaded == 0 && deletedLocal == 0 && deletedRemote == 0 &&
+           localFoldersCreated == 0 && remoteFoldersCreated == 0 && localFoldersDeleted == 0 &&
+           remoteFoldersDeleted == 0;
+}
+
+// One folder's entries with an index by name.
+struct SyncTask::Listing {
+    KvMetadataList entries;
+    std::unordered_map<std::string, std::size_t> byName;
+
+    explicit Listing(KvMetadataList list) : entries(std::move(list)) {
+        byName.reserve(entries.size());
+        for (std::size_t i = 0; i < entries.size(); ++i) byName.emplace(nameOf(entries[i]), i);
+    }
+    const KvMetadata* find(const std::string& name) const {
+        auto it = byName.find(name);
+        return it == byName.end() ? nullptr : &entries[it->second];
+    }
+};
+
+struct SyncTask::PairListing {
+    std::shared_ptr<Listing> remote;
+    std::shared_ptr<Listing> local;
+};
+
+SyncTask::SyncTask(SyncInfo info, SyncOptions options) : info_(std::move(info)), options_(options) {
+    sourceServerInfo = info_.serverInfo;
+    targetServerInfo = std::make_shared<ServerInfo>(
+        ServerInfoService::sharedServerInfoService().rootLocalServerInfo());
+    sourceMetadata = info_.remoteFolderMeta;
+    sourceItems = {sourceMetadata};
+    targetMetadata = info_.localFolderMeta;
+    targetMetadata.serverID = targetServerInfo->serverID;
+}
+
+SyncTask::~SyncTask() {
+    if (lockFd_ >= 0) ::close(lockFd_);
+}
+
+SyncInfo SyncTask::syncInfo() const {
+    std::lock_guard lock(mutex_);
+    return info_;
+}
+
+SyncSummary SyncTask::summary() const {
+    std::lock_guard lock(mutex_);
+    return summary_;
+}
+
+WrapperPtr SyncTask::wrapper() const {
+    std::lock_guard lock(mutex_);
+    return wrapper_;
+}
+
+void SyncTask::cancelTransfer() {
+    setState(TransferTaskState::Stopped);
+    if (auto w = wrapper()) w->cancelOperation();
+}
+
+std::optional<KvMetadata> SyncTask::getMetadataByName(const std::string& name,
+                                                      const KvMetadataList& list) {
+    for (auto& m : list)
+        if (nameOf(m) == name) return m;
+    return std::nullopt;
+}
+
+bool SyncTask::remoteChanged(const KvMetadata& item, const KvMetadata& record) {
+    if (!item.timestamp && !record.timestamp) return false;
+    if (SyncUtils::fuzzyCompareDate(item.timestamp, record.timestamp)) return false;
+    if (item.timestamp && record.timestamp) {
+        // Servers list files older than half a year with the day only: the same file then
+        // shows midnight of the day it was recorded with.
+        auto day = std::chrono::floor<std::chrono::days>(*item.timestamp);
+        if (*item.timestamp == day &&
+            std::chrono::floor<std::chrono::days>(*record.timestamp) == day)
+            return false;
+    }
+    return true;
+}
+
+bool SyncTask::localChanged(const KvMetadata& item, const KvMetadata& record) {
+    if (!item.timestamp && !record.timestamp) return false;
+    return !SyncUtils::fuzzyCompareDate(item.timestamp, record.timestamp);
+}
+
+std::string SyncTask::relativeLocalPath(const std::string& localPath) const {
+    if (localPath.starts_with(localRootPrefix_)) return localPath.substr(localRootPrefix_.size());
+    return localPath;
+}
+
+KvMetadata SyncTask::localChild(const KvMetadata& folder, const std::string& name,
+                                bool isDir) const {
+    KvMetadata m(join(folder.pathOrEmpty(), name));
+    m.setName(name);
+    m.isDir = isDir;
+    m.protocolType = ProtocolType::Local;
+    m.serverID = folder.serverID;
+    m.localPath = m.path();
+    m.parentFolderMeta = std::make_shared<const KvMetadata>(folder);
+    return m;
+}
+
+bool SyncTask::isRemoteRoot(const KvMetadata& folder) const {
+    if (folder.identifier && remoteRoot_.identifier)
+        return *folder.identifier == *remoteRoot_.identifier;
+    return SyncUtils::getFullPath(folder) == SyncUtils::getFullPath(remoteRoot_);
+}
+
+void SyncTask::decide(SyncDecision decision) {
+    if (planning_) {
+        std::lock_guard lock(mutex_);
+        switch (decision.action) {
+            case SyncAction::Download:
+                ++summary_.downloaded;
+                break;
+            case SyncAction::Upload:
+                ++summary_.uploaded;
+                break;
+            case SyncAction::DeleteRemote:
+                ++summary_.deletedRemote;
+                break;
+            case SyncAction::DeleteLocal:
+                ++summary_.deletedLocal;
+                break;
+            case SyncAction::CreateLocalFolder:
+                ++summary_.localFoldersCreated;
+                break;
+            case SyncAction::CreateRemoteFolder:
+                ++summary_.remoteFoldersCreated;
+                break;
+            case SyncAction::DeleteRemoteFolder:
+                ++summary_.remoteFoldersDeleted;
+                break;
+            case SyncAction::DeleteLocalFolder:
+                ++summary_.localFoldersDeleted;
+                break;
+            case SyncAction::Keep:
+                ++summary_.kept;
+                break;
+            case SyncAction::Skip:
+                ++summary_.skipped;
+                break;
+        }
+        if (decision.conflict) ++summary_.conflicts;
+        if (decision.action == SyncAction::Download)
+            summary_.bytesDownloaded += static_cast<std::int64_t>(decision.size);
+        if (decision.action == SyncAction::Upload)
+            summary_.bytesUploaded += static_cast<std::int64_t>(decision.size);
+    } else if (decision.action == SyncAction::Keep || decision.action == SyncAction::Skip) {
+        std::lock_guard lock(mutex_);
+        ++(decision.action == SyncAction::Keep ? summary_.kept : summary_.skipped);
+    }
+    if (decisionHandler && !(planning_ && !options_.dryRun)) decisionHandler(decision);
+}
+
+void SyncTask::countFiles(Side side, const KvMetadataList& entries) {
+    std::int64_t files = 0;
+    for (auto& e : entries)
+        if (!e.isDir) ++files;
+    std::lock_guard lock(mutex_);
+    (side == Side::Local ? summary_.localFiles : summary_.remoteFiles) += files;
+}
+
+// --- Listings
+
+Result<KvMetadataList> SyncTask::contentsOfDirectory(const KvMetadata& folder, bool withHidden) {
+    Result<KvMetadataList> listing;
+    std::string path = folder.pathOrEmpty();
+    bool local = !localRootPrefix_.empty() &&
+                 (path + "/" == localRootPrefix_ || path.starts_with(localRootPrefix_)) &&
+                 folder.protocolType == ProtocolType::Local;
+    if (local) {
+        SandboxFileAccess::ListOptions options;
+        options.skipsHiddenFiles = !withHidden;
+        listing = SandboxFileAccess::contentsOfDirectory(folder, options);
+    } else {
+        auto w = wrapper();
+        if (!w)
+            return KvError::fail(ErrorDomain::FileSync, kErrorNoServer,
+                                 "No connection to the server.");
+        listing = w->contentsOfDirectoryAtPathSync(folder);
+    }
+    if (!listing || withHidden) return listing;
+    std::erase_if(*listing, [](const KvMetadata& m) {
+        auto name = nameOf(m);
+        return name.empty() || isHiddenName(name) || name == kTestFileName;
+    });
+    return listing;
+}
+
+Result<std::shared_ptr<SyncTask::Listing>> SyncTask::listRemote(const KvMetadata& folder,
+                                                                bool exists) {
+    if (!exists) return std::make_shared<Listing>(KvMetadataList{});
+    auto listing = contentsOfDirectory(folder);
+    if (!listing) return std::unexpected(listing.error());
+    if (planning_) countFiles(Side::Remote, *listing);
+    return std::make_shared<Listing>(std::move(*listing));
+}
+
+Result<std::shared_ptr<SyncTask::Listing>> SyncTask::listLocal(const KvMetadata& folder,
+                                                               bool exists) {
+    if (!exists) return std::make_shared<Listing>(KvMetadataList{});
+    auto listing = contentsOfDirectory(folder);
+    if (!listing) return std::unexpected(listing.error());
+    if (planning_) countFiles(Side::Local, *listing);
+    return std::make_shared<Listing>(std::move(*listing));
+}
+
+// --- The run
+
+void SyncTask::startTransfer() {
+    beginTransfer();
+    {
+        std::lock_guard lock(mutex_);
+        summary_ = {};
+    }
+    delRemoteFolders.clear();
+    delLocalFolders.clear();
+    listings_.clear();
+    plannedRemoteFolders_.clear();
+    doneBytes_ = 0;
+    if (stopped()) {
+        completeFileTransfer(std::nullopt);
+        return;
+    }
+    auto temp = FileTransferUtils::makeTaskTempFolder();
+    if (!temp) {
+        completeFileTransfer(temp.error());
+        return;
+    }
+    taskTempFolderPath = *temp;
+
+    if (!options_.dryRun) {
+        std::lock_guard lock(mutex_);
+        info_.status = SyncStatus::Running;
+        (void)SyncInfoService::sharedInstance().updateSyncStatus(info_);
+    }
+    if (!info_.serverInfo) {
+        finish(KvError::errorWithDomain(
+            ErrorDomain::FileSync, kErrorNoServer,
+            fmt::format("The server of this sync pair ({}) is not configured any more.",
+                        info_.serverUUID)));
+        return;
+    }
+    auto client = WrapperProxy::clientForServerInfo(info_.serverInfo);
+    if (!client) {
+        finish(client.error());
+        return;
+    }
+    {
+        std::lock_guard lock(mutex_);
+        wrapper_ = *client;
+    }
+    // Hidden entries are listed so that folder deletions can see them; the passes leave them out.
+    wrapper_->setForceIncludesHiddenFiles(true);
+    if (stopped()) wrapper_->cancelOperation();
+
+    remoteRoot_ = sourceMetadata.copy();
+    remoteRoot_.parentFolderMeta = nullptr;
+    localRoot_ = targetMetadata;
+    std::string localName = localRoot_.nameOrEmpty();
+    std::string localPath = options_.dryRun ? join(SyncUtils::getSyncBaseFolderPath(), localName)
+                                            : SyncUtils::getSyncFolderPath(localName);
+    localRoot_.setPath(localPath);
+    localRoot_.localPath = localPath;
+    localRoot_.isDir = true;
+    localRoot_.protocolType = ProtocolType::Local;
+    localRootPrefix_ = localPath + "/";
+
+    if (!options_.dryRun) {
+        lockFd_ =
+            ::open(join(localPath, kLockFileName).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        if (lockFd_ < 0 || ::flock(lockFd_, LOCK_EX | LOCK_NB) != 0) {
+            bool busy = errno == EWOULDBLOCK;
+            finish(busy ? KvError::errorWithDomain(ErrorDomain::FileSync, kErrorBusy,
+                                                   "Another sync of this pair is running.")
+                        : localError(errno, join(localPath, kLockFileName)).error());
+            return;
+        }
+        if (!checkSyncCondition()) return;
+    }
+
+    db_ = std::make_unique<SyncDBManager>(join(localPath, SyncDBManager::kFileName));
+    auto opened = options_.dryRun ? db_->openDBReadOnly() : db_->openDB();
+    if (!opened) {
+        finish(opened.error());
+        return;
+    }
+    localService_ = std::make_unique<SyncLocalService>(*db_);
+    remoteService_ = std::make_unique<SyncRemoteService>(*db_);
+
+    Status result;
+    if (options_.dryRun) {
+        planning_ = true;
+        result = runPasses();
+    } else {
+        if (options_.maxDeletePercent) result = runPlan();
+        if (result) result = runPasses();
+    }
+    finish(result || stopped() ? std::nullopt : std::optional<Error>(result.error()));
+}
+
+Status SyncTask::runPasses() {
+    if (running()) {
+        if (auto r = syncRemoteFolder(remoteRoot_, localRoot_); !r) return stopped() ? Status{} : r;
+    }
+    if (running()) {
+        if (auto r = syncLocalFolder(localRoot_, remoteRoot_); !r) return stopped() ? Status{} : r;
+    }
+    if (running()) {
+        if (auto r = deleteFolders(); !r) return stopped() ? Status{} : r;
+    }
+    return {};
+}
+
+Status SyncTask::runPlan() {
+    planning_ = true;
+    auto planned = runPasses();
+    planning_ = false;
+    SyncSummary plan;
+    {
+        std::lock_guard lock(mutex_);
+        plan = summary_;
+        summary_ = {};
+    }
+    delRemoteFolders.clear();
+    delLocalFolders.clear();
+    listings_.clear();
+    plannedRemoteFolders_.clear();
+    if (!planned) return planned;
+
+    double share = *options_.maxDeletePercent / 100.0;
+    auto check = [&](std::int64_t deletes, std::int64_t files, const char* where) -> Status {
+        if (deletes == 0 || static_cast<double>(deletes) <= share * static_cast<double>(files))
+            return {};
+        return KvError::fail(
+            ErrorDomain::FileSync, kErrorMaxDelete,
+            fmt::format("Stopped before deleting anything: this sync would delete {} of {} files "
+                        "({:.1f}%) {}, more than the {:g}% allowed.",
+                        deletes, files, files ? 100.0 * deletes / files : 100.0, where,
+                        *options_.maxDeletePercent));
+    };
+    if (auto r = check(plan.deletedRemote, plan.remoteFiles, "on the server"); !r) return r;
+    if (auto r = check(plan.deletedLocal, plan.localFiles, "in the local folder"); !r) return r;
+    allowedRemoteDeletes_ = static_cast<std::int64_t>(std::floor(share * plan.remoteFiles));
+    allowedLocalDeletes_ = static_cast<std::int64_t>(std::floor(share * plan.localFiles));
+    return {};
+}
+
+Status SyncTask::checkDeleteLimit(Side side) {
+    std::lock_guard lock(mutex_);
+    auto& allowed = side == Side::Local ? allowedLocalDeletes_ : allowedRemoteDeletes_;
+    auto done = side == Side::Local ? summary_.deletedLocal : summary_.deletedRemote;
+    if (!allowed || done < *allowed) return {};
+    // Something changed since the plan was made: stop rather than delete more than allowed.
+    return KvError::fail(ErrorDomain::FileSync, kErrorMaxDelete,
+                         fmt::format("Stopped: deleting more than {} files {} exceeds the share "
+                                     "allowed.",
+                                     *allowed, side == Side::Local ? "locally" : "on the server"));
+}
+
+void SyncTask::finish(std::optional<Error> error) {
+    localService_.reset();
+    remoteService_.reset();
+    if (db_) db_->closeDB();
+    db_.reset();
+    if (lockFd_ >= 0) {
+        ::close(lockFd_);
+        lockFd_ = -1;
+    }
+    completeFileTransfer(std::move(error));
+}
+
+void SyncTask::completeFileTransfer(std::optional<Error> error) {
+    if (!taskTempFolderPath.empty()) FileTransferUtils::removeTaskTempFolder(taskTempFolderPath);
+    if (!options_.dryRun) {
+        SyncInfo info;
+        {
+            std::lock_guard lock(mutex_);
+            info_.lastSyncDate = std::chrono::system_clock::now();
+            info_.status = stopped() ? SyncStatus::Stopped
+                           : error   ? SyncStatus::Failed
+                                     : SyncStatus::Succeeded;
+            (void)SyncInfoService::sharedInstance().updateSyncStatus(info_);
+            info = info_;
+        }
+        GCD::doInForeground([info] {
+            UserInfo userInfo;
+            userInfo[std::string(SYNC_NOTIFICATION_INFO)] = info;
+            NotificationCenter::defaultCenter().post(SYNC_COMPLETED_NOTIFICATION, userInfo);
+        });
+    }
+    FileTransferTask::completeFileTransfer(std::move(error));
+}
+
+// --- Ability check
+
+Status SyncTask::checkSyncCondition() {
+    checkingSyncCondition = true;
+    auto w = wrapper();
+    auto fail = [&](std::string_view domain, long code, std::string_view reason) -> Status {
+        auto e = KvError::errorWithDomain(domain, code, reason);
+        checkingSyncCondition = false;
+        finish(e);
+        return std::unexpected(e);
+    };
+    auto listing = w->contentsOfDirectoryAtPathSync(remoteRoot_);
+    if (!listing)
+        return fail(ErrorDomain::FileSync, kErrorSyncFolder,
+                    "The sync folder is empty or doesn't exist!");
+
+    std::string testPath = join(taskTempFolderPath, kTestFileName);
+    {
+        std::ofstream out(testPath, std::ios::binary | std::ios::trunc);
+        out << kTestFileText;
+        out.close();
+        struct timespec times[2];
+        double when = kReferenceDateOffset + kTestFileReferenceSeconds;
+        times[0].tv_sec = times[1].tv_sec = static_cast<time_t>(when);
+        times[0].tv_nsec = times[1].tv_nsec = 0;
+        if (!out || ::utimensat(AT_FDCWD, testPath.c_str(), times, 0) != 0)
+            return fail(ErrorDomain::FileTransfer, ErrorCode::TransferFailed,
+                        "Cannot create file!");
+    }
+    KvMetadata testFile(testPath);
+    testFile.localPath = testPath;
+    testFile.protocolType = ProtocolType::Local;
+    testFile.fileSizeInBytes = std::string_view(kTestFileText).size();
+    testFile.timestamp = TimePoint(std::chrono::seconds(
+        static_cast<long long>(kReferenceDateOffset + kTestFileReferenceSeconds)));
+    if (!w->uploadSync(testFile, remoteRoot_, {}))
+        return fail(ErrorDomain::FileTransfer, ErrorCode::TransferFailed,
+                    "Sync ability check: Fail to upload file!");
+
+    auto again = w->contentsOfDirectoryAtPathSync(remoteRoot_);
+    std::optional<KvMetadata> uploaded;
+    if (again) uploaded = getMetadataByName(kTestFileName, *again);
+    if (!uploaded || !w->removeSync({*uploaded}))
+        return fail(ErrorDomain::FileTransfer, ErrorCode::TransferFailed,
+                    "Sync ability check: Fail to delete file!");
+    ::unlink(testPath.c_str());
+    checkingSyncCondition = false;
+
+    auto until = std::chrono::steady_clock::now() +
+                 std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                     std::chrono::duration<double>(options_.pauseAfterCheck));
+    while (running() && std::chrono::steady_clock::now() < until)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    return {};
+}
+
+// --- Remote pass
+
+Status SyncTask::syncRemoteFolder(const KvMetadata& remoteFolder, const KvMetadata& localFolder) {
+    auto remote = listRemote(remoteFolder, true);
+    if (!remote) return std::unexpected(remote.error());
+    bool localExists = !planning_ || std::filesystem::is_directory(localFolder.pathOrEmpty());
+    auto local = listLocal(localFolder, localExists);
+    if (!local) return std::unexpected(local.error());
+    listings_[localFolder.pathOrEmpty()] =
+        std::make_shared<PairListing>(PairListing{*remote, *local});
+
+    for (auto& r : (*remote)->entries) {
+        if (!running()) return {};
+        std::string name = nameOf(r);
+        const KvMetadata* l = (*local)->find(name);
+        if (r.isSymbolLink || (l && l->isSymbolLink)) {
+            decide({SyncAction::Skip, false, r.isDir, r.isSymbolLink,
+                    relativeLocalPath(join(localFolder.pathOrEmpty(), name)),
+                    "links are not synced"});
+            continue;
+        }
+        if (l && l->isDir != r.isDir) {
+            decide({SyncAction::Skip, false, r.isDir, true,
+                    relativeLocalPath(join(localFolder.pathOrEmpty(), name)),
+                    r.isDir ? "a folder on the server, a file here"
+                            : "a file on the server, a folder here"});
+            continue;
+        }
+        Status s = r.isDir ? syncRemoteSubfolder(r, l, localFolder)
+                           : syncRemoteFile(r, l, remoteFolder, localFolder);
+        if (!s) return s;
+    }
+    return {};
+}
+
+Status SyncTask::syncRemoteSubfolder(const KvMetadata& r, const KvMetadata* l,
+                                     const KvMetadata& localFolder) {
+    auto sr = remoteService_->getRemoteItemByRemoteMeta(r);
+    auto sl = localService_->getLocalItemByRemoteMeta(r);
+    KvMetadata lm = l ? *l : localChild(localFolder, nameOf(r), true);
+    if (sr && !l && sl) {
+        // Deleted locally since the last sync: removed at the end, after both passes.
+        delRemoteFolders.push_back(r);
+        return {};
+    }
+    if (!l) {
+        decide({SyncAction::CreateLocalFolder, false, true, false,
+                relativeLocalPath(lm.pathOrEmpty()), sr ? "no local record" : "new on the server"});
+        if (!planning_) {
+            std::error_code ec;
+            std::filesystem::create_directories(lm.pathOrEmpty(), ec);
+            if (!std::filesystem::is_directory(lm.pathOrEmpty()))
+                return KvError::fail(ErrorDomain::Local, ErrorCode::CreateFolderFailed,
+                                     fmt::format("Cannot create folder {}", lm.pathOrEmpty()));
+            std::lock_guard lock(mutex_);
+            ++summary_.localFoldersCreated;
+        }
+    }
+    if (!planning_ && (!sr || !sl)) {
+        if (auto s = storeRecords(r, lm, sr, sl); !s) return s;
+    }
+    return syncRemoteFolder(r, lm);
+}
+
+Status SyncTask::syncRemoteFile(const KvMetadata& r, const KvMetadata* l,
+                                const KvMetadata& remoteFolder, const KvMetadata& localFolder) {
+    auto sr = remoteService_->getRemoteItemByRemoteMeta(r);
+    auto sl = localService_->getLocalItemByRemoteMeta(r);
+    std::optional<KvMetadata> lo;
+    if (l) lo = *l;
+    auto newerWins = [&](const std::string& why, bool keepLocalCopy) -> Status {
+        if (!localIsNewer(*l, r))
+            return download(r, lo, sr, sl, localFolder, true, keepLocalCopy,
+                            why + "; the server's is newer");
+        return upload(*l, r, sr, sl, remoteFolder, true, why + "; the local one is newer");
+    };
+    if (!sr) {
+        if (!l) return download(r, lo, sr, sl, localFolder, false, false, "new on the server");
+        return newerWins("on both sides, never synced", false);
+    }
+    if (remoteChanged(r, *sr)) {
+        if (l && sl) {
+            if (!localChanged(*l, *sl))
+                return download(r, lo, sr, sl, localFolder, false, false, "changed on the server");
+            return newerWins("changed on both sides", true);
+        }
+        if (!l)
+            return download(r, lo, sr, sl, localFolder, false, false,
+                            "changed on the server since it was deleted here");
+        return newerWins("changed on the server, no local record", false);
+    }
+    if (!l) {
+        if (sl) return deleteRemoteFile(r, sr, sl, sl->pathOrEmpty(), "deleted here");
+        return download(r, lo, sr, sl, localFolder, false, false, "no local record");
+    }
+    if (sl) {
+        if (localChanged(*l, *sl))
+            return upload(*l, r, sr, sl, remoteFolder, false, "changed here");
+        return {};
+    }
+    return newerWins("no local record", false);
+}
+
+// --- Local pass
+
+Status SyncTask::syncLocalFolder(const KvMetadata& localFolder, const KvMetadata& remoteFolder) {
+    std::shared_ptr<Listing> local, remote;
+    auto cached = listings_.find(localFolder.pathOrEmpty());
+    if (cached != listings_.end()) {
+        local = cached->second->local;
+        remote = cached->second->remote;
+    } else {
+        auto l = listLocal(localFolder, true);
+        if (!l) return std::unexpected(l.error());
+        local = *l;
+        // A folder this pass would create (dry run) has nothing on the server yet.
+        bool remoteExists =
+            !planning_ || !plannedRemoteFolders_.contains(SyncUtils::getFullPath(remoteFolder));
+        auto r = listRemote(remoteFolder, remoteExists);
+        if (!r) return std::unexpected(r.error());
+        remote = *r;
+    }
+    for (auto& l : local->entries) {
+        if (!running()) return {};
+        std::string name = nameOf(l);
+        const KvMetadata* r = remote->find(name);
+        if (r) {
+            // The remote pass settled every item that exists on both sides; only folders are
+            // entered again, for what lies in them locally alone.
+            if (r->isDir && l.isDir && !r->isSymbolLink && !l.isSymbolLink) {
+                if (auto s = syncLocalFolder(l, *r); !s) return s;
+            }
+            continue;
+        }
+        if (l.isSymbolLink) {
+            decide({SyncAction::Skip, false, l.isDir, false, relativeLocalPath(l.pathOrEmpty()),
+                    "links are not synced"});
+            continue;
+        }
+        Status s =
+            l.isDir ? syncLocalOnlySubfolder(l, remoteFolder) : syncLocalOnlyFile(l, remoteFolder);
+        if (!s) return s;
+    }
+    return {};
+}
+
+Status SyncTask::syncLocalOnlyFile(const KvMetadata& l, const KvMetadata& remoteFolder) {
+    auto sl = localService_->getLocalItemByLocalMeta(l);
+    auto sr = remoteService_->getRemoteItemByLocalMeta(l);
+    if (!sl) return upload(l, std::nullopt, sr, sl, remoteFolder, false, "new here");
+    if (sr) {
+        if (!localChanged(l, *sl)) return deleteLocalFile(l, sl, sr, "deleted on the server");
+        return upload(l, std::nullopt, sr, sl, remoteFolder, false,
+                      "changed here since it was deleted on the server");
+    }
+    return upload(l, std::nullopt, sr, sl, remoteFolder, false, "no remote record");
+}
+
+Status SyncTask::syncLocalOnlySubfolder(const KvMetadata& l, const KvMetadata& remoteFolder) {
+    auto sl = localService_->getLocalItemByLocalMeta(l);
+    auto sr = remoteService_->getRemoteItemByLocalMeta(l);
+    if (sl && sr) {
+        // Deleted on the server since the last sync: removed at the end.
+        delLocalFolders.push_back(l);
+        return {};
+    }
+    std::string name = nameOf(l);
+    KvMetadata rm = RemoteUpload::itemInFolder(remoteFolder, name, true);
+    decide({SyncAction::CreateRemoteFolder, false, true, false, relativeLocalPath(l.pathOrEmpty()),
+            sl ? "no remote record" : "new here"});
+    if (planning_) {
+        plannedRemoteFolders_.insert(SyncUtils::getFullPath(rm));
+        return syncLocalFolder(l, rm);
+    }
+    auto w = wrapper();
+    if (auto s = w->createFolderSync(rm); !s) return s;
+    {
+        std::lock_guard lock(mutex_);
+        ++summary_.remoteFoldersCreated;
+    }
+    // The server's own record of the new folder (cloud drives give it its identifier).
+    if (auto listing = contentsOfDirectory(remoteFolder))
+        if (auto created = getMetadataByName(name, *listing)) {
+            created->parentFolderMeta = std::make_shared<const KvMetadata>(remoteFolder);
+            rm = *created;
+        }
+    if (auto s = storeRecords(rm, l, sr, sl); !s) return s;
+    return syncLocalFolder(l, rm);
+}
+
+// --- Actions
+
+Status SyncTask::storeRecords(const KvMetadata& r, const KvMetadata& l,
+                              const std::optional<KvMetadata>& sr,
+                              const std::optional<KvMetadata>& sl) {
+    return db_->transaction([&]() -> Status {
+        if (sr && sr->pathOrEmpty() == SyncUtils::getFullPath(r) && sr->isDir == r.isDir) {
+            if (auto s = remoteService_->updateRemoteItem(r); !s) return s;
+        } else {
+            if (sr) (void)remoteService_->deleteRemoteItem(*sr);
+            if (auto s = remoteService_->deleteRemoteItem(r); !s) return s;
+            if (auto s = remoteService_->addRemoteItem(r, l); !s) return s;
+        }
+        if (sl && sl->pathOrEmpty() == l.pathOrEmpty() && sl->isDir == l.isDir) {
+            if (auto s = localService_->updateLocalItem(l); !s) return s;
+        } else {
+            if (sl) (void)localService_->deleteLocalItem(*sl);
+            if (auto s = localService_->deleteLocalItem(l); !s) return s;
+            if (auto s = localService_->addLocalItem(l, r); !s) return s;
+        }
+        return {};
+    });
+}
+
+Status SyncTask::download(const KvMetadata& r, const std::optional<KvMetadata>& l,
+                          const std::optional<KvMetadata>& sr, const std::optional<KvMetadata>& sl,
+                          const KvMetadata& localFolder, bool conflict, bool keepLocalCopy,
+                          const std::string& reason) {
+    std::string name = nameOf(r);
+    KvMetadata target = localChild(localFolder, name, false);
+    decide({SyncAction::Download, conflict, false, false, relativeLocalPath(target.pathOrEmpty()),
+            reason, r.fileSizeInBytes.value_or(0)});
+    if (planning_) return {};
+    std::optional<KvMetadata> expected = l;
+    if (keepLocalCopy && l) {
+        if (auto s = renameLocalFile(*l); !s) return s;
+        expected.reset();
+    }
+    auto placed = downloadInto(r, localFolder, expected);
+    if (!placed) return std::unexpected(placed.error());
+    if (!*placed || !running()) return {};
+    target.fileSizeInBytes = r.fileSizeInBytes;
+    target.timestamp = r.timestamp;
+    if (auto s = storeRecords(r, target, sr, sl); !s) return s;
+    std::lock_guard lock(mutex_);
+    ++summary_.downloaded;
+    if (conflict) ++summary_.conflicts;
+    summary_.bytesDownloaded += static_cast<std::int64_t>(r.fileSizeInBytes.value_or(0));
+    return {};
+}
+
+Status SyncTask::downloadFile(const KvMetadata& file, const KvMetadata& toFolder) {
+    auto target = localChild(toFolder, nameOf(file), false);
+    std::optional<KvMetadata> expected;
+    struct stat st {};
+    if (::lstat(target.pathOrEmpty().c_str(), &st) == 0) {
+        target.timestamp = LocalFileOps::toTimePoint(st.st_mtim);
+        target.fileSizeInBytes = static_cast<std::uint64_t>(st.st_size);
+        expected = target;
+    }
+    auto placed = downloadInto(file, toFolder, expected);
+    if (!placed) return std::unexpected(placed.error());
+    return {};
+}
+
+Result<bool> SyncTask::downloadInto(const KvMetadata& file, const KvMetadata& toFolder,
+                                    const std::optional<KvMetadata>& expected) {
+    setTransferringFileMeta(file);
+    auto size = file.fileSizeInBytes.value_or(0);
+    if (size > FileTransferUtils::totalFreeDiskSpace(taskTempFolderPath))
+        return std::unexpected(
+            KvError::errorWithDomain(ErrorDomain::FileTransfer, ErrorCode::TransferFailed,
+                                     LocalizedUtils::localizedStringForKey("trans.no_space")));
+    std::string name = nameOf(file);
+    std::string scratch = join(taskTempFolderPath, name);
+    ::unlink(scratch.c_str());
+
+    auto w = wrapper();
+    auto self = std::static_pointer_cast<SyncTask>(shared_from_this());
+    auto generation = ++transferGeneration_;
+    std::int64_t base = doneBytes_;
+    setTotalBytes(totalBytes() + static_cast<std::int64_t>(size));
+    auto done =
+        w->downloadSync(file, scratch, [self, generation, base](std::int64_t d, std::int64_t) {
+            // Progress of an earlier file may still arrive through the main queue.
+            if (self->transferGeneration_.load() != generation || !self->running()) return;
+            self->setTransferredBytes(base + d);
+            self->reportProgress();
+        });
+    ++transferGeneration_;
+    doneBytes_ += static_cast<std::int64_t>(size);
+    setTransferredBytes(doneBytes_);
+    reportProgress();
+    auto cleanup = [&] { ::unlink(scratch.c_str()); };
+    if (!running()) {
+        cleanup();
+        return false;
+    }
+    if (!done) {
+        cleanup();
+        return std::unexpected(done.error());
+    }
+    struct stat st {};
+    if (::lstat(scratch.c_str(), &st) != 0) return false;
+    if (file.timestamp) {
+        auto ns =
+            std::chrono::duration_cast<std::chrono::nanoseconds>(file.timestamp->time_since_epoch())
+                .count();
+        struct timespec times[2];
+        times[0].tv_sec = 0;
+        times[0].tv_nsec = UTIME_OMIT;
+        times[1].tv_sec = static_cast<time_t>(ns / 1000000000);
+        times[1].tv_nsec = static_cast<long>(ns % 1000000000);
+        if (times[1].tv_nsec < 0) {
+            times[1].tv_nsec += 1000000000;
+            times[1].tv_sec -= 1;
+        }
+        ::utimensat(AT_FDCWD, scratch.c_str(), times, 0);
+    }
+    // The local file must still be what the decision saw: a file changed (or created) here in
+    // the meantime is left for the next run to compare.
+    std::string target = join(toFolder.pathOrEmpty(), name);
+    struct stat now {};
+    bool exists = ::lstat(target.c_str(), &now) == 0;
+    bool unchanged = expected ? exists && S_ISREG(now.st_mode) &&
+                                    LocalFileOps::toTimePoint(now.st_mtim) == expected->timestamp &&
+                                    static_cast<std::uint64_t>(now.st_size) ==
+                                        expected->fileSizeInBytes.value_or(now.st_size)
+                              : !exists;
+    if (!unchanged) {
+        cleanup();
+        return false;
+    }
+    LocalFileCopier copier;
+    auto moved = copier.moveIntoPlace(scratch, target, true);
+    if (!moved) {
+        cleanup();
+        return std::unexpected(moved.error());
+    }
+    return true;
+}
+
+Status SyncTask::upload(const KvMetadata& l, const std::optional<KvMetadata>& r,
+                        const std::optional<KvMetadata>& sr, const std::optional<KvMetadata>& sl,
+                        const KvMetadata& remoteFolder, bool conflict, const std::string& reason) {
+    decide({SyncAction::Upload, conflict, false, false, relativeLocalPath(l.pathOrEmpty()), reason,
+            l.fileSizeInBytes.value_or(0)});
+    if (planning_) return {};
+    if (auto s = uploadLocalFile(l, r, remoteFolder, r.has_value()); !s) return s;
+    if (!running()) return {};
+    // The records hold the server's own size and time of the file.
+    std::string name = nameOf(l);
+    auto listing = contentsOfDirectory(remoteFolder);
+    if (!listing) return std::unexpected(listing.error());
+    auto uploaded = getMetadataByName(name, *listing);
+    if (!uploaded)
+        return KvError::fail(
+            ErrorDomain::FileTransfer, ErrorCode::TransferFailed,
+            fmt::format("\"{}\" is missing on the server after its upload.", name));
+    uploaded->parentFolderMeta = std::make_shared<const KvMetadata>(remoteFolder);
+    if (auto s = storeRecords(*uploaded, l, sr, sl); !s) return s;
+    std::lock_guard lock(mutex_);
+    ++summary_.uploaded;
+    if (conflict) ++summary_.conflicts;
+    summary_.bytesUploaded += static_cast<std::int64_t>(l.fileSizeInBytes.value_or(0));
+    return {};
+}
+
+Status SyncTask::uploadLocalFile(const KvMetadata& localFile,
+                                 const std::optional<KvMetadata>& /*remoteFile*/,
+                                 const KvMetadata& toFolder, bool /*overwrite*/) {
+    setTransferringFileMeta(localFile);
+    std::string name = nameOf(localFile);
+    std::string scratch = join(taskTempFolderPath, name + ".syncing");
+    ::unlink(scratch.c_str());
+    // The copy cannot change while it is sent, so the server never gets a torn file.
+    LocalFileCopier copier;
+    copier.shouldStop = [this] { return stopped(); };
+    if (auto s = copier.copyFile(localFile.pathOrEmpty(), scratch, true); !s) return s;
+    if (copier.stopped()) {
+        ::unlink(scratch.c_str());
+        return {};
+    }
+    struct stat st {};
+    std::int64_t size =
+        ::stat(scratch.c_str(), &st) == 0 ? static_cast<std::int64_t>(st.st_size) : 0;
+
+    auto w = wrapper();
+    auto self = std::static_pointer_cast<SyncTask>(shared_from_this());
+    auto generation = ++transferGeneration_;
+    std::int64_t base = doneBytes_;
+    setTotalBytes(totalBytes() + size);
+    // Replacing or not, the file goes up under a hidden name and takes its own name only when
+    // complete: a run killed mid-upload leaves no partial file under the user's name.
+    auto sent = RemoteUpload::uploadFile(
+        *w, localFile, scratch, toFolder, name, true,
+        [self, generation, base](std::int64_t d, std::int64_t) {
+            if (self->transferGeneration_.load() != generation || !self->running()) return;
+            self->setTransferredBytes(base + d);
+            self->reportProgress();
+        },
+        [this] { return stopped(); });
+    ++transferGeneration_;
+    ::unlink(scratch.c_str());
+    doneBytes_ += size;
+    setTransferredBytes(doneBytes_);
+    reportProgress();
+    if (stopped()) return {};
+    return sent;
+}
+
+Status SyncTask::renameLocalFile(const KvMetadata& file) {
+    std::string path = file.pathOrEmpty();
+    std::string folder = StringUtils::stringByDeletingLastPathComponentDirectly(path);
+    std::string target =
+        FileTransferUtils::uniqueFilePathInFolder(folder, nameOf(file) + ".original");
+    return SandboxFileAccess::moveItemFrom(path, target);
+}
+
+Status SyncTask::deleteRemoteFile(const KvMetadata& r, const std::optional<KvMetadata>& sr,
+                                  const std::optional<KvMetadata>& sl, const std::string& localPath,
+                                  const std::string& reason) {
+    decide({SyncAction::DeleteRemote, false, false, true, relativeLocalPath(localPath), reason, 0});
+    if (planning_) return {};
+    if (auto s = checkDeleteLimit(Side::Remote); !s) return s;
+    // Records go first: a run killed between the two steps brings the file back next time
+    // instead of deleting anything else.
+    auto dropped = db_->transaction([&]() -> Status {
+        if (auto s = remoteService_->deleteRemoteItem(sr ? *sr : r); !s) return s;
+        if (sl) return localService_->deleteLocalItem(*sl);
+        return {};
+    });
+    if (!dropped) return dropped;
+    auto removed = wrapper()->removeSync({r});
+    if (!removed && !isNotFound(removed.error())) {
+        if (sr && sl) (void)storeRecords(*sr, *sl, std::nullopt, std::nullopt);
+        return removed;
+    }
+    std::lock_guard lock(mutex_);
+    ++summary_.deletedRemote;
+    return {};
+}
+
+Status SyncTask::deleteLocalFile(const KvMetadata& l, const std::optional<KvMetadata>& sl,
+                                 const std::optional<KvMetadata>& sr, const std::string& reason) {
+    decide({SyncAction::DeleteLocal, false, false, false, relativeLocalPath(l.pathOrEmpty()),
+            reason, 0});
+    if (planning_) return {};
+    if (auto s = checkDeleteLimit(Side::Local); !s) return s;
+    auto dropped = db_->transaction([&]() -> Status {
+        if (auto s = localService_->deleteLocalItem(sl ? *sl : l); !s) return s;
+        if (sr) return remoteService_->deleteRemoteItem(*sr);
+        return {};
+    });
+    if (!dropped) return dropped;
+    auto restore = [&] {
+        if (sr && sl) (void)storeRecords(*sr, *sl, std::nullopt, std::nullopt);
+    };
+    // A file touched here since the listing is no longer the one the server deleted.
+    struct stat st {};
+    std::string path = l.pathOrEmpty();
+    if (::lstat(path.c_str(), &st) != 0) {
+        std::lock_guard lock(mutex_);
+        ++summary_.deletedLocal;
+        return {};
+    }
+    if (LocalFileOps::toTimePoint(st.st_mtim) != l.timestamp) {
+        restore();
+        return {};
+    }
+    if (::unlink(path.c_str()) != 0 && errno != ENOENT) {
+        int err = errno;
+        restore();
+        return localError(err, path);
+    }
+    std::lock_guard lock(mutex_);
+    ++summary_.deletedLocal;
+    return {};
+}
+
+// --- Folder deletions
+
+Status SyncTask::deleteFolders() {
+    for (std::size_t i = 0; i < delRemoteFolders.size(); ++i) {
+        if (!running()) return {};
+        auto folder = delRemoteFolders[i];
+        auto sl = localService_->getLocalItemByRemoteMeta(folder);
+        std::string twin = sl ? sl->pathOrEmpty() : std::string();
+        auto removed = deleteRemoteFolderTree(folder, twin);
+        if (!removed) return std::unexpected(removed.error());
+        if (*removed || planning_ || !running() || twin.empty()) continue;
+        // Something new or changed on the server inside it: the folder comes back here.
+        KvMetadata local(twin);
+        local.isDir = true;
+        local.protocolType = ProtocolType::Local;
+        local.localPath = twin;
+        decide({SyncAction::CreateLocalFolder, false, true, false, relativeLocalPath(twin),
+                "it holds items changed on the server"});
+        std::error_code ec;
+        std::filesystem::create_directories(twin, ec);
+        if (!std::filesystem::is_directory(twin))
+            return KvError::fail(ErrorDomain::Local, ErrorCode::CreateFolderFailed,
+                                 fmt::format("Cannot create folder {}", twin));
+        {
+            std::lock_guard lock(mutex_);
+            ++summary_.localFoldersCreated;
+        }
+        if (auto s = storeRecords(folder, local, std::nullopt, std::nullopt); !s) return s;
+        if (auto s = syncRemoteFolder(folder, local); !s) return s;
+    }
+    for (std::size_t i = 0; i < delLocalFolders.size(); ++i) {
+        if (!running()) return {};
+        auto folder = delLocalFolders[i];
+        auto sr = remoteService_->getRemoteItemByLocalMeta(folder);
+        auto removed = deleteLocalFolderTree(folder, sr);
+        if (!removed) return std::unexpected(removed.error());
+        if (*removed || planning_ || !running() || !sr) continue;
+        // Something new or changed here inside it: the folder comes back on the server.
+        KvMetadata remote = *sr;
+        remote.serverID = remoteRoot_.serverID;
+        remote.protocolType = remoteRoot_.protocolType;
+        remote.isDir = true;
+        if (remote.protocolType == ProtocolType::Local) remote.localPath = remote.path();
+        decide({SyncAction::CreateRemoteFolder, false, true, false,
+                relativeLocalPath(folder.pathOrEmpty()), "it holds items changed here"});
+        if (auto s = wrapper()->createFolderSync(remote); !s) return s;
+        {
+            std::lock_guard lock(mutex_);
+            ++summary_.remoteFoldersCreated;
+        }
+        if (auto s = storeRecords(remote, folder, std::nullopt, std::nullopt); !s) return s;
+        if (auto s = syncLocalFolder(folder, remote); !s) return s;
+    }
+    return {};
+}
+
+Result<bool> SyncTask::deleteRemoteFolder(const KvMetadata& folder) {
+    auto sl = localService_->getLocalItemByRemoteMeta(folder);
+    return deleteRemoteFolderTree(folder, sl ? sl->pathOrEmpty() : std::string());
+}
+
+Result<bool> SyncTask::deleteLocalFolder(const KvMetadata& folder) {
+    return deleteLocalFolderTree(folder, remoteService_->getRemoteItemByLocalMeta(folder));
+}
+
+Result<bool> SyncTask::deleteRemoteFolderTree(const KvMetadata& folder, const std::string& twin) {
+    if (isRemoteRoot(folder)) return false;
+    auto listing = contentsOfDirectory(folder, true);
+    if (!listing) return std::unexpected(listing.error());
+    if (planning_) countFiles(Side::Remote, *listing);
+    bool kept = false;
+    for (auto& e : *listing) {
+        if (!running()) return false;
+        std::string name = nameOf(e);
+        std::string localPath = twin.empty() ? name : join(twin, name);
+        if (isHiddenName(name) || e.isSymbolLink || name == kTestFileName) {
+            kept = true;
+            decide({SyncAction::Keep, false, e.isDir, true, relativeLocalPath(localPath),
+                    "not synced (hidden or a link)"});
+            continue;
+        }
+        auto sr = remoteService_->getRemoteItemByRemoteMeta(e);
+        if (e.isDir) {
+            if (!sr) {
+                kept = true;
+                decide({SyncAction::Keep, false, true, true, relativeLocalPath(localPath),
+                        "new on the server"});
+                continue;
+            }
+            auto removed = deleteRemoteFolderTree(e, localPath);
+            if (!removed) return removed;
+            if (!*removed) kept = true;
+            continue;
+        }
+        if (sr && !remoteChanged(e, *sr)) {
+            auto sl = localService_->getLocalItemByRemoteMeta(e);
+            if (auto s = deleteRemoteFile(e, sr, sl, localPath, "its folder was deleted here"); !s)
+                return std::unexpected(s.error());
+        } else {
+            kept = true;
+            decide({SyncAction::Keep, false, false, true, relativeLocalPath(localPath),
+                    sr ? "changed on the server since the last sync" : "new on the server"});
+        }
+    }
+    if (!running()) return false;
+    auto sr = remoteService_->getRemoteItemByRemoteMeta(folder);
+    auto sl = localService_->getLocalItemByRemoteMeta(folder);
+    if (kept) {
+        // What is left makes the folder new to the next comparison.
+        if (!planning_) {
+            auto dropped = db_->transaction([&]() -> Status {
+                if (auto s = remoteService_->deleteRemoteItem(sr ? *sr : folder); !s) return s;
+                if (sl) return localService_->deleteLocalItem(*sl);
+                return {};
+            });
+            if (!dropped) return std::unexpected(dropped.error());
+        }
+        return false;
+    }
+    decide({SyncAction::DeleteRemoteFolder, false, true, true, relativeLocalPath(twin),
+            "deleted here"});
+    if (planning_) return true;
+    auto dropped = db_->transaction([&]() -> Status {
+        if (auto s = remoteService_->deleteRemoteItem(sr ? *sr : folder); !s) return s;
+        if (sl) return localService_->deleteLocalItem(*sl);
+        return {};
+    });
+    if (!dropped) return std::unexpected(dropped.error());
+    auto removed = wrapper()->removeSync({folder});
+    if (!removed && !isNotFound(removed.error())) {
+        if (sr && sl) (void)storeRecords(*sr, *sl, std::nullopt, std::nullopt);
+        return std::unexpected(removed.error());
+    }
+    std::lock_guard lock(mutex_);
+    ++summary_.remoteFoldersDeleted;
+    return true;
+}
+
+Result<bool> SyncTask::deleteLocalFolderTree(const KvMetadata& folder,
+                                             const std::optional<KvMetadata>& twin) {
+    if (folder.pathOrEmpty() == localRoot_.pathOrEmpty()) return false;
+    auto listing = contentsOfDirectory(folder, true);
+    if (!listing) return std::unexpected(listing.error());
+    if (planning_) countFiles(Side::Local, *listing);
+    bool kept = false;
+    for (auto& e : *listing) {
+        if (!running()) return false;
+        std::string name = nameOf(e);
+        std::optional<KvMetadata> childTwin;
+        if (twin) {
+            KvMetadata t(join(twin->pathOrEmpty(), name));
+            t.isDir = e.isDir;
+            t.serverID = remoteRoot_.serverID;
+            t.protocolType = remoteRoot_.protocolType;
+            childTwin = t;
+        }
+        if (isHiddenName(name) || e.isSymbolLink) {
+            kept = true;
+            decide({SyncAction::Keep, false, e.isDir, false, relativeLocalPath(e.pathOrEmpty()),
+                    "not synced (hidden or a link)"});
+            continue;
+        }
+        auto sl = localService_->getLocalItemByLocalMeta(e);
+        if (e.isDir) {
+            if (!sl) {
+                kept = true;
+                decide({SyncAction::Keep, false, true, false, relativeLocalPath(e.pathOrEmpty()),
+                        "new here"});
+                continue;
+            }
+            auto sr = remoteService_->getRemoteItemByLocalMeta(e);
+            auto removed = deleteLocalFolderTree(e, sr ? sr : childTwin);
+            if (!removed) return removed;
+            if (!*removed) kept = true;
+            continue;
+        }
+        if (sl && !localChanged(e, *sl)) {
+            auto sr = remoteService_->getRemoteItemByLocalMeta(e);
+            if (auto s = deleteLocalFile(e, sl, sr, "its folder was deleted on the server"); !s)
+                return std::unexpected(s.error());
+            // A file that was touched meanwhile stays, and with it the folder.
+            struct stat st {};
+            if (!planning_ && ::lstat(e.pathOrEmpty().c_str(), &st) == 0) kept = true;
+        } else {
+            kept = true;
+            decide({SyncAction::Keep, false, false, false, relativeLocalPath(e.pathOrEmpty()),
+                    sl ? "changed here since the last sync" : "new here"});
+        }
+    }
+    if (!running()) return false;
+    auto sl = localService_->getLocalItemByLocalMeta(folder);
+    auto sr = remoteService_->getRemoteItemByLocalMeta(folder);
+    auto dropRecords = [&]() -> Status {
+        return db_->transaction([&]() -> Status {
+            if (auto s = localService_->deleteLocalItem(sl ? *sl : folder); !s) return s;
+            if (sr) return remoteService_->deleteRemoteItem(*sr);
+            return {};
+        });
+    };
+    if (kept) {
+        if (!planning_) {
+            if (auto s = dropRecords(); !s) return std::unexpected(s.error());
+        }
+        return false;
+    }
+    decide({SyncAction::DeleteLocalFolder, false, true, false,
+            relativeLocalPath(folder.pathOrEmpty()), "deleted on the server"});
+    if (planning_) return true;
+    if (auto s = dropRecords(); !s) return std::unexpected(s.error());
+    if (::rmdir(folder.pathOrEmpty().c_str()) != 0 && errno != ENOENT) {
+        int err = errno;
+        if (sr && sl) (void)storeRecords(*sr, *sl, std::nullopt, std::nullopt);
+        // Something appeared in it meanwhile: it stays, and the next run looks again.
+        if (err == ENOTEMPTY || err == EEXIST) return false;
+        return std::unexpected(localError(err, folder.pathOrEmpty()).error());
+    }
+    std::lock_guard lock(mutex_);
+    ++summary_.localFoldersDeleted;
+    return true;
+}
+
+}  // namespace quillon

@@ -1,0 +1,246 @@
+#pragma once
+// SyncTask: makes one sync pair two-way consistent. New and changed files flow both ways,
+// deletions since the last sync are carried across, and the state of every item afterwards is
+// recorded in the pair's database, so the next run can tell a change on one side from a change
+// on the other and from a deletion. It runs under the transfer manager like any other task.
+//
+// Safety rules beyond the plain algorithm: a file is downloaded into the scratch folder and
+// moved over its target in one step; an upload goes to the server under a hidden name and takes
+// the file's name only when complete; records are removed before the item they describe, so a
+// process killed in between brings a file back rather than deleting one nobody deleted; a folder
+// deleted on one side is removed on the other only down to the items unchanged since the last
+// sync, and anything new or changed inside brings the folder back. Hidden items (names starting
+// with ".") and links are never synced.
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+#include "core/Wrapper.h"
+#include "sync/SyncDBManager.h"
+#include "sync/SyncInfo.h"
+#include "sync/SyncLocalService.h"
+#include "sync/SyncRemoteService.h"
+#include "transfer/FileTransferTask.h"
+
+namespace quillon {
+
+// What a sync does (or, in a dry run, would do) with one item.
+enum class SyncAction {
+    Download,            // the server's file replaces or becomes the local one
+    Upload,              // the local file replaces or becomes the server's one
+    DeleteRemote,        // deleted locally since the last sync: deleted on the server
+    DeleteLocal,         // deleted on the server since the last sync: deleted locally
+    CreateLocalFolder,   // a folder new on the server
+    CreateRemoteFolder,  // a folder new locally
+    DeleteRemoteFolder,  // a folder deleted locally: removed on the server once empty
+    DeleteLocalFolder,   // a folder deleted on the server: removed locally once empty
+    Keep,                // inside a deleted folder, but new or changed since: kept
+    Skip,                // not synced (a link, or a file facing a folder of the same name)
+};
+
+// "download", "upload", "delete remote", "delete local", "mkdir local", "mkdir remote",
+// "rmdir remote", "rmdir local", "keep", "skip".
+std::string_view syncActionName(SyncAction action);
+
+struct SyncDecision {
+    SyncAction action = SyncAction::Skip;
+    bool conflict = false;  // both sides had a version of the file; the newer one won
+    bool isDir = false;
+    bool remoteSide = false;  // Keep and Skip: the item lies on the server
+    std::string path;         // relative to the pair's folders ("a/b.txt")
+    std::string reason;       // why, in a few words
+    std::uint64_t size = 0;   // bytes to transfer
+};
+
+// What a run did (or would do) on each side.
+struct SyncSummary {
+    std::int64_t downloaded = 0;
+    std::int64_t uploaded = 0;
+    std::int64_t deletedLocal = 0;
+    std::int64_t deletedRemote = 0;
+    std::int64_t localFoldersCreated = 0;
+    std::int64_t remoteFoldersCreated = 0;
+    std::int64_t localFoldersDeleted = 0;
+    std::int64_t remoteFoldersDeleted = 0;
+    std::int64_t conflicts = 0;
+    std::int64_t kept = 0;
+    std::int64_t skipped = 0;
+    std::int64_t bytesDownloaded = 0;
+    std::int64_t bytesUploaded = 0;
+    // Files seen on each side.
+    std::int64_t localFiles = 0;
+    std::int64_t remoteFiles = 0;
+    // True when nothing was transferred, deleted or created.
+    bool nothingChanged() const;
+};
+
+struct SyncOptions {
+    // Decide and report every action without touching either side or the pair's records.
+    bool dryRun = false;
+    // Stop before deleting anything when the run would delete more than this share (percent)
+    // of either side's files.
+    std::optional<double> maxDeletePercent;
+    // Seconds to wait after the ability check, before the sync proper.
+    double pauseAfterCheck = 1.0;
+};
+
+class SyncTask : public FileTransferTask {
+  public:
+    // The name, text and time (seconds after 2001-01-01 UTC) of the ability-check file.
+    static constexpr const char* kTestFileName = "test_1f36ebe4-a6a8-11e8-98d0-529269fb1459.txt";
+    static constexpr const char* kTestFileText = "Testing file sync ability...";
+    static constexpr double kTestFileReferenceSeconds = 1000000.0;
+    // Error codes of domain "File Sync" beyond the listing failure 20001.
+    static constexpr long kErrorSyncFolder = 20001;
+    static constexpr long kErrorMaxDelete = 20010;
+    static constexpr long kErrorBusy = 20011;
+    static constexpr long kErrorNoServer = 20012;
+
+    // A task for the pair: source = its remote folder, target = its local folder.
+    explicit SyncTask(SyncInfo info, SyncOptions options = {});
+    ~SyncTask() override;
+
+    void startTransfer() override;
+    // State 3, and the wrapper's current request is cancelled.
+    void cancelTransfer() override;
+    std::string_view taskClassName() const override { return "SyncTask"; }
+
+    // The pair as the task last stored it.
+    SyncInfo syncInfo() const;
+    const SyncOptions& options() const { return options_; }
+    SyncSummary summary() const;
+    // Called on the task's thread for each decision, before it is carried out (in a dry run,
+    // instead).
+    std::function<void(const SyncDecision&)> decisionHandler;
+
+    // --- The steps of a run (public for tests; each runs on the task's thread).
+
+    // Proves that the server takes and gives back a file; on failure completes the task with
+    // the error and returns it.
+    [[nodiscard]] Status checkSyncCondition();
+    // The remote pass over one folder pair, recursively.
+    [[nodiscard]] Status syncRemoteFolder(const KvMetadata& remoteFolder,
+                                          const KvMetadata& localFolder);
+    // The local pass over one folder pair, recursively: the items with no remote twin.
+    [[nodiscard]] Status syncLocalFolder(const KvMetadata& localFolder,
+                                         const KvMetadata& remoteFolder);
+    // The folder deletions collected by the passes, remote ones first.
+    [[nodiscard]] Status deleteFolders();
+    // Deletes a remote folder down to what is unchanged since the last sync; true when the
+    // folder itself went.
+    [[nodiscard]] Result<bool> deleteRemoteFolder(const KvMetadata& folder);
+    [[nodiscard]] Result<bool> deleteLocalFolder(const KvMetadata& folder);
+    // Moves a local file to "<name>.original" in its folder (a free variant when taken).
+    [[nodiscard]] Status renameLocalFile(const KvMetadata& file);
+    // The entry with exactly that name, or absent.
+    static std::optional<KvMetadata> getMetadataByName(const std::string& name,
+                                                       const KvMetadataList& list);
+    // The folder's syncable entries: local folders from the file system, remote ones from the
+    // wrapper. Hidden entries and the ability-check file are left out unless `withHidden`.
+    [[nodiscard]] Result<KvMetadataList> contentsOfDirectory(const KvMetadata& folder,
+                                                             bool withHidden = false);
+    // Downloads a remote file over its local twin in `toFolder`, through the scratch folder;
+    // the local file takes the remote file's time.
+    [[nodiscard]] Status downloadFile(const KvMetadata& file, const KvMetadata& toFolder);
+    // Uploads a scratch copy ("<name>.syncing") of the local file into the remote folder under
+    // the file's name.
+    [[nodiscard]] Status uploadLocalFile(const KvMetadata& localFile,
+                                         const std::optional<KvMetadata>& remoteFile,
+                                         const KvMetadata& toFolder, bool overwrite);
+
+    // Folders the passes found deleted on one side.
+    KvMetadataList delRemoteFolders;
+    KvMetadataList delLocalFolders;
+    bool checkingSyncCondition = false;
+    std::string taskTempFolderPath;
+
+    // Whether the remote item changed since its record: its time differs by more than a second
+    // from the recorded one, except that a time listed as a bare day (a server's listing of an
+    // older file) on the recorded time's day counts as the same.
+    static bool remoteChanged(const KvMetadata& item, const KvMetadata& record);
+    // Whether the local item changed since its record.
+    static bool localChanged(const KvMetadata& item, const KvMetadata& record);
+
+  private:
+    struct Listing;
+    struct PairListing;
+    enum class Side { Local, Remote };
+
+    // Ends the run: last sync time, pair status, notification, then the common completion.
+    void completeFileTransfer(std::optional<Error> error);
+    void finish(std::optional<Error> error);
+    bool running() const { return state() == TransferTaskState::Running; }
+    bool planning() const { return planning_; }
+
+    Result<std::shared_ptr<Listing>> listRemote(const KvMetadata& folder, bool exists);
+    Result<std::shared_ptr<Listing>> listLocal(const KvMetadata& folder, bool exists);
+    Status syncRemoteFile(const KvMetadata& r, const KvMetadata* l, const KvMetadata& remoteFolder,
+                          const KvMetadata& localFolder);
+    Status syncRemoteSubfolder(const KvMetadata& r, const KvMetadata* l,
+                               const KvMetadata& localFolder);
+    Status syncLocalOnlyFile(const KvMetadata& l, const KvMetadata& remoteFolder);
+    Status syncLocalOnlySubfolder(const KvMetadata& l, const KvMetadata& remoteFolder);
+    Status runPlan();
+    Status runPasses();
+
+    Status download(const KvMetadata& r, const std::optional<KvMetadata>& l,
+                    const std::optional<KvMetadata>& sr, const std::optional<KvMetadata>& sl,
+                    const KvMetadata& localFolder, bool conflict, bool keepLocalCopy,
+                    const std::string& reason);
+    Status upload(const KvMetadata& l, const std::optional<KvMetadata>& r,
+                  const std::optional<KvMetadata>& sr, const std::optional<KvMetadata>& sl,
+                  const KvMetadata& remoteFolder, bool conflict, const std::string& reason);
+    Status deleteRemoteFile(const KvMetadata& r, const std::optional<KvMetadata>& sr,
+                            const std::optional<KvMetadata>& sl, const std::string& localPath,
+                            const std::string& reason);
+    Result<bool> downloadInto(const KvMetadata& file, const KvMetadata& toFolder,
+                              const std::optional<KvMetadata>& expected);
+    Result<bool> deleteRemoteFolderTree(const KvMetadata& folder, const std::string& twin);
+    Result<bool> deleteLocalFolderTree(const KvMetadata& folder,
+                                       const std::optional<KvMetadata>& twin);
+    Status deleteLocalFile(const KvMetadata& l, const std::optional<KvMetadata>& sl,
+                           const std::optional<KvMetadata>& sr, const std::string& reason);
+    Status storeRecords(const KvMetadata& r, const KvMetadata& l,
+                        const std::optional<KvMetadata>& sr, const std::optional<KvMetadata>& sl);
+    Status checkDeleteLimit(Side side);
+
+    void decide(SyncDecision decision);
+    std::string relativeLocalPath(const std::string& localPath) const;
+    KvMetadata localChild(const KvMetadata& folder, const std::string& name, bool isDir) const;
+    bool isRemoteRoot(const KvMetadata& folder) const;
+    WrapperPtr wrapper() const;
+    void countFiles(Side side, const KvMetadataList& entries);
+
+    SyncInfo info_;
+    SyncOptions options_;
+    mutable std::mutex mutex_;
+    WrapperPtr wrapper_;
+    std::unique_ptr<SyncDBManager> db_;
+    std::unique_ptr<SyncLocalService> localService_;
+    std::unique_ptr<SyncRemoteService> remoteService_;
+    KvMetadata remoteRoot_;
+    KvMetadata localRoot_;
+    std::string localRootPrefix_;
+    bool planning_ = false;
+    SyncSummary summary_;
+    // Listings of the remote pass, reused by the local pass (keyed by local folder path).
+    std::unordered_map<std::string, std::shared_ptr<PairListing>> listings_;
+    // Remote folders a dry run would create (record paths).
+    std::unordered_set<std::string> plannedRemoteFolders_;
+    // Deletions the delete limit allows on each side in this run (absent: no limit).
+    std::optional<std::int64_t> allowedLocalDeletes_, allowedRemoteDeletes_;
+    std::int64_t doneBytes_ = 0;
+    std::atomic<std::uint64_t> transferGeneration_{0};
+    int lockFd_ = -1;
+};
+
+}  // namespace quillon
