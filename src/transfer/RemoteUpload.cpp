@@ -1,7 +1,10 @@
 #include "transfer/RemoteUpload.h"
 
+#include <unistd.h>
+
 #include "core/ServerInfo.h"
 #include "core/StringUtils.h"
+#include "transfer/FileTransferUtils.h"
 
 namespace quillon::RemoteUpload {
 
@@ -31,7 +34,24 @@ Status sendAs(Wrapper& wrapper, const KvMetadata& record, const std::string& loc
     local.symbolLinkTarget.reset();
     local.fileSizeInBytes = record.fileSizeInBytes;
     local.timestamp = record.timestamp;
-    return wrapper.uploadSync(local, folder, progress);
+    if (folder.protocolType == 0 || StringUtils::lastPathComponent(localPath) == name)
+        return wrapper.uploadSync(local, folder, progress);
+    // Some clients name the uploaded file after its local path: a link of the wanted name in a
+    // scratch folder gives them that name without copying a byte.
+    auto scratch = FileTransferUtils::makeTaskTempFolder();
+    if (!scratch) return std::unexpected(scratch.error());
+    std::string alias = StringUtils::stringByAppendingPathComponentDirectly(*scratch, name);
+    Status result;
+    if (::symlink(localPath.c_str(), alias.c_str()) != 0) {
+        result = KvError::fail(ErrorDomain::Local, ErrorCode::TransferFailed,
+                               "Cannot create file " + alias);
+    } else {
+        local.setPath(alias);
+        local.localPath = alias;
+        result = wrapper.uploadSync(local, folder, progress);
+    }
+    FileTransferUtils::removeTaskTempFolder(*scratch);
+    return result;
 }
 
 // Removes a leftover; the wrapper may have been cancelled, which must not stop the clean-up.

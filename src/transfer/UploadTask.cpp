@@ -125,7 +125,6 @@ void UploadTask::startTransfer() {
         return;
     }
     if (S_ISDIR(st.st_mode)) {
-        visited_.insert({st.st_dev, st.st_ino});
         auto made = targetWrapper_->createFolderSync(target);
         // Replacing a folder merges into it: it may be there already.
         if (!made && fileConflict() != ConflictAction::Replace) {
@@ -156,16 +155,13 @@ Status UploadTask::contentsOfDirectory(const FileTransferNode::Ptr& node) {
     if (!listing) return std::unexpected(listing.error());
     for (auto& entry : *listing) {
         if (stopped()) return {};
+        // A link to a folder is left out: following it could loop, and servers keep no links.
+        if (entry.isDir && entry.isSymbolLink) continue;
         auto target =
             FileTransferUtils::targetMetadataWithSourceMetadata(entry, node->targetMetadata);
         auto child = std::make_shared<FileTransferNode>(entry, target, node->targetMetadata);
         node->addChild(child);
         if (entry.isDir) {
-            struct stat st {};
-            // A folder reached twice (through a link) is sent once: links could loop.
-            if (::stat(entry.pathOrEmpty().c_str(), &st) != 0 ||
-                !visited_.insert({st.st_dev, st.st_ino}).second)
-                continue;
             auto made = targetWrapper_->createFolderSync(target);
             if (!made && fileConflict() != ConflictAction::Replace) return made;
             if (auto r = contentsOfDirectory(child); !r) return r;

@@ -2,8 +2,6 @@
 // UploadTask: sends one local item (file or folder) into a folder on a server. Folder trees are
 // listed once, creating the target folders, before the first byte moves.
 
-#include <set>
-#include <utility>
 #include <vector>
 
 #include "core/Wrapper.h"
@@ -27,7 +25,6 @@ class UploadTask : public FileTransferTask {
 
     WrapperPtr targetWrapper_;
     std::vector<FileTransferNode::Ptr> fileNodes_;
-    std::set<std::pair<dev_t, ino_t>> visited_;
 };
 
 // Reads a local folder's entries as records (hidden entries included; a ".name.icloud"

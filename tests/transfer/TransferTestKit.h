@@ -9,15 +9,19 @@
 #include <chrono>
 #include <deque>
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include "clients/Clients.h"
+#include "clients/ftp/FtpWrapper.h"
 #include "core/MainQueue.h"
 #include "core/ServerInfo.h"
 #include "core/StringUtils.h"
+#include "core/WrapperProxy.h"
+#include "support/FtpServers.h"
 #include "support/TestEnv.h"
 #include "transfer/FileTransferTaskManager.h"
 #include "transfer/UserPrompts.h"
@@ -139,6 +143,105 @@ inline std::vector<std::string> folderEntries(const std::string& path) {
         names.push_back(e.path().filename().string());
     std::sort(names.begin(), names.end());
     return names;
+}
+
+// --- FTP servers. Paths in tests are relative to the login folder: vsftpd runs here without a
+// chroot, so its "/" is this machine's root and must never be written to.
+
+// The login folder as the server's client addresses it.
+inline std::string loginFolder(const ServerInfoPtr& server) {
+    static std::mutex m;
+    static std::map<std::string, std::string> known;
+    std::lock_guard lock(m);
+    auto it = known.find(server->serverID);
+    if (it != known.end()) return it->second;
+    registerBuiltinClients();
+    auto client = WrapperProxy::wrapperWithServerInfo(server);
+    std::string base = client ? client->rootFolder().pathOrEmpty() : "";
+    // An empty top folder means "where the login lands": its absolute path comes from PWD.
+    if (auto* ftp = dynamic_cast<FtpWrapper*>(client.get()); ftp && base.empty())
+        if (auto pwd = ftp->currentWorkingDirectory()) base = *pwd;
+    known[server->serverID] = base;
+    return base;
+}
+
+// The server path of `rel` ("/a/b" or "a/b") below the login folder.
+inline std::string remotePath(const ServerInfoPtr& server, const std::string& rel) {
+    std::string base = loginFolder(server);
+    std::string r = rel;
+    while (!r.empty() && r.front() == '/') r.erase(0, 1);
+    if (r.empty()) return base.empty() ? "/" : base;
+    return StringUtils::stringByAppendingPathComponentDirectly(base.empty() ? "/" : base, r);
+}
+
+inline KvMetadata remoteFolder(const ServerInfoPtr& server, const std::string& rel) {
+    std::string path = remotePath(server, rel);
+    KvMetadata m(path);
+    if (path == "/") m.setName("/");
+    m.isDir = true;
+    m.serverID = server->serverID;
+    m.protocolType = server->protocolType;
+    return m;
+}
+
+// The record of a remote item, found by listing its parent (as the command line does).
+inline KvMetadata remoteItem(const ServerInfoPtr& server, const std::string& rel) {
+    std::string path = remotePath(server, rel);
+    registerBuiltinClients();
+    auto client = WrapperProxy::wrapperWithServerInfo(server);
+    client->setForceIncludesHiddenFiles(true);
+    auto parent = StringUtils::stringByDeletingLastPathComponentDirectly(path);
+    KvMetadata folder = remoteFolder(server, "/");
+    folder.setPath(parent.empty() ? "/" : parent);
+    auto listing = client->contentsOfDirectoryAtPathSync(folder);
+    if (listing)
+        for (auto& e : *listing)
+            if (e.nameIgnoreLinkResolve() == StringUtils::lastPathComponent(path)) {
+                e.setPath(path);
+                return e;
+            }
+    ADD_FAILURE() << "no " << path << " on the server";
+    return KvMetadata(path);
+}
+
+// Starts a server and checks that its login folder is the fixture's scratch root (a marker file
+// placed there must be listed) before a test writes anything through it.
+inline std::unique_ptr<FtpServer> startFtpServer(FtpServerKind kind,
+                                                 const FtpServerOptions& options = {}) {
+    std::string why;
+    auto server = FtpServer::start(kind, options, &why);
+    if (!server) {
+        ADD_FAILURE() << ftpServerKindName(kind) << " did not start: " << why;
+        return nullptr;
+    }
+    server->writeFile("/.quillon-test-root", "");
+    registerBuiltinClients();
+    auto info = server->serverInfo();
+    auto client = WrapperProxy::wrapperWithServerInfo(info);
+    client->setForceIncludesHiddenFiles(true);
+    auto listing = client->contentsOfDirectoryAtPathSync(remoteFolder(info, "/"));
+    bool found = false;
+    if (listing)
+        for (auto& e : *listing) found |= e.nameIgnoreLinkResolve() == ".quillon-test-root";
+    if (!found) {
+        ADD_FAILURE() << ftpServerKindName(kind) << ": the login folder " << loginFolder(info)
+                      << " is not the scratch root " << server->root();
+        return nullptr;
+    }
+    ::unlink(server->hostPath("/.quillon-test-root").c_str());
+    return server;
+}
+
+// True when the file holds exactly `content` (without printing megabytes on failure).
+inline ::testing::AssertionResult fileHolds(const std::string& path, const std::string& content) {
+    std::error_code ec;
+    if (!std::filesystem::exists(path, ec))
+        return ::testing::AssertionFailure() << path << " is missing";
+    auto got = readFile(path);
+    if (got == content) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure()
+           << path << " holds " << got.size() << " bytes (" << got.substr(0, 40)
+           << "...), expected " << content.size() << " (" << content.substr(0, 40) << "...)";
 }
 
 }  // namespace quillon::test

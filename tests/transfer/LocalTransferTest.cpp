@@ -1,0 +1,265 @@
+// Local to local: CopyTask on trees with nested empty folders, hidden files and links, name
+// conflicts, progress steps, cancellation and errors; MoveTask within the local disk.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <fstream>
+
+#include "TransferTestKit.h"
+#include "transfer/CopyTask.h"
+#include "transfer/CrossMoveTask.h"
+#include "transfer/MoveTask.h"
+
+using namespace quillon;
+using namespace quillon::test;
+namespace fs = std::filesystem;
+
+namespace {
+
+// A tree with a nested empty folder, hidden files, a link to a file, a link to a folder and a
+// read-only file with an old modification time.
+void makeTree(const std::string& root) {
+    writeFile(root + "/a.txt", "alpha");
+    writeFile(root + "/.hidden", "secret");
+    writeFile(root + "/sub/b.bin", std::string(70000, 'b'));
+    writeFile(root + "/sub/.config/c.ini", "k=v");
+    fs::create_directories(root + "/empty/deeper/deepest");
+    ::symlink("a.txt", (root + "/link-to-a").c_str());
+    ::symlink("sub", (root + "/link-to-sub").c_str());
+    ::chmod((root + "/a.txt").c_str(), 0444);
+    struct timeval times[2] = {{1000000000, 0}, {1000000000, 0}};
+    ::utimes((root + "/sub/b.bin").c_str(), times);
+}
+
+void expectSameTree(const std::string& a, const std::string& b) {
+    EXPECT_EQ(readFile(b + "/a.txt"), "alpha");
+    EXPECT_EQ(readFile(b + "/.hidden"), "secret");
+    EXPECT_EQ(readFile(b + "/sub/b.bin"), std::string(70000, 'b'));
+    EXPECT_EQ(readFile(b + "/sub/.config/c.ini"), "k=v");
+    EXPECT_TRUE(fs::is_directory(b + "/empty/deeper/deepest"));
+    EXPECT_TRUE(fs::is_empty(b + "/empty/deeper/deepest"));
+    EXPECT_TRUE(fs::is_symlink(b + "/link-to-a"));
+    EXPECT_EQ(fs::read_symlink(b + "/link-to-a"), "a.txt");
+    EXPECT_TRUE(fs::is_symlink(b + "/link-to-sub"));
+    EXPECT_EQ(fs::read_symlink(b + "/link-to-sub"), "sub");
+    struct stat sa {
+    }, sb{};
+    ASSERT_EQ(::stat((a + "/a.txt").c_str(), &sa), 0);
+    ASSERT_EQ(::stat((b + "/a.txt").c_str(), &sb), 0);
+    EXPECT_EQ(sb.st_mode & 07777, 0444u);
+    ASSERT_EQ(::stat((b + "/sub/b.bin").c_str(), &sb), 0);
+    EXPECT_EQ(sb.st_mtim.tv_sec, 1000000000);
+    EXPECT_EQ(folderEntries(a), folderEntries(b));
+}
+
+std::shared_ptr<CopyTask> copyTask(const std::string& from, const std::string& toFolder) {
+    return makeTask<CopyTask>(localServer(), localItem(from), localServer(), localFolder(toFolder));
+}
+
+}  // namespace
+
+TEST(CopyTask, CopiesTreeWithEmptyFoldersHiddenFilesAndLinks) {
+    IsolatedHome home;
+    ScratchDir dir("copytree");
+    makeTree(dir / "src/tree");
+    fs::create_directories(dir / "dst");
+    FileTransferTaskManager manager;
+    auto task = copyTask(dir / "src/tree", dir / "dst");
+    manager.addTask(task);
+    manager.start();
+    runToEnd(manager);
+    ASSERT_EQ(task->state(), TransferTaskState::Completed)
+        << task->error().value_or(Error{}).reason;
+    expectSameTree(dir / "src/tree", dir / "dst/tree");
+    // Links count no bytes: 5 + 6 + 70000 + 3.
+    EXPECT_EQ(task->totalBytes(), 70014);
+    EXPECT_EQ(task->transferredBytes(), 70014);
+    EXPECT_TRUE(task->startTime() && task->endTime() && *task->startTime() <= *task->endTime());
+    EXPECT_EQ(task->targetMetadata.pathOrEmpty(), dir / "dst/tree");
+
+    // A lone link is copied as a link; an empty folder as an empty folder, with 0 bytes.
+    auto link = copyTask(dir / "src/tree/link-to-sub", dir / "dst");
+    auto empty = copyTask(dir / "src/tree/empty/deeper/deepest", dir / "dst");
+    manager.addTask(link);
+    manager.addTask(empty);
+    manager.start();
+    runToEnd(manager);
+    EXPECT_EQ(link->state(), TransferTaskState::Completed);
+    EXPECT_EQ(fs::read_symlink(dir / "dst/link-to-sub"), "sub");
+    EXPECT_EQ(empty->state(), TransferTaskState::Completed);
+    EXPECT_EQ(empty->totalBytes(), 0);
+    EXPECT_TRUE(fs::is_empty(dir / "dst/deepest"));
+}
+
+TEST(CopyTask, KeepBothAndReplace) {
+    IsolatedHome home;
+    ScratchDir dir("copyconflict");
+    writeFile(dir / "src/report.txt", "new report");
+    writeFile(dir / "dst/report.txt", "first");
+    writeFile(dir / "dst/report-1.txt", "second");
+    writeFile(dir / "src/folder/new.txt", "n");
+    writeFile(dir / "dst/folder/old.txt", "o");
+    FileTransferTaskManager manager;
+    auto prompts = std::make_shared<ScriptedPrompts>();
+    manager.setUserPrompts(prompts);
+    manager.setMaxSimultaneousTransfers(1);
+    prompts->conflictAnswers.push_back({ConflictAction::KeepBoth, false});
+    prompts->conflictAnswers.push_back({ConflictAction::Replace, false});
+    prompts->conflictAnswers.push_back({ConflictAction::Replace, false});
+    auto keep = copyTask(dir / "src/report.txt", dir / "dst");
+    auto replaceFile = copyTask(dir / "src/report.txt", dir / "dst");
+    auto replaceFolder = copyTask(dir / "src/folder", dir / "dst");
+    for (auto& t : {keep, replaceFile, replaceFolder}) manager.addTask(t);
+    manager.start();
+    runToEnd(manager);
+    EXPECT_EQ(prompts->conflictsAsked.size(), 3u);
+    EXPECT_EQ(readFile(dir / "dst/report-2.txt"), "new report");
+    EXPECT_EQ(keep->targetMetadata.nameOrEmpty(), "report-2.txt");
+    EXPECT_EQ(readFile(dir / "dst/report.txt"), "new report");
+    EXPECT_EQ(readFile(dir / "dst/report-1.txt"), "second");
+    // A replaced folder is the source's folder, not a merge.
+    EXPECT_EQ(folderEntries(dir / "dst/folder"), std::vector<std::string>{"new.txt"});
+    // No staging leftovers beside the targets.
+    EXPECT_EQ(folderEntries(dir / "dst"),
+              (std::vector<std::string>{"folder", "report-1.txt", "report-2.txt", "report.txt"}));
+}
+
+TEST(CopyTask, ReportsProgressInStepsOfAtMostTenMebibytes) {
+    IsolatedHome home;
+    ScratchDir dir("copyprogress");
+    { std::ofstream out(dir / "src/big.bin"); }
+    fs::create_directories(dir / "src");
+    fs::create_directories(dir / "dst");
+    std::string chunk(1 << 20, 'x');
+    {
+        std::ofstream out(dir / "src/big.bin", std::ios::binary);
+        for (int i = 0; i < 25; ++i) out << chunk;
+    }
+    // Each reading of the clock is a second later, so every step may report.
+    std::atomic<double> fake{1e9};
+    FileTransferTask::setClock([&] { return fake.fetch_add(1.0) + 1.0; });
+    struct Recorder : FileTransferView {
+        std::vector<std::int64_t> seen;
+        bool isDisplayed() const override { return true; }
+        void reloadContent() override {}
+        void updateProgress(FileTransferTask&, std::int64_t done, std::int64_t) override {
+            seen.push_back(done);
+        }
+        void close() override {}
+    };
+    auto view = std::make_shared<Recorder>();
+    FileTransferTaskManager manager;
+    manager.setFileTransferView(view);
+    auto task = copyTask(dir / "src/big.bin", dir / "dst");
+    manager.addTask(task);
+    manager.start();
+    runToEnd(manager);
+    FileTransferTask::setClock(nullptr);
+    ASSERT_EQ(task->state(), TransferTaskState::Completed);
+    EXPECT_EQ(fs::file_size(dir / "dst/big.bin"), 25u << 20);
+    ASSERT_FALSE(view->seen.empty());
+    EXPECT_EQ(view->seen.back(), 25 << 20);
+    std::int64_t last = 0;
+    for (auto v : view->seen) {
+        EXPECT_GE(v, last);
+        EXPECT_LE(v - last, 10 << 20);
+        last = v;
+    }
+}
+
+TEST(CopyTask, CancelledCopyLeavesNoPartialFile) {
+    IsolatedHome home;
+    ScratchDir dir("copycancel");
+    fs::create_directories(dir / "src");
+    fs::create_directories(dir / "dst");
+    {
+        std::ofstream out(dir / "src/big.bin", std::ios::binary);
+        std::string chunk(1 << 20, 'y');
+        for (int i = 0; i < 40; ++i) out << chunk;
+    }
+    writeFile(dir / "dst/big-old.bin", "keep me");
+    FileTransferTaskManager manager;
+    auto task = copyTask(dir / "src/big.bin", dir / "dst");
+    // The task stops itself at its first progress step, in the middle of the file.
+    std::atomic<bool> once{false};
+    FileTransferTask::setClock([&] {
+        if (!once.exchange(true)) manager.stopTask(task);
+        return 1e9;
+    });
+    manager.addTask(task);
+    manager.start();
+    runToEnd(manager);
+    FileTransferTask::setClock(nullptr);
+    EXPECT_EQ(task->state(), TransferTaskState::Stopped);
+    EXPECT_FALSE(task->error());
+    EXPECT_EQ(folderEntries(dir / "dst"), std::vector<std::string>{"big-old.bin"});
+}
+
+TEST(CopyTask, MissingSourceFailsWithNotFound) {
+    IsolatedHome home;
+    ScratchDir dir("copymissing");
+    fs::create_directories(dir / "dst");
+    FileTransferTaskManager manager;
+    auto task = copyTask(dir / "nothing.txt", dir / "dst");
+    manager.addTask(task);
+    manager.start();
+    runToEnd(manager);
+    ASSERT_EQ(task->state(), TransferTaskState::Failed);
+    EXPECT_EQ(task->error()->domain, "Kv Generic");
+    EXPECT_EQ(task->error()->reason, "Not Found: " + dir / "nothing.txt");
+
+    // A target folder that cannot be written fails with "Cannot create file".
+    if (::geteuid() != 0) {
+        writeFile(dir / "src.txt", "x");
+        fs::create_directories(dir / "ro");
+        ::chmod((dir / "ro").c_str(), 0555);
+        auto denied = copyTask(dir / "src.txt", dir / "ro");
+        manager.addTask(denied);
+        manager.start();
+        runToEnd(manager);
+        ASSERT_EQ(denied->state(), TransferTaskState::Failed);
+        EXPECT_EQ(denied->error()->domain, "Local");
+        EXPECT_EQ(denied->error()->reason, "Cannot create file " + dir / "ro/src.txt");
+    }
+}
+
+TEST(MoveTask, MovesSeveralItemsInOneTaskAndHandlesConflicts) {
+    IsolatedHome home;
+    ScratchDir dir("move");
+    for (int i = 0; i < 5; ++i) writeFile(dir / ("src/f" + std::to_string(i)), std::to_string(i));
+    writeFile(dir / "src/dir/inner.txt", "inner");
+    fs::create_directories(dir / "dst");
+    FileTransferTaskManager manager;
+    auto task = std::make_shared<MoveTask>();
+    task->sourceServerInfo = task->targetServerInfo = localServer();
+    for (int i = 0; i < 5; ++i)
+        task->sourceItems.push_back(localItem(dir / ("src/f" + std::to_string(i))));
+    task->sourceItems.push_back(localItem(dir / "src/dir"));
+    task->sourceMetadata = task->sourceItems.front();
+    task->targetMetadata = localFolder(dir / "dst");
+    manager.addTask(task);
+    manager.start();
+    runToEnd(manager);
+    ASSERT_EQ(task->state(), TransferTaskState::Completed)
+        << task->error().value_or(Error{}).reason;
+    EXPECT_TRUE(fs::is_empty(dir / "src"));
+    EXPECT_EQ(folderEntries(dir / "dst"),
+              (std::vector<std::string>{"dir", "f0", "f1", "f2", "f3", "f4"}));
+    EXPECT_EQ(readFile(dir / "dst/dir/inner.txt"), "inner");
+
+    // Replace (remembered from an earlier "apply to all") deletes the existing entry first.
+    writeFile(dir / "src/f0", "newer");
+    auto prompts = std::make_shared<ScriptedPrompts>();
+    prompts->conflictAnswers.push_back({ConflictAction::KeepBoth, true});
+    manager.setUserPrompts(prompts);
+    auto keep = makeTask<MoveTask>(localServer(), localItem(dir / "src/f0"), localServer(),
+                                   localFolder(dir / "dst"));
+    manager.addTask(keep);
+    manager.start();
+    runToEnd(manager);
+    EXPECT_EQ(readFile(dir / "dst/f0-1"), "newer");
+    EXPECT_EQ(readFile(dir / "dst/f0"), "0");
+}
