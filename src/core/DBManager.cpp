@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <set>
 
 #include "core/PathUtils.h"
@@ -66,6 +67,7 @@ Error dbError(const std::string& what, sqlite3* db, const std::string& path) {
 Status DBManager::openDB() {
     std::lock_guard lock(mutex_);
     if (db_) return {};
+    PathUtils::ensureFolder(std::filesystem::path(path_).parent_path().string());
     // The database holds passwords: create it readable by the user only.
     int fd = ::open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     if (fd < 0)
