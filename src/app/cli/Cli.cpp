@@ -60,7 +60,7 @@ int run(int argc, char** argv) {
     registerPrefsCommand(cli);
     registerFileCommands(cli);
     registerSyncCommands(cli);
-    registerSyncCommands(cli);
+    registerTransferCommands(cli);
     try {
         cli.app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {

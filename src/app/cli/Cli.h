@@ -41,6 +41,7 @@ void registerServerCommands(Cli& cli);
 void registerPrefsCommand(Cli& cli);
 void registerFileCommands(Cli& cli);
 void registerSyncCommands(Cli& cli);
+void registerTransferCommands(Cli& cli);
 
 // Parses and runs; returns the exit status.
 int run(int argc, char** argv);

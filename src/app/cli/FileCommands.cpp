@@ -195,37 +195,6 @@ void registerFileCommands(Cli& cli) {
         };
     });
 
-    // mv (within one server)
-    auto mvSource = std::make_shared<std::string>();
-    auto mvTarget = std::make_shared<std::string>();
-    auto* mv = cli.app.add_subcommand("mv", "Rename or move an item within one server");
-    mv->add_option("SRC", *mvSource, "Item to move")->required();
-    mv->add_option("DST", *mvTarget, "New path, or a folder to move into")->required();
-    mv->callback([&cli, mvSource, mvTarget] {
-        cli.action = [mvSource, mvTarget] {
-            auto src = resolveAndStart(*mvSource);
-            if (!src) return reportError(src.error());
-            auto dst = resolveLocation(*mvTarget);
-            if (!dst) return reportError(dst.error());
-            if (src->server->serverID != dst->server->serverID)
-                return reportMessage("Moving between servers is not supported by this command yet.");
-            auto item = statLocation(*src);
-            if (!item) return reportError(item.error());
-            std::string targetPath = dst->path;
-            if (auto existing = statLocation(*dst); existing && existing->isDir)
-                targetPath = StringUtils::stringByAppendingPathComponentDirectly(
-                    dst->path, StringUtils::lastPathComponent(src->path));
-            if (targetPath == src->path) return kExitOk;
-            if (item->isDir && targetPath.starts_with(src->path + "/"))
-                return reportMessage("can’t copy/move an item into itself.");
-            Location target = *dst;
-            target.path = targetPath;
-            if (auto r = src->client->moveSync(*item, target.metadata(item->isDir)); !r)
-                return reportError(r.error());
-            return kExitOk;
-        };
-    });
-
     // cat
     auto catTarget = std::make_shared<std::string>();
     auto* cat = cli.app.add_subcommand("cat", "Write a file's bytes to standard output");

@@ -1,0 +1,294 @@
+// quillon cp and quillon mv, run as a user would: local copies and moves, renames, conflicts by
+// flag, JSON lines, transfers to, from and between real FTP servers by URL, failures with and
+// without --keep-going, Ctrl-C, and a download bigger than its small target volume.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fmt/format.h>
+
+#include <cctype>
+#include <chrono>
+#include <fstream>
+#include <thread>
+
+#include "TransferTestKit.h"
+#include "core/PathUtils.h"
+
+using namespace quillon;
+using namespace quillon::test;
+namespace fs = std::filesystem;
+
+extern char** environ;
+
+namespace {
+
+bool contains(const std::string& s, const std::string& part) {
+    return s.find(part) != std::string::npos;
+}
+
+std::string percentEncoded(const std::string& s) {
+    std::string out;
+    for (unsigned char c : s) {
+        if (std::isalnum(c) || c == '-' || c == '_' || c == '.' || c == '~')
+            out += static_cast<char>(c);
+        else
+            out += fmt::format("%{:02X}", c);
+    }
+    return out;
+}
+
+std::string ftpUrl(const FtpServer& server, const std::string& rel) {
+    std::string login = server.hasLogin() ? percentEncoded(server.user()) + ":" +
+                                                percentEncoded(server.password()) + "@"
+                                          : "";
+    auto info = server.serverInfo();
+    return "ftp://" + login + "127.0.0.1:" + std::to_string(server.port()) + remotePath(info, rel);
+}
+
+// Starts quillon in the background with its output in files; returns its process id.
+pid_t spawnQuillon(const std::vector<std::string>& args, const std::string& outFile) {
+    std::vector<std::string> argv{QUILLON_BINARY};
+    argv.insert(argv.end(), args.begin(), args.end());
+    std::vector<char*> cargs;
+    for (auto& a : argv) cargs.push_back(const_cast<char*>(a.c_str()));
+    cargs.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, 1, outFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                     0644);
+    posix_spawn_file_actions_adddup2(&actions, 1, 2);
+    pid_t pid = -1;
+    ::posix_spawn(&pid, cargs[0], &actions, nullptr, cargs.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    return pid;
+}
+
+int waitExit(pid_t pid) {
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+bool waitFor(const std::function<bool()>& done, std::chrono::seconds limit) {
+    auto until = std::chrono::steady_clock::now() + limit;
+    while (std::chrono::steady_clock::now() < until) {
+        if (done()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return done();
+}
+
+}  // namespace
+
+TEST(TransferCli, CopiesAndMovesLocally) {
+    IsolatedHome home;
+    ScratchDir dir("clilocal");
+    writeFile(dir / "src/report.txt", "report");
+    writeFile(dir / "src/tree/.hidden", "h");
+    fs::create_directories(dir / "src/tree/empty/inner");
+    fs::create_directories(dir / "dst");
+
+    auto one = runQuillon({"cp", dir / "src/report.txt", dir / "dst"});
+    ASSERT_EQ(one.exitCode, 0) << one.err;
+    EXPECT_TRUE(fileHolds(dir / "dst/report.txt", "report"));
+
+    // A folder needs -r; into itself is refused.
+    auto noR = runQuillon({"cp", dir / "src/tree", dir / "dst"});
+    EXPECT_EQ(noR.exitCode, 1);
+    EXPECT_TRUE(contains(noR.err, "use -r")) << noR.err;
+    auto itself = runQuillon({"cp", "-r", dir / "src", dir / "src/tree"});
+    EXPECT_EQ(itself.exitCode, 1);
+    EXPECT_TRUE(contains(itself.err, "can’t copy/move an item into itself.")) << itself.err;
+    auto tree = runQuillon({"cp", "-r", dir / "src/tree", dir / "dst"});
+    ASSERT_EQ(tree.exitCode, 0) << tree.err;
+    EXPECT_TRUE(fileHolds(dir / "dst/tree/.hidden", "h"));
+    EXPECT_TRUE(fs::is_directory(dir / "dst/tree/empty/inner"));
+
+    // Without a terminal a conflict is skipped; the flags replace or keep both.
+    writeFile(dir / "src/report.txt", "newer");
+    auto skipped = runQuillon({"cp", dir / "src/report.txt", dir / "dst"});
+    EXPECT_EQ(skipped.exitCode, 0);
+    EXPECT_TRUE(contains(skipped.err, "skipped")) << skipped.err;
+    EXPECT_TRUE(fileHolds(dir / "dst/report.txt", "report"));
+    writeFile(dir / "dst/report-1.txt", "one");
+    auto kept =
+        runQuillon({"cp", "--on-conflict", "keep-both", dir / "src/report.txt", dir / "dst"});
+    EXPECT_EQ(kept.exitCode, 0) << kept.err;
+    EXPECT_TRUE(fileHolds(dir / "dst/report-2.txt", "newer"));
+    auto replaced = runQuillon(
+        {"cp", "--on-conflict", "replace", "--json", dir / "src/report.txt", dir / "dst"});
+    EXPECT_EQ(replaced.exitCode, 0) << replaced.err;
+    EXPECT_TRUE(fileHolds(dir / "dst/report.txt", "newer"));
+    EXPECT_TRUE(contains(replaced.out, "\"event\":\"end\"")) << replaced.out;
+    EXPECT_TRUE(contains(replaced.out, "\"state\":\"completed\"")) << replaced.out;
+    EXPECT_TRUE(contains(replaced.out, "\"error\":null")) << replaced.out;
+    // Asking needs a terminal; a move cannot replace.
+    EXPECT_EQ(
+        runQuillon({"cp", "--on-conflict", "ask", dir / "src/report.txt", dir / "dst"}).exitCode,
+        2);
+    EXPECT_EQ(runQuillon({"mv", "--on-conflict", "replace", dir / "src/report.txt", dir / "dst"})
+                  .exitCode,
+              2);
+
+    // Rename within one server when the target is not a folder; never over an existing item.
+    auto renamed = runQuillon({"mv", dir / "dst/report-1.txt", dir / "dst/renamed.txt"});
+    ASSERT_EQ(renamed.exitCode, 0) << renamed.err;
+    EXPECT_TRUE(fileHolds(dir / "dst/renamed.txt", "one"));
+    auto over = runQuillon({"mv", dir / "dst/renamed.txt", dir / "dst/report.txt"});
+    EXPECT_EQ(over.exitCode, 1);
+    EXPECT_TRUE(fileHolds(dir / "dst/report.txt", "newer"));
+    auto intoSelf = runQuillon({"mv", dir / "dst/tree", dir / "dst/tree/empty/x"});
+    EXPECT_EQ(intoSelf.exitCode, 1);
+    EXPECT_TRUE(contains(intoSelf.err, "can’t copy/move an item into itself.")) << intoSelf.err;
+
+    // Several items into a folder: the ones without a conflict move together; a conflict is
+    // kept under a new name.
+    fs::create_directories(dir / "moved");
+    writeFile(dir / "moved/report.txt", "there");
+    auto moved = runQuillon({"mv", "--on-conflict", "keep-both", dir / "dst/renamed.txt",
+                             dir / "dst/tree", dir / "dst/report.txt", dir / "moved"});
+    ASSERT_EQ(moved.exitCode, 0) << moved.err;
+    EXPECT_EQ(folderEntries(dir / "moved"),
+              (std::vector<std::string>{"renamed.txt", "report-1.txt", "report.txt", "tree"}));
+    EXPECT_TRUE(fileHolds(dir / "moved/report-1.txt", "newer"));
+    EXPECT_EQ(folderEntries(dir / "dst"), (std::vector<std::string>{"report-2.txt"}));
+}
+
+TEST(TransferCli, TransfersToFromAndBetweenFtpServers) {
+    IsolatedHome home;
+    auto pure = startFtpServer(FtpServerKind::PureFtpd);
+    auto pro = startFtpServer(FtpServerKind::Proftpd);
+    if (!pure || !pro) return;
+    ScratchDir dir("cliftp");
+    writeFile(dir / "tree/a.txt", "alpha");
+    writeFile(dir / "tree/.hidden", "h");
+    fs::create_directories(dir / "tree/empty/deeper");
+    ::symlink("a.txt", (dir / "tree/link").c_str());
+
+    auto up = runQuillon({"cp", "-r", dir / "tree", ftpUrl(*pure, "/")});
+    ASSERT_EQ(up.exitCode, 0) << up.err << pure->log();
+    EXPECT_TRUE(fileHolds(pure->hostPath("/tree/a.txt"), "alpha"));
+    EXPECT_TRUE(fileHolds(pure->hostPath("/tree/.hidden"), "h"));
+    EXPECT_TRUE(fileHolds(pure->hostPath("/tree/link"), "alpha"));
+    EXPECT_TRUE(fs::is_directory(pure->hostPath("/tree/empty/deeper")));
+
+    auto across = runQuillon({"cp", "-r", ftpUrl(*pure, "/tree"), ftpUrl(*pro, "/")});
+    ASSERT_EQ(across.exitCode, 0) << across.err;
+    EXPECT_TRUE(fileHolds(pro->hostPath("/tree/a.txt"), "alpha"));
+    EXPECT_TRUE(fs::is_directory(pro->hostPath("/tree/empty/deeper")));
+
+    fs::create_directories(dir / "back");
+    auto down = runQuillon({"cp", "-r", "--json", ftpUrl(*pro, "/tree"), dir / "back"});
+    ASSERT_EQ(down.exitCode, 0) << down.err;
+    EXPECT_TRUE(fileHolds(dir / "back/tree/.hidden", "h"));
+    EXPECT_TRUE(fs::is_directory(dir / "back/tree/empty/deeper"));
+    EXPECT_TRUE(contains(down.out, "\"state\":\"completed\"")) << down.out;
+
+    // A move between two servers deletes the source once the copy is checked.
+    auto move = runQuillon({"mv", ftpUrl(*pro, "/tree"), ftpUrl(*pure, "/empty-target")});
+    EXPECT_EQ(move.exitCode, 1);  // the target folder does not exist
+    pure->makeDir("/moved");
+    move = runQuillon({"mv", ftpUrl(*pro, "/tree"), ftpUrl(*pure, "/moved")});
+    ASSERT_EQ(move.exitCode, 0) << move.err;
+    EXPECT_TRUE(fileHolds(pure->hostPath("/moved/tree/a.txt"), "alpha"));
+    EXPECT_FALSE(fs::exists(pro->hostPath("/tree")));
+    EXPECT_TRUE(fs::is_empty(PathUtils::getAppTempPath()));
+}
+
+TEST(TransferCli, FailureStopsTheRestUnlessKeepGoing) {
+    IsolatedHome home;
+    auto server = startFtpServer(FtpServerKind::PureFtpd);
+    if (!server) return;
+    // The server writes as an unprivileged user: a root-owned read-only folder refuses uploads.
+    fs::create_directories(server->hostPath("/locked"));
+    ::chmod(server->hostPath("/locked").c_str(), 0555);
+    ScratchDir dir("clifail");
+    writeFile(dir / "first.txt", "1");
+    writeFile(dir / "second.txt", "2");
+
+    auto stopped = runQuillon(
+        {"cp", "--jobs", "1", dir / "first.txt", dir / "second.txt", ftpUrl(*server, "/locked")});
+    EXPECT_EQ(stopped.exitCode, 1);
+    EXPECT_TRUE(contains(stopped.err, "failed")) << stopped.err;
+    EXPECT_TRUE(contains(stopped.err, "stopped " + dir / "second.txt")) << stopped.err;
+
+    auto going = runQuillon({"cp", "--jobs", "1", "--keep-going", "--json", dir / "first.txt",
+                             dir / "second.txt", ftpUrl(*server, "/locked")});
+    EXPECT_EQ(going.exitCode, 1);
+    // Both were tried: two failures, nothing stopped.
+    std::size_t failures = 0;
+    for (std::size_t at = 0; (at = going.out.find("\"state\":\"failed\"", at)) != std::string::npos;
+         ++at)
+        ++failures;
+    EXPECT_EQ(failures, 2u) << going.out;
+}
+
+TEST(TransferCli, CtrlCStopsTransfersRemovesScratchAndExits130) {
+    IsolatedHome home;
+    auto server = startFtpServer(FtpServerKind::Vsftpd);
+    if (!server) return;
+    { std::ofstream out(server->hostPath("/huge.bin")); }
+    fs::resize_file(server->hostPath("/huge.bin"), 20ull << 30);
+    server->chownTree();
+    ScratchDir dir("cliint");
+    fs::create_directories(dir / "target");
+    auto log = dir / "out.txt";
+    pid_t pid = spawnQuillon({"cp", ftpUrl(*server, "/huge.bin"), dir / "target"}, log);
+    ASSERT_GT(pid, 0);
+    // Interrupt once the download has produced bytes in its scratch folder.
+    auto temp = PathUtils::getAppTempPath();
+    bool started = waitFor(
+        [&] {
+            std::error_code ec;
+            for (auto& e : fs::recursive_directory_iterator(temp, ec))
+                if (e.is_regular_file(ec) && e.file_size(ec) > 0) return true;
+            return false;
+        },
+        std::chrono::seconds(60));
+    EXPECT_TRUE(started) << readFile(log);
+    ::kill(pid, SIGINT);
+    EXPECT_EQ(waitExit(pid), 130) << readFile(log);
+    EXPECT_TRUE(contains(readFile(log), "stopped")) << readFile(log);
+    EXPECT_TRUE(fs::is_empty(dir / "target"));
+    EXPECT_TRUE(fs::is_empty(temp));
+}
+
+TEST(TransferCli, DownloadBiggerThanTheTargetVolumeFailsBeforeAnyByte) {
+    IsolatedHome home;
+    // A small tmpfs in a mount namespace of its own, so that nothing outside the test sees it.
+    std::vector<std::string> unshare;
+    for (auto candidate : {std::vector<std::string>{"unshare", "-m"},
+                           std::vector<std::string>{"unshare", "-r", "-m"}}) {
+        auto probe = candidate;
+        probe.insert(probe.end(), {"sh", "-c", "mount -t tmpfs -o size=4m tmpfs /mnt"});
+        if (runProgram(probe).exitCode == 0) {
+            unshare = candidate;
+            break;
+        }
+    }
+    if (unshare.empty()) GTEST_SKIP() << "no mount namespace with tmpfs can be made here";
+    auto server = startFtpServer(FtpServerKind::Pyftpdlib);
+    if (!server) return;
+    { std::ofstream out(server->hostPath("/five.bin")); }
+    fs::resize_file(server->hostPath("/five.bin"), 5000000000ull);
+    server->chownTree();
+    ScratchDir dir("clispace");
+    fs::create_directories(dir / "small");
+    std::string script = "mount -t tmpfs -o size=64m tmpfs '" + dir / "small" + "' && '" +
+                         QUILLON_BINARY + "' cp '" + ftpUrl(*server, "/five.bin") + "' '" +
+                         dir / "small" + "'; rc=$?; echo \"entries: $(ls -A '" + dir / "small" +
+                         "' | wc -l) used: $(df --output=used -B1 '" + dir / "small" +
+                         "' | tail -1 | tr -d ' ')\"; exit $rc";
+    auto cmd = unshare;
+    cmd.insert(cmd.end(), {"sh", "-c", script});
+    auto r = runProgram(cmd);
+    EXPECT_EQ(r.exitCode, 1) << r.out << r.err;
+    EXPECT_TRUE(contains(r.err, "No enough free space! (File Transfer 10002)")) << r.err;
+    EXPECT_TRUE(contains(r.out, "entries: 0 used: 0")) << r.out;
+    EXPECT_TRUE(fs::is_empty(PathUtils::getAppTempPath()));
+}
