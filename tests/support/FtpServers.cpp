@@ -251,7 +251,7 @@ std::unique_ptr<FtpServer> FtpServer::start(FtpServerKind kind, const FtpServerO
 }
 
 bool FtpServer::launch(std::string* whyNot) {
-    port_ = freePort();
+    port_ = options_.port ? options_.port : freePort();
     const std::string conf = dir_.path();
     std::string logPath = conf + "/server.log";
     std::vector<std::string> argv;

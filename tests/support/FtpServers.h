@@ -29,6 +29,7 @@ struct FtpServerOptions {
     long cutAfterBytes = 0;    // pyftpdlib: each RETR data connection ends after this many bytes
     int cuts = -1;             // how many transfers are cut; -1 for every one
     std::string masqueradeAddress;  // pyftpdlib: the address its PASV replies advertise
+    int port = 0;                   // a given port (to restart a server in place); 0: a free one
 };
 
 class FtpServer {

@@ -141,6 +141,9 @@ void FtpWrapper::resetCURL(CURL* curl) {
     // Requests run on worker threads: no signals.
     curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, 30L);
+    // A server that stops answering in the middle of a reply must not hold the caller for
+    // libcurl's two minutes (twice, with the retry).
+    curl_easy_setopt(curl, CURLOPT_SERVER_RESPONSE_TIMEOUT, 30L);
     curl_easy_setopt(curl, CURLOPT_BUFFERSIZE, 63488L);
 }
 

@@ -1,0 +1,554 @@
+// FtpWrapper behaviour of its own, against real FTP servers (and one scripted fake server for
+// replies no real server sends): URLs and escaping, the feature probe, resumed downloads, the
+// PASV-address retry, legacy encodings, refused logins, hostile replies.
+
+#include "clients/ftp/FtpWrapper.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#include "core/KvConnectionPool.h"
+#include "core/MainQueue.h"
+#include "core/ServerInfoService.h"
+#include "support/FtpServers.h"
+#include "support/TestEnv.h"
+
+namespace quillon {
+namespace {
+
+using test::FtpServer;
+using test::FtpServerKind;
+using test::FtpServerOptions;
+
+constexpr const char* kGbk = "2147485233";  // GBK as the platform numbers it
+constexpr const char* kShiftJis = "8";      // Shift-JIS
+
+class FtpWrapperTest : public ::testing::Test {
+  protected:
+    void TearDown() override {
+        MainQueue::shared().pump();
+        KvConnectionPool::clearConnectionPool();
+    }
+
+    std::unique_ptr<FtpServer> startOrSkip(FtpServerKind kind,
+                                           const FtpServerOptions& options = {}) {
+        std::string why;
+        auto server = FtpServer::start(kind, options, &why);
+        if (!server) ADD_FAILURE() << why;
+        return server;
+    }
+
+    static KvMetadata item(const std::string& path, bool isDir = false) {
+        KvMetadata m(path);
+        m.isDir = isDir;
+        m.protocolType = ProtocolType::FTP;
+        return m;
+    }
+
+    test::IsolatedHome home_;
+    test::ScratchDir local_{"ftp-local"};
+};
+
+std::string bytesOf(std::size_t n, unsigned seed) {
+    std::string s(n, '\0');
+    unsigned v = seed;
+    for (auto& c : s) {
+        v = v * 1103515245u + 12345u;
+        c = static_cast<char>(v >> 16);
+    }
+    return s;
+}
+
+TEST_F(FtpWrapperTest, BuildsUrlsAndEscapesPathsInTheServerEncoding) {
+    auto info = std::make_shared<ServerInfo>();
+    info->protocolType = ProtocolType::FTP;
+    info->setValue(std::string(" FTP://files.example/ "), ServerProp::ADDR);
+    info->setValue(std::string("2121"), ServerProp::PORT);
+    FtpWrapper w(info);
+    EXPECT_EQ(w.FTPUrlString("/pub"), "ftp://files.example:2121//pub");
+    EXPECT_EQ(w.FTPUrlString("pub"), "ftp://files.example:2121/pub");
+
+    info->setValue(std::string("sftp://files.example"), ServerProp::ADDR);
+    info->setValue(std::string(""), ServerProp::PORT);
+    EXPECT_EQ(w.FTPUrlString(""), "ftp://files.example/");
+    info->setValue(std::string("FTP_PROTOCOL_IMPLICIT"), ServerProp::FTP_PROTOCOL);
+    EXPECT_EQ(w.FTPUrlString("/a"), "ftps://files.example//a");
+
+    EXPECT_EQ(w.cStringForURL(std::string("/a b/#1?x=%;[2].txt")),
+              "/a%20b/%231%3Fx%3D%25%3B[2].txt");
+    EXPECT_EQ(w.cStringForURL(std::nullopt), "");
+    EXPECT_EQ(w.cStringForURL(std::string("/\u4e2d.txt")), "/%E4%B8%AD.txt");
+    EXPECT_TRUE(w.canSendUTF8Command() == false) << "never probed";
+
+    // A GBK server gets the GBK bytes of the name, escaped; commands travel as GBK bytes.
+    info->setValue(std::string(kGbk), ServerProp::SERVER_ENCODING);
+    EXPECT_EQ(w.nsEncodingFromSetting(), 0x80000631u);
+    EXPECT_EQ(w.kcfEncodingFromSetting(), 0x0631u);
+    EXPECT_EQ(w.cStringForURL(std::string("/\u4e2d\u6587.txt")), "/%D6%D0%CE%C4.txt");
+    EXPECT_EQ(w.cStringForCmd("DELE /\u4e2d"), "DELE /\xd6\xd0");
+    info->supportUTF8 = true;
+    EXPECT_FALSE(w.canSendUTF8Command()) << "OPTS UTF8 ON is for UTF-8 servers only";
+    info->setValue(std::string("not a number"), ServerProp::SERVER_ENCODING);
+    EXPECT_EQ(w.nsEncodingFromSetting(), 4u);
+    EXPECT_TRUE(w.canSendUTF8Command());
+
+    EXPECT_EQ(FtpWrapper::parseErrorInMessage("220 hi\r\n421 Too many users\r\n"),
+              "421 Too many users\r\n");
+    EXPECT_EQ(FtpWrapper::parseErrorInMessage("530 no"), "Unknown error!");
+    EXPECT_EQ(FtpWrapper::pureAddressFromFullPath("ftp://host:21\\pub\\x"), "host:21");
+    EXPECT_EQ(FtpWrapper::purePathFromFullPath("ftp://host:21\\pub\\x"), "/pub/x");
+    EXPECT_EQ(FtpWrapper::purePathFromFullPath("host"), "");
+
+    auto url = w.loadStreamableURLForFileSync(item("/music/a b.mp3"));
+    ASSERT_TRUE(url);
+    EXPECT_EQ(*url, "http://127.0.0.1:21901/music/a%20b.mp3");
+}
+
+TEST_F(FtpWrapperTest, ProbesFeaturesLogsInAnonymouslyAndRefusesWrongPasswords) {
+    auto py = startOrSkip(FtpServerKind::Pyftpdlib);
+    auto vs = startOrSkip(FtpServerKind::Vsftpd);
+    auto pure = startOrSkip(FtpServerKind::PureFtpd);
+    ASSERT_TRUE(py && vs && pure);
+
+    auto pyInfo = py->serverInfo();
+    FtpWrapper w(pyInfo);
+    ASSERT_TRUE(w.signInSync());
+    EXPECT_EQ(pyInfo->supportMLSD, true);
+    EXPECT_EQ(pyInfo->supportMFMT, true);
+    EXPECT_EQ(pyInfo->supportUTF8, true);
+    EXPECT_EQ(pyInfo->supportEPSV, true);
+
+    // vsftpd offers no MLSD: listings go by LIST. Empty credentials log in as anonymous.
+    auto vsInfo = vs->serverInfo();
+    vsInfo->setValue(std::string(""), ServerProp::USERNAME);
+    vsInfo->setValue(std::string(""), ServerProp::PASSWORD);
+    vs->writeFile("listed.txt", "abc");
+    FtpWrapper v(vsInfo);
+    auto listing = v.contentsOfDirectoryAtPathSync(v.rootFolder());
+    ASSERT_TRUE(listing) << listing.error().describe();
+    EXPECT_EQ(vsInfo->supportMLSD, false);
+    EXPECT_EQ(vsInfo->supportEPSV, true);
+    ASSERT_EQ(listing->size(), 1u);
+    // The login folder's absolute name came from PWD: vsftpd shows the whole file system here.
+    EXPECT_EQ((*listing)[0].pathOrEmpty(), vs->root() + "/listed.txt");
+    EXPECT_FALSE(vsInfo->needRunPWD);
+
+    // A wrong password: "Access denied", with the libcurl result (67), or 13 for listings.
+    auto bad = pure->serverInfo();
+    bad->setValue(std::string("wrong"), ServerProp::PASSWORD);
+    FtpWrapper b(bad);
+    auto signIn = b.signInSync();
+    ASSERT_FALSE(signIn);
+    EXPECT_EQ(signIn.error().reason, "Access denied");
+    EXPECT_EQ(signIn.error().code, 67);
+    EXPECT_EQ(signIn.error().domain, "FTP");
+    auto badList = b.contentsOfDirectoryAtPathSync(item("/", true));
+    ASSERT_FALSE(badList);
+    EXPECT_EQ(badList.error().code, 13);
+    // Typed-in credentials win over the stored ones.
+    bad->setValue(pure->password(), ServerProp::TEMP_PASSWORD);
+    FtpWrapper t(bad);
+    EXPECT_TRUE(t.signInSync());
+}
+
+TEST_F(FtpWrapperTest, ResumesACutDownloadTenTimesAtMostSteppingBack10240Bytes) {
+    FtpServerOptions cutTwice;
+    cutTwice.cutAfterBytes = 25000;
+    cutTwice.cuts = 2;
+    auto server = startOrSkip(FtpServerKind::Pyftpdlib, cutTwice);
+    ASSERT_TRUE(server);
+    const std::string content = bytesOf(100000, 7);
+    server->writeFile("data.bin", content);
+
+    FtpWrapper w(server->serverInfo());
+    w.setRetryDelay(std::chrono::milliseconds(10));
+    std::vector<std::pair<std::int64_t, std::int64_t>> reports;
+    auto target = local_ / "data.bin";
+    auto r = w.downloadSync(item("/data.bin"), target, [&](std::int64_t done, std::int64_t total) {
+        reports.emplace_back(done, total);
+    });
+    MainQueue::shared().pump();
+    ASSERT_TRUE(r) << r.error().describe();
+    EXPECT_TRUE(test::readFile(target) == content) << "the resumed file differs";
+    // Broken after 25,000 bytes: restart at 14,760; broken again 25,000 bytes later: 29,520.
+    EXPECT_EQ(server->restOffsets(), (std::vector<long long>{14760, 29520}));
+    ASSERT_FALSE(reports.empty());
+    EXPECT_EQ(reports.back(), (std::pair<std::int64_t, std::int64_t>{100000, 100000}));
+    EXPECT_LE(reports.size(), 101u + 2u);  // a step may repeat after each step back
+
+    // Cut every time: ten attempts, then the error; the partial file is not left behind.
+    FtpServerOptions cutAlways;
+    cutAlways.cutAfterBytes = 20000;
+    auto always = startOrSkip(FtpServerKind::Pyftpdlib, cutAlways);
+    ASSERT_TRUE(always);
+    always->writeFile("big.bin", bytesOf(500000, 8));
+    FtpWrapper a(always->serverInfo());
+    a.setRetryDelay(std::chrono::milliseconds(10));
+    auto failed = a.downloadSync(item("/big.bin"), local_ / "big.bin", {});
+    ASSERT_FALSE(failed);
+    EXPECT_EQ(failed.error().code, 18);
+    EXPECT_EQ(always->restOffsets().size(), 9u) << "ten attempts: the first and nine resumes";
+    EXPECT_FALSE(std::filesystem::exists(local_ / "big.bin"));
+
+    // A download broken after 4,000 bytes starts over at 0.
+    FtpServerOptions cutSmall;
+    cutSmall.cutAfterBytes = 4000;
+    cutSmall.cuts = 1;
+    auto small = startOrSkip(FtpServerKind::Pyftpdlib, cutSmall);
+    ASSERT_TRUE(small);
+    small->writeFile("s.bin", bytesOf(9000, 9));
+    FtpWrapper s(small->serverInfo());
+    s.setRetryDelay(std::chrono::milliseconds(10));
+    ASSERT_TRUE(s.downloadSync(item("/s.bin"), local_ / "s.bin", {}));
+    EXPECT_EQ(test::readFile(local_ / "s.bin"), bytesOf(9000, 9));
+    EXPECT_EQ(small->restOffsets(), std::vector<long long>{}) << "REST 0 is not sent";
+}
+
+TEST_F(FtpWrapperTest, RetriesOnceIgnoringTheAdvertisedPasvAddressAndRemembersIt) {
+    // The server advertises 127.0.0.2, where nothing listens: the data connection is refused
+    // (libcurl result 7) and the retry reuses the control connection's address.
+    FtpServerOptions o;
+    o.masqueradeAddress = "127.0.0.2";
+    auto server = startOrSkip(FtpServerKind::Pyftpdlib, o);
+    ASSERT_TRUE(server);
+    server->writeFile("x.txt", "x");
+    auto info = server->serverInfo();
+    info->supportMLSD = true;
+    info->supportUTF8 = true;
+    info->supportEPSV = false;  // PASV, whose reply carries the address
+    ASSERT_TRUE(ServerInfoService::sharedServerInfoService().saveServerInfo(*info));
+
+    FtpWrapper w(info);
+    auto listing = w.contentsOfDirectoryAtPathSync(item("/", true));
+    ASSERT_TRUE(listing) << listing.error().describe();
+    ASSERT_EQ(listing->size(), 1u);
+    EXPECT_TRUE(w.triedAfterTimeout());
+    EXPECT_EQ(info->valueForKey("FTP_SKIP_PASV_IP"), "TRUE");
+    auto stored =
+        ServerInfoService::sharedServerInfoService().serverInfoWithServerID(info->serverID);
+    ASSERT_TRUE(stored);
+    EXPECT_EQ(stored->valueForKey("FTP_SKIP_PASV_IP"), "TRUE");
+
+    // The next client starts with the option on and needs no retry.
+    FtpWrapper next(info);
+    ASSERT_TRUE(next.downloadSync(item("/x.txt"), local_ / "x.txt", {}));
+    EXPECT_FALSE(next.triedAfterTimeout());
+
+    // With the option off again, a wrapper that spent its retry reports the failure.
+    info->setValue(std::string("FALSE"), "FTP_SKIP_PASV_IP");
+    FtpWrapper once(info);
+    ASSERT_TRUE(once.contentsOfDirectoryAtPathSync(item("/", true)));
+    info->setValue(std::string("FALSE"), "FTP_SKIP_PASV_IP");
+    auto second = once.contentsOfDirectoryAtPathSync(item("/", true));
+    ASSERT_FALSE(second);
+    EXPECT_EQ(second.error().code, 7);
+}
+
+TEST_F(FtpWrapperTest, ListsDownloadsAndUploadsGbkAndShiftJisNames) {
+    // vsftpd passes name bytes through as they are: the files below have GBK and Shift-JIS names
+    // on disk, as on a legacy server.
+    auto server = startOrSkip(FtpServerKind::Vsftpd);
+    ASSERT_TRUE(server);
+    server->writeFile("gbk/\xd6\xd0\xce\xc4 \xce\xc4\xbc\xfe.txt", "gbk content");  // 中文 文件.txt
+    server->writeFile("sjis/\x93\xfa\x96\x7b.txt", "sjis content");                 // 日本.txt
+
+    struct Case {
+        const char* encoding;
+        const char* folder;
+        const char* listedName;
+        const char* content;
+        const char* newName;
+        const char* newNameOnDisk;
+    } cases[] = {
+        {kGbk, "gbk", "\u4e2d\u6587 \u6587\u4ef6.txt", "gbk content", "\u4e0a\u4f20.txt",
+         "\xc9\xcf\xb4\xab.txt"},
+        {kShiftJis, "sjis", "\u65e5\u672c.txt", "sjis content", "\u6771\u4eac.txt",
+         "\x93\x8c\x8b\x9e.txt"},
+    };
+    for (auto& c : cases) {
+        SCOPED_TRACE(c.folder);
+        auto info = server->serverInfo();
+        info->setValue(std::string(c.encoding), ServerProp::SERVER_ENCODING);
+        FtpWrapper w(info);
+        auto folder = item(server->remotePath(c.folder), true);
+        auto listing = w.contentsOfDirectoryAtPathSync(folder);
+        ASSERT_TRUE(listing) << listing.error().describe();
+        ASSERT_EQ(listing->size(), 1u);
+        EXPECT_EQ((*listing)[0].nameOrEmpty(), c.listedName);
+
+        auto target = local_ / (std::string(c.folder) + ".txt");
+        auto down = w.downloadSync((*listing)[0], target, {});
+        ASSERT_TRUE(down) << down.error().describe();
+        EXPECT_EQ(test::readFile(target), c.content);
+
+        test::writeFile(local_ / c.newName, "uploaded");
+        auto up = w.uploadSync(item(local_ / c.newName), folder, {});
+        ASSERT_TRUE(up) << up.error().describe();
+        EXPECT_EQ(test::readFile(server->hostPath(std::string(c.folder) + "/" + c.newNameOnDisk)),
+                  "uploaded");
+
+        auto renamed = w.moveSync((*listing)[0],
+                                  item(server->remotePath(std::string(c.folder) + "/renamed.txt")));
+        ASSERT_TRUE(renamed) << renamed.error().describe();
+        EXPECT_TRUE(
+            std::filesystem::exists(server->hostPath(std::string(c.folder) + "/renamed.txt")));
+    }
+}
+
+TEST_F(FtpWrapperTest, ChmodModificationTimesAndRefusedControlCharacters) {
+    auto pro = startOrSkip(FtpServerKind::Proftpd);
+    auto vs = startOrSkip(FtpServerKind::Vsftpd);
+    ASSERT_TRUE(pro && vs);
+
+    FtpWrapper w(pro->serverInfo("FTP_PROTOCOL_EXPLICIT"));
+    pro->writeFile("mode.txt", "m");
+    ASSERT_TRUE(w.chmodSync(item("/mode.txt"), "600"));
+    struct stat st {};
+    ASSERT_EQ(::stat(pro->hostPath("mode.txt").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+
+    // Uploads carry the local modification time where the server offers MFMT.
+    auto local = local_ / "old.txt";
+    test::writeFile(local, "old");
+    auto then = std::chrono::system_clock::from_time_t(978307200);  // 2001-01-01 00:00:00 UTC
+    std::filesystem::last_write_time(local, std::filesystem::file_time_type::clock::from_sys(then));
+    ASSERT_TRUE(w.uploadSync(item(local), item("/", true), {}));
+    ASSERT_EQ(::stat(pro->hostPath("old.txt").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mtime, 978307200);
+
+    FtpWrapper v(vs->serverInfo());
+    ASSERT_TRUE(v.uploadSync(item(local), item(vs->remotePath(""), true), {}));
+    ASSERT_EQ(::stat(vs->hostPath("old.txt").c_str(), &st), 0);
+    EXPECT_GT(st.st_mtime, 978307200) << "vsftpd has no MFMT: the server's own time stays";
+
+    auto cwd = w.currentWorkingDirectory();
+    ASSERT_TRUE(cwd) << cwd.error().describe();
+    EXPECT_EQ(*cwd, "/");
+
+    // A name holding CR, LF or NUL is refused before any command is sent.
+    pro->writeFile("victim.txt", "v");
+    for (std::string evil : {std::string("/a\r\nDELE /victim.txt"),
+                             std::string("/a\nDELE /victim.txt"), std::string("/a\0b", 4)}) {
+        auto r = w.removeSync({item(evil)});
+        EXPECT_FALSE(r);
+        EXPECT_FALSE(w.createFolderSync(item(evil, true)));
+        EXPECT_FALSE(w.downloadSync(item(evil), local_ / "evil", {}));
+        EXPECT_FALSE(w.contentsOfDirectoryAtPathSync(item(evil, true)));
+        EXPECT_FALSE(w.moveSync(item("/victim.txt"), item(evil)));
+    }
+    EXPECT_TRUE(std::filesystem::exists(pro->hostPath("victim.txt")));
+}
+
+TEST_F(FtpWrapperTest, StreamsFromAnOffsetAndStopsWhenTheReaderHasEnough) {
+    auto server = startOrSkip(FtpServerKind::PureFtpd);
+    ASSERT_TRUE(server);
+    const std::string content = bytesOf(3 * 1024 * 1024 + 17, 11);
+    server->writeFile("movie.bin", content);
+
+    FtpWrapper w(server->serverInfo());
+    auto file = item("/movie.bin");
+    ASSERT_TRUE(w.initStreamFileMeta(file));  // no size in the record: SIZE is asked
+    EXPECT_EQ(w.contentLength(), content.size());
+
+    std::string all;
+    ASSERT_TRUE(w.readDataFromOffsetToEnd(1000, [&](const Bytes& b) {
+        all.append(b.begin(), b.end());
+        return true;
+    }));
+    EXPECT_TRUE(all == content.substr(1000));
+
+    std::string head;
+    int chunks = 0;
+    ASSERT_TRUE(w.readDataFromOffsetToEnd(5, [&](const Bytes& b) {
+        head.append(b.begin(), b.end());
+        return ++chunks < 2;
+    }));
+    EXPECT_EQ(chunks, 2);
+    EXPECT_TRUE(head == content.substr(5, head.size()));
+    EXPECT_LT(head.size(), content.size());
+
+    // The same client serves the next request after the early stop.
+    w.setOffset(content.size() - 10);
+    auto tail = w.readDataOfLength(64);
+    ASSERT_TRUE(tail);
+    EXPECT_EQ(std::string(tail->begin(), tail->end()), content.substr(content.size() - 10));
+}
+
+// A one-purpose fake server playing replies no real server sends.
+class ScriptedFtpServer {
+  public:
+    // `reply` gets each command line and returns what to send; "" sends nothing; "CLOSE" hangs
+    // up; a reply ending in "<CLOSE>" is sent, then the server hangs up.
+    explicit ScriptedFtpServer(std::string greeting,
+                               std::function<std::string(const std::string&)> reply)
+        : greeting_(std::move(greeting)), reply_(std::move(reply)) {
+        fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t len = sizeof a;
+        ::bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a);
+        ::getsockname(fd_, reinterpret_cast<sockaddr*>(&a), &len);
+        port_ = ntohs(a.sin_port);
+        ::listen(fd_, 8);
+        thread_ = std::thread([this] { run(); });
+    }
+    ~ScriptedFtpServer() {
+        stop_ = true;
+        ::shutdown(fd_, SHUT_RDWR);
+        ::close(fd_);
+        thread_.join();
+    }
+    int port() const { return port_; }
+
+  private:
+    void run() {
+        while (!stop_) {
+            int c = ::accept(fd_, nullptr, nullptr);
+            if (c < 0) return;
+            send(c, greeting_);
+            std::string buf;
+            char tmp[1024];
+            bool open = true;
+            while (open && !stop_) {
+                auto n = ::recv(c, tmp, sizeof tmp, 0);
+                if (n <= 0) break;
+                buf.append(tmp, static_cast<std::size_t>(n));
+                std::size_t nl;
+                while ((nl = buf.find("\r\n")) != std::string::npos) {
+                    auto line = buf.substr(0, nl);
+                    buf.erase(0, nl + 2);
+                    auto out = reply_(line);
+                    bool hangUp = out.ends_with("<CLOSE>") || out == "CLOSE";
+                    if (out.ends_with("<CLOSE>")) out.resize(out.size() - 7);
+                    if (out != "CLOSE") send(c, out);
+                    if (hangUp) {
+                        open = false;
+                        break;
+                    }
+                }
+            }
+            ::close(c);
+        }
+    }
+    static void send(int c, const std::string& s) {
+        std::size_t sent = 0;
+        while (sent < s.size()) {
+            auto n = ::send(c, s.data() + sent, s.size() - sent, MSG_NOSIGNAL);
+            if (n <= 0) return;
+            sent += static_cast<std::size_t>(n);
+        }
+    }
+    int fd_ = -1;
+    int port_ = 0;
+    std::atomic<bool> stop_{false};
+    std::string greeting_;
+    std::function<std::string(const std::string&)> reply_;
+    std::thread thread_;
+};
+
+TEST_F(FtpWrapperTest, SurvivesHostileRepliesAndRefusedConnections) {
+    auto login = [](const std::string& line) -> std::string {
+        if (line.rfind("USER", 0) == 0) return "331 pass\r\n";
+        if (line.rfind("PASS", 0) == 0) return "230 in\r\n";
+        return "";
+    };
+    auto infoFor = [](int port) {
+        auto info = std::make_shared<ServerInfo>();
+        info->protocolType = ProtocolType::FTP;
+        info->setValue(std::string("127.0.0.1"), ServerProp::ADDR);
+        info->setValue(std::to_string(port), ServerProp::PORT);
+        info->setValue(std::string("u"), ServerProp::USERNAME);
+        info->setValue(std::string("p"), ServerProp::PASSWORD);
+        return info;
+    };
+
+    // A PWD reply without quotes, then one of a megabyte.
+    {
+        ScriptedFtpServer s("220 hi\r\n", [&](const std::string& line) -> std::string {
+            if (auto r = login(line); !r.empty()) return r;
+            if (line == "PWD") return "257 no quotes here\r\n";
+            return "CLOSE";
+        });
+        FtpWrapper w(infoFor(s.port()));
+        auto cwd = w.currentWorkingDirectory();
+        EXPECT_FALSE(cwd);
+    }
+    {
+        ScriptedFtpServer s("220 hi\r\n", [&](const std::string& line) -> std::string {
+            if (auto r = login(line); !r.empty()) return r;
+            if (line == "PWD") return "257 \"" + std::string(1 << 20, 'x') + "\"\r\n";
+            return "CLOSE";
+        });
+        FtpWrapper w(infoFor(s.port()));
+        auto cwd = w.currentWorkingDirectory();
+        if (cwd) {
+            EXPECT_LE(cwd->size(), std::size_t(1) << 20);
+        }
+    }
+    // A multi-line FEAT reply that never ends: the server hangs up in the middle.
+    {
+        ScriptedFtpServer s("220 hi\r\n", [&](const std::string& line) -> std::string {
+            if (auto r = login(line); !r.empty()) return r;
+            if (line == "PWD") return "257 \"/\"\r\n";
+            if (line == "FEAT") return "211-Features:\r\n MLSD\r\n UTF8\r\n<CLOSE>";
+            return "CLOSE";
+        });
+        auto info = infoFor(s.port());
+        FtpWrapper w(info);
+        auto start = std::chrono::steady_clock::now();
+        EXPECT_FALSE(w.signInSync());
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30));
+        EXPECT_FALSE(info->supportMLSD.has_value()) << "a broken FEAT reply set the features";
+    }
+    // "421" at the greeting: a clear error, once.
+    {
+        std::atomic<int> connections{0};
+        ScriptedFtpServer s("421 Too many connections\r\n",
+                            [&](const std::string&) -> std::string { return "CLOSE"; });
+        FtpWrapper w(infoFor(s.port()));
+        auto r = w.contentsOfDirectoryAtPathSync(item("/", true));
+        ASSERT_FALSE(r);
+        EXPECT_EQ(r.error().domain, "FTP");
+        EXPECT_FALSE(r.error().reason.empty());
+    }
+}
+
+TEST_F(FtpWrapperTest, ReplacesAPooledSessionTheServerClosedWhileIdle) {
+    auto server = startOrSkip(FtpServerKind::Pyftpdlib);
+    ASSERT_TRUE(server);
+    server->writeFile("a.txt", "a");
+    auto info = server->serverInfo();
+    {
+        FtpWrapper w(info);
+        ASSERT_TRUE(w.contentsOfDirectoryAtPathSync(item("/", true)));
+    }
+    ASSERT_GE(KvConnectionPool::sharedInstance().idleCount(info->serverID), 1u);
+    // Restart the server in place: every idle session in the pool is now dead.
+    FtpServerOptions samePort;
+    samePort.port = server->port();
+    server.reset();
+    server = startOrSkip(FtpServerKind::Pyftpdlib, samePort);
+    ASSERT_TRUE(server);
+    server->writeFile("b.txt", "b");
+    FtpWrapper w(info);
+    auto listing = w.contentsOfDirectoryAtPathSync(item("/", true));
+    ASSERT_TRUE(listing) << listing.error().describe();
+    ASSERT_EQ(listing->size(), 1u);
+    EXPECT_EQ((*listing)[0].nameOrEmpty(), "b.txt");
+}
+
+}  // namespace
+}  // namespace quillon
