@@ -546,6 +546,7 @@ void FtpConnection::resetData() {
     }
     dataSocket_.reset();
     dataMode_ = DataMode::None;
+    ++dataGeneration_;
 }
 
 void FtpConnection::openPassive(bool extended) {
@@ -598,9 +599,9 @@ void FtpConnection::openPassive(bool extended) {
 
 void FtpConnection::acceptData() {
     if (!passiveSocket_) return;
-    passiveSocket_->async_accept([self = shared_from_this(), acceptor = passiveSocket_.get()](
+    passiveSocket_->async_accept([self = shared_from_this(), generation = dataGeneration_](
                                      const asio::error_code& ec, tcp::socket socket) {
-        if (self->closed_ || acceptor != self->passiveSocket_.get()) return;
+        if (self->closed_ || generation != self->dataGeneration_ || !self->passiveSocket_) return;
         if (ec) {
             if (ec == asio::error::operation_aborted) return;
             self->acceptData();

@@ -151,6 +151,7 @@ class FtpConnection : public std::enable_shared_from_this<FtpConnection> {
 
     // Data connection and the transfer running on it.
     DataMode dataMode_ = DataMode::None;
+    std::uint64_t dataGeneration_ = 0;  // counts resets, so late handlers of old sockets stand down
     std::unique_ptr<asio::ip::tcp::acceptor> passiveSocket_;
     std::unique_ptr<asio::ip::tcp::socket> dataSocket_;
     asio::ip::tcp::endpoint activeEndpoint_;
