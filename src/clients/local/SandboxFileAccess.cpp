@@ -203,7 +203,17 @@ Result<KvMetadataList> listDir(const std::string& path, const KvMetadata& folder
     auto parent = std::make_shared<const KvMetadata>(folder);
     const std::string prefix = path.ends_with('/') ? path : path + "/";
 
-    KvMetadataList items;
+    // Entries are gathered first so that the records are built in place, once: a record is
+    // large, and moving 100,000 of them while the array grows costs more than the listing.
+    struct Entry {
+        std::string fileName;
+        std::size_t nameStart = 0, nameLength = 0;  // the shown name within fileName
+        bool placeholder = false;
+        mode_t mode = 0;
+        off_t size = 0;
+        struct timespec mtime {};
+    };
+    std::vector<Entry> entries;
     while (true) {
         errno = 0;
         dirent* entry = ::readdir(dir.get());
@@ -214,40 +224,47 @@ Result<KvMetadataList> listDir(const std::string& path, const KvMetadata& folder
         std::string_view fileName(entry->d_name);
         if (fileName == "." || fileName == "..") continue;
         bool placeholder = isPlaceholderName(fileName);
-        std::string_view name =
-            placeholder ? fileName.substr(1, fileName.size() - 1 - kPlaceholderSuffix.size())
-                        : fileName;
+        std::size_t nameStart = placeholder ? 1 : 0;
+        std::size_t nameLength =
+            placeholder ? fileName.size() - 1 - kPlaceholderSuffix.size() : fileName.size();
         // A placeholder is hidden only when the file it stands for is.
-        if (options.skipsHiddenFiles && name.front() == '.') continue;
+        if (options.skipsHiddenFiles && fileName[nameStart] == '.') continue;
 
         struct stat st {};
         // An entry removed since readdir saw it is simply not listed.
         if (::fstatat(dfd, entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
         if (placeholder && !S_ISREG(st.st_mode)) {
             placeholder = false;
-            name = fileName;
+            nameStart = 0;
+            nameLength = fileName.size();
             if (options.skipsHiddenFiles) continue;
         }
+        entries.push_back(Entry{std::string(fileName), nameStart, nameLength, placeholder,
+                                st.st_mode, st.st_size, st.st_mtim});
+    }
 
-        KvMetadata item;
+    KvMetadataList items;
+    items.reserve(entries.size());
+    for (auto& e : entries) {
+        KvMetadata& item = items.emplace_back();
+        std::string_view name = std::string_view(e.fileName).substr(e.nameStart, e.nameLength);
         item.serverID = folder.serverID;
         item.protocolType = folder.protocolType;
         item.parentFolderMeta = parent;
         std::string childPath = prefix;
-        childPath += fileName;
+        childPath += e.fileName;
         item.localPath = childPath;
         item.setName(std::string(name));
         item.fileExtension = pathExtension(name);
-        item.isDir = S_ISDIR(st.st_mode);
-        if (!item.isDir) item.fileSizeInBytes = static_cast<std::uint64_t>(st.st_size);
-        item.timestamp = toTimePoint(st.st_mtim);
-        if (placeholder) {
+        item.isDir = S_ISDIR(e.mode);
+        if (!item.isDir) item.fileSizeInBytes = static_cast<std::uint64_t>(e.size);
+        item.timestamp = toTimePoint(e.mtime);
+        if (e.placeholder) {
             item.isIcloudPlaceHold = true;
             item.fileSizeInBytes = placeholderSize(childPath);
         }
         item.setPath(std::move(childPath));
-        if (S_ISLNK(st.st_mode)) PathUtils::updateLocalSymbolLinkInfo(item);
-        items.push_back(std::move(item));
+        if (S_ISLNK(e.mode)) PathUtils::updateLocalSymbolLinkInfo(item);
     }
     return items;
 }
