@@ -88,21 +88,24 @@ class ServeProcess {
     const std::string& err() const { return stderr_; }
 
   private:
-    // Reads what is there on either pipe; false once both are at their end or nothing came.
+    // Reads what is there on either pipe within the time-out; false once both are at their end.
     bool readSome(int timeoutMs) {
         pollfd fds[2] = {{out_, POLLIN, 0}, {err_, POLLIN, 0}};
-        if (::poll(fds, 2, timeoutMs) <= 0) return false;
-        bool any = false;
+        if (::poll(fds, 2, timeoutMs) <= 0) return true;
+        bool open = false;
         char buf[4096];
         for (int i = 0; i < 2; ++i) {
-            if (!(fds[i].revents & (POLLIN | POLLHUP))) continue;
+            if (!(fds[i].revents & (POLLIN | POLLHUP))) {
+                open = true;
+                continue;
+            }
             auto n = ::read(fds[i].fd, buf, sizeof buf);
             if (n > 0) {
                 (i == 0 ? stdout_ : stderr_).append(buf, static_cast<std::size_t>(n));
-                any = true;
+                open = true;
             }
         }
-        return any;
+        return open;
     }
     pid_t pid_ = -1;
     int out_ = -1, err_ = -1;
