@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <filesystem>
@@ -55,6 +56,20 @@ double seconds(const std::optional<TimePoint>& t) {
 // "if L's time is not later than R's, download R over L; else upload L over R"
 bool localIsNewer(const KvMetadata& l, const KvMetadata& r) {
     return seconds(l.timestamp) > seconds(r.timestamp);
+}
+
+// Whether two local files hold the same bytes.
+bool sameContents(const std::string& a, const std::string& b) {
+    std::ifstream fa(a, std::ios::binary), fb(b, std::ios::binary);
+    if (!fa || !fb) return false;
+    std::vector<char> ba(1 << 16), bb(1 << 16);
+    while (true) {
+        fa.read(ba.data(), static_cast<std::streamsize>(ba.size()));
+        fb.read(bb.data(), static_cast<std::streamsize>(bb.size()));
+        if (fa.gcount() != fb.gcount()) return false;
+        if (!std::equal(ba.begin(), ba.begin() + fa.gcount(), bb.begin())) return false;
+        if (fa.gcount() == 0 || !fa || !fb) return fa.eof() == fb.eof();
+    }
 }
 
 bool isNotFound(const Error& e) {
@@ -312,6 +327,8 @@ void SyncTask::startTransfer() {
     }
     delRemoteFolders.clear();
     delLocalFolders.clear();
+    delRemoteFolderTwins_.clear();
+    delLocalFolderTwins_.clear();
     listings_.clear();
     plannedRemoteFolders_.clear();
     doneBytes_ = 0;
@@ -421,14 +438,21 @@ Status SyncTask::runPlan() {
     }
     delRemoteFolders.clear();
     delLocalFolders.clear();
+    delRemoteFolderTwins_.clear();
+    delLocalFolderTwins_.clear();
     listings_.clear();
     plannedRemoteFolders_.clear();
     if (!planned) return planned;
 
-    double share = *options_.maxDeletePercent / 100.0;
+    double percent = *options_.maxDeletePercent;
+    // Deletions allowed on a side: the share of its files, rounded down (1e-9 absorbs the
+    // binary fraction of a percentage such as 60 %).
+    auto allowed = [&](std::int64_t files) {
+        return static_cast<std::int64_t>(
+            std::floor(percent * static_cast<double>(files) / 100.0 + 1e-9));
+    };
     auto check = [&](std::int64_t deletes, std::int64_t files, const char* where) -> Status {
-        if (deletes == 0 || static_cast<double>(deletes) <= share * static_cast<double>(files))
-            return {};
+        if (deletes == 0 || deletes <= allowed(files)) return {};
         return KvError::fail(
             ErrorDomain::FileSync, kErrorMaxDelete,
             fmt::format("Stopped before deleting anything: this sync would delete {} of {} files "
@@ -438,8 +462,8 @@ Status SyncTask::runPlan() {
     };
     if (auto r = check(plan.deletedRemote, plan.remoteFiles, "on the server"); !r) return r;
     if (auto r = check(plan.deletedLocal, plan.localFiles, "in the local folder"); !r) return r;
-    allowedRemoteDeletes_ = static_cast<std::int64_t>(std::floor(share * plan.remoteFiles));
-    allowedLocalDeletes_ = static_cast<std::int64_t>(std::floor(share * plan.localFiles));
+    allowedRemoteDeletes_ = allowed(plan.remoteFiles);
+    allowedLocalDeletes_ = allowed(plan.localFiles);
     return {};
 }
 
@@ -487,6 +511,7 @@ void SyncTask::completeFileTransfer(std::optional<Error> error) {
         });
     }
     FileTransferTask::completeFileTransfer(std::move(error));
+    runFinished_ = true;
 }
 
 // --- Ability check
@@ -585,9 +610,11 @@ Status SyncTask::syncRemoteSubfolder(const KvMetadata& r, const KvMetadata* l,
     auto sr = remoteService_->getRemoteItemByRemoteMeta(r);
     auto sl = localService_->getLocalItemByRemoteMeta(r);
     KvMetadata lm = l ? *l : localChild(localFolder, nameOf(r), true);
-    if (sr && !l && sl) {
-        // Deleted locally since the last sync: removed at the end, after both passes.
+    if (sr && !l) {
+        // Deleted locally since the last sync (or its deletion was interrupted): removed at the
+        // end, after both passes.
         delRemoteFolders.push_back(r);
+        delRemoteFolderTwins_.push_back(lm.pathOrEmpty());
         return {};
     }
     if (!l) {
@@ -637,8 +664,10 @@ Status SyncTask::syncRemoteFile(const KvMetadata& r, const KvMetadata* l,
         return newerWins("changed on the server, no local record", false);
     }
     if (!l) {
-        if (sl) return deleteRemoteFile(r, sr, sl, sl->pathOrEmpty(), "deleted here");
-        return download(r, lo, sr, sl, localFolder, false, false, "no local record");
+        std::string localPath = join(localFolder.pathOrEmpty(), nameOf(r));
+        return deleteRemoteFile(
+            r, sr, sl, localPath,
+            sl ? "deleted here" : "deleted here (finishing an interrupted run)");
     }
     if (sl) {
         if (localChanged(*l, *sl))
@@ -695,24 +724,26 @@ Status SyncTask::syncLocalOnlyFile(const KvMetadata& l, const KvMetadata& remote
     auto sl = localService_->getLocalItemByLocalMeta(l);
     auto sr = remoteService_->getRemoteItemByLocalMeta(l);
     if (!sl) return upload(l, std::nullopt, sr, sl, remoteFolder, false, "new here");
-    if (sr) {
-        if (!localChanged(l, *sl)) return deleteLocalFile(l, sl, sr, "deleted on the server");
-        return upload(l, std::nullopt, sr, sl, remoteFolder, false,
-                      "changed here since it was deleted on the server");
-    }
-    return upload(l, std::nullopt, sr, sl, remoteFolder, false, "no remote record");
+    if (!localChanged(l, *sl))
+        return deleteLocalFile(
+            l, sl, sr,
+            sr ? "deleted on the server" : "deleted on the server (finishing an interrupted run)");
+    return upload(l, std::nullopt, sr, sl, remoteFolder, false,
+                  "changed here since it was deleted on the server");
 }
 
 Status SyncTask::syncLocalOnlySubfolder(const KvMetadata& l, const KvMetadata& remoteFolder) {
     auto sl = localService_->getLocalItemByLocalMeta(l);
     auto sr = remoteService_->getRemoteItemByLocalMeta(l);
-    if (sl && sr) {
-        // Deleted on the server since the last sync: removed at the end.
-        delLocalFolders.push_back(l);
-        return {};
-    }
     std::string name = nameOf(l);
     KvMetadata rm = RemoteUpload::itemInFolder(remoteFolder, name, true);
+    if (sl) {
+        // Deleted on the server since the last sync (or its deletion was interrupted): removed
+        // at the end.
+        delLocalFolders.push_back(l);
+        delLocalFolderTwins_.push_back(rm);
+        return {};
+    }
     decide({SyncAction::CreateRemoteFolder, false, true, false, relativeLocalPath(l.pathOrEmpty()),
             sl ? "no remote record" : "new here"});
     if (planning_) {
@@ -768,12 +799,7 @@ Status SyncTask::download(const KvMetadata& r, const std::optional<KvMetadata>& 
     decide({SyncAction::Download, conflict, false, false, relativeLocalPath(target.pathOrEmpty()),
             reason, r.fileSizeInBytes.value_or(0)});
     if (planning_) return {};
-    std::optional<KvMetadata> expected = l;
-    if (keepLocalCopy && l) {
-        if (auto s = renameLocalFile(*l); !s) return s;
-        expected.reset();
-    }
-    auto placed = downloadInto(r, localFolder, expected);
+    auto placed = downloadInto(r, localFolder, l, keepLocalCopy && l);
     if (!placed) return std::unexpected(placed.error());
     if (!*placed || !running()) return {};
     target.fileSizeInBytes = r.fileSizeInBytes;
@@ -795,13 +821,13 @@ Status SyncTask::downloadFile(const KvMetadata& file, const KvMetadata& toFolder
         target.fileSizeInBytes = static_cast<std::uint64_t>(st.st_size);
         expected = target;
     }
-    auto placed = downloadInto(file, toFolder, expected);
+    auto placed = downloadInto(file, toFolder, expected, false);
     if (!placed) return std::unexpected(placed.error());
     return {};
 }
 
 Result<bool> SyncTask::downloadInto(const KvMetadata& file, const KvMetadata& toFolder,
-                                    const std::optional<KvMetadata>& expected) {
+                                    const std::optional<KvMetadata>& expected, bool keepLocalCopy) {
     setTransferringFileMeta(file);
     auto size = file.fileSizeInBytes.value_or(0);
     if (size > FileTransferUtils::totalFreeDiskSpace(taskTempFolderPath))
@@ -867,6 +893,14 @@ Result<bool> SyncTask::downloadInto(const KvMetadata& file, const KvMetadata& to
     if (!unchanged) {
         cleanup();
         return false;
+    }
+    // The local version that loses a conflict stays beside the winner, unless it is the very
+    // same file (an upload of it whose records a killed run never wrote).
+    if (keepLocalCopy && expected && !sameContents(scratch, target)) {
+        if (auto renamed = renameLocalFile(*expected); !renamed) {
+            cleanup();
+            return std::unexpected(renamed.error());
+        }
     }
     LocalFileCopier copier;
     auto moved = copier.moveIntoPlace(scratch, target, true);
@@ -954,25 +988,21 @@ Status SyncTask::renameLocalFile(const KvMetadata& file) {
     return SandboxFileAccess::moveItemFrom(path, target);
 }
 
+// A deletion drops the record of the side already gone, deletes the item, then drops the
+// item's own record. A run killed in between finds one record left and a side that still
+// holds the unchanged item, which it reads as the deletion to finish.
 Status SyncTask::deleteRemoteFile(const KvMetadata& r, const std::optional<KvMetadata>& sr,
                                   const std::optional<KvMetadata>& sl, const std::string& localPath,
                                   const std::string& reason) {
     decide({SyncAction::DeleteRemote, false, false, true, relativeLocalPath(localPath), reason, 0});
     if (planning_) return {};
     if (auto s = checkDeleteLimit(Side::Remote); !s) return s;
-    // Records go first: a run killed between the two steps brings the file back next time
-    // instead of deleting anything else.
-    auto dropped = db_->transaction([&]() -> Status {
-        if (auto s = remoteService_->deleteRemoteItem(sr ? *sr : r); !s) return s;
-        if (sl) return localService_->deleteLocalItem(*sl);
-        return {};
-    });
-    if (!dropped) return dropped;
-    auto removed = wrapper()->removeSync({r});
-    if (!removed && !isNotFound(removed.error())) {
-        if (sr && sl) (void)storeRecords(*sr, *sl, std::nullopt, std::nullopt);
-        return removed;
+    if (sl) {
+        if (auto s = localService_->deleteLocalItem(*sl); !s) return s;
     }
+    auto removed = wrapper()->removeSync({r});
+    if (!removed && !isNotFound(removed.error())) return removed;
+    if (auto s = remoteService_->deleteRemoteItem(sr ? *sr : r); !s) return s;
     std::lock_guard lock(mutex_);
     ++summary_.deletedRemote;
     return {};
@@ -984,32 +1014,18 @@ Status SyncTask::deleteLocalFile(const KvMetadata& l, const std::optional<KvMeta
             reason, 0});
     if (planning_) return {};
     if (auto s = checkDeleteLimit(Side::Local); !s) return s;
-    auto dropped = db_->transaction([&]() -> Status {
-        if (auto s = localService_->deleteLocalItem(sl ? *sl : l); !s) return s;
-        if (sr) return remoteService_->deleteRemoteItem(*sr);
-        return {};
-    });
-    if (!dropped) return dropped;
-    auto restore = [&] {
-        if (sr && sl) (void)storeRecords(*sr, *sl, std::nullopt, std::nullopt);
-    };
-    // A file touched here since the listing is no longer the one the server deleted.
+    if (sr) {
+        if (auto s = remoteService_->deleteRemoteItem(*sr); !s) return s;
+    }
+    // A file touched here since the listing is no longer the one the server deleted: it stays,
+    // and the next run sends it back.
     struct stat st {};
     std::string path = l.pathOrEmpty();
-    if (::lstat(path.c_str(), &st) != 0) {
-        std::lock_guard lock(mutex_);
-        ++summary_.deletedLocal;
-        return {};
+    if (::lstat(path.c_str(), &st) == 0) {
+        if (LocalFileOps::toTimePoint(st.st_mtim) != l.timestamp) return {};
+        if (::unlink(path.c_str()) != 0 && errno != ENOENT) return localError(errno, path);
     }
-    if (LocalFileOps::toTimePoint(st.st_mtim) != l.timestamp) {
-        restore();
-        return {};
-    }
-    if (::unlink(path.c_str()) != 0 && errno != ENOENT) {
-        int err = errno;
-        restore();
-        return localError(err, path);
-    }
+    if (auto s = localService_->deleteLocalItem(sl ? *sl : l); !s) return s;
     std::lock_guard lock(mutex_);
     ++summary_.deletedLocal;
     return {};
@@ -1021,8 +1037,7 @@ Status SyncTask::deleteFolders() {
     for (std::size_t i = 0; i < delRemoteFolders.size(); ++i) {
         if (!running()) return {};
         auto folder = delRemoteFolders[i];
-        auto sl = localService_->getLocalItemByRemoteMeta(folder);
-        std::string twin = sl ? sl->pathOrEmpty() : std::string();
+        std::string twin = delRemoteFolderTwins_[i];
         auto removed = deleteRemoteFolderTree(folder, twin);
         if (!removed) return std::unexpected(removed.error());
         if (*removed || planning_ || !running() || twin.empty()) continue;
@@ -1048,12 +1063,12 @@ Status SyncTask::deleteFolders() {
     for (std::size_t i = 0; i < delLocalFolders.size(); ++i) {
         if (!running()) return {};
         auto folder = delLocalFolders[i];
-        auto sr = remoteService_->getRemoteItemByLocalMeta(folder);
-        auto removed = deleteLocalFolderTree(folder, sr);
+        auto twin = delLocalFolderTwins_[i];
+        auto removed = deleteLocalFolderTree(folder, twin);
         if (!removed) return std::unexpected(removed.error());
-        if (*removed || planning_ || !running() || !sr) continue;
+        if (*removed || planning_ || !running()) continue;
         // Something new or changed here inside it: the folder comes back on the server.
-        KvMetadata remote = *sr;
+        KvMetadata remote = twin;
         remote.serverID = remoteRoot_.serverID;
         remote.protocolType = remoteRoot_.protocolType;
         remote.isDir = true;
@@ -1137,17 +1152,13 @@ Result<bool> SyncTask::deleteRemoteFolderTree(const KvMetadata& folder, const st
     decide({SyncAction::DeleteRemoteFolder, false, true, true, relativeLocalPath(twin),
             "deleted here"});
     if (planning_) return true;
-    auto dropped = db_->transaction([&]() -> Status {
-        if (auto s = remoteService_->deleteRemoteItem(sr ? *sr : folder); !s) return s;
-        if (sl) return localService_->deleteLocalItem(*sl);
-        return {};
-    });
-    if (!dropped) return std::unexpected(dropped.error());
-    auto removed = wrapper()->removeSync({folder});
-    if (!removed && !isNotFound(removed.error())) {
-        if (sr && sl) (void)storeRecords(*sr, *sl, std::nullopt, std::nullopt);
-        return std::unexpected(removed.error());
+    if (sl) {
+        if (auto s = localService_->deleteLocalItem(*sl); !s) return std::unexpected(s.error());
     }
+    auto removed = wrapper()->removeSync({folder});
+    if (!removed && !isNotFound(removed.error())) return std::unexpected(removed.error());
+    if (auto s = remoteService_->deleteRemoteItem(sr ? *sr : folder); !s)
+        return std::unexpected(s.error());
     std::lock_guard lock(mutex_);
     ++summary_.remoteFoldersDeleted;
     return true;
@@ -1223,14 +1234,17 @@ Result<bool> SyncTask::deleteLocalFolderTree(const KvMetadata& folder,
     decide({SyncAction::DeleteLocalFolder, false, true, false,
             relativeLocalPath(folder.pathOrEmpty()), "deleted on the server"});
     if (planning_) return true;
-    if (auto s = dropRecords(); !s) return std::unexpected(s.error());
+    if (sr) {
+        if (auto s = remoteService_->deleteRemoteItem(*sr); !s) return std::unexpected(s.error());
+    }
     if (::rmdir(folder.pathOrEmpty().c_str()) != 0 && errno != ENOENT) {
         int err = errno;
-        if (sr && sl) (void)storeRecords(*sr, *sl, std::nullopt, std::nullopt);
         // Something appeared in it meanwhile: it stays, and the next run looks again.
         if (err == ENOTEMPTY || err == EEXIST) return false;
         return std::unexpected(localError(err, folder.pathOrEmpty()).error());
     }
+    if (auto s = localService_->deleteLocalItem(sl ? *sl : folder); !s)
+        return std::unexpected(s.error());
     std::lock_guard lock(mutex_);
     ++summary_.localFoldersDeleted;
     return true;

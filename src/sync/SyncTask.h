@@ -6,8 +6,9 @@
 //
 // Safety rules beyond the plain algorithm: a file is downloaded into the scratch folder and
 // moved over its target in one step; an upload goes to the server under a hidden name and takes
-// the file's name only when complete; records are removed before the item they describe, so a
-// process killed in between brings a file back rather than deleting one nobody deleted; a folder
+// the file's name only when complete; a deletion drops the record of the side already gone,
+// then deletes the item, then its own record, so a run killed in between is finished by the next
+// one and never read as a deletion on the other side; a folder
 // deleted on one side is removed on the other only down to the items unchanged since the last
 // sync, and anything new or changed inside brings the folder back. Hidden items (names starting
 // with ".") and links are never synced.
@@ -118,6 +119,9 @@ class SyncTask : public FileTransferTask {
     SyncInfo syncInfo() const;
     const SyncOptions& options() const { return options_; }
     SyncSummary summary() const;
+    // True once the run has ended and handed its completion to the main queue (a stopped task
+    // reaches state 3 before its thread is done).
+    bool runFinished() const { return runFinished_.load(); }
     // Called on the task's thread for each decision, before it is carried out (in a dry run,
     // instead).
     std::function<void(const SyncDecision&)> decisionHandler;
@@ -203,7 +207,7 @@ class SyncTask : public FileTransferTask {
                             const std::optional<KvMetadata>& sl, const std::string& localPath,
                             const std::string& reason);
     Result<bool> downloadInto(const KvMetadata& file, const KvMetadata& toFolder,
-                              const std::optional<KvMetadata>& expected);
+                              const std::optional<KvMetadata>& expected, bool keepLocalCopy);
     Result<bool> deleteRemoteFolderTree(const KvMetadata& folder, const std::string& twin);
     Result<bool> deleteLocalFolderTree(const KvMetadata& folder,
                                        const std::optional<KvMetadata>& twin);
@@ -234,6 +238,9 @@ class SyncTask : public FileTransferTask {
     SyncSummary summary_;
     // Listings of the remote pass, reused by the local pass (keyed by local folder path).
     std::unordered_map<std::string, std::shared_ptr<PairListing>> listings_;
+    // The other side's path of each folder in delRemoteFolders and delLocalFolders.
+    std::vector<std::string> delRemoteFolderTwins_;
+    KvMetadataList delLocalFolderTwins_;
     // Remote folders a dry run would create (record paths).
     std::unordered_set<std::string> plannedRemoteFolders_;
     // Deletions the delete limit allows on each side in this run (absent: no limit).
@@ -241,6 +248,7 @@ class SyncTask : public FileTransferTask {
     std::int64_t doneBytes_ = 0;
     std::atomic<std::uint64_t> transferGeneration_{0};
     int lockFd_ = -1;
+    std::atomic<bool> runFinished_{false};
 };
 
 }  // namespace quillon

@@ -316,9 +316,9 @@ int runPairs(const RunOptions& opts) {
     manager.start();
     auto finished = [&] {
         return std::all_of(tasks.begin(), tasks.end(), [](const std::shared_ptr<SyncTask>& t) {
-            auto s = t->state();
-            return s == TransferTaskState::Completed || s == TransferTaskState::Stopped ||
-                   s == TransferTaskState::Failed;
+            // A task stopped while waiting never runs.
+            return t->runFinished() ||
+                   (t->state() == TransferTaskState::Stopped && !t->startTime());
         });
     };
     queue.runUntil([&] { return finished() && !manager.hasActiveTasks(); });

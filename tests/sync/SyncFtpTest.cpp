@@ -1,0 +1,135 @@
+// The sync algorithm against real FTP servers: vsftpd (LIST only, times to the minute),
+// pure-ftpd, proftpd and pyftpdlib (MLSD).
+
+#include <gtest/gtest.h>
+
+#include "support/FtpServers.h"
+#include "sync/SyncTestKit.h"
+
+namespace quillon::test {
+namespace {
+
+struct FtpPair {
+    std::unique_ptr<FtpServer> server;
+    ServerInfoPtr record;
+    SyncInfo info;
+    std::string local;
+
+    std::string r(const std::string& rel) const { return server->hostPath("pair/" + rel); }
+    std::string l(const std::string& rel) const { return local + "/" + rel; }
+    void edited() const { server->chownTree(); }
+};
+
+std::optional<FtpPair> startPair(FtpServerKind kind, const std::string& localName) {
+    std::string why;
+    auto server = FtpServer::start(kind, {}, &why);
+    if (!server) {
+        ADD_FAILURE() << ftpServerKindName(kind) << " cannot run: " << why;
+        return std::nullopt;
+    }
+    FtpPair p;
+    p.server = std::move(server);
+    p.server->makeDir("pair");
+    p.record = p.server->serverInfo();
+    EXPECT_TRUE(ServerInfoService::sharedServerInfoService().saveServerInfo(*p.record));
+    p.info = addPair(p.record, p.server->remotePath("pair"), localName);
+    p.local = localFolderOf(p.info);
+    return p;
+}
+
+std::string tag(FtpServerKind kind) {
+    return std::string(ftpServerKindName(kind));
+}
+
+TEST(SyncFtp, TwoWaySyncWithEveryServerAndNoTransferWhenNothingChanged) {
+    for (auto kind : allFtpServerKinds()) {
+        SCOPED_TRACE(tag(kind));
+        auto p = startPair(kind, "ftp-" + tag(kind));
+        if (!p) continue;
+        // Whole minutes, so that a server listing minutes shows the very times written.
+        double t0 = wholeMinutesAgo(24 * 60);
+        p->server->writeFile("pair/remote.txt", "from the server");
+        p->server->writeFile("pair/dir/inner.txt", "inner");
+        setMtime(p->r("remote.txt"), t0);
+        setMtime(p->r("dir/inner.txt"), t0 + 60);
+        std::filesystem::create_directories(p->local);
+        writeWithTime(p->l("local.txt"), "from here", t0 + 120.5);
+        writeWithTime(p->l("ldir/deep.txt"), "deep", t0 + 180);
+
+        auto first = runSync(p->info);
+        ASSERT_EQ(first.state(), TransferTaskState::Completed) << first.task->error()->describe();
+        EXPECT_EQ(first.summary().downloaded, 2);
+        EXPECT_EQ(first.summary().uploaded, 2);
+        EXPECT_EQ(treeOf(p->local), treeOf(p->server->hostPath("pair")));
+        EXPECT_EQ(readFile(p->r("ldir/deep.txt")), "deep");
+        // Uploads leave no hidden partial files and no test file behind.
+        EXPECT_EQ(std::distance(std::filesystem::directory_iterator(p->server->hostPath("pair")),
+                                std::filesystem::directory_iterator{}),
+                  4);
+
+        auto quiet = runSync(p->info);
+        ASSERT_EQ(quiet.state(), TransferTaskState::Completed);
+        EXPECT_TRUE(quiet.decisions.empty()) << ::testing::PrintToString(quiet.decisionTexts());
+        EXPECT_EQ(quiet.task->transferredBytes(), 0);
+
+        // An edit on the server, an edit here, a deletion here.
+        p->server->writeFile("pair/remote.txt", "edited on the server");
+        setMtime(p->r("remote.txt"), t0 + 600);
+        p->edited();
+        writeWithTime(p->l("local.txt"), "edited here",
+                      secondsOf(std::chrono::system_clock::now()));
+        std::filesystem::remove(p->l("dir/inner.txt"));
+        auto edits = runSync(p->info);
+        ASSERT_EQ(edits.state(), TransferTaskState::Completed) << edits.task->error()->describe();
+        EXPECT_EQ(edits.decisionTexts(),
+                  (std::vector<std::string>{"delete remote dir/inner.txt", "download remote.txt",
+                                            "upload local.txt"}));
+        EXPECT_EQ(readFile(p->l("remote.txt")), "edited on the server");
+        EXPECT_EQ(readFile(p->r("local.txt")), "edited here");
+        EXPECT_FALSE(exists(p->r("dir/inner.txt")));
+
+        auto settled = runSync(p->info);
+        EXPECT_TRUE(settled.decisions.empty()) << ::testing::PrintToString(settled.decisionTexts());
+    }
+}
+
+TEST(SyncFtp, AServerRefusingTheTestFileStopsBeforeAnyUserFileIsTouched) {
+    // pure-ftpd runs as an unprivileged user, so a folder without write permission binds it.
+    auto p = startPair(FtpServerKind::PureFtpd, "ftp-refusing");
+    if (!p) return;
+    p->server->writeFile("pair/remote.txt", "r");
+    std::filesystem::create_directories(p->local);
+    writeFile(p->l("local.txt"), "l");
+    ::chmod(p->server->hostPath("pair").c_str(), 0555);
+    auto run = runSync(p->info);
+    ::chmod(p->server->hostPath("pair").c_str(), 0755);
+    ASSERT_EQ(run.state(), TransferTaskState::Failed);
+    EXPECT_EQ(run.task->error()->reason, "Sync ability check: Fail to upload file!");
+    EXPECT_FALSE(exists(p->l("remote.txt")));
+    EXPECT_FALSE(exists(p->r("local.txt")));
+    EXPECT_FALSE(exists(p->l(SyncDBManager::kFileName)));
+}
+
+TEST(SyncFtp, AFolderThatCannotBeListedEndsTheRunAndDeletesNothing) {
+    auto p = startPair(FtpServerKind::PureFtpd, "ftp-listing");
+    if (!p) return;
+    p->server->writeFile("pair/locked/kept.txt", "k");
+    p->server->writeFile("pair/zz-later.txt", "z");
+    ASSERT_EQ(runSync(p->info).state(), TransferTaskState::Completed);
+    ASSERT_TRUE(exists(p->l("locked/kept.txt")));
+
+    // The server deletes a file (the local pass would carry that over) and a folder can no
+    // longer be listed.
+    std::filesystem::remove(p->r("zz-later.txt"));
+    ::chmod(p->r("locked").c_str(), 0);
+    auto run = runSync(p->info);
+    ::chmod(p->r("locked").c_str(), 0755);
+    ASSERT_EQ(run.state(), TransferTaskState::Failed);
+    EXPECT_EQ(readFile(p->l("locked/kept.txt")), "k");
+    EXPECT_EQ(readFile(p->l("zz-later.txt")), "z");
+    for (auto& d : run.decisions) EXPECT_NE(d.action, SyncAction::DeleteLocal) << d.path;
+    EXPECT_EQ(run.stored.status, SyncStatus::Failed);
+}
+
+}  // namespace
+}  // namespace quillon::test

@@ -1,0 +1,243 @@
+// Sync pairs in the main database, the per-pair database and its two record services, and the
+// folder and time rules of SyncUtils.
+
+#include <gtest/gtest.h>
+
+#include "sync/SyncTestKit.h"
+
+namespace quillon::test {
+namespace {
+
+std::vector<std::string> schemaNames(SyncDBManager& db) {
+    std::vector<std::string> names;
+    sqlite3_stmt* stmt = nullptr;
+    sqlite3_prepare_v2(db.getDatabase(), "SELECT name FROM sqlite_master ORDER BY name", -1, &stmt,
+                       nullptr);
+    while (sqlite3_step(stmt) == SQLITE_ROW)
+        names.emplace_back(reinterpret_cast<const char*>(sqlite3_column_text(stmt, 0)));
+    sqlite3_finalize(stmt);
+    return names;
+}
+
+std::string firstText(SyncDBManager& db, const std::string& sql) {
+    sqlite3_stmt* stmt = nullptr;
+    sqlite3_prepare_v2(db.getDatabase(), sql.c_str(), -1, &stmt, nullptr);
+    std::string out;
+    if (sqlite3_step(stmt) == SQLITE_ROW && sqlite3_column_text(stmt, 0))
+        out = reinterpret_cast<const char*>(sqlite3_column_text(stmt, 0));
+    sqlite3_finalize(stmt);
+    return out;
+}
+
+TEST(SyncUtils, KeepsPairsUnderSyncedInTheHomeFolder) {
+    std::string base = SyncUtils::getSyncBaseFolderPath();
+    EXPECT_EQ(base, syncTestHome().path() + "/home/Synced");
+    std::string folder = SyncUtils::getSyncFolderPath("Photos");
+    EXPECT_EQ(folder, base + "/Photos");
+    EXPECT_TRUE(std::filesystem::is_directory(folder));
+    EXPECT_EQ(SyncUtils::getRelativePath(folder + "/a/b.jpg"), "/Photos/a/b.jpg");
+    EXPECT_EQ(SyncUtils::getRelativePath("/elsewhere/x"), "/elsewhere/x");
+    EXPECT_EQ(SyncUtils::getAbsolutePath("/Photos/a/b.jpg"), folder + "/a/b.jpg");
+}
+
+TEST(SyncUtils, DatesWithinOneSecondCompareEqual) {
+    auto t = timeAt(1700000000.25);
+    EXPECT_TRUE(SyncUtils::fuzzyCompareDate(t, timeAt(1700000001.15)));   // 0.9 s
+    EXPECT_TRUE(SyncUtils::fuzzyCompareDate(timeAt(1700000001.25), t));   // exactly 1.0 s
+    EXPECT_FALSE(SyncUtils::fuzzyCompareDate(t, timeAt(1700000001.35)));  // 1.1 s
+    EXPECT_FALSE(SyncUtils::fuzzyCompareDate(timeAt(1699999999.15), t));  // 1.1 s before
+    EXPECT_FALSE(SyncUtils::fuzzyCompareDate(std::nullopt, t));
+    EXPECT_FALSE(SyncUtils::fuzzyCompareDate(t, std::nullopt));
+
+    // A server listing an older file by its day only shows midnight of the recorded day.
+    KvMetadata listed, record;
+    record.timestamp = timeAt(1700000000 + 3600 * 5 + 17);
+    listed.timestamp = std::chrono::floor<std::chrono::days>(*record.timestamp);
+    EXPECT_FALSE(SyncTask::remoteChanged(listed, record));
+    listed.timestamp = *listed.timestamp + std::chrono::days(1);
+    EXPECT_TRUE(SyncTask::remoteChanged(listed, record));
+    EXPECT_FALSE(SyncTask::remoteChanged(KvMetadata{}, KvMetadata{}));
+}
+
+TEST(SyncUtils, CloudItemsAreRecordedByTheirChainOfIdentifiers) {
+    auto root = std::make_shared<KvMetadata>("/");
+    root->identifier = "root";
+    root->setName("My Drive");
+    root->protocolType = ProtocolType::GoogleDrive;
+    auto docs = std::make_shared<KvMetadata>("/Docs");
+    docs->identifier = "1AbC";
+    docs->protocolType = ProtocolType::GoogleDrive;
+    docs->parentFolderMeta = root;
+    KvMetadata file("/Docs/report.pdf");
+    file.identifier = "9XyZ";
+    file.protocolType = ProtocolType::GoogleDrive;
+    file.parentFolderMeta = docs;
+    std::string full = SyncUtils::getFullPath(file);
+    EXPECT_EQ(full, "/CLOUD_PATH/root::My Drive/1AbC::Docs/9XyZ::report.pdf");
+    EXPECT_EQ(SyncUtils::getIdentify(full), "9XyZ");
+    EXPECT_EQ(SyncUtils::getIdentify(SyncUtils::getFullPath(*docs)), "1AbC");
+    EXPECT_FALSE(SyncUtils::getIdentify("/Docs/report.pdf"));
+
+    KvMetadata ftp("/pub/report.pdf");
+    ftp.protocolType = ProtocolType::FTP;
+    ftp.identifier = "ignored";
+    EXPECT_EQ(SyncUtils::getFullPath(ftp), "/pub/report.pdf");
+}
+
+TEST(SyncDBManager, CreatesBothTablesWithTheirIndexesOnlyWhenMissing) {
+    ScratchDir dir("syncdb");
+    std::string path = dir / SyncDBManager::kFileName;
+    {
+        SyncDBManager db(path);
+        ASSERT_TRUE(db.openDB());
+        EXPECT_TRUE(db.isOpened());
+        EXPECT_EQ(db.dbPath(), path);
+        EXPECT_EQ(schemaNames(db),
+                  (std::vector<std::string>{
+                      "local_items", "local_items_path_idx", "local_items_remote_path_idx",
+                      "remote_items", "remote_items_local_path_idx", "remote_items_path_idx"}));
+        auto tables = db.allCreatedTables();
+        EXPECT_FALSE(SyncDBManager::needCreateTable("local_items", tables));
+        EXPECT_TRUE(SyncDBManager::needCreateTable("favorites", tables));
+        ASSERT_TRUE(db.execDDL("INSERT INTO local_items (name, path) VALUES ('a', '/p/a')"));
+        // Gone index: a later open must not touch a database whose tables exist.
+        ASSERT_TRUE(db.execDDL("DROP INDEX local_items_path_idx"));
+        db.closeDB();
+        EXPECT_FALSE(db.isOpened());
+    }
+    SyncDBManager again(path);
+    ASSERT_TRUE(again.openDB());
+    auto names = schemaNames(again);
+    EXPECT_EQ(std::count(names.begin(), names.end(), "local_items_path_idx"), 0);
+    EXPECT_EQ(names.size(), 5u);
+    EXPECT_EQ(firstText(again, "SELECT path FROM local_items"), "/p/a");
+
+    SyncDBManager missing(dir / (std::string("none/") + SyncDBManager::kFileName));
+    EXPECT_TRUE(missing.openDBReadOnly());
+    EXPECT_FALSE(missing.isOpened());
+    SyncLocalService nothing(missing);
+    EXPECT_FALSE(nothing.getLocalItemByLocalMeta(KvMetadata("/x")));
+}
+
+TEST(SyncItemServices, FindUpdateAndDeleteRecordsByTheirKeys) {
+    ScratchDir dir("syncitems");
+    SyncDBManager db(dir / SyncDBManager::kFileName);
+    ASSERT_TRUE(db.openDB());
+    SyncLocalService local(db);
+    SyncRemoteService remote(db);
+    std::string base = SyncUtils::getSyncBaseFolderPath();
+
+    KvMetadata l(base + "/pair/docs/a.txt");
+    l.fileSizeInBytes = 5;
+    l.timestamp = timeAt(1700000000.5);
+    auto parent = std::make_shared<KvMetadata>("/srv/docs");
+    parent->isDir = true;
+    KvMetadata r("/srv/docs/a.txt");
+    r.parentFolderMeta = parent;
+    r.fileSizeInBytes = 5;
+    r.timestamp = timeAt(1700000000.0);
+    ASSERT_TRUE(local.addLocalItem(l, r));
+    ASSERT_TRUE(remote.addRemoteItem(r, l));
+    // Local paths are kept relative to the sync base folder.
+    EXPECT_EQ(firstText(db, "SELECT path FROM local_items"), "/pair/docs/a.txt");
+    EXPECT_EQ(firstText(db, "SELECT local_path FROM remote_items"), "/pair/docs/a.txt");
+    EXPECT_EQ(firstText(db, "SELECT parent_path FROM remote_items"), "/srv/docs");
+
+    auto sl = local.getLocalItemByLocalMeta(l);
+    ASSERT_TRUE(sl);
+    EXPECT_EQ(sl->pathOrEmpty(), l.pathOrEmpty());
+    EXPECT_EQ(sl->nameOrEmpty(), "a.txt");
+    EXPECT_EQ(sl->fileSizeInBytes, 5u);
+    EXPECT_DOUBLE_EQ(secondsOf(*sl->timestamp), 1700000000.5);
+    EXPECT_TRUE(local.getLocalItemByRemoteMeta(r));
+    auto sr = remote.getRemoteItemByLocalMeta(l);
+    ASSERT_TRUE(sr);
+    EXPECT_EQ(sr->pathOrEmpty(), "/srv/docs/a.txt");
+    EXPECT_EQ(sr->parentFolderMeta->pathOrEmpty(), "/srv/docs");
+    KvMetadata asFolder = l;
+    asFolder.isDir = true;
+    EXPECT_FALSE(local.getLocalItemByLocalMeta(asFolder));
+
+    l.fileSizeInBytes = 9;
+    l.timestamp = timeAt(1700000100.0);
+    ASSERT_TRUE(local.updateLocalItem(l));
+    EXPECT_EQ(local.getLocalItemByLocalMeta(l)->fileSizeInBytes, 9u);
+
+    // Remote rows are updated and deleted by path alone, local rows by path and kind.
+    KvMetadata rAsFolder = r;
+    rAsFolder.isDir = true;
+    rAsFolder.fileSizeInBytes = 77;
+    ASSERT_TRUE(remote.updateRemoteItem(rAsFolder));
+    EXPECT_EQ(remote.getRemoteItemByRemoteMeta(r)->fileSizeInBytes, 77u);
+    ASSERT_TRUE(local.deleteLocalItem(asFolder));
+    EXPECT_TRUE(local.getLocalItemByLocalMeta(l));
+    ASSERT_TRUE(remote.deleteRemoteItem(rAsFolder));
+    EXPECT_FALSE(remote.getRemoteItemByRemoteMeta(r));
+    ASSERT_TRUE(local.deleteLocalItem(l));
+    EXPECT_FALSE(local.getLocalItemByLocalMeta(l));
+}
+
+TEST(SyncInfoService, StoresPairsWithTheirPropertiesAndStatus) {
+    auto& service = SyncInfoService::sharedInstance();
+    auto server = std::make_shared<ServerInfo>();
+    server->protocolType = ProtocolType::FTP;
+    server->displayName = "store-test";
+    ASSERT_TRUE(ServerInfoService::sharedServerInfoService().saveServerInfo(*server));
+
+    SyncInfo info;
+    info.serverInfo = server;
+    info.remoteFolderMeta = SyncInfo::remoteFolderMetaFor("music", "/pub/music", server->serverID,
+                                                          ProtocolType::FTP, std::nullopt);
+    info.localFolderMeta = SyncInfo::localFolderMetaForName("Music");
+    info.setValue("1", "SOME_SETTING");
+    info.setValue("x", "GONE");
+    info.removeObjectForKey("GONE");
+    ASSERT_TRUE(service.saveSyncInfo(info));
+    EXPECT_GT(info.syncInfoID, 0);
+
+    auto found = service.getSyncInfo(*server, info.remoteFolderMeta);
+    ASSERT_TRUE(found);
+    EXPECT_EQ(found->syncInfoID, info.syncInfoID);
+    ASSERT_TRUE(found->serverInfo);
+    EXPECT_EQ(found->serverInfo->displayName, "store-test");
+    EXPECT_EQ(found->valueForKey("SOME_SETTING"), "1");
+    EXPECT_FALSE(found->valueForKey("GONE"));
+    EXPECT_EQ(found->status, SyncStatus::NeverSynced);
+    EXPECT_FALSE(found->lastSyncDate);
+    EXPECT_EQ(found->remoteFolderMeta.pathOrEmpty(), "/pub/music");
+    EXPECT_EQ(found->remoteFolderMeta.nameOrEmpty(), "music");
+    EXPECT_TRUE(found->remoteFolderMeta.isDir);
+    EXPECT_EQ(found->localFolderMeta.pathOrEmpty(), SyncUtils::getSyncBaseFolderPath() + "/Music");
+    KvMetadata other("/pub/other");
+    EXPECT_FALSE(service.getSyncInfo(*server, other));
+
+    found->status = SyncStatus::Failed;
+    found->lastSyncDate = timeAt(1700000123.5);
+    ASSERT_TRUE(service.updateSyncStatus(*found));
+    auto updated = service.getSyncInfoByID(info.syncInfoID);
+    ASSERT_TRUE(updated);
+    EXPECT_EQ(updated->status, SyncStatus::Failed);
+    EXPECT_DOUBLE_EQ(secondsOf(*updated->lastSyncDate), 1700000123.5);
+
+    ASSERT_TRUE(service.deleteSyncInfo(*updated));
+    EXPECT_FALSE(service.getSyncInfoByID(info.syncInfoID));
+    auto props = DBManager::sharedDBManager().query(
+        "SELECT COUNT(*) FROM sync_info_props WHERE sync_info_id=?", {info.syncInfoID});
+    ASSERT_TRUE(props);
+    EXPECT_EQ(sqlInt((*props)[0][0]), 0);
+
+    // A pair whose server was removed is still listed, without a server.
+    SyncInfo orphan = info;
+    orphan.serverInfo.reset();
+    orphan.serverUUID = "NO-SUCH-SERVER";
+    ASSERT_TRUE(service.saveSyncInfo(orphan));
+    auto listed = service.getSyncInfoByID(orphan.syncInfoID);
+    ASSERT_TRUE(listed);
+    EXPECT_FALSE(listed->serverInfo);
+    EXPECT_EQ(listed->serverUUID, "NO-SUCH-SERVER");
+    EXPECT_EQ(syncStatusName(SyncStatus::Running), "running");
+    ASSERT_TRUE(service.deleteSyncInfo(*listed));
+}
+
+}  // namespace
+}  // namespace quillon::test

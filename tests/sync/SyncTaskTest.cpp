@@ -1,0 +1,430 @@
+// The sync algorithm against a local folder acting as the remote side.
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+
+#include "sync/SyncTestKit.h"
+
+namespace quillon::test {
+namespace {
+
+using Tree = std::map<std::string, std::string>;
+
+struct LocalPair {
+    ScratchDir remote{"syncremote"};
+    SyncInfo info;
+    std::string local;
+
+    explicit LocalPair(const std::string& name) {
+        info = addPair(localFileSystem(), remote.path(), name);
+        local = localFolderOf(info);
+    }
+    std::string r(const std::string& rel) const { return remote / rel; }
+    std::string l(const std::string& rel) const { return local + "/" + rel; }
+};
+
+double nowSeconds() {
+    return secondsOf(std::chrono::system_clock::now());
+}
+
+TEST(SyncTask, FirstSyncOfAnEmptyLocalFolderDownloadsEverythingAndRecordsEveryItem) {
+    LocalPair p("first");
+    double t0 = wholeMinutesAgo(60);
+    writeWithTime(p.r("a.txt"), "alpha", t0);
+    writeWithTime(p.r("sub/b.txt"), "beta", t0 + 7.25);
+    writeWithTime(p.r("sub/deeper/c.txt"), "gamma", t0 + 3);
+    std::filesystem::create_directories(p.r("empty"));
+
+    std::optional<SyncInfo> notified;
+    auto token = NotificationCenter::defaultCenter().addObserver(
+        SYNC_COMPLETED_NOTIFICATION, [&](const UserInfo& u) {
+            auto it = u.find(std::string(SYNC_NOTIFICATION_INFO));
+            if (it != u.end()) notified = std::any_cast<SyncInfo>(it->second);
+        });
+    double before = nowSeconds();
+    auto run = runSync(p.info);
+    NotificationCenter::defaultCenter().removeObserver(token);
+
+    ASSERT_EQ(run.state(), TransferTaskState::Completed) << run.task->error()->describe();
+    EXPECT_EQ(treeOf(p.local), treeOf(p.remote.path()));
+    // The local copies carry the server's times, so the next run sees them unchanged.
+    EXPECT_NEAR(mtimeOf(p.l("sub/b.txt")), t0 + 7.25, 0.001);
+    auto s = run.summary();
+    EXPECT_EQ(s.downloaded, 3);
+    EXPECT_EQ(s.localFoldersCreated, 3);
+    EXPECT_EQ(s.uploaded + s.deletedLocal + s.deletedRemote, 0);
+
+    PairRecords records(p.info);
+    for (auto rel : {"a.txt", "sub/b.txt", "sub/deeper/c.txt"}) {
+        EXPECT_TRUE(records.hasLocal(p.l(rel))) << rel;
+        EXPECT_TRUE(records.hasRemote(p.r(rel))) << rel;
+    }
+    for (auto rel : {"sub", "sub/deeper", "empty"}) {
+        EXPECT_TRUE(records.hasLocal(p.l(rel), true)) << rel;
+        EXPECT_TRUE(records.hasRemote(p.r(rel), true)) << rel;
+    }
+    KvMetadata b(p.r("sub/b.txt"));
+    auto rec = records.remote->getRemoteItemByRemoteMeta(b);
+    ASSERT_TRUE(rec);
+    EXPECT_EQ(rec->fileSizeInBytes, 4u);
+    EXPECT_NEAR(secondsOf(*rec->timestamp), t0 + 7.25, 0.001);
+    EXPECT_EQ(rec->parentFolderMeta->pathOrEmpty(), p.r("sub"));
+
+    EXPECT_EQ(run.stored.status, SyncStatus::Succeeded);
+    ASSERT_TRUE(run.stored.lastSyncDate);
+    EXPECT_GE(secondsOf(*run.stored.lastSyncDate), before - 0.01);
+    ASSERT_TRUE(notified);
+    EXPECT_EQ(notified->syncInfoID, p.info.syncInfoID);
+    EXPECT_EQ(notified->status, SyncStatus::Succeeded);
+    // The ability check leaves nothing behind on the server.
+    EXPECT_FALSE(exists(p.r(SyncTask::kTestFileName)));
+}
+
+TEST(SyncTask, SecondRunWithNoChangesTransfersNothing) {
+    LocalPair p("quiet");
+    double t0 = wholeMinutesAgo(30);
+    writeWithTime(p.r("r1.txt"), "remote one", t0);
+    writeWithTime(p.r("dir/r2.txt"), "remote two", t0);
+    std::filesystem::create_directories(p.local);
+    writeWithTime(p.l("l1.txt"), "local one", t0 + 1);
+    writeWithTime(p.l("ldir/l2.txt"), "local two", t0 + 2);
+    auto first = runSync(p.info);
+    ASSERT_EQ(first.state(), TransferTaskState::Completed);
+    EXPECT_EQ(first.summary().downloaded, 2);
+    EXPECT_EQ(first.summary().uploaded, 2);
+    EXPECT_EQ(treeOf(p.local), treeOf(p.remote.path()));
+    double remoteTime = mtimeOf(p.r("ldir/l2.txt"));
+
+    auto second = runSync(p.info);
+    ASSERT_EQ(second.state(), TransferTaskState::Completed);
+    EXPECT_TRUE(second.decisions.empty()) << ::testing::PrintToString(second.decisionTexts());
+    EXPECT_TRUE(second.summary().nothingChanged());
+    EXPECT_EQ(second.task->transferredBytes(), 0);
+    EXPECT_EQ(mtimeOf(p.r("ldir/l2.txt")), remoteTime);
+}
+
+TEST(SyncTask, FileEditedOnBothSidesEndsWithTheLaterVersionOnBoth) {
+    LocalPair p("both");
+    double t0 = wholeMinutesAgo(120);
+    writeWithTime(p.r("x.txt"), "x v1", t0);
+    writeWithTime(p.r("y.txt"), "y v1", t0);
+    ASSERT_EQ(runSync(p.info).state(), TransferTaskState::Completed);
+
+    writeWithTime(p.l("x.txt"), "x local edit", t0 + 100);
+    writeWithTime(p.r("x.txt"), "x remote edit (later)", t0 + 200);
+    writeWithTime(p.l("y.txt"), "y local edit (later)", t0 + 200);
+    writeWithTime(p.r("y.txt"), "y remote edit", t0 + 100);
+    auto run = runSync(p.info);
+    ASSERT_EQ(run.state(), TransferTaskState::Completed);
+    EXPECT_EQ(readFile(p.l("x.txt")), "x remote edit (later)");
+    EXPECT_EQ(readFile(p.r("x.txt")), "x remote edit (later)");
+    EXPECT_EQ(readFile(p.l("y.txt")), "y local edit (later)");
+    EXPECT_EQ(readFile(p.r("y.txt")), "y local edit (later)");
+    EXPECT_EQ(run.summary().conflicts, 2);
+    // The local version that lost is kept beside it, and reaches the server on the next run.
+    EXPECT_EQ(readFile(p.l("x.txt.original")), "x local edit");
+    ASSERT_EQ(runSync(p.info).state(), TransferTaskState::Completed);
+    EXPECT_EQ(readFile(p.r("x.txt.original")), "x local edit");
+    EXPECT_EQ(treeOf(p.local), treeOf(p.remote.path()));
+}
+
+TEST(SyncTask, DeletionsAreCarriedAcrossUnlessTheOtherSideChanged) {
+    LocalPair p("deletions");
+    double t0 = wholeMinutesAgo(90);
+    for (auto name : {"gone-here.txt", "gone-here-changed-there.txt", "gone-there.txt",
+                      "gone-there-changed-here.txt"})
+        writeWithTime(p.r(name), std::string("v1 ") + name, t0);
+    ASSERT_EQ(runSync(p.info).state(), TransferTaskState::Completed);
+
+    std::filesystem::remove(p.l("gone-here.txt"));
+    std::filesystem::remove(p.l("gone-here-changed-there.txt"));
+    writeWithTime(p.r("gone-here-changed-there.txt"), "v2 from the server", t0 + 60);
+    std::filesystem::remove(p.r("gone-there.txt"));
+    std::filesystem::remove(p.r("gone-there-changed-here.txt"));
+    writeWithTime(p.l("gone-there-changed-here.txt"), "v2 from here", t0 + 60);
+
+    auto run = runSync(p.info);
+    ASSERT_EQ(run.state(), TransferTaskState::Completed);
+    EXPECT_FALSE(exists(p.r("gone-here.txt")));
+    EXPECT_EQ(readFile(p.l("gone-here-changed-there.txt")), "v2 from the server");
+    EXPECT_FALSE(exists(p.l("gone-there.txt")));
+    EXPECT_EQ(readFile(p.r("gone-there-changed-here.txt")), "v2 from here");
+    EXPECT_EQ(treeOf(p.local), treeOf(p.remote.path()));
+    auto s = run.summary();
+    EXPECT_EQ(s.deletedRemote, 1);
+    EXPECT_EQ(s.deletedLocal, 1);
+    PairRecords records(p.info);
+    EXPECT_FALSE(records.hasRemote(p.r("gone-here.txt")));
+    EXPECT_FALSE(records.hasLocal(p.l("gone-there.txt")));
+    EXPECT_TRUE(records.hasLocal(p.l("gone-here-changed-there.txt")));
+}
+
+TEST(SyncTask, TimesOneSecondApartCountAsUnchanged) {
+    LocalPair p("fuzzy");
+    double t0 = wholeMinutesAgo(45);
+    writeWithTime(p.r("f.txt"), "same", t0);
+    ASSERT_EQ(runSync(p.info).state(), TransferTaskState::Completed);
+
+    // Content differs, times are 0.9 s apart from the records: neither side counts as changed.
+    writeWithTime(p.l("f.txt"), "local", t0 + 0.9);
+    writeWithTime(p.r("f.txt"), "remote", t0 - 0.9);
+    auto quiet = runSync(p.info);
+    EXPECT_TRUE(quiet.decisions.empty()) << ::testing::PrintToString(quiet.decisionTexts());
+    EXPECT_EQ(readFile(p.r("f.txt")), "remote");
+
+    writeWithTime(p.l("f.txt"), "local later", t0 + 1.5);
+    auto changed = runSync(p.info);
+    EXPECT_EQ(changed.decisionTexts(), std::vector<std::string>{"upload f.txt"});
+    EXPECT_EQ(readFile(p.r("f.txt")), "local later");
+}
+
+TEST(SyncTask, AServerRefusingTheTestFileStopsBeforeAnyUserFileIsTouched) {
+    LocalPair p("refusing");
+    writeFile(p.r("remote-only.txt"), "on the server");
+    // A folder of the test file's name makes its upload fail.
+    std::filesystem::create_directories(p.r(SyncTask::kTestFileName));
+    std::filesystem::create_directories(p.local);
+    writeFile(p.l("local-only.txt"), "here");
+
+    auto run = runSync(p.info);
+    ASSERT_EQ(run.state(), TransferTaskState::Failed);
+    auto error = run.task->error();
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->domain, "File Transfer");
+    EXPECT_EQ(error->code, 10002);
+    EXPECT_EQ(error->reason, "Sync ability check: Fail to upload file!");
+    EXPECT_TRUE(run.decisions.empty());
+    EXPECT_FALSE(exists(p.l("remote-only.txt")));
+    EXPECT_FALSE(exists(p.r("local-only.txt")));
+    EXPECT_FALSE(exists(p.l(SyncDBManager::kFileName)));
+    EXPECT_EQ(run.stored.status, SyncStatus::Failed);
+    EXPECT_TRUE(run.stored.lastSyncDate);
+
+    // A server folder that cannot be listed at all deletes nothing here either.
+    std::filesystem::remove(p.r(SyncTask::kTestFileName));
+    ASSERT_EQ(runSync(p.info).state(), TransferTaskState::Completed);
+    ASSERT_TRUE(exists(p.l("remote-only.txt")));
+    std::filesystem::rename(p.remote.path(), p.remote.path() + "-away");
+    auto missing = runSync(p.info);
+    std::filesystem::rename(p.remote.path() + "-away", p.remote.path());
+    ASSERT_EQ(missing.state(), TransferTaskState::Failed);
+    EXPECT_EQ(missing.task->error()->domain, "File Sync");
+    EXPECT_EQ(missing.task->error()->code, 20001);
+    EXPECT_EQ(missing.task->error()->reason, "The sync folder is empty or doesn't exist!");
+    EXPECT_EQ(readFile(p.l("remote-only.txt")), "on the server");
+    EXPECT_EQ(readFile(p.l("local-only.txt")), "here");
+}
+
+TEST(SyncTask, CancellingDuringTheRemotePassSkipsTheRestAndStillRecordsTheTime) {
+    LocalPair p("cancel");
+    for (int i = 0; i < 5; ++i) writeFile(p.r("f" + std::to_string(i) + ".txt"), "file");
+    std::filesystem::create_directories(p.local);
+    writeFile(p.l("only-here.txt"), "local");
+
+    int downloads = 0;
+    double before = nowSeconds();
+    auto run = runSync(p.info, quickOptions(), [&](SyncTask& task, const SyncDecision& d) {
+        if (d.action == SyncAction::Download && ++downloads == 2) task.cancelTransfer();
+    });
+    ASSERT_EQ(run.state(), TransferTaskState::Stopped);
+    EXPECT_EQ(run.summary().downloaded, 1);
+    int present = 0;
+    for (int i = 0; i < 5; ++i) present += exists(p.l("f" + std::to_string(i) + ".txt"));
+    EXPECT_EQ(present, 1);
+    // The local pass never ran.
+    EXPECT_FALSE(exists(p.r("only-here.txt")));
+    for (auto& d : run.decisions) EXPECT_NE(d.action, SyncAction::Upload);
+    EXPECT_EQ(run.stored.status, SyncStatus::Stopped);
+    ASSERT_TRUE(run.stored.lastSyncDate);
+    EXPECT_GE(secondsOf(*run.stored.lastSyncDate), before);
+
+    // The next run finishes the work.
+    ASSERT_EQ(runSync(p.info).state(), TransferTaskState::Completed);
+    EXPECT_EQ(treeOf(p.local), treeOf(p.remote.path()));
+}
+
+TEST(SyncTask, AFolderDeletedOnOneSideGoesOnTheOtherExceptWhatChangedThere) {
+    LocalPair p("folders");
+    double t0 = wholeMinutesAgo(200);
+    writeWithTime(p.r("dir/unchanged.txt"), "u", t0);
+    writeWithTime(p.r("dir/changed.txt"), "c1", t0);
+    writeWithTime(p.r("dir/sub/s.txt"), "s", t0);
+    writeWithTime(p.r("other/o.txt"), "o", t0);
+    writeWithTime(p.r("top.txt"), "t", t0);
+    ASSERT_EQ(runSync(p.info).state(), TransferTaskState::Completed);
+
+    std::filesystem::remove_all(p.l("dir"));
+    writeWithTime(p.r("dir/changed.txt"), "c2 on the server", t0 + 60);
+    writeWithTime(p.r("dir/new.txt"), "new on the server", t0 + 60);
+    std::filesystem::remove_all(p.r("other"));
+    auto run = runSync(p.info);
+    ASSERT_EQ(run.state(), TransferTaskState::Completed);
+    Tree expected{{"dir", "<dir>"},
+                  {"dir/changed.txt", "c2 on the server"},
+                  {"dir/new.txt", "new on the server"},
+                  {"top.txt", "t"}};
+    EXPECT_EQ(treeOf(p.remote.path()), expected);
+    EXPECT_EQ(treeOf(p.local), expected);
+    EXPECT_GE(run.summary().kept, 2);
+    ASSERT_EQ(runSync(p.info).decisions.size(), 0u);
+
+    // Everything deleted on the server: the pair's own folder stays.
+    std::filesystem::remove_all(p.r("dir"));
+    std::filesystem::remove(p.r("top.txt"));
+    ASSERT_EQ(runSync(p.info).state(), TransferTaskState::Completed);
+    EXPECT_TRUE(treeOf(p.local).empty());
+    EXPECT_TRUE(std::filesystem::is_directory(p.local));
+    EXPECT_TRUE(std::filesystem::is_directory(p.remote.path()));
+}
+
+TEST(SyncTask, MaxDeleteStopsBeforeDeletingAnything) {
+    LocalPair p("maxdelete");
+    for (int i = 0; i < 10; ++i) writeFile(p.r("f" + std::to_string(i)), "x");
+    ASSERT_EQ(runSync(p.info).state(), TransferTaskState::Completed);
+    for (int i = 0; i < 6; ++i) std::filesystem::remove(p.l("f" + std::to_string(i)));
+    writeFile(p.l("new-here"), "n");
+
+    auto options = quickOptions();
+    options.maxDeletePercent = 50;
+    auto stopped = runSync(p.info, options);
+    ASSERT_EQ(stopped.state(), TransferTaskState::Failed);
+    EXPECT_EQ(stopped.task->error()->code, SyncTask::kErrorMaxDelete);
+    EXPECT_NE(stopped.task->error()->reason.find("delete 6 of 10 files"), std::string::npos)
+        << stopped.task->error()->reason;
+    EXPECT_EQ(treeOf(p.remote.path()).size(), 10u);
+    EXPECT_FALSE(exists(p.r("new-here")));
+
+    options.maxDeletePercent = 60;
+    auto allowed = runSync(p.info, options);
+    ASSERT_EQ(allowed.state(), TransferTaskState::Completed);
+    EXPECT_EQ(allowed.summary().deletedRemote, 6);
+    EXPECT_EQ(treeOf(p.local), treeOf(p.remote.path()));
+}
+
+TEST(SyncTask, DryRunReportsWhatARealRunDoesAndTouchesNothing) {
+    LocalPair p("dryrun");
+    double t0 = wholeMinutesAgo(300);
+    writeWithTime(p.r("keep.txt"), "k", t0);
+    writeWithTime(p.r("gone-here.txt"), "g", t0);
+    writeWithTime(p.r("both.txt"), "b1", t0);
+    writeWithTime(p.r("gone-there.txt"), "gt", t0);
+    ASSERT_EQ(runSync(p.info).state(), TransferTaskState::Completed);
+    writeWithTime(p.r("new/remote.txt"), "nr", t0);
+    writeWithTime(p.l("newdir/local.txt"), "nl", t0);
+    std::filesystem::remove(p.l("gone-here.txt"));
+    std::filesystem::remove(p.r("gone-there.txt"));
+    writeWithTime(p.l("both.txt"), "b local", t0 + 20);
+    writeWithTime(p.r("both.txt"), "b remote", t0 + 40);
+
+    auto remoteBefore = treeOf(p.remote.path());
+    auto localBefore = treeOf(p.local);
+    double dbTime = mtimeOf(p.l(SyncDBManager::kFileName));
+    auto options = quickOptions();
+    options.dryRun = true;
+    auto dry = runSync(p.info, options);
+    ASSERT_EQ(dry.state(), TransferTaskState::Completed);
+    EXPECT_EQ(treeOf(p.remote.path()), remoteBefore);
+    EXPECT_EQ(treeOf(p.local), localBefore);
+    EXPECT_EQ(mtimeOf(p.l(SyncDBManager::kFileName)), dbTime);
+    auto storedBefore = dry.stored;
+
+    auto real = runSync(p.info);
+    ASSERT_EQ(real.state(), TransferTaskState::Completed);
+    std::vector<std::string> expected{"conflict download both.txt",
+                                      "delete local gone-there.txt",
+                                      "delete remote gone-here.txt",
+                                      "download new/remote.txt",
+                                      "mkdir local new",
+                                      "mkdir remote newdir",
+                                      "upload newdir/local.txt"};
+    EXPECT_EQ(dry.decisionTexts(), expected);
+    EXPECT_EQ(real.decisionTexts(), expected);
+    EXPECT_EQ(dry.summary().downloaded, real.summary().downloaded);
+    EXPECT_EQ(dry.summary().deletedLocal, real.summary().deletedLocal);
+    EXPECT_NE(real.stored.lastSyncDate, storedBefore.lastSyncDate);
+
+    // A pair never synced: a dry run lists the downloads without creating its folder.
+    ScratchDir fresh("syncfresh");
+    writeFile(fresh / "a/b.txt", "b");
+    auto info = addPair(localFileSystem(), fresh.path(), "dryrun-fresh");
+    auto first = runSync(info, options);
+    ASSERT_EQ(first.state(), TransferTaskState::Completed);
+    EXPECT_EQ(first.decisionTexts(),
+              (std::vector<std::string>{"download a/b.txt", "mkdir local a"}));
+    EXPECT_FALSE(exists(localFolderOf(info)));
+}
+
+TEST(SyncTask, RunsUnderTheTransferManagerLimitLikeAnyOtherTask) {
+    LocalPair a("limit-a"), b("limit-b");
+    writeFile(a.r("a.txt"), "a");
+    writeFile(b.r("b.txt"), "b");
+    FileTransferTaskManager manager;
+    manager.setUserPrompts(std::make_shared<UnattendedPrompts>());
+    manager.setMaxSimultaneousTransfers(1);
+    auto first = std::make_shared<SyncTask>(a.info, quickOptions());
+    auto second = std::make_shared<SyncTask>(b.info, quickOptions());
+    std::atomic<int> secondStateDuringFirst{-1};
+    first->decisionHandler = [&](const SyncDecision&) {
+        secondStateDuringFirst = static_cast<int>(second->state());
+    };
+    manager.addTask(first);
+    manager.addTask(second);
+    manager.start();
+    ASSERT_TRUE(pumpUntilDone(manager, {first, second}));
+    EXPECT_EQ(secondStateDuringFirst.load(), static_cast<int>(TransferTaskState::Waiting));
+    EXPECT_EQ(first->state(), TransferTaskState::Completed);
+    EXPECT_EQ(second->state(), TransferTaskState::Completed);
+    EXPECT_EQ(readFile(b.l("b.txt")), "b");
+    EXPECT_EQ(first->taskClassName(), "SyncTask");
+
+    // A pair already syncing in this process (or another) is not synced twice at once.
+    int fd = ::open((a.l(SyncUtils::kLockFileName)).c_str(), O_RDWR);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(::flock(fd, LOCK_EX), 0);
+    EXPECT_TRUE(SyncUtils::isSyncRunning(a.local));
+    auto busy = runSync(a.info);
+    ::close(fd);
+    ASSERT_EQ(busy.state(), TransferTaskState::Failed);
+    EXPECT_EQ(busy.task->error()->code, SyncTask::kErrorBusy);
+}
+
+TEST(SyncTask, ADeletionInterruptedBetweenItsStepsIsFinishedByTheNextRun) {
+    LocalPair p("interrupted");
+    writeFile(p.r("gone-here.txt"), "a");
+    writeFile(p.r("gone-there.txt"), "b");
+    writeFile(p.r("kept.txt"), "c");
+    ASSERT_EQ(runSync(p.info).state(), TransferTaskState::Completed);
+    {
+        // Where a killed run stops: the record of the side already gone is dropped, the item
+        // on the other side is not deleted yet.
+        PairRecords records(p.info);
+        std::filesystem::remove(p.l("gone-here.txt"));
+        KvMetadata local(p.l("gone-here.txt"));
+        ASSERT_TRUE(records.local->deleteLocalItem(local));
+        std::filesystem::remove(p.r("gone-there.txt"));
+        KvMetadata remote(p.r("gone-there.txt"));
+        ASSERT_TRUE(records.remote->deleteRemoteItem(remote));
+    }
+    auto run = runSync(p.info);
+    ASSERT_EQ(run.state(), TransferTaskState::Completed);
+    EXPECT_EQ(run.decisionTexts(), (std::vector<std::string>{"delete local gone-there.txt",
+                                                             "delete remote gone-here.txt"}));
+    EXPECT_EQ(treeOf(p.local), (Tree{{"kept.txt", "c"}}));
+    EXPECT_EQ(treeOf(p.remote.path()), (Tree{{"kept.txt", "c"}}));
+    PairRecords records(p.info);
+    EXPECT_FALSE(records.hasRemote(p.r("gone-here.txt")));
+    EXPECT_FALSE(records.hasLocal(p.l("gone-there.txt")));
+}
+
+TEST(SyncTask, WaitsASecondAfterTheAbilityCheckByDefault) {
+    LocalPair p("pause");
+    EXPECT_EQ(SyncOptions{}.pauseAfterCheck, 1.0);
+    auto start = std::chrono::steady_clock::now();
+    auto run = runSync(p.info, SyncOptions{});
+    ASSERT_EQ(run.state(), TransferTaskState::Completed);
+    EXPECT_GE(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(), 1.0);
+}
+
+}  // namespace
+}  // namespace quillon::test
