@@ -5,7 +5,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -17,8 +17,6 @@
 #include <fstream>
 #include <sstream>
 #include <thread>
-
-extern char** environ;
 
 namespace fs = std::filesystem;
 
@@ -47,7 +45,17 @@ ap.add_argument('--masquerade')
 ap.add_argument('--cut-after', type=int, default=0)
 ap.add_argument('--cuts', type=int, default=-1)
 ap.add_argument('--rest-log')
+ap.add_argument('--parent', type=int, default=0)
 a = ap.parse_args()
+
+if a.parent:
+    # setpriv's change of user drops the parent-death signal: watch the test program instead.
+    import os, threading, time
+    def watch():
+        while os.getppid() == a.parent:
+            time.sleep(0.5)
+        os._exit(0)
+    threading.Thread(target=watch, daemon=True).start()
 logging.basicConfig(level=logging.WARNING)
 
 state = {'cuts': a.cuts}
@@ -402,7 +410,9 @@ bool FtpServer::launch(std::string* whyNot) {
                     "--password",
                     password_,
                     "--rest-log",
-                    conf + "/rest.log"};
+                    conf + "/rest.log",
+                    "--parent",
+                    std::to_string(::getpid())};
             if (options_.implicitTls || options_.explicitTls) {
                 std::string pem = conf + "/both.pem";
                 if (!fs::exists(pem) && !makeCert(&pem)) {
@@ -428,26 +438,29 @@ bool FtpServer::launch(std::string* whyNot) {
         }
     }
 
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 1, logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND,
-                                     0600);
-    posix_spawn_file_actions_adddup2(&actions, 1, 2);
-    posix_spawnattr_t attr;
-    posix_spawnattr_init(&attr);
-    // A group of its own, so that stopping it reaches the session processes it forks.
-    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETPGROUP);
-    posix_spawnattr_setpgroup(&attr, 0);
     std::vector<char*> args;
     for (auto& a : argv) args.push_back(a.data());
     args.push_back(nullptr);
-    pid_t pid = -1;
-    int rc = ::posix_spawn(&pid, args[0], &actions, &attr, args.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    posix_spawnattr_destroy(&attr);
-    if (rc != 0) {
-        *whyNot = name() + " cannot run here: cannot start " + argv[0];
+    pid_t parent = ::getpid();
+    pid_t pid = ::fork();
+    if (pid == 0) {
+        // Only async-signal-safe calls until exec. A group of its own, so that stopping it
+        // reaches the session processes it forks; and it dies with the test program, should that
+        // be killed before it can stop the server.
+        ::setpgid(0, 0);
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (::getppid() != parent) ::_exit(127);
+        int in = ::open("/dev/null", O_RDONLY);
+        int out = ::open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+        if (in < 0 || out < 0) ::_exit(127);
+        ::dup2(in, 0);
+        ::dup2(out, 1);
+        ::dup2(out, 2);
+        ::execv(args[0], args.data());
+        ::_exit(127);
+    }
+    if (pid < 0) {
+        *whyNot = name() + " cannot run here: cannot fork";
         return false;
     }
     pid_ = pid;

@@ -408,6 +408,8 @@ class ScriptedFtpServer {
     ~ScriptedFtpServer() {
         stop_ = true;
         ::shutdown(fd_, SHUT_RDWR);
+        // The client may keep its session open in the pool: end it too.
+        if (int c = client_.load(); c >= 0) ::shutdown(c, SHUT_RDWR);
         ::close(fd_);
         thread_.join();
     }
@@ -418,6 +420,8 @@ class ScriptedFtpServer {
         while (!stop_) {
             int c = ::accept(fd_, nullptr, nullptr);
             if (c < 0) return;
+            client_ = c;
+            if (stop_) ::shutdown(c, SHUT_RDWR);
             send(c, greeting_);
             std::string buf;
             char tmp[1024];
@@ -440,6 +444,7 @@ class ScriptedFtpServer {
                     }
                 }
             }
+            client_ = -1;
             ::close(c);
         }
     }
@@ -454,6 +459,7 @@ class ScriptedFtpServer {
     int fd_ = -1;
     int port_ = 0;
     std::atomic<bool> stop_{false};
+    std::atomic<int> client_{-1};
     std::string greeting_;
     std::function<std::string(const std::string&)> reply_;
     std::thread thread_;
