@@ -4,6 +4,8 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "core/StringUtils.h"
 
 namespace quillon::cli {
@@ -20,58 +22,97 @@ std::string formatBytes(std::int64_t bytes) {
     return fmt::format("{:.1f} {}", v, units[unit]);
 }
 
-ProgressView::ProgressView(std::FILE* out) : ProgressView(out, ::isatty(::fileno(out)) == 1) {}
+std::string formatDuration(double seconds) {
+    auto s = static_cast<long long>(std::max(0.0, seconds) + 0.5);
+    if (s >= 3600) return fmt::format("{}:{:02}:{:02}", s / 3600, s / 60 % 60, s % 60);
+    return fmt::format("{}:{:02}", s / 60, s % 60);
+}
 
-ProgressView::ProgressView(std::FILE* out, bool displayed) : out_(out), displayed_(displayed) {}
+std::string progressLine(const std::string& name, std::int64_t done, std::int64_t total,
+                         double rate, std::size_t width) {
+    std::string counts = formatBytes(done);
+    if (total > 0)
+        counts += fmt::format(" of {} ({}%)", formatBytes(total),
+                              std::clamp<std::int64_t>(done * 100 / total, 0, 100));
+    std::string rateText = rate > 0 ? formatBytes(static_cast<std::int64_t>(rate)) + "/s" : "";
+    std::string eta = rate > 0 && total > done
+                          ? "ETA " + formatDuration(static_cast<double>(total - done) / rate)
+                          : "";
+    std::string line = fmt::format("{}  {}  {}  {}", name, counts, rateText, eta);
+    while (!line.empty() && line.back() == ' ') line.pop_back();
+    if (width > 1 && line.size() >= width) line.resize(width - 1);
+    return line;
+}
+
+ProgressView::ProgressView(std::FILE* out, bool quiet)
+    : out_(out), quiet_(quiet), terminal_(::isatty(::fileno(out)) == 1) {}
+
+void ProgressView::add(const FileTransferTaskPtr& task, std::string label) {
+    rows_.push_back(Row{task, std::move(label), {}});
+}
 
 void ProgressView::updateProgress(FileTransferTask& task, std::int64_t transferredBytes,
-                                  std::int64_t totalBytes) {
-    if (!displayed_) return;
-    auto now = Clock::now();
-    if (&task != task_) {
-        task_ = &task;
-        started_ = now;
-        startBytes_ = transferredBytes;
+                                  std::int64_t) {
+    for (auto& row : rows_) {
+        if (row.task.get() != &task) continue;
+        auto now = Clock::now();
+        row.samples.emplace_back(now, transferredBytes);
+        while (row.samples.size() > 2 && now - row.samples.front().first > std::chrono::seconds(5))
+            row.samples.pop_front();
     }
-    bool finished = task.state() != TransferTaskState::Running;
-    if (!finished && now - lastDraw_ < std::chrono::milliseconds(100)) return;
-    lastDraw_ = now;
+}
 
-    std::string name;
-    if (auto meta = task.transferringFileMeta())
-        name = meta->nameIgnoreLinkResolve().value_or(
-            StringUtils::lastPathComponent(meta->pathOrEmpty()));
-    double elapsed = std::chrono::duration<double>(now - started_).count();
-    std::string rate =
-        elapsed > 0.2
-            ? formatBytes(static_cast<std::int64_t>((transferredBytes - startBytes_) / elapsed)) +
-                  "/s"
-            : "";
-    std::string counts = formatBytes(transferredBytes);
-    if (totalBytes > 0)
-        counts += fmt::format(" of {} ({}%)", formatBytes(totalBytes),
-                              std::min<std::int64_t>(100, transferredBytes * 100 / totalBytes));
-    std::string line = fmt::format("{}  {}  {}", counts, rate, name);
+std::string ProgressView::lineOf(const Row& row, std::size_t width) const {
+    auto& task = *row.task;
+    std::string name = row.label;
+    if (auto current = task.transferringFileMeta())
+        name += " > " + current->nameIgnoreLinkResolve().value_or(
+                            StringUtils::lastPathComponent(current->pathOrEmpty()));
+    double rate = 0;
+    if (row.samples.size() >= 2) {
+        auto& [t0, b0] = row.samples.front();
+        auto& [t1, b1] = row.samples.back();
+        double dt = std::chrono::duration<double>(t1 - t0).count();
+        if (dt > 0.05) rate = static_cast<double>(b1 - b0) / dt;
+    }
+    return progressLine(name, task.transferredBytes(), task.totalBytes(), rate, width);
+}
 
-    std::size_t width = 80;
+void ProgressView::tick() {
+    if (quiet_) return;
+    auto now = Clock::now();
+    if (!terminal_) {
+        if (now - lastPlain_ < std::chrono::seconds(2)) return;
+        lastPlain_ = now;
+        for (auto& row : rows_)
+            if (row.task->state() == TransferTaskState::Running && row.task->totalBytes() > 0)
+                fmt::print(out_, "{}\n", lineOf(row, 0));
+        std::fflush(out_);
+        return;
+    }
+    std::size_t width = 100;
     struct winsize ws {};
     if (::ioctl(::fileno(out_), TIOCGWINSZ, &ws) == 0 && ws.ws_col > 0) width = ws.ws_col;
-    if (line.size() >= width) line.resize(width - 1);
-    std::string pad = drawnWidth_ > line.size() ? std::string(drawnWidth_ - line.size(), ' ') : "";
-    fmt::print(out_, "\r{}{}", line, pad);
-    std::fflush(out_);
-    drawnWidth_ = line.size();
+    std::string text;
+    if (blockLines_ > 0) text += fmt::format("\x1b[{}F\x1b[J", blockLines_);
+    int lines = 0;
+    for (auto& row : rows_) {
+        if (row.task->state() != TransferTaskState::Running) continue;
+        text += lineOf(row, width) + "\n";
+        ++lines;
+    }
+    blockLines_ = lines;
+    if (!text.empty()) {
+        std::fwrite(text.data(), 1, text.size(), out_);
+        std::fflush(out_);
+    }
 }
 
-void ProgressView::clearLine() {
-    if (!displayed_ || drawnWidth_ == 0) return;
-    fmt::print(out_, "\r{}\r", std::string(drawnWidth_, ' '));
+void ProgressView::clearBlock() {
+    if (!terminal_ || blockLines_ == 0) return;
+    fmt::print(out_, "\x1b[{}F\x1b[J", blockLines_);
+    blockLines_ = 0;
     std::fflush(out_);
-    drawnWidth_ = 0;
-}
-
-void ProgressView::close() {
-    clearLine();
 }
 
 }  // namespace quillon::cli

@@ -1,12 +1,15 @@
 #pragma once
-// ProgressView: the transfer manager's view on a terminal. One status line on standard error,
-// redrawn at most ten times a second: the file being transferred, bytes done of the total, the
-// share and the rate. Shown only when standard error is a terminal.
+// ProgressView: live progress of transfer tasks on a terminal, one line per running task in the
+// format of `quillon cp` ("<name> > <file>  <done> of <total> (<share>%)  <rate>/s  ETA m:ss"),
+// redrawn in place on a terminal and printed every 2 s otherwise. The helpers that format the
+// parts of the line are shared by every command that shows transfers.
 
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <deque>
 #include <string>
+#include <vector>
 
 #include "transfer/FileTransferTaskManager.h"
 
@@ -14,31 +17,48 @@ namespace quillon::cli {
 
 // "1.5 MB", "730 B" (decimal units, as file managers show them).
 std::string formatBytes(std::int64_t bytes);
+// "m:ss", or "h:mm:ss" from an hour on.
+std::string formatDuration(double seconds);
+// One live line; `rate` in bytes per second (0: unknown); cut below `width` when it is not 0.
+std::string progressLine(const std::string& name, std::int64_t done, std::int64_t total,
+                         double rate, std::size_t width);
 
 class ProgressView : public FileTransferView {
   public:
-    // A view on `out`; `displayed` defaults to whether `out` is a terminal.
-    explicit ProgressView(std::FILE* out = stderr);
-    ProgressView(std::FILE* out, bool displayed);
+    using Clock = std::chrono::steady_clock;
 
-    bool isDisplayed() const override { return displayed_; }
+    // Draws on `out`: in place when it is a terminal, every 2 s otherwise; `quiet` draws nothing.
+    explicit ProgressView(std::FILE* out = stderr, bool quiet = false);
+
+    // Shows `task` as `label` while it runs.
+    void add(const FileTransferTaskPtr& task, std::string label);
+
+    bool isDisplayed() const override { return !quiet_; }
     void reloadContent() override {}
+    // Takes a sample for the task's rate.
     void updateProgress(FileTransferTask& task, std::int64_t transferredBytes,
                         std::int64_t totalBytes) override;
-    // Clears the status line.
-    void close() override;
-    // Clears the status line so that other output can follow; the next update draws it again.
-    void clearLine();
+    void close() override { clearBlock(); }
+
+    // Redraws the live lines (call it from a repeating timer, ten times a second).
+    void tick();
+    // Clears the live lines so that other output can follow.
+    void clearBlock();
 
   private:
-    using Clock = std::chrono::steady_clock;
+    struct Row {
+        FileTransferTaskPtr task;
+        std::string label;
+        std::deque<std::pair<Clock::time_point, std::int64_t>> samples;
+    };
+    std::string lineOf(const Row& row, std::size_t width) const;
+
     std::FILE* out_;
-    bool displayed_;
-    std::size_t drawnWidth_ = 0;
-    Clock::time_point lastDraw_{};
-    Clock::time_point started_{};
-    std::int64_t startBytes_ = 0;
-    const FileTransferTask* task_ = nullptr;
+    bool quiet_;
+    bool terminal_;
+    std::vector<Row> rows_;
+    int blockLines_ = 0;
+    Clock::time_point lastPlain_{};
 };
 
 }  // namespace quillon::cli

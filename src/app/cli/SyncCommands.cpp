@@ -271,7 +271,7 @@ int runPairs(const RunOptions& opts) {
     SyncOptions options;
     options.dryRun = opts.dryRun;
     options.maxDeletePercent = opts.maxDelete;
-    auto view = std::make_shared<ProgressView>(stderr, !opts.dryRun && ::isatty(2) == 1);
+    auto view = std::make_shared<ProgressView>(stderr, opts.dryRun);
     auto& manager = FileTransferTaskManager::sharedInstance();
     manager.setUserPrompts(std::make_shared<SyncPrompts>());
     manager.setFileTransferView(view);
@@ -284,7 +284,7 @@ int runPairs(const RunOptions& opts) {
             // Decisions are printed on the main thread, where the progress line is drawn too.
             task->decisionHandler = [id, view](const SyncDecision& d) {
                 GCD::doInForeground([id, view, d] {
-                    view->clearLine();
+                    view->clearBlock();
                     std::string what(syncActionName(d.action));
                     if (d.conflict) what = "conflict: " + what;
                     fmt::print("[{}] {:<18} {}{}  ({})\n", id, what, d.path, d.isDir ? "/" : "",
@@ -294,6 +294,7 @@ int runPairs(const RunOptions& opts) {
             };
         }
         tasks.push_back(task);
+        view->add(task, fmt::format("sync {}", info.syncInfoID));
         manager.addTask(task);
     }
 
@@ -306,12 +307,14 @@ int runPairs(const RunOptions& opts) {
     ::sigaction(SIGTERM, &sa, &oldTerm);
     bool stopping = false;
     auto& queue = MainQueue::shared();
-    // Wakes the loop to notice an interrupt: the syncs then stop between items and record it.
-    auto timer = queue.scheduleRepeating(std::chrono::milliseconds(50), [&] {
+    // Redraws the progress, and notices an interrupt: the syncs then stop between items and
+    // record it.
+    auto timer = queue.scheduleRepeating(std::chrono::milliseconds(100), [&] {
         if (interrupted && !stopping) {
             stopping = true;
             manager.stopAllTasks();
         }
+        view->tick();
     });
     manager.start();
     auto finished = [&] {
