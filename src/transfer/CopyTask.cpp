@@ -39,8 +39,7 @@ bool CopyTask::fileExists() {
 
 void CopyTask::cancelTransfer() {
     setState(TransferTaskState::Stopped);
-    if (sourceProxy_) sourceProxy_->cancelOperation();
-    if (targetProxy_) targetProxy_->cancelOperation();
+    cancelTrackedWrappers();
 }
 
 void CopyTask::tick() {
@@ -67,6 +66,8 @@ void CopyTask::startTransfer() {
     targetProxy_ = *target;
     sourceProxy_->setForceIncludesHiddenFiles(true);
     targetProxy_->setForceIncludesHiddenFiles(true);
+    trackWrapper(sourceProxy_);
+    trackWrapper(targetProxy_);
     copier_.shouldStop = [this] { return stopped(); };
 
     auto targetItem =

@@ -48,8 +48,7 @@ bool CrossCopyTask::fileExists() {
 
 void CrossCopyTask::cancelTransfer() {
     setState(TransferTaskState::Stopped);
-    if (sourceProxy_) sourceProxy_->cancelOperation();
-    if (targetProxy_) targetProxy_->cancelOperation();
+    cancelTrackedWrappers();
 }
 
 void CrossCopyTask::finish(std::optional<Error> error) {
@@ -73,7 +72,8 @@ void CrossCopyTask::startTransfer() {
     targetProxy_ = *target;
     sourceProxy_->setForceIncludesHiddenFiles(true);
     targetProxy_->setForceIncludesHiddenFiles(true);
-    if (stopped()) cancelTransfer();
+    trackWrapper(sourceProxy_);
+    trackWrapper(targetProxy_);
     auto temp = FileTransferUtils::makeTaskTempFolder();
     if (!temp) {
         completeFileTransfer(temp.error());
@@ -157,7 +157,7 @@ Status CrossCopyTask::transferFiles() {
         if (!(state() == TransferTaskState::Running)) return {};
         auto r = transferFile(*node, done);
         done += static_cast<std::int64_t>(node->sourceMetadata.fileSizeInBytes.value_or(0));
-        setTransferredBytes(done);
+        raiseTransferredBytes(done);
         if (stopped()) return {};
         if (!r) return r;
     }
@@ -174,11 +174,7 @@ Status CrossCopyTask::transferFile(const FileTransferNode& node, std::int64_t ba
     if (isLocal(sourceServerInfo)) {
         return RemoteUpload::uploadFile(
             *targetProxy_, source, source.pathOrEmpty(), node.targetParentMetadata, name, replace,
-            [this, base](std::int64_t sent, std::int64_t) {
-                if (stopped()) return;
-                setTransferredBytes(base + sent);
-                reportProgress();
-            },
+            relayProgress([base](std::int64_t sent, std::int64_t) { return base + sent; }),
             stoppedFn);
     }
 
@@ -191,25 +187,20 @@ Status CrossCopyTask::transferFile(const FileTransferNode& node, std::int64_t ba
     ::unlink(scratch.c_str());
     // Each byte is counted half when it arrives and half when it leaves, so that the bar moves
     // through both legs and ends at the file's size.
-    auto r =
-        sourceProxy_->downloadSync(source, scratch, [this, base](std::int64_t got, std::int64_t) {
-            if (stopped()) return;
-            setTransferredBytes(base + got / 2);
-            reportProgress();
-        });
+    auto r = sourceProxy_->downloadSync(
+        source, scratch,
+        relayProgress([base](std::int64_t got, std::int64_t) { return base + got / 2; }));
     if (!r || stopped()) {
         ::unlink(scratch.c_str());
         return r;
     }
     auto half = static_cast<std::int64_t>(size / 2);
-    r = RemoteUpload::uploadFile(
-        *targetProxy_, source, scratch, node.targetParentMetadata, name, replace,
-        [this, base, half](std::int64_t sent, std::int64_t) {
-            if (stopped()) return;
-            setTransferredBytes(base + half + sent / 2);
-            reportProgress();
-        },
-        stoppedFn);
+    r = RemoteUpload::uploadFile(*targetProxy_, source, scratch, node.targetParentMetadata, name,
+                                 replace,
+                                 relayProgress([base, half](std::int64_t sent, std::int64_t) {
+                                     return base + half + sent / 2;
+                                 }),
+                                 stoppedFn);
     ::unlink(scratch.c_str());
     return r;
 }

@@ -32,8 +32,7 @@ bool CrossMoveTask::fileExists() {
 
 void CrossMoveTask::cancelTransfer() {
     setState(TransferTaskState::Stopped);
-    if (sourceProxy_) sourceProxy_->cancelOperation();
-    if (targetProxy_) targetProxy_->cancelOperation();
+    cancelTrackedWrappers();
     std::shared_ptr<CrossCopyTask> inner;
     {
         std::lock_guard lock(innerMutex_);
@@ -65,6 +64,8 @@ void CrossMoveTask::startTransfer() {
     targetProxy_ = *target;
     sourceProxy_->setForceIncludesHiddenFiles(true);
     targetProxy_->setForceIncludesHiddenFiles(true);
+    trackWrapper(sourceProxy_);
+    trackWrapper(targetProxy_);
 
     auto inner = std::make_shared<CrossCopyTask>();
     inner->sourceServerInfo = sourceServerInfo;

@@ -58,7 +58,7 @@ bool DownloadTask::fileExists() {
 void DownloadTask::cancelTransfer() {
     setState(TransferTaskState::Stopped);
     progress_->cancel();
-    if (sourceWrapper_) sourceWrapper_->cancelOperation();
+    cancelTrackedWrappers();
 }
 
 void DownloadTask::finish(std::optional<Error> error) {
@@ -88,10 +88,9 @@ void DownloadTask::startTransfer() {
         finish(client.error());
         return;
     }
-    // The wrapper is published before any request so that a stop reaches it.
     sourceWrapper_ = *client;
     sourceWrapper_->setForceIncludesHiddenFiles(true);
-    if (stopped()) sourceWrapper_->cancelOperation();
+    trackWrapper(sourceWrapper_);
     copier_.shouldStop = [this] { return stopped(); };
 
     KvMetadata folder = targetMetadata;
@@ -186,21 +185,23 @@ Status DownloadTask::transferFile(const FileTransferNode& node) {
     if (existsLocally(scratch)) ::unlink(scratch.c_str());
 
     std::int64_t base = doneBytes_;
-    auto r = sourceWrapper_->downloadSync(source, scratch,
-                                          [this, base](std::int64_t done, std::int64_t total) {
-                                              if (stopped()) return;
-                                              if (totalBytes() == 0 && total > 0) {
-                                                  setTotalBytes(total);
-                                                  progress_->setTotalUnitCount(total);
-                                              }
-                                              setTransferredBytes(base + done);
-                                              progress_->setCompletedUnitCount(base + done);
-                                              if (progressHandler)
-                                                  progressHandler(base + done, totalBytes());
-                                              reportProgress();
-                                          });
+    std::weak_ptr<FileTransferTask> weak = weak_from_this();
+    auto r = sourceWrapper_->downloadSync(
+        source, scratch,
+        relayProgress([base](std::int64_t done, std::int64_t) { return base + done; },
+                      [weak](std::int64_t, std::int64_t total) {
+                          auto self = std::static_pointer_cast<DownloadTask>(weak.lock());
+                          if (!self) return;
+                          if (self->totalBytes() == 0 && total > 0) {
+                              self->setTotalBytes(total);
+                              self->progress_->setTotalUnitCount(total);
+                          }
+                          self->progress_->setCompletedUnitCount(self->transferredBytes());
+                          if (self->progressHandler)
+                              self->progressHandler(self->transferredBytes(), self->totalBytes());
+                      }));
     doneBytes_ += static_cast<std::int64_t>(size);
-    setTransferredBytes(doneBytes_);
+    raiseTransferredBytes(doneBytes_);
     auto cleanup = [&] {
         if (existsLocally(scratch)) ::unlink(scratch.c_str());
     };

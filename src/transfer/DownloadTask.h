@@ -29,7 +29,8 @@ class DownloadTask : public FileTransferTask {
 
     // Total and completed bytes of the whole download.
     const std::shared_ptr<TransferProgress>& progress() const { return progress_; }
-    // Optional observers, called on the task's thread: each progress step, and the end.
+    // Optional observers: each progress step (on the thread the client reports on), and the
+    // end (on the task's thread).
     std::function<void(std::int64_t done, std::int64_t total)> progressHandler;
     std::function<void(const std::optional<Error>&)> completionHandler;
     // The scratch folder of the running task (empty before it starts).

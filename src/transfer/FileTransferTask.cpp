@@ -62,6 +62,44 @@ void FileTransferTask::setTransferringFileMeta(std::optional<KvMetadata> meta) {
     transferringFileMeta_ = std::move(meta);
 }
 
+void FileTransferTask::trackWrapper(const WrapperPtr& wrapper) {
+    if (!wrapper) return;
+    {
+        std::lock_guard lock(mutex_);
+        wrappers_.push_back(wrapper);
+    }
+    if (stopped()) wrapper->cancelOperation();
+}
+
+void FileTransferTask::cancelTrackedWrappers() {
+    std::vector<WrapperPtr> current;
+    {
+        std::lock_guard lock(mutex_);
+        current = wrappers_;
+    }
+    for (auto& w : current) w->cancelOperation();
+}
+
+void FileTransferTask::raiseTransferredBytes(std::int64_t n) {
+    auto current = transferredBytes_.load();
+    while (current < n && !transferredBytes_.compare_exchange_weak(current, n)) {
+    }
+}
+
+ProgressHandler FileTransferTask::relayProgress(
+    std::function<std::int64_t(std::int64_t, std::int64_t)> toTransferred,
+    std::function<void(std::int64_t, std::int64_t)> also) {
+    std::weak_ptr<FileTransferTask> weak = weak_from_this();
+    return [weak, toTransferred = std::move(toTransferred), also = std::move(also)](
+               std::int64_t done, std::int64_t total) {
+        auto self = weak.lock();
+        if (!self || self->state() != TransferTaskState::Running) return;
+        self->raiseTransferredBytes(toTransferred(done, total));
+        if (also) also(done, total);
+        self->reportProgress();
+    };
+}
+
 void FileTransferTask::beginTransfer() {
     // A task stopped before its thread got here stays stopped.
     auto expected = TransferTaskState::Waiting;

@@ -12,10 +12,12 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "core/Error.h"
 #include "core/KvMetadata.h"
 #include "core/ServerInfo.h"
+#include "core/Wrapper.h"
 
 namespace quillon {
 
@@ -115,6 +117,20 @@ class FileTransferTask : public std::enable_shared_from_this<FileTransferTask> {
     // one is queued, later calls only update the counters it will read.
     void reportProgress();
     void setTransferringFileMeta(std::optional<KvMetadata> meta);
+    // Keeps a wrapper the task works through, so that a stop from another thread reaches its
+    // current request; a task already stopped cancels it at once.
+    void trackWrapper(const WrapperPtr& wrapper);
+    // Cancels the current request of every tracked wrapper.
+    void cancelTrackedWrappers();
+    // Raises transferredBytes to `n` (a count never goes back: a late report of an earlier step
+    // is ignored).
+    void raiseTransferredBytes(std::int64_t n);
+    // A wrapper progress callback for this task: while the task runs, each report (done, total)
+    // raises transferredBytes to `toTransferred(done, total)`, calls `also` and is sent on. Safe
+    // to call after the task is gone (clients may deliver reports later, on the main queue).
+    ProgressHandler relayProgress(
+        std::function<std::int64_t(std::int64_t, std::int64_t)> toTransferred,
+        std::function<void(std::int64_t, std::int64_t)> also = nullptr);
     bool stopped() const { return state() == TransferTaskState::Stopped; }
 
     // The target folder as the task was created with, kept for the refresh notification.
@@ -134,6 +150,7 @@ class FileTransferTask : public std::enable_shared_from_this<FileTransferTask> {
     std::optional<TimePoint> startTime_;
     std::optional<TimePoint> endTime_;
     std::optional<KvMetadata> transferringFileMeta_;
+    std::vector<WrapperPtr> wrappers_;
 };
 
 // Text for a state ("waiting", "running", "completed", "stopped", "failed").

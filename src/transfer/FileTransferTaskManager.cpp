@@ -159,6 +159,17 @@ void FileTransferTaskManager::askConflict(const FileTransferTaskPtr& task) {
         startInBackground(task);
         return;
     }
+    // An "apply to all" answer given while this question waited its turn covers it too.
+    std::optional<ConflictAction> remembered;
+    {
+        std::lock_guard lock(stateMutex_);
+        if (applyAll_) remembered = fileConflict_;
+    }
+    if (remembered) {
+        task->setFileConflict(*remembered);
+        startInBackground(task);
+        return;
+    }
     ResolveConflictItem item;
     item.metadata = task->sourceMetadata;
     item.message = LocalizedUtils::localizedFormat("trans.conflict_message",

@@ -44,7 +44,7 @@ bool MoveTask::fileExists() {
 
 void MoveTask::cancelTransfer() {
     setState(TransferTaskState::Stopped);
-    if (targetWrapper_) targetWrapper_->cancelOperation();
+    cancelTrackedWrappers();
 }
 
 Status MoveTask::moveAll(const KvMetadataList& items, const KvMetadata& folder) {
@@ -71,6 +71,7 @@ void MoveTask::startTransfer() {
     }
     targetWrapper_ = *client;
     targetWrapper_->setForceIncludesHiddenFiles(true);
+    trackWrapper(targetWrapper_);
     KvMetadata folder = targetMetadata;
     rootNode_ = std::make_shared<FileTransferNode>(sourceMetadata,
                                                    movedTarget(sourceMetadata, folder), folder);

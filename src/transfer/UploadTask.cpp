@@ -85,7 +85,7 @@ bool UploadTask::fileExists() {
 
 void UploadTask::cancelTransfer() {
     setState(TransferTaskState::Stopped);
-    if (targetWrapper_) targetWrapper_->cancelOperation();
+    cancelTrackedWrappers();
 }
 
 void UploadTask::startTransfer() {
@@ -101,7 +101,7 @@ void UploadTask::startTransfer() {
     }
     targetWrapper_ = *client;
     targetWrapper_->setForceIncludesHiddenFiles(true);
-    if (stopped()) targetWrapper_->cancelOperation();
+    trackWrapper(targetWrapper_);
 
     KvMetadata folder = targetMetadata;
     auto target = FileTransferUtils::targetMetadataWithSourceMetadata(sourceMetadata, folder);
@@ -186,14 +186,10 @@ Status UploadTask::transferFiles() {
         auto r = RemoteUpload::uploadFile(
             *targetWrapper_, node->sourceMetadata, path, node->targetParentMetadata,
             itemName(node->targetMetadata), replace,
-            [this, base](std::int64_t sent, std::int64_t) {
-                if (stopped()) return;
-                setTransferredBytes(base + sent);
-                reportProgress();
-            },
+            relayProgress([base](std::int64_t sent, std::int64_t) { return base + sent; }),
             [this] { return stopped(); });
         done += static_cast<std::int64_t>(node->sourceMetadata.fileSizeInBytes.value_or(0));
-        setTransferredBytes(done);
+        raiseTransferredBytes(done);
         if (FileTransferUtils::isTempFilePath(path)) ::unlink(path.c_str());
         if (stopped()) return {};
         if (!r) return r;

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -37,31 +38,38 @@ namespace quillon::cli {
 
 namespace {
 
-constexpr int kExitInterrupted = 130;
-
-// Ctrl-C: the first stops every task, a second one ends the process at once.
+// Ctrl-C (and a polite SIGTERM or SIGHUP): the first stops every task, a second one ends the
+// process at once.
 std::atomic<int> gInterrupts{0};
+std::atomic<int> gSignal{0};
 
-void onInterrupt(int) {
-    if (gInterrupts.fetch_add(1) >= 1) ::_exit(kExitInterrupted);
+void onInterrupt(int sig) {
+    if (gInterrupts.fetch_add(1) >= 1) ::_exit(128 + (gSignal.load() ? gSignal.load() : sig));
+    gSignal = sig;
 }
 
 class InterruptGuard {
   public:
     InterruptGuard() {
         gInterrupts = 0;
+        gSignal = 0;
         struct sigaction sa {};
         sa.sa_handler = onInterrupt;
         sigemptyset(&sa.sa_mask);
         sa.sa_flags = 0;  // no SA_RESTART: a pending terminal question returns at once
-        ::sigaction(SIGINT, &sa, &previous_);
+        for (std::size_t i = 0; i < kSignals.size(); ++i)
+            ::sigaction(kSignals[i], &sa, &previous_[i]);
     }
-    ~InterruptGuard() { ::sigaction(SIGINT, &previous_, nullptr); }
+    ~InterruptGuard() {
+        for (std::size_t i = 0; i < kSignals.size(); ++i)
+            ::sigaction(kSignals[i], &previous_[i], nullptr);
+    }
     InterruptGuard(const InterruptGuard&) = delete;
     InterruptGuard& operator=(const InterruptGuard&) = delete;
 
   private:
-    struct sigaction previous_ {};
+    static constexpr std::array<int, 3> kSignals{SIGINT, SIGTERM, SIGHUP};
+    std::array<struct sigaction, 3> previous_{};
 };
 
 enum class ConflictPolicy { Ask, Replace, KeepBoth, Skip };
@@ -155,6 +163,13 @@ class TransferConsole : public FileTransferView {
     void message(const std::string& text) {
         clearBlock();
         fmt::print(stderr, "{}\n", text);
+        std::fflush(stderr);
+    }
+
+    // A question: the answer is typed on the same line.
+    void ask(const std::string& text) {
+        clearBlock();
+        fmt::print(stderr, "{}", text);
         std::fflush(stderr);
     }
 
@@ -346,9 +361,8 @@ class TerminalPrompts : public UserPrompts {
         std::string choices =
             item.hideReplaceButton ? "[k]eep both, [s]kip" : "[r]eplace, [k]eep both, [s]kip";
         while (true) {
-            console_->message(fmt::format(
-                "{}\n{} (a capital letter applies to all later conflicts): ", item.message,
-                choices));
+            console_->ask(fmt::format("{}\n{} (a capital letter applies to all later conflicts): ",
+                                      item.message, choices));
             auto line = readLine();
             if (!line) {
                 answer(ConflictAction::Skip, false);
@@ -380,7 +394,7 @@ class TerminalPrompts : public UserPrompts {
         if (keepGoing_) return FailureChoice::Ignore;
         if (!offerIgnore || !interactive_ || gInterrupts > 0) return FailureChoice::Stop;
         while (true) {
-            console_->message("[s]top all transfers, or [i]gnore and go on? ");
+            console_->ask("[s]top all transfers, or [i]gnore and go on? ");
             auto line = readLine();
             if (!line) return FailureChoice::Stop;
             auto text = StringUtils::trim(*line);
@@ -596,7 +610,7 @@ int runTransfer(const Options& opt, bool moving) {
     console->clearBlock();
     manager.setFileTransferView(nullptr);
     manager.setUserPrompts(nullptr);
-    if (gInterrupts > 0) return kExitInterrupted;
+    if (gInterrupts > 0) return 128 + (gSignal.load() ? gSignal.load() : SIGINT);
     if (console->anyFailed()) return kExitError;
     return rc;
 }
