@@ -63,6 +63,10 @@ Status SyncDBManager::openWith(int flags) {
 Status SyncDBManager::openDB() {
     if (db_) return {};
     if (auto r = openWith(SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE); !r) return r;
+    // One sync task owns the file for the whole run (its lock file keeps other runs out): the
+    // file lock is taken once instead of around each of the run's many statements, and the
+    // write-ahead log keeps its index in memory. Set before the first access, as it must be.
+    (void)execDDL("PRAGMA locking_mode=EXCLUSIVE");
     // Records are written one item at a time right after each transfer. A write-ahead log
     // without a sync per commit keeps that cheap, and a killed process still loses nothing
     // that was committed.

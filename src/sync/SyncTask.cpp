@@ -129,9 +129,25 @@ struct SyncTask::Listing {
     }
 };
 
+// What the local pass has to look at in one folder, in listing order: the local entries
+// without a remote twin, and the folders found on both sides (entered for what lies in them
+// locally alone). The remote pass settles every other item.
 struct SyncTask::PairListing {
-    std::shared_ptr<Listing> remote;
-    std::shared_ptr<Listing> local;
+    struct Step {
+        KvMetadata local;
+        std::optional<KvMetadata> remoteFolder;
+    };
+    std::vector<Step> steps;
+
+    PairListing(const Listing& local, const Listing& remote) {
+        for (auto& l : local.entries) {
+            const KvMetadata* r = remote.find(nameOf(l));
+            if (!r)
+                steps.push_back({l, std::nullopt});
+            else if (r->isDir && l.isDir && !r->isSymbolLink && !l.isSymbolLink)
+                steps.push_back({l, *r});
+        }
+    }
 };
 
 SyncTask::SyncTask(SyncInfo info, SyncOptions options) : info_(std::move(info)), options_(options) {
@@ -380,6 +396,12 @@ void SyncTask::startTransfer() {
     localRoot_.protocolType = ProtocolType::Local;
     localRootPrefix_ = localPath + "/";
 
+    if (options_.dryRun && SyncUtils::isSyncRunning(localPath)) {
+        // Its records are held by the running sync and change under a reader.
+        finish(KvError::errorWithDomain(ErrorDomain::FileSync, kErrorBusy,
+                                        "Another sync of this pair is running."));
+        return;
+    }
     if (!options_.dryRun) {
         lockFd_ =
             ::open(join(localPath, kLockFileName).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
@@ -565,8 +587,10 @@ Status SyncTask::checkSyncCondition() {
     auto until = std::chrono::steady_clock::now() +
                  std::chrono::duration_cast<std::chrono::steady_clock::duration>(
                      std::chrono::duration<double>(options_.pauseAfterCheck));
-    while (running() && std::chrono::steady_clock::now() < until)
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    for (auto now = std::chrono::steady_clock::now(); running() && now < until;
+         now = std::chrono::steady_clock::now())
+        std::this_thread::sleep_for(std::min<std::chrono::steady_clock::duration>(
+            std::chrono::milliseconds(20), until - now));
     return {};
 }
 
@@ -578,8 +602,8 @@ Status SyncTask::syncRemoteFolder(const KvMetadata& remoteFolder, const KvMetada
     bool localExists = !planning_ || std::filesystem::is_directory(localFolder.pathOrEmpty());
     auto local = listLocal(localFolder, localExists);
     if (!local) return std::unexpected(local.error());
-    listings_[localFolder.pathOrEmpty()] =
-        std::make_shared<PairListing>(PairListing{*remote, *local});
+    // Kept small for the local pass, so that the listings themselves go when this folder is done.
+    listings_[localFolder.pathOrEmpty()] = std::make_shared<PairListing>(**local, **remote);
 
     for (auto& r : (*remote)->entries) {
         if (!running()) return {};
@@ -680,32 +704,25 @@ Status SyncTask::syncRemoteFile(const KvMetadata& r, const KvMetadata* l,
 // --- Local pass
 
 Status SyncTask::syncLocalFolder(const KvMetadata& localFolder, const KvMetadata& remoteFolder) {
-    std::shared_ptr<Listing> local, remote;
+    std::shared_ptr<PairListing> plan;
     auto cached = listings_.find(localFolder.pathOrEmpty());
     if (cached != listings_.end()) {
-        local = cached->second->local;
-        remote = cached->second->remote;
+        plan = cached->second;
     } else {
-        auto l = listLocal(localFolder, true);
-        if (!l) return std::unexpected(l.error());
-        local = *l;
+        auto local = listLocal(localFolder, true);
+        if (!local) return std::unexpected(local.error());
         // A folder this pass would create (dry run) has nothing on the server yet.
         bool remoteExists =
             !planning_ || !plannedRemoteFolders_.contains(SyncUtils::getFullPath(remoteFolder));
-        auto r = listRemote(remoteFolder, remoteExists);
-        if (!r) return std::unexpected(r.error());
-        remote = *r;
+        auto remote = listRemote(remoteFolder, remoteExists);
+        if (!remote) return std::unexpected(remote.error());
+        plan = std::make_shared<PairListing>(**local, **remote);
     }
-    for (auto& l : local->entries) {
+    for (auto& step : plan->steps) {
         if (!running()) return {};
-        std::string name = nameOf(l);
-        const KvMetadata* r = remote->find(name);
-        if (r) {
-            // The remote pass settled every item that exists on both sides; only folders are
-            // entered again, for what lies in them locally alone.
-            if (r->isDir && l.isDir && !r->isSymbolLink && !l.isSymbolLink) {
-                if (auto s = syncLocalFolder(l, *r); !s) return s;
-            }
+        const KvMetadata& l = step.local;
+        if (step.remoteFolder) {
+            if (auto s = syncLocalFolder(l, *step.remoteFolder); !s) return s;
             continue;
         }
         if (l.isSymbolLink) {
