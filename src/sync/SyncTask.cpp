@@ -506,6 +506,11 @@ void SyncTask::finish(std::optional<Error> error) {
     remoteService_.reset();
     if (db_) db_->closeDB();
     db_.reset();
+    {
+        // Its pooled sessions go back to the pool; nothing of the run is kept alive by it.
+        std::lock_guard lock(mutex_);
+        wrapper_.reset();
+    }
     if (lockFd_ >= 0) {
         ::close(lockFd_);
         lockFd_ = -1;
@@ -856,12 +861,15 @@ Result<bool> SyncTask::downloadInto(const KvMetadata& file, const KvMetadata& to
     ::unlink(scratch.c_str());
 
     auto w = wrapper();
-    auto self = std::static_pointer_cast<SyncTask>(shared_from_this());
+    // Weak: a wrapper may keep its progress handler, and the task owns the wrapper.
+    std::weak_ptr<SyncTask> weak = std::static_pointer_cast<SyncTask>(shared_from_this());
     auto generation = ++transferGeneration_;
     std::int64_t base = doneBytes_;
     setTotalBytes(totalBytes() + static_cast<std::int64_t>(size));
     auto done =
-        w->downloadSync(file, scratch, [self, generation, base](std::int64_t d, std::int64_t) {
+        w->downloadSync(file, scratch, [weak, generation, base](std::int64_t d, std::int64_t) {
+            auto self = weak.lock();
+            if (!self) return;
             // Progress of an earlier file may still arrive through the main queue.
             if (self->transferGeneration_.load() != generation || !self->running()) return;
             self->setTransferredBytes(base + d);
@@ -974,7 +982,8 @@ Status SyncTask::uploadLocalFile(const KvMetadata& localFile,
         ::stat(scratch.c_str(), &st) == 0 ? static_cast<std::int64_t>(st.st_size) : 0;
 
     auto w = wrapper();
-    auto self = std::static_pointer_cast<SyncTask>(shared_from_this());
+    // Weak: a wrapper may keep its progress handler, and the task owns the wrapper.
+    std::weak_ptr<SyncTask> weak = std::static_pointer_cast<SyncTask>(shared_from_this());
     auto generation = ++transferGeneration_;
     std::int64_t base = doneBytes_;
     setTotalBytes(totalBytes() + size);
@@ -982,7 +991,9 @@ Status SyncTask::uploadLocalFile(const KvMetadata& localFile,
     // complete: a run killed mid-upload leaves no partial file under the user's name.
     auto sent = RemoteUpload::uploadFile(
         *w, localFile, scratch, toFolder, name, true,
-        [self, generation, base](std::int64_t d, std::int64_t) {
+        [weak, generation, base](std::int64_t d, std::int64_t) {
+            auto self = weak.lock();
+            if (!self) return;
             if (self->transferGeneration_.load() != generation || !self->running()) return;
             self->setTransferredBytes(base + d);
             self->reportProgress();
