@@ -174,10 +174,10 @@ class Fixture {
         startVsftpd();
     }
 
-    static void writePattern(const std::string& path, std::uint64_t bytes, unsigned seed) {
+    static void writePattern(const std::string& path, std::uint64_t bytes, unsigned variant) {
         std::ofstream out(path, std::ios::binary);
         std::vector<std::uint64_t> block(1 << 17);
-        std::uint64_t x = seed * 0x9E3779B97F4A7C15ull;
+        std::uint64_t x = variant * 0x9E3779B97F4A7C15ull;
         for (std::uint64_t done = 0; done < bytes;) {
             for (auto& w : block) w = (x = x * 6364136223846793005ull + 1442695040888963407ull);
             auto n = std::min<std::uint64_t>(bytes - done, block.size() * sizeof(std::uint64_t));

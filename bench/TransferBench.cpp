@@ -70,9 +70,9 @@ long envNumber(const char* name, long fallback) {
 }
 
 // Incompressible bytes, so that no layer can cheat on zeros.
-std::vector<char> randomBlock(std::size_t size, unsigned seed) {
+std::vector<char> randomBlock(std::size_t size, unsigned variant) {
     std::vector<char> block(size);
-    std::mt19937_64 rng(seed);
+    std::mt19937_64 rng(variant);
     for (std::size_t i = 0; i + 8 <= size; i += 8) {
         auto v = rng();
         std::memcpy(block.data() + i, &v, 8);

@@ -250,8 +250,8 @@ class WrapperConformance : public ::testing::TestWithParam<ConformanceTarget> {
         return ::lstat(path.c_str(), &st) == 0;
     }
 
-    static std::string randomBytes(std::size_t size, std::uint64_t seed) {
-        std::mt19937_64 gen(seed);
+    static std::string randomBytes(std::size_t size, std::uint64_t variant) {
+        std::mt19937_64 gen(variant);
         std::string out(size, '\0');
         std::size_t i = 0;
         for (; i + 8 <= size; i += 8) {

@@ -23,8 +23,8 @@ using test::RunningFtpServer;
 using test::ScratchDir;
 namespace fs = std::filesystem;
 
-std::string randomBytes(std::size_t n, unsigned seed) {
-    std::mt19937 rng(seed);
+std::string randomBytes(std::size_t n, unsigned variant) {
+    std::mt19937 rng(variant);
     std::string s(n, '\0');
     for (auto& c : s) c = static_cast<char>(rng() & 0xff);
     return s;

@@ -563,9 +563,9 @@ void FtpConnection::openPassive(bool extended) {
     timeval tv{};
     ::gettimeofday(&tv, nullptr);
     auto seconds = static_cast<std::uint32_t>(tv.tv_sec);
-    std::uint32_t seed =
+    std::uint32_t initial =
         ((seconds << 16) | (seconds >> 16)) + static_cast<std::uint32_t>(tv.tv_usec & 0xffff);
-    std::minstd_rand random(seed);
+    std::minstd_rand random(initial);
     auto acceptor = std::make_unique<tcp::acceptor>(control_.get_executor());
     int port = 0;
     for (int attempt = 0; attempt < 64; ++attempt) {

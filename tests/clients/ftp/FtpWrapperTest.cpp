@@ -61,9 +61,9 @@ class FtpWrapperTest : public ::testing::Test {
     test::ScratchDir local_{"ftp-local"};
 };
 
-std::string bytesOf(std::size_t n, unsigned seed) {
+std::string bytesOf(std::size_t n, unsigned variant) {
     std::string s(n, '\0');
-    unsigned v = seed;
+    unsigned v = variant;
     for (auto& c : s) {
         v = v * 1103515245u + 12345u;
         c = static_cast<char>(v >> 16);
