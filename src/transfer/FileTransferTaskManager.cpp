@@ -90,13 +90,22 @@ bool FileTransferTaskManager::canRunTask(const FileTransferTask&) const {
 
 void FileTransferTaskManager::runNextTask() {
     std::lock_guard lock(listLock_);
-    bool started = false;
     // runTask may not change the list, but a copy keeps the walk safe whatever it does.
     auto snapshot = tasks_;
+    // The free slots are counted once: a task started by this walk may finish before the walk
+    // ends, and its completion walks again. Counting it out here would start a second task in
+    // this walk, and the completion's walk would then start nothing and forget an "apply to
+    // all" answer that the second task has yet to read.
+    long long running = 0;
+    for (auto& t : snapshot)
+        if (t->state() == TransferTaskState::Running) ++running;
+    long long limit = maxSimultaneousTransfers();
+    bool started = false;
     for (auto& t : snapshot) {
+        if (running >= limit) break;
         if (t->state() != TransferTaskState::Waiting) continue;
-        if (!canRunTask(*t)) continue;
         runTask(t);
+        ++running;
         started = true;
     }
     if (!started) {
