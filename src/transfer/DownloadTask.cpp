@@ -129,32 +129,20 @@ void DownloadTask::startTransfer() {
 }
 
 Status DownloadTask::contentsOfDirectory(const FileTransferNode::Ptr& node) {
-    if (stopped()) return {};
-    auto listing = sourceWrapper_->contentsOfDirectoryAtPathSync(node->sourceMetadata);
-    if (!listing) return std::unexpected(listing.error());
-    for (auto& entry : *listing) {
-        if (stopped()) return {};
-        auto target =
-            FileTransferUtils::targetMetadataWithSourceMetadata(entry, node->targetMetadata);
-        FileTransferUtils::renameTarget(target, localName(entry));
+    TreeWalk walk;
+    walk.list = [this](const KvMetadata& folder) {
+        return sourceWrapper_->contentsOfDirectoryAtPathSync(folder);
+    };
+    walk.adjustTarget = [this](const KvMetadata& source, KvMetadata& target) {
+        FileTransferUtils::renameTarget(target, localName(source));
         target.localPath = target.path();
-        auto child = std::make_shared<FileTransferNode>(entry, target, node->targetMetadata);
-        node->addChild(child);
-        if (entry.isDir && !entry.isSymbolLink) {
-            if (auto r = makeLocalFolder(target.pathOrEmpty()); !r) return r;
-            if (auto r = contentsOfDirectory(child); !r) return r;
-        } else if (entry.isDir) {
-            // A link to a folder would be fetched as a file; it is left out, as a listing of
-            // its target could loop.
-            continue;
-        } else {
-            setTotalBytes(totalBytes() +
-                          static_cast<std::int64_t>(entry.fileSizeInBytes.value_or(0)));
-            progress_->setTotalUnitCount(totalBytes());
-            fileNodes_.push_back(child);
-        }
-    }
-    return {};
+    };
+    walk.makeFolder = [this](const KvMetadata& target) {
+        return makeLocalFolder(target.pathOrEmpty());
+    };
+    auto r = collectTree(node, walk, fileNodes_);
+    progress_->setTotalUnitCount(totalBytes());
+    return r;
 }
 
 Status DownloadTask::transferFiles() {

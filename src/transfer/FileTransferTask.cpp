@@ -2,6 +2,7 @@
 
 #include "core/GCD.h"
 #include "core/NotificationCenter.h"
+#include "transfer/FileTransferNode.h"
 #include "transfer/FileTransferTaskManager.h"
 #include "transfer/FileTransferUtils.h"
 
@@ -188,6 +189,32 @@ std::string_view stateName(TransferTaskState state) {
             return "failed";
     }
     return "unknown";
+}
+
+Status FileTransferTask::collectTree(const std::shared_ptr<FileTransferNode>& node,
+                                     const TreeWalk& walk,
+                                     std::vector<std::shared_ptr<FileTransferNode>>& files) {
+    if (stopped()) return {};
+    auto listing = walk.list(node->sourceMetadata);
+    if (!listing) return std::unexpected(listing.error());
+    for (auto& entry : *listing) {
+        if (stopped()) return {};
+        if (entry.isDir && entry.isSymbolLink) continue;
+        auto target =
+            FileTransferUtils::targetMetadataWithSourceMetadata(entry, node->targetMetadata);
+        if (walk.adjustTarget) walk.adjustTarget(entry, target);
+        auto child = std::make_shared<FileTransferNode>(entry, target, node->targetMetadata);
+        node->addChild(child);
+        if (entry.isDir) {
+            if (auto r = walk.makeFolder(target); !r) return r;
+            if (auto r = collectTree(child, walk, files); !r) return r;
+        } else {
+            setTotalBytes(totalBytes() +
+                          static_cast<std::int64_t>(entry.fileSizeInBytes.value_or(0)));
+            files.push_back(child);
+        }
+    }
+    return {};
 }
 
 }  // namespace quillon

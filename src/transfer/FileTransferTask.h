@@ -21,6 +21,8 @@
 
 namespace quillon {
 
+class FileTransferNode;
+
 // The values of a task's `state`; every task starts waiting.
 enum class TransferTaskState : int {
     Waiting = 0,
@@ -132,6 +134,19 @@ class FileTransferTask : public std::enable_shared_from_this<FileTransferTask> {
         std::function<std::int64_t(std::int64_t, std::int64_t)> toTransferred,
         std::function<void(std::int64_t, std::int64_t)> also = nullptr);
     bool stopped() const { return state() == TransferTaskState::Stopped; }
+
+    // How collectTree walks a source folder: `list` lists a folder, `adjustTarget` (optional)
+    // fixes a child's target record, `makeFolder` creates a target folder (an error ends the walk).
+    struct TreeWalk {
+        std::function<Result<KvMetadataList>(const KvMetadata&)> list;
+        std::function<void(const KvMetadata& source, KvMetadata& target)> adjustTarget;
+        std::function<Status(const KvMetadata& target)> makeFolder;
+    };
+    // Builds the node's subtree from the source listing: creates every target folder, appends
+    // each file's node to `files` and adds its size to totalBytes. Links to folders are left
+    // out, since following them could loop. Stops quietly when the task is stopped.
+    Status collectTree(const std::shared_ptr<FileTransferNode>& node, const TreeWalk& walk,
+                       std::vector<std::shared_ptr<FileTransferNode>>& files);
 
     // The target folder as the task was created with, kept for the refresh notification.
     KvMetadata targetFolder_;

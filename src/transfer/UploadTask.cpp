@@ -150,28 +150,14 @@ void UploadTask::startTransfer() {
 }
 
 Status UploadTask::contentsOfDirectory(const FileTransferNode::Ptr& node) {
-    if (stopped()) return {};
-    auto listing = listLocalFolder(node->sourceMetadata);
-    if (!listing) return std::unexpected(listing.error());
-    for (auto& entry : *listing) {
-        if (stopped()) return {};
-        // A link to a folder is left out: following it could loop, and servers keep no links.
-        if (entry.isDir && entry.isSymbolLink) continue;
-        auto target =
-            FileTransferUtils::targetMetadataWithSourceMetadata(entry, node->targetMetadata);
-        auto child = std::make_shared<FileTransferNode>(entry, target, node->targetMetadata);
-        node->addChild(child);
-        if (entry.isDir) {
-            auto made = targetWrapper_->createFolderSync(target);
-            if (!made && fileConflict() != ConflictAction::Replace) return made;
-            if (auto r = contentsOfDirectory(child); !r) return r;
-        } else {
-            setTotalBytes(totalBytes() +
-                          static_cast<std::int64_t>(entry.fileSizeInBytes.value_or(0)));
-            fileNodes_.push_back(child);
-        }
-    }
-    return {};
+    TreeWalk walk;
+    walk.list = [](const KvMetadata& folder) { return listLocalFolder(folder); };
+    walk.makeFolder = [this](const KvMetadata& target) -> Status {
+        auto made = targetWrapper_->createFolderSync(target);
+        if (!made && fileConflict() != ConflictAction::Replace) return made;
+        return {};
+    };
+    return collectTree(node, walk, fileNodes_);
 }
 
 Status UploadTask::transferFiles() {
