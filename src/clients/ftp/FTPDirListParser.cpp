@@ -126,6 +126,10 @@ std::optional<TimeOrYear> timeOrYear(std::string_view token) {
 std::optional<system_clock::time_point> makeTime(int year, int month, int day, int hour, int minute,
                                                  int second) {
     using namespace std::chrono;
+    // The clock counts nanoseconds: it holds the years 1678 to 2261 and nothing beyond.
+    if (year < 1678 || year > 2261) return std::nullopt;
+    if (hour < 0 || hour > 23 || minute < 0 || minute > 59 || second < 0 || second > 60)
+        return std::nullopt;
     year_month_day ymd{std::chrono::year{year}, std::chrono::month{static_cast<unsigned>(month)},
                        std::chrono::day{static_cast<unsigned>(day)}};
     if (!ymd.ok()) return std::nullopt;
@@ -338,7 +342,8 @@ std::optional<KvMetadata> parseEplf(std::string_view line) {
                     m.fileSizeInBytes = static_cast<std::uint64_t>(*n);
                 break;
             case 'm':
-                if (auto n = toNumber(f.substr(1))) {
+                // Seconds since 1970, within what the clock holds (up to the year 2261).
+                if (auto n = toNumber(f.substr(1)); n && *n <= 9'100'000'000LL) {
                     m.timestamp = system_clock::time_point{} + std::chrono::seconds(*n);
                     m.timestampString = std::string(f.substr(1));
                 }
@@ -360,6 +365,9 @@ std::optional<KvMetadata> parseEplf(std::string_view line) {
 
 bool keepName(const std::string& name, bool includeHidden) {
     if (name.empty() || name == "." || name == "..") return false;
+    // A listing names entries of one folder: a "/" or NUL in a name is a hostile or broken
+    // server, and such a name would lead a copy out of the folder it is made into.
+    if (name.find('/') != std::string::npos || name.find('\0') != std::string::npos) return false;
     if (name[0] == '.' && !includeHidden) return false;
     return true;
 }

@@ -206,6 +206,34 @@ TEST(FTPDirListParser, BuildsRecordsWithPathsAndHiddenRule) {
     list = FTPDirListParser::parseMlsd("type=file;size=1; x\r\ntype=cdir; .\r\n", o);
     ASSERT_EQ(list.size(), 1u);
     EXPECT_EQ(list[0].pathOrEmpty(), "/home/u/x");
+
+    // Names that would lead out of the folder are dropped, whatever form the server uses.
+    o.pwd.reset();
+    o.folderPath = "/srv/ftp";
+    std::string hostile =
+        "-rw-r--r-- 1 0 0 1 Jan 01 2020 ../../etc/passwd\r\n"
+        "-rw-r--r-- 1 0 0 1 Jan 01 2020 /etc/shadow\r\n"
+        "-rw-r--r-- 1 0 0 1 Jan 01 2020 nul";
+    hostile += '\0';
+    hostile += "byte\r\n-rw-r--r-- 1 0 0 1 Jan 01 2020 fine\r\n";
+    list = FTPDirListParser::parse(hostile, o);
+    ASSERT_EQ(list.size(), 1u);
+    EXPECT_EQ(list[0].pathOrEmpty(), "/srv/ftp/fine");
+    list = FTPDirListParser::parseMlsd("type=file;size=1; ../up\r\ntype=dir; a/b\r\n", o);
+    EXPECT_TRUE(list.empty());
+
+    // Dates beyond what the clock holds: an MLSD or EPLF entry is kept without a time, a LIST
+    // line whose date cannot be read is skipped like any unreadable line.
+    list = FTPDirListParser::parseMlsd("type=file;size=5;modify=99991231235959; far\r\n", o);
+    ASSERT_EQ(list.size(), 1u);
+    EXPECT_FALSE(list[0].timestamp);
+    list = FTPDirListParser::parse(
+        "+i1.2,m99999999999999999,r,s7,\tfar.eplf\r\n"
+        "-rw-r--r-- 1 0 0 1 Jan 01 0001 ancient\r\n",
+        o);
+    ASSERT_EQ(list.size(), 1u);
+    EXPECT_FALSE(list[0].timestamp);
+    EXPECT_EQ(list[0].fileSizeInBytes, 7u);
 }
 
 TEST(FTPDirListParser, ReadsCapturedListingsOfServersThatCannotRunHere) {
