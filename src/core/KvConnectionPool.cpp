@@ -2,12 +2,16 @@
 
 #include <curl/curl.h>
 
+#include <thread>
+
 #include "core/GCD.h"
 
 namespace quillon {
 
 namespace {
-size_t refuseBytes(char*, size_t, size_t, void*) { return 0; }
+size_t refuseBytes(char*, size_t, size_t, void*) {
+    return 0;
+}
 }  // namespace
 
 CURLConnection::CURLConnection() {
@@ -18,6 +22,47 @@ CURLConnection::CURLConnection() {
 
 CURLConnection::~CURLConnection() {
     if (curl_) curl_easy_cleanup(curl_);
+    if (multi_) curl_multi_cleanup(multi_);
+}
+
+int CURLConnection::perform() {
+    if (!curl_) return CURLE_FAILED_INIT;
+    if (!multi_) multi_ = curl_multi_init();
+    if (!multi_ || curl_multi_add_handle(multi_, curl_) != CURLM_OK)
+        return curl_easy_perform(curl_);
+    CURLcode result = CURLE_OK;
+    bool finished = false;
+    for (;;) {
+        int running = 0;
+        if (curl_multi_perform(multi_, &running) != CURLM_OK) {
+            result = CURLE_OUT_OF_MEMORY;
+            break;
+        }
+        int queued = 0;
+        while (CURLMsg* msg = curl_multi_info_read(multi_, &queued)) {
+            if (msg->msg == CURLMSG_DONE && msg->easy_handle == curl_) {
+                result = msg->data.result;
+                finished = true;
+            }
+        }
+        if (finished || running == 0) break;
+        long timeoutMs = -1;
+        curl_multi_timeout(multi_, &timeoutMs);
+        if (timeoutMs == 0) continue;  // libcurl has work to do at once
+        if (timeoutMs < 0 || timeoutMs > 1000) timeoutMs = 1000;
+        int ready = 0;
+        auto before = std::chrono::steady_clock::now();
+        if (curl_multi_wait(multi_, nullptr, 0, static_cast<int>(timeoutMs), &ready) != CURLM_OK) {
+            result = CURLE_OUT_OF_MEMORY;
+            break;
+        }
+        // With no socket to watch, curl_multi_wait returns at once: pause briefly instead of
+        // spinning until the awaited reply has arrived.
+        if (ready == 0 && std::chrono::steady_clock::now() - before < std::chrono::milliseconds(1))
+            std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+    curl_multi_remove_handle(multi_, curl_);
+    return result;
 }
 
 void CURLConnection::cleanup() {
@@ -26,6 +71,8 @@ void CURLConnection::cleanup() {
     curl_easy_setopt(curl_, CURLOPT_HEADERFUNCTION, refuseBytes);
     curl_easy_cleanup(curl_);
     curl_ = nullptr;
+    if (multi_) curl_multi_cleanup(multi_);
+    multi_ = nullptr;
 }
 
 KvConnectionPool& KvConnectionPool::sharedInstance() {
@@ -68,7 +115,9 @@ void KvConnectionPool::recycleConnection(const KvConnectionPtr& connection) {
     if (!timer_) startTimer();
 }
 
-void KvConnectionPool::clearConnectionPool() { sharedInstance().clear(); }
+void KvConnectionPool::clearConnectionPool() {
+    sharedInstance().clear();
+}
 
 void KvConnectionPool::clear() {
     std::lock_guard lock(mutex_);
@@ -99,7 +148,8 @@ void KvConnectionPool::startTimer() {
     // The timer lives on the main queue; its tick does the eviction pass in the background, since
     // closing an FTP session waits for the server's reply to QUIT.
     timer_ = MainQueue::shared().scheduleRepeating(
-        std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::duration<double>(kTimerInterval)),
+        std::chrono::duration_cast<std::chrono::nanoseconds>(
+            std::chrono::duration<double>(kTimerInterval)),
         [this] { GCD::doInBackground([this] { manageConnectionPool(); }); });
 }
 

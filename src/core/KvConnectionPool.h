@@ -15,11 +15,12 @@
 #include "core/ServerInfo.h"
 
 typedef void CURL;
+typedef void CURLM;
 
 namespace quillon {
 
 class KvConnection {
-public:
+  public:
     virtual ~KvConnection() = default;
     ServerInfoPtr serverInfo;
     std::chrono::system_clock::time_point lastUsedTime;
@@ -28,22 +29,29 @@ public:
 };
 using KvConnectionPtr = std::shared_ptr<KvConnection>;
 
-// One libcurl easy handle.
+// One libcurl easy handle, driven through a multi handle of its own that keeps the session
+// (the control connection of FTP) between requests.
 class CURLConnection : public KvConnection {
-public:
+  public:
     CURLConnection();
     ~CURLConnection() override;
     CURL* curl() const { return curl_; }
+    // Runs the request configured on the handle to its end; libcurl's result code.
+    // curl_easy_perform is not used: on a reused FTP connection it can leave libcurl with no
+    // socket to wait on between PASV and its reply, and each such request then stalls for a
+    // full second.
+    int perform();
     // Refuses further reply bytes (write and header callbacks that take nothing), then frees the
-    // handle.
+    // handle and closes its session.
     void cleanup() override;
 
-private:
+  private:
     CURL* curl_ = nullptr;
+    CURLM* multi_ = nullptr;
 };
 
 class KvConnectionPool {
-public:
+  public:
     static KvConnectionPool& sharedInstance();
     // A fresh pool, for tests.
     KvConnectionPool();
@@ -71,7 +79,7 @@ public:
     static constexpr double kTimerInterval = 30.0;
     static constexpr double kIdleLimit = 300.0;
 
-private:
+  private:
     std::chrono::system_clock::time_point now() const;
     mutable std::recursive_mutex mutex_;
     std::map<std::string, std::deque<KvConnectionPtr>> connDict_;

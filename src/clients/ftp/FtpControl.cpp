@@ -147,8 +147,9 @@ void FtpWrapper::resetCURL(CURL* curl) {
     curl_easy_setopt(curl, CURLOPT_BUFFERSIZE, 63488L);
 }
 
-int FtpWrapper::runCurlEasyPerform(CURL* curl) {
-    auto rc = curl_easy_perform(curl);
+int FtpWrapper::runCurlEasyPerform(CURLConnection& connection) {
+    CURL* curl = connection.curl();
+    auto rc = connection.perform();
     if (rc != CURLE_COULDNT_CONNECT && rc != CURLE_OPERATION_TIMEDOUT &&
         rc != CURLE_SSL_CONNECT_ERROR)
         return rc;
@@ -161,7 +162,7 @@ int FtpWrapper::runCurlEasyPerform(CURL* curl) {
         std::fflush(file_);
         std::fseek(file_, static_cast<long>(finishedDlSize_), SEEK_SET);
     }
-    rc = curl_easy_perform(curl);
+    rc = connection.perform();
     triedAfterTimeout_ = true;
     if (rc != CURLE_OK) return rc;
     auto& info = *serverInfo();
@@ -241,12 +242,13 @@ bool FtpWrapper::canSendUTF8Command() const {
 int FtpWrapper::sendUTF8Command() {
     auto conn = retrieveFTPConnection();
     if (!conn) return CURLE_FAILED_INIT;
-    int rc = sendUTF8Command((*conn)->curl());
+    int rc = sendUTF8Command(**conn);
     recycleFTPConnection(*conn, rc);
     return rc;
 }
 
-int FtpWrapper::sendUTF8Command(CURL* curl) {
+int FtpWrapper::sendUTF8Command(CURLConnection& connection) {
+    CURL* curl = connection.curl();
     resetCURL(curl);
     std::string url = cStringForURL(FTPUrlString(baseServerPath()));
     curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
@@ -255,7 +257,7 @@ int FtpWrapper::sendUTF8Command(CURL* curl) {
     curl_easy_setopt(curl, CURLOPT_NOBODY, 1L);
     curl_easy_setopt(curl, CURLOPT_HEADERDATA, this);
     curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, headerTrampoline);
-    int rc = runCurlEasyPerform(curl);
+    int rc = runCurlEasyPerform(connection);
     curl_slist_free_all(list);
     curl_easy_setopt(curl, CURLOPT_QUOTE, nullptr);
     curl_easy_setopt(curl, CURLOPT_HEADERDATA, nullptr);
@@ -318,7 +320,7 @@ Result<std::string> FtpWrapper::curl_runCommandWithoutBodyWithCommandList(
     curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, errorBuffer);
     curl_easy_setopt(curl, CURLOPT_HEADERDATA, this);
     curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, headerTrampoline);
-    int rc = runCurlEasyPerform(curl);
+    int rc = runCurlEasyPerform(**conn);
     curl_easy_setopt(curl, CURLOPT_QUOTE, nullptr);
     curl_slist_free_all(list);
     recycleFTPConnection(*conn, rc);

@@ -185,7 +185,7 @@ Result<KvMetadataList> FtpWrapper::listDir(const KvMetadata& folder, const char*
     curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, errorBuffer);
     if (customRequest) curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, customRequest);
     direction_ = Direction::None;
-    int rc = runCurlEasyPerform(curl);
+    int rc = runCurlEasyPerform(**conn);
     std::string body = std::move(data_);
 
     // The folder's absolute name, asked on the same control connection: the quoted PWD runs
@@ -202,7 +202,7 @@ Result<KvMetadataList> FtpWrapper::listDir(const KvMetadata& folder, const char*
         curl_easy_setopt(curl, CURLOPT_NOBODY, 1L);
         curl_easy_setopt(curl, CURLOPT_HEADERDATA, this);
         curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, headerCb);
-        if (curl_easy_perform(curl) == CURLE_OK) {
+        if ((*conn)->perform() == CURLE_OK) {
             // The last 257 line is the reply to our PWD (libcurl runs one of its own at login).
             auto text = stringForHeaderResp();
             auto at = text.rfind("257 ");
@@ -345,7 +345,7 @@ Status FtpWrapper::downloadFile(const KvMetadata& file, const std::string& saveT
     curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, progressCb);
     direction_ = Direction::Download;
 
-    int rc = runCurlEasyPerform(curl);
+    int rc = runCurlEasyPerform(**conn);
     int attempts = 1;
     while (rc == CURLE_PARTIAL_FILE && attempts < kMaxAttempts && !cancelled()) {
         // Re-fetch the last 10 KB written, on the chance that they were damaged.
@@ -359,7 +359,7 @@ Status FtpWrapper::downloadFile(const KvMetadata& file, const std::string& saveT
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
         if (cancelled()) break;
         curl_easy_setopt(curl, CURLOPT_RESUME_FROM_LARGE, static_cast<curl_off_t>(pos));
-        rc = runCurlEasyPerform(curl);
+        rc = runCurlEasyPerform(**conn);
         ++attempts;
     }
     recycleFTPConnection(*conn, rc);
@@ -443,7 +443,7 @@ Status FtpWrapper::uploadFileForFTP(const KvMetadata& localFile, const KvMetadat
     curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, progressCb);
     direction_ = Direction::Upload;
 
-    int rc = runCurlEasyPerform(curl);
+    int rc = runCurlEasyPerform(**conn);
     int attempts = 1;
     while (rc == CURLE_PARTIAL_FILE && attempts < kMaxAttempts && !cancelled()) {
         for (auto waited = std::chrono::milliseconds(0); waited < retryDelay_ && !cancelled();
@@ -453,7 +453,7 @@ Status FtpWrapper::uploadFileForFTP(const KvMetadata& localFile, const KvMetadat
         // What the server holds is what counts when an upload resumes: libcurl asks its SIZE and
         // appends from there, so no byte is sent twice or skipped.
         curl_easy_setopt(curl, CURLOPT_RESUME_FROM_LARGE, static_cast<curl_off_t>(-1));
-        rc = runCurlEasyPerform(curl);
+        rc = runCurlEasyPerform(**conn);
         ++attempts;
     }
     recycleFTPConnection(*conn, rc);
@@ -648,7 +648,7 @@ Status FtpWrapper::initStreamFileMeta(const KvMetadata& file) {
     curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, errorBuffer);
     curl_easy_setopt(curl, CURLOPT_HEADERDATA, this);
     curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, headerCb);
-    int rc = runCurlEasyPerform(curl);
+    int rc = runCurlEasyPerform(**conn);
     curl_off_t length = -1;
     if (rc == CURLE_OK) curl_easy_getinfo(curl, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length);
     recycleFTPConnection(*conn, rc);
@@ -698,7 +698,7 @@ Status FtpWrapper::readRange(std::uint64_t from, std::optional<std::uint64_t> le
     recievedDataHandler_ = handler;
     streamStopped_ = false;
     direction_ = Direction::None;
-    int rc = runCurlEasyPerform(curl);
+    int rc = runCurlEasyPerform(**conn);
     recievedDataHandler_ = nullptr;
     recycleFTPConnection(*conn, rc);
     if (cancelled())

@@ -76,8 +76,8 @@ class FtpWrapper : public Wrapper {
     void recycleFTPConnection(const std::shared_ptr<CURLConnection>& connection, int responseCode);
     // curl_easy_reset, then credentials, mode, TLS, PASV address, signals, time-outs, buffer.
     void resetCURL(CURL* curl);
-    // curl_easy_perform, retried once with the PASV address ignored on 7, 28 or 35.
-    int runCurlEasyPerform(CURL* curl);
+    // The connection's request, retried once with the PASV address ignored on 7, 28 or 35.
+    int runCurlEasyPerform(CURLConnection& connection);
     // "ftp[s]://host[:port]/" + path (a path starting with "/" gives a double slash: from root).
     std::string FTPUrlString(const std::string& path) const;
     std::string baseServerPath() const { return {}; }
@@ -91,7 +91,7 @@ class FtpWrapper : public Wrapper {
     // True when the encoding is UTF-8 and FEAT listed UTF8.
     bool canSendUTF8Command() const;
     int sendUTF8Command();
-    int sendUTF8Command(CURL* curl);
+    int sendUTF8Command(CURLConnection& connection);
     // FEAT: sets supportMLSD, supportMFMT, supportUTF8 and supportEPSV of the server record.
     void sendFEATCommand();
     // Runs the commands before a request without a data phase; the whole reply text.
