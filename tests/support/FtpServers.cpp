@@ -44,7 +44,7 @@ ap.add_argument('--explicit-tls', metavar='PEMFILE')
 ap.add_argument('--masquerade')
 ap.add_argument('--cut-after', type=int, default=0)
 ap.add_argument('--cuts', type=int, default=-1)
-ap.add_argument('--rest-log')
+ap.add_argument('--event-log')
 ap.add_argument('--parent', type=int, default=0)
 a = ap.parse_args()
 
@@ -101,11 +101,17 @@ else:
 class Handler(base):
     dtp_handler = cutting(dtp)
 
+    def event(self, text):
+        if a.event_log:
+            with open(a.event_log, 'a') as f:
+                f.write(text + '\n')
+
     def ftp_REST(self, line):
-        if a.rest_log:
-            with open(a.rest_log, 'a') as f:
-                f.write(line.strip() + '\n')
+        self.event('REST ' + line.strip())
         return super().ftp_REST(line)
+
+    def on_login(self, username):
+        self.event('LOGIN ' + username)
 
     if a.implicit_tls:
         def handle(self):
@@ -393,8 +399,8 @@ bool FtpServer::launch(std::string* whyNot) {
                 return false;
             }
             writeText(conf + "/server.py", kPyftpdlibScript);
-            writeText(conf + "/rest.log", "", 0600);
-            ::chown((conf + "/rest.log").c_str(), uid_, gid_);
+            writeText(conf + "/events.log", "", 0600);
+            ::chown((conf + "/events.log").c_str(), uid_, gid_);
             argv = {"/usr/bin/setpriv",
                     "--reuid=" + std::to_string(uid_),
                     "--regid=" + std::to_string(gid_),
@@ -409,8 +415,8 @@ bool FtpServer::launch(std::string* whyNot) {
                     user_,
                     "--password",
                     password_,
-                    "--rest-log",
-                    conf + "/rest.log",
+                    "--event-log",
+                    conf + "/events.log",
                     "--parent",
                     std::to_string(::getpid())};
             if (options_.implicitTls || options_.explicitTls) {
@@ -519,10 +525,21 @@ std::string FtpServer::log() const {
 
 std::vector<long long> FtpServer::restOffsets() const {
     std::vector<long long> out;
-    std::ifstream in(dir_.path() + "/rest.log");
-    long long v;
-    while (in >> v) out.push_back(v);
+    std::ifstream in(dir_.path() + "/events.log");
+    std::string what;
+    std::string value;
+    while (in >> what >> value)
+        if (what == "REST") out.push_back(std::stoll(value));
     return out;
+}
+
+int FtpServer::logins() const {
+    std::ifstream in(dir_.path() + "/events.log");
+    std::string what;
+    std::string value;
+    int n = 0;
+    while (in >> what >> value) n += what == "LOGIN";
+    return n;
 }
 
 ServerInfoPtr FtpServer::serverInfo(std::string_view ftpProtocol) const {

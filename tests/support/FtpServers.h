@@ -55,6 +55,8 @@ class FtpServer {
     bool supportsMLSD() const { return kind_ != FtpServerKind::Vsftpd; }
     // pyftpdlib: the REST offsets it received, in order.
     std::vector<long long> restOffsets() const;
+    // pyftpdlib: how many sessions logged in so far.
+    int logins() const;
     // The server's own log, for failure messages.
     std::string log() const;
 

@@ -252,7 +252,10 @@ int FtpWrapper::sendUTF8Command(CURLConnection& connection) {
     resetCURL(curl);
     std::string url = cStringForURL(FTPUrlString(baseServerPath()));
     curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
-    curl_slist* list = curl_slist_append(nullptr, cStringForCmd("OPTS UTF8 ON").c_str());
+    // The leading "*" tells libcurl that a refusal is no failure: servers that list UTF8 in FEAT
+    // may still answer 501, and a failed command would make libcurl drop the session and log
+    // in again for the next request.
+    curl_slist* list = curl_slist_append(nullptr, ("*" + cStringForCmd("OPTS UTF8 ON")).c_str());
     curl_easy_setopt(curl, CURLOPT_QUOTE, list);
     curl_easy_setopt(curl, CURLOPT_NOBODY, 1L);
     curl_easy_setopt(curl, CURLOPT_HEADERDATA, this);

@@ -556,5 +556,30 @@ TEST_F(FtpWrapperTest, ReplacesAPooledSessionTheServerClosedWhileIdle) {
     EXPECT_EQ((*listing)[0].nameOrEmpty(), "b.txt");
 }
 
+TEST_F(FtpWrapperTest, RequestsInARowShareOneSession) {
+    // pyftpdlib lists UTF8 in FEAT but refuses "OPTS UTF8 ON" with 501: the refusal must not
+    // cost the session, or every request logs in again.
+    auto server = startOrSkip(FtpServerKind::Pyftpdlib);
+    ASSERT_TRUE(server);
+    server->makeDir("sub");
+    for (int i = 0; i < 5; ++i) server->writeFile("sub/f" + std::to_string(i), "data");
+    auto info = server->serverInfo();
+    for (int round = 0; round < 2; ++round) {
+        // A new wrapper per request, as the transfer tasks make them.
+        FtpWrapper w(info);
+        auto listing = w.contentsOfDirectoryAtPathSync(item("/sub", true));
+        ASSERT_TRUE(listing) << listing.error().describe();
+        ASSERT_EQ(listing->size(), 5u);
+        for (auto& f : *listing) {
+            FtpWrapper each(info);
+            auto target = local_ / (std::to_string(round) + f.nameOrEmpty());
+            ASSERT_TRUE(each.downloadSync(f, target, {}));
+            EXPECT_EQ(test::readFile(target), "data");
+        }
+    }
+    ASSERT_TRUE(*info->supportUTF8);
+    EXPECT_EQ(server->logins(), 1);
+}
+
 }  // namespace
 }  // namespace quillon
