@@ -1,0 +1,111 @@
+#pragma once
+// What the side-by-side benchmarks share: running the peer programs quietly, test data, and a
+// reporter that keeps each benchmark's mean time to print speed ratios at the end.
+
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+extern char** environ;
+
+namespace quillon::bench {
+
+// Runs a program with its output thrown away; returns its exit status.
+inline int runQuiet(const std::vector<std::string>& argv) {
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+    // BENCH_VERBOSE keeps the programs' messages, to see why one fails.
+    if (!std::getenv("BENCH_VERBOSE"))
+        posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+    std::vector<char*> args;
+    for (auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    pid_t pid = 0;
+    int rc = ::posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    if (rc != 0) return -1;
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+inline long envNumber(const char* name, long fallback) {
+    const char* v = std::getenv(name);
+    return v && *v ? std::atol(v) : fallback;
+}
+
+// Incompressible bytes, so that no layer can cheat on zeros.
+inline std::vector<char> randomBlock(std::size_t size, unsigned variant) {
+    std::vector<char> block(size);
+    std::mt19937_64 rng(variant);
+    for (std::size_t i = 0; i + 8 <= size; i += 8) {
+        auto v = rng();
+        std::memcpy(block.data() + i, &v, 8);
+    }
+    return block;
+}
+
+inline bool writeBytes(const std::string& path, const char* data, std::size_t size) {
+    int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0) return false;
+    std::size_t done = 0;
+    while (done < size) {
+        ssize_t n = ::write(fd, data + done, size - done);
+        if (n <= 0) break;
+        done += static_cast<std::size_t>(n);
+    }
+    ::close(fd);
+    return done == size;
+}
+
+inline bool makeBigFile(const std::string& path, long mib) {
+    auto block = randomBlock(1 << 20, 1);
+    int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0) return false;
+    bool ok = true;
+    for (long i = 0; i < mib && ok; ++i) {
+        block[0] = static_cast<char>(i);
+        ok = ::write(fd, block.data(), block.size()) == static_cast<ssize_t>(block.size());
+    }
+    ::close(fd);
+    return ok;
+}
+
+// Prints as usual and keeps the mean real time of each benchmark for the ratios.
+class RatioReporter : public benchmark::ConsoleReporter {
+  public:
+    void ReportRuns(const std::vector<Run>& runs) override {
+        for (auto& run : runs)
+            if (!run.error_occurred && run.iterations > 0)
+                seconds[run.run_name.function_name] =
+                    run.real_accumulated_time / static_cast<double>(run.iterations);
+        ConsoleReporter::ReportRuns(runs);
+    }
+    std::map<std::string, double> seconds;
+};
+
+inline void printRatio(const RatioReporter& r, const std::string& quillon, const std::string& other,
+                       const char* target) {
+    auto q = r.seconds.find(quillon);
+    auto o = r.seconds.find(other);
+    if (q == r.seconds.end() || o == r.seconds.end() || q->second <= 0) {
+        std::printf("speed ratio %s : %s: not measured\n", quillon.c_str(), other.c_str());
+        return;
+    }
+    std::printf("speed ratio of '%s' to '%s': %.2f (%s)\n", quillon.c_str(), other.c_str(),
+                o->second / q->second, target);
+}
+
+}  // namespace quillon::bench
