@@ -20,15 +20,19 @@ extern char** environ;
 
 namespace quillon::bench {
 
-// Runs a program with its output thrown away; returns its exit status.
-inline int runQuiet(const std::vector<std::string>& argv) {
+// Runs a program with its standard input, output and error opened on the given files (an empty
+// name leaves the stream as it is) and waits for it: its exit status, or -1 when it cannot start.
+inline int spawnAndWait(const std::vector<std::string>& argv, const std::string& in,
+                        const std::string& out, const std::string& err) {
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-    // BENCH_VERBOSE keeps the programs' messages, to see why one fails.
-    if (!std::getenv("BENCH_VERBOSE"))
-        posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+    if (!in.empty()) posix_spawn_file_actions_addopen(&actions, 0, in.c_str(), O_RDONLY, 0);
+    if (!out.empty())
+        posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                         0644);
+    if (!err.empty())
+        posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                         0644);
     std::vector<char*> args;
     for (auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
     args.push_back(nullptr);
@@ -39,6 +43,13 @@ inline int runQuiet(const std::vector<std::string>& argv) {
     int status = 0;
     ::waitpid(pid, &status, 0);
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+// Runs a program with its output thrown away; returns its exit status. BENCH_VERBOSE keeps its
+// error messages, to see why one fails.
+inline int runQuiet(const std::vector<std::string>& argv) {
+    return spawnAndWait(argv, "/dev/null", "/dev/null",
+                        std::getenv("BENCH_VERBOSE") ? "" : "/dev/null");
 }
 
 inline long envNumber(const char* name, long fallback) {

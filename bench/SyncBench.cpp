@@ -18,6 +18,7 @@
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include "BenchKit.h"
 
 #include <chrono>
 #include <cstdio>
@@ -36,11 +37,10 @@
 #define SYNCBENCH_HAS_FTP 1
 #endif
 
-extern char** environ;
-
 namespace {
 
 namespace fs = std::filesystem;
+using namespace quillon::bench;
 
 constexpr double kPause = 1.0;  // quillon's pause after the ability check
 
@@ -48,38 +48,18 @@ std::string gQuillon;
 std::string gBase;
 std::map<std::string, double> gSeconds;  // "<case>/<tool>/<first|again>" -> wall seconds
 
-long envNumber(const char* name, long fallback) {
-    const char* v = std::getenv(name);
-    return v && *v ? std::atol(v) : fallback;
-}
-
 // Runs a program; its output goes away unless SYNCBENCH_VERBOSE is set. Returns the exit status
 // and the wall time in `seconds`.
 int run(const std::vector<std::string>& argv, double* seconds = nullptr,
         const std::string& input = {}) {
-    bool verbose = std::getenv("SYNCBENCH_VERBOSE") != nullptr;
+    std::string quiet = std::getenv("SYNCBENCH_VERBOSE") ? "" : "/dev/null";
     std::string inFile = gBase + "/stdin.txt";
     std::ofstream(inFile) << input;
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, inFile.c_str(), O_RDONLY, 0);
-    if (!verbose) {
-        posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-        posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-    }
-    std::vector<char*> args;
-    for (auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-    args.push_back(nullptr);
     auto start = std::chrono::steady_clock::now();
-    pid_t pid = 0;
-    int rc = ::posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (rc != 0) return -1;
-    int status = 0;
-    ::waitpid(pid, &status, 0);
+    int rc = spawnAndWait(argv, inFile, quiet, quiet);
     if (seconds)
         *seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return rc;
 }
 
 // The output of a program (standard output only).
@@ -87,19 +67,7 @@ std::string capture(const std::vector<std::string>& argv, const std::string& inp
     std::string out = gBase + "/capture.txt";
     std::string in = gBase + "/stdin.txt";
     std::ofstream(in) << input;
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, in.c_str(), O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    std::vector<char*> args;
-    for (auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-    args.push_back(nullptr);
-    pid_t pid = 0;
-    if (::posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ) == 0) {
-        int status = 0;
-        ::waitpid(pid, &status, 0);
-    }
-    posix_spawn_file_actions_destroy(&actions);
+    spawnAndWait(argv, in, out, "");
     std::ifstream f(out);
     return std::string(std::istreambuf_iterator<char>(f), {});
 }
