@@ -14,14 +14,12 @@
 
 namespace quillon {
 
+using FileTransferUtils::itemName;
+
 namespace {
 
 std::string join(const std::string& folder, const std::string& name) {
     return StringUtils::stringByAppendingPathComponentDirectly(folder, name);
-}
-
-std::string itemName(const KvMetadata& m) {
-    return m.nameIgnoreLinkResolve().value_or(StringUtils::lastPathComponent(m.pathOrEmpty()));
 }
 
 std::unexpected<Error> cannotCreate(const std::string& path) {
@@ -51,23 +49,7 @@ void CopyTask::tick() {
 }
 
 void CopyTask::startTransfer() {
-    beginTransfer();
-    if (fileConflict() == ConflictAction::Skip || stopped()) {
-        completeFileTransfer(std::nullopt);
-        return;
-    }
-    auto source = WrapperProxy::clientForServerInfo(sourceServerInfo);
-    auto target = WrapperProxy::clientForServerInfo(targetServerInfo);
-    if (!source || !target) {
-        completeFileTransfer(!source ? source.error() : target.error());
-        return;
-    }
-    sourceProxy_ = *source;
-    targetProxy_ = *target;
-    sourceProxy_->setForceIncludesHiddenFiles(true);
-    targetProxy_->setForceIncludesHiddenFiles(true);
-    trackWrapper(sourceProxy_);
-    trackWrapper(targetProxy_);
+    if (!openBothSides()) return;
     copier_.shouldStop = [this] { return stopped(); };
 
     auto targetItem =

@@ -25,8 +25,6 @@ class CopyTask : public FileTransferTask {
     // Reports when more than 0.5 s passed since the last report.
     void tick();
 
-    WrapperPtr sourceProxy_;
-    WrapperPtr targetProxy_;
     LocalFileCopier copier_;
     double lastUpdateTick_ = 0;
 };

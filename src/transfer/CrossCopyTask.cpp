@@ -12,11 +12,9 @@
 
 namespace quillon {
 
-namespace {
+using FileTransferUtils::itemName;
 
-std::string itemName(const KvMetadata& m) {
-    return m.nameIgnoreLinkResolve().value_or(StringUtils::lastPathComponent(m.pathOrEmpty()));
-}
+namespace {
 
 bool isLocal(const ServerInfoPtr& server) {
     return server && server->protocolType == 0;
@@ -35,15 +33,7 @@ std::string CrossCopyTask::taskTempFolderPath() const {
 }
 
 bool CrossCopyTask::fileExists() {
-    auto client = WrapperProxy::clientForServerInfo(targetServerInfo);
-    if (!client) return false;
-    (*client)->setForceIncludesHiddenFiles(true);
-    auto listing = (*client)->contentsOfDirectoryAtPathSync(targetMetadata);
-    if (!listing) return false;
-    auto name = itemName(sourceMetadata);
-    for (auto& entry : *listing)
-        if (itemName(entry) == name) return true;
-    return false;
+    return targetEntryWithSourceName().has_value();
 }
 
 void CrossCopyTask::cancelTransfer() {
@@ -57,23 +47,7 @@ void CrossCopyTask::finish(std::optional<Error> error) {
 }
 
 void CrossCopyTask::startTransfer() {
-    beginTransfer();
-    if (fileConflict() == ConflictAction::Skip || stopped()) {
-        completeFileTransfer(std::nullopt);
-        return;
-    }
-    auto source = WrapperProxy::clientForServerInfo(sourceServerInfo);
-    auto target = WrapperProxy::clientForServerInfo(targetServerInfo);
-    if (!source || !target) {
-        completeFileTransfer(!source ? source.error() : target.error());
-        return;
-    }
-    sourceProxy_ = *source;
-    targetProxy_ = *target;
-    sourceProxy_->setForceIncludesHiddenFiles(true);
-    targetProxy_->setForceIncludesHiddenFiles(true);
-    trackWrapper(sourceProxy_);
-    trackWrapper(targetProxy_);
+    if (!openBothSides()) return;
     auto temp = FileTransferUtils::makeTaskTempFolder();
     if (!temp) {
         completeFileTransfer(temp.error());

@@ -30,8 +30,6 @@ class CrossCopyTask : public FileTransferTask {
     Status transferFile(const FileTransferNode& node, std::int64_t base);
     void finish(std::optional<Error> error);
 
-    WrapperPtr sourceProxy_;
-    WrapperPtr targetProxy_;
     std::vector<FileTransferNode::Ptr> fileNodes_;
     mutable std::mutex mutex_;
     std::string taskTempFolderPath_;

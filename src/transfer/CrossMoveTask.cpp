@@ -8,11 +8,9 @@
 
 namespace quillon {
 
-namespace {
+using FileTransferUtils::itemName;
 
-std::string itemName(const KvMetadata& m) {
-    return m.nameIgnoreLinkResolve().value_or(StringUtils::lastPathComponent(m.pathOrEmpty()));
-}
+namespace {
 
 const KvMetadata* findEntry(const KvMetadataList& listing, const std::string& name) {
     for (auto& e : listing)
@@ -23,11 +21,7 @@ const KvMetadata* findEntry(const KvMetadataList& listing, const std::string& na
 }  // namespace
 
 bool CrossMoveTask::fileExists() {
-    auto client = WrapperProxy::clientForServerInfo(targetServerInfo);
-    if (!client) return false;
-    (*client)->setForceIncludesHiddenFiles(true);
-    auto listing = (*client)->contentsOfDirectoryAtPathSync(targetMetadata);
-    return listing && findEntry(*listing, itemName(sourceMetadata));
+    return targetEntryWithSourceName().has_value();
 }
 
 void CrossMoveTask::cancelTransfer() {
@@ -49,23 +43,7 @@ KvMetadataList CrossMoveTask::foldersToRefresh() const {
 }
 
 void CrossMoveTask::startTransfer() {
-    beginTransfer();
-    if (fileConflict() == ConflictAction::Skip || stopped()) {
-        completeFileTransfer(std::nullopt);
-        return;
-    }
-    auto source = WrapperProxy::clientForServerInfo(sourceServerInfo);
-    auto target = WrapperProxy::clientForServerInfo(targetServerInfo);
-    if (!source || !target) {
-        completeFileTransfer(!source ? source.error() : target.error());
-        return;
-    }
-    sourceProxy_ = *source;
-    targetProxy_ = *target;
-    sourceProxy_->setForceIncludesHiddenFiles(true);
-    targetProxy_->setForceIncludesHiddenFiles(true);
-    trackWrapper(sourceProxy_);
-    trackWrapper(targetProxy_);
+    if (!openBothSides()) return;
 
     auto inner = std::make_shared<CrossCopyTask>();
     inner->sourceServerInfo = sourceServerInfo;

@@ -31,8 +31,6 @@ class CrossMoveTask : public FileTransferTask, private FileTransferTaskDelegate 
     bool checkEntries(const KvMetadata& sourceFolder, const KvMetadata& copiedFolder, int depth);
     Result<KvMetadataList> listSource(const KvMetadata& folder);
 
-    WrapperPtr sourceProxy_;
-    WrapperPtr targetProxy_;
     std::shared_ptr<CrossCopyTask> crossCopyTask_;
     std::mutex innerMutex_;
 };

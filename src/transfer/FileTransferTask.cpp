@@ -2,6 +2,7 @@
 
 #include "core/GCD.h"
 #include "core/NotificationCenter.h"
+#include "core/WrapperProxy.h"
 #include "transfer/FileTransferNode.h"
 #include "transfer/FileTransferTaskManager.h"
 #include "transfer/FileTransferUtils.h"
@@ -215,6 +216,39 @@ Status FileTransferTask::collectTree(const std::shared_ptr<FileTransferNode>& no
         }
     }
     return {};
+}
+
+bool FileTransferTask::openBothSides() {
+    beginTransfer();
+    if (fileConflict() == ConflictAction::Skip || stopped()) {
+        completeFileTransfer(std::nullopt);
+        return false;
+    }
+    auto source = WrapperProxy::clientForServerInfo(sourceServerInfo);
+    auto target = WrapperProxy::clientForServerInfo(targetServerInfo);
+    if (!source || !target) {
+        completeFileTransfer(!source ? source.error() : target.error());
+        return false;
+    }
+    sourceProxy_ = *source;
+    targetProxy_ = *target;
+    for (const auto& side : {sourceProxy_, targetProxy_}) {
+        side->setForceIncludesHiddenFiles(true);
+        trackWrapper(side);
+    }
+    return true;
+}
+
+std::optional<KvMetadata> FileTransferTask::targetEntryWithSourceName() const {
+    auto client = WrapperProxy::clientForServerInfo(targetServerInfo);
+    if (!client) return std::nullopt;
+    (*client)->setForceIncludesHiddenFiles(true);
+    auto listing = (*client)->contentsOfDirectoryAtPathSync(targetMetadata);
+    if (!listing) return std::nullopt;
+    auto name = FileTransferUtils::itemName(sourceMetadata);
+    for (auto& entry : *listing)
+        if (FileTransferUtils::itemName(entry) == name) return entry;
+    return std::nullopt;
 }
 
 }  // namespace quillon

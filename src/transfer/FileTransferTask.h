@@ -135,6 +135,16 @@ class FileTransferTask : public std::enable_shared_from_this<FileTransferTask> {
         std::function<void(std::int64_t, std::int64_t)> also = nullptr);
     bool stopped() const { return state() == TransferTaskState::Stopped; }
 
+    // The start of a run that works through the clients of both sides: ends the run at once, and
+    // returns false, when the task is to be skipped or was stopped or a side has no client;
+    // otherwise sourceProxy_ and targetProxy_ are set, list hidden items and are tracked.
+    bool openBothSides();
+    // The entry of the target folder that bears the source item's name; none when there is no
+    // such entry or the folder cannot be listed.
+    std::optional<KvMetadata> targetEntryWithSourceName() const;
+    WrapperPtr sourceProxy_;
+    WrapperPtr targetProxy_;
+
     // How collectTree walks a source folder: `list` lists a folder, `adjustTarget` (optional)
     // fixes a child's target record, `makeFolder` creates a target folder (an error ends the walk).
     struct TreeWalk {

@@ -139,4 +139,9 @@ std::string parentPath(std::string_view path) {
     return parent.empty() ? std::string("/") : parent;
 }
 
+std::string itemName(const KvMetadata& item) {
+    return item.nameIgnoreLinkResolve().value_or(
+        StringUtils::lastPathComponent(item.pathOrEmpty()));
+}
+
 }  // namespace quillon::FileTransferUtils

@@ -44,5 +44,7 @@ std::string copyIntoItselfMessage();
 
 // The parent folder's path of an item path ("/" for top-level items).
 std::string parentPath(std::string_view path);
+// The item's own name (a link's name, not its target's), or the last component of its path.
+std::string itemName(const KvMetadata& item);
 
 }  // namespace quillon::FileTransferUtils

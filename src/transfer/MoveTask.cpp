@@ -6,11 +6,9 @@
 
 namespace quillon {
 
-namespace {
+using FileTransferUtils::itemName;
 
-std::string itemName(const KvMetadata& m) {
-    return m.nameIgnoreLinkResolve().value_or(StringUtils::lastPathComponent(m.pathOrEmpty()));
-}
+namespace {
 
 // The moved item's record at its new place; the server assigns the identifier.
 KvMetadata movedTarget(const KvMetadata& item, const KvMetadata& folder) {
@@ -27,19 +25,11 @@ std::optional<KvMetadata> MoveTask::conflictMeta() const {
 }
 
 bool MoveTask::fileExists() {
-    auto client = WrapperProxy::clientForServerInfo(targetServerInfo);
-    if (!client) return false;
-    (*client)->setForceIncludesHiddenFiles(true);
-    auto listing = (*client)->contentsOfDirectoryAtPathSync(targetMetadata);
-    if (!listing) return false;
-    auto name = itemName(sourceMetadata);
-    for (auto& entry : *listing) {
-        if (itemName(entry) != name) continue;
-        std::lock_guard lock(mutex_);
-        conflictMeta_ = entry;
-        return true;
-    }
-    return false;
+    auto entry = targetEntryWithSourceName();
+    if (!entry) return false;
+    std::lock_guard lock(mutex_);
+    conflictMeta_ = std::move(entry);
+    return true;
 }
 
 void MoveTask::cancelTransfer() {

@@ -14,13 +14,7 @@
 
 namespace quillon {
 
-namespace {
-
-std::string itemName(const KvMetadata& m) {
-    return m.nameIgnoreLinkResolve().value_or(StringUtils::lastPathComponent(m.pathOrEmpty()));
-}
-
-}  // namespace
+using FileTransferUtils::itemName;
 
 Result<KvMetadataList> listLocalFolder(const KvMetadata& folder) {
     std::string path = folder.pathOrEmpty();
