@@ -299,6 +299,22 @@ std::size_t FtpWrapper::onFileWrite(const char* data, std::size_t size) {
     return std::fwrite(data, 1, size, file_);
 }
 
+void FtpWrapper::watchTransfer(CURL* curl, char* errorBuffer) {
+    curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, errorBuffer);
+    curl_easy_setopt(curl, CURLOPT_HEADERDATA, this);
+    curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, headerCb);
+    curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
+    curl_easy_setopt(curl, CURLOPT_XFERINFODATA, this);
+    curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, progressCb);
+}
+
+bool FtpWrapper::pauseBeforeRetry() {
+    for (auto waited = std::chrono::milliseconds(0); waited < retryDelay_ && !cancelled();
+         waited += std::chrono::milliseconds(50))
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    return !cancelled();
+}
+
 Status FtpWrapper::downloadFile(const KvMetadata& file, const std::string& saveTo,
                                 std::int64_t resumeFrom) {
     std::string path = file.pathOrEmpty();
@@ -337,12 +353,7 @@ Status FtpWrapper::downloadFile(const KvMetadata& file, const std::string& saveT
     curl_easy_setopt(curl, CURLOPT_RESUME_FROM_LARGE, static_cast<curl_off_t>(resumeFrom));
     curl_easy_setopt(curl, CURLOPT_WRITEDATA, this);
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, fileWriteCb);
-    curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, errorBuffer);
-    curl_easy_setopt(curl, CURLOPT_HEADERDATA, this);
-    curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, headerCb);
-    curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
-    curl_easy_setopt(curl, CURLOPT_XFERINFODATA, this);
-    curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, progressCb);
+    watchTransfer(curl, errorBuffer);
     direction_ = Direction::Download;
 
     int rc = runCurlEasyPerform(**conn);
@@ -354,10 +365,7 @@ Status FtpWrapper::downloadFile(const KvMetadata& file, const std::string& saveT
         ::fseeko(file_, pos, SEEK_SET);
         if (::ftruncate(::fileno(file_), pos) != 0) break;
         finishedDlSize_ = pos;
-        for (auto waited = std::chrono::milliseconds(0); waited < retryDelay_ && !cancelled();
-             waited += std::chrono::milliseconds(50))
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        if (cancelled()) break;
+        if (!pauseBeforeRetry()) break;
         curl_easy_setopt(curl, CURLOPT_RESUME_FROM_LARGE, static_cast<curl_off_t>(pos));
         rc = runCurlEasyPerform(**conn);
         ++attempts;
@@ -435,21 +443,13 @@ Status FtpWrapper::uploadFileForFTP(const KvMetadata& localFile, const KvMetadat
     curl_easy_setopt(curl, CURLOPT_READFUNCTION, fileReadCb);
     curl_easy_setopt(curl, CURLOPT_SEEKDATA, file_);
     curl_easy_setopt(curl, CURLOPT_SEEKFUNCTION, seekCb);
-    curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, errorBuffer);
-    curl_easy_setopt(curl, CURLOPT_HEADERDATA, this);
-    curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, headerCb);
-    curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
-    curl_easy_setopt(curl, CURLOPT_XFERINFODATA, this);
-    curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, progressCb);
+    watchTransfer(curl, errorBuffer);
     direction_ = Direction::Upload;
 
     int rc = runCurlEasyPerform(**conn);
     int attempts = 1;
     while (rc == CURLE_PARTIAL_FILE && attempts < kMaxAttempts && !cancelled()) {
-        for (auto waited = std::chrono::milliseconds(0); waited < retryDelay_ && !cancelled();
-             waited += std::chrono::milliseconds(50))
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        if (cancelled()) break;
+        if (!pauseBeforeRetry()) break;
         // What the server holds is what counts when an upload resumes: libcurl asks its SIZE and
         // appends from there, so no byte is sent twice or skipped.
         curl_easy_setopt(curl, CURLOPT_RESUME_FROM_LARGE, static_cast<curl_off_t>(-1));

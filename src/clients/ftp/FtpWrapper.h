@@ -156,6 +156,10 @@ class FtpWrapper : public Wrapper {
     void finishProgress(std::int64_t total);
     bool isMissing(const KvMetadata& item);
     Result<KvMetadataList> listing(const KvMetadata& folder, bool forDelete);
+    // The error buffer, the reply collector and the progress callback of a transfer.
+    void watchTransfer(CURL* curl, char* errorBuffer);
+    // Waits retryDelay_ before another attempt; false when the wrapper was cancelled meanwhile.
+    bool pauseBeforeRetry();
     Status readRange(std::uint64_t from, std::optional<std::uint64_t> length,
                      const std::function<bool(const Bytes&)>& handler);
 
