@@ -154,6 +154,15 @@ SyncDBManager::StatementUse::~StatementUse() {
     sqlite3_clear_bindings(stmt_);
 }
 
+Status SyncDBManager::run(const char* sql, const std::string& what,
+                          const std::function<void(sqlite3_stmt*)>& bind) {
+    StatementUse use(*this, sql);
+    if (!use) return std::unexpected(lastError(what));
+    bind(use.get());
+    if (sqlite3_step(use.get()) != SQLITE_DONE) return std::unexpected(lastError(what));
+    return {};
+}
+
 Status SyncDBManager::transaction(const std::function<Status()>& work) {
     if (auto r = execDDL("BEGIN"); !r) return r;
     auto result = work();

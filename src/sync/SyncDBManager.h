@@ -58,6 +58,10 @@ class SyncDBManager {
       private:
         sqlite3_stmt* stmt_ = nullptr;
     };
+    // Runs a statement that returns no rows: `bind` binds its parameters. An error names `what`
+    // ("Cannot record a local item in").
+    [[nodiscard]] Status run(const char* sql, const std::string& what,
+                             const std::function<void(sqlite3_stmt*)>& bind);
     // Runs `work` in one transaction; rolled back when it fails.
     [[nodiscard]] Status transaction(const std::function<Status()>& work);
     // The error of the connection's last failed call.

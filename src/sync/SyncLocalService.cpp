@@ -64,42 +64,30 @@ std::optional<KvMetadata> SyncLocalService::getLocalItemByRemoteMeta(const KvMet
 }
 
 Status SyncLocalService::addLocalItem(const KvMetadata& local, const KvMetadata& remote) {
-    SyncDBManager::StatementUse use(db_, kAdd);
-    if (!use) return std::unexpected(db_.lastError("Cannot record a local item in"));
-    auto* stmt = use.get();
-    bindText(stmt, 1, local.nameOrEmpty());
-    bindText(stmt, 2, storedPath(local.pathOrEmpty()));
-    sqlite3_bind_int(stmt, 3, local.isDir ? 1 : 0);
-    bindSize(stmt, 4, local);
-    bindTime(stmt, 5, local.timestamp);
-    bindText(stmt, 6, SyncUtils::getFullPath(remote));
-    if (sqlite3_step(stmt) != SQLITE_DONE)
-        return std::unexpected(db_.lastError("Cannot record a local item in"));
-    return {};
+    return db_.run(kAdd, "Cannot record a local item in", [&](sqlite3_stmt* stmt) {
+        bindText(stmt, 1, local.nameOrEmpty());
+        bindText(stmt, 2, storedPath(local.pathOrEmpty()));
+        sqlite3_bind_int(stmt, 3, local.isDir ? 1 : 0);
+        bindSize(stmt, 4, local);
+        bindTime(stmt, 5, local.timestamp);
+        bindText(stmt, 6, SyncUtils::getFullPath(remote));
+    });
 }
 
 Status SyncLocalService::updateLocalItem(const KvMetadata& local) {
-    SyncDBManager::StatementUse use(db_, kUpdate);
-    if (!use) return std::unexpected(db_.lastError("Cannot update a local item in"));
-    auto* stmt = use.get();
-    bindSize(stmt, 1, local);
-    bindTime(stmt, 2, local.timestamp);
-    bindText(stmt, 3, storedPath(local.pathOrEmpty()));
-    sqlite3_bind_int(stmt, 4, local.isDir ? 1 : 0);
-    if (sqlite3_step(stmt) != SQLITE_DONE)
-        return std::unexpected(db_.lastError("Cannot update a local item in"));
-    return {};
+    return db_.run(kUpdate, "Cannot update a local item in", [&](sqlite3_stmt* stmt) {
+        bindSize(stmt, 1, local);
+        bindTime(stmt, 2, local.timestamp);
+        bindText(stmt, 3, storedPath(local.pathOrEmpty()));
+        sqlite3_bind_int(stmt, 4, local.isDir ? 1 : 0);
+    });
 }
 
 Status SyncLocalService::deleteLocalItem(const KvMetadata& local) {
-    SyncDBManager::StatementUse use(db_, kDelete);
-    if (!use) return std::unexpected(db_.lastError("Cannot delete a local item from"));
-    auto* stmt = use.get();
-    bindText(stmt, 1, storedPath(local.pathOrEmpty()));
-    sqlite3_bind_int(stmt, 2, local.isDir ? 1 : 0);
-    if (sqlite3_step(stmt) != SQLITE_DONE)
-        return std::unexpected(db_.lastError("Cannot delete a local item from"));
-    return {};
+    return db_.run(kDelete, "Cannot delete a local item from", [&](sqlite3_stmt* stmt) {
+        bindText(stmt, 1, storedPath(local.pathOrEmpty()));
+        sqlite3_bind_int(stmt, 2, local.isDir ? 1 : 0);
+    });
 }
 
 }  // namespace quillon

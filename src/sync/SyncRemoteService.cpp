@@ -56,40 +56,28 @@ std::optional<KvMetadata> SyncRemoteService::getRemoteItemByLocalMeta(const KvMe
 }
 
 Status SyncRemoteService::addRemoteItem(const KvMetadata& remote, const KvMetadata& local) {
-    SyncDBManager::StatementUse use(db_, kAdd);
-    if (!use) return std::unexpected(db_.lastError("Cannot record a remote item in"));
-    auto* stmt = use.get();
-    bindText(stmt, 1, remote.nameOrEmpty());
-    bindText(stmt, 2, SyncUtils::getFullPath(remote));
-    bindText(stmt, 3, parentRecordPath(remote));
-    sqlite3_bind_int(stmt, 4, remote.isDir ? 1 : 0);
-    bindSize(stmt, 5, remote);
-    bindTime(stmt, 6, remote.timestamp);
-    bindText(stmt, 7, local_.storedPath(local.pathOrEmpty()));
-    if (sqlite3_step(stmt) != SQLITE_DONE)
-        return std::unexpected(db_.lastError("Cannot record a remote item in"));
-    return {};
+    return db_.run(kAdd, "Cannot record a remote item in", [&](sqlite3_stmt* stmt) {
+        bindText(stmt, 1, remote.nameOrEmpty());
+        bindText(stmt, 2, SyncUtils::getFullPath(remote));
+        bindText(stmt, 3, parentRecordPath(remote));
+        sqlite3_bind_int(stmt, 4, remote.isDir ? 1 : 0);
+        bindSize(stmt, 5, remote);
+        bindTime(stmt, 6, remote.timestamp);
+        bindText(stmt, 7, local_.storedPath(local.pathOrEmpty()));
+    });
 }
 
 Status SyncRemoteService::updateRemoteItem(const KvMetadata& remote) {
-    SyncDBManager::StatementUse use(db_, kUpdate);
-    if (!use) return std::unexpected(db_.lastError("Cannot update a remote item in"));
-    auto* stmt = use.get();
-    bindSize(stmt, 1, remote);
-    bindTime(stmt, 2, remote.timestamp);
-    bindText(stmt, 3, SyncUtils::getFullPath(remote));
-    if (sqlite3_step(stmt) != SQLITE_DONE)
-        return std::unexpected(db_.lastError("Cannot update a remote item in"));
-    return {};
+    return db_.run(kUpdate, "Cannot update a remote item in", [&](sqlite3_stmt* stmt) {
+        bindSize(stmt, 1, remote);
+        bindTime(stmt, 2, remote.timestamp);
+        bindText(stmt, 3, SyncUtils::getFullPath(remote));
+    });
 }
 
 Status SyncRemoteService::deleteRemoteItem(const KvMetadata& remote) {
-    SyncDBManager::StatementUse use(db_, kDelete);
-    if (!use) return std::unexpected(db_.lastError("Cannot delete a remote item from"));
-    bindText(use.get(), 1, SyncUtils::getFullPath(remote));
-    if (sqlite3_step(use.get()) != SQLITE_DONE)
-        return std::unexpected(db_.lastError("Cannot delete a remote item from"));
-    return {};
+    return db_.run(kDelete, "Cannot delete a remote item from",
+                   [&](sqlite3_stmt* stmt) { bindText(stmt, 1, SyncUtils::getFullPath(remote)); });
 }
 
 }  // namespace quillon
