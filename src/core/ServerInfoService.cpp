@@ -41,8 +41,8 @@ Result<std::vector<ServerInfo>> ServerInfoService::loadRecords(
         info.protocolType = static_cast<std::int32_t>(sqlInt(r[1]));
         info.displayName = sqlText(r[2]);
         info.sortID = sqlInt(r[3]);
-        auto props = db.query("SELECT key, value FROM server_props WHERE server_uuid = ?",
-                              {info.serverID});
+        auto props =
+            db.query("SELECT key, value FROM server_props WHERE server_uuid = ?", {info.serverID});
         if (!props) return std::unexpected(props.error());
         for (auto& p : *props) info.props[sqlText(p[0])] = sqlText(p[1]);
         infos.push_back(std::move(info));
@@ -51,7 +51,8 @@ Result<std::vector<ServerInfo>> ServerInfoService::loadRecords(
 }
 
 std::vector<ServerInfo> ServerInfoService::remoteServerInfos() {
-    auto r = loadRecords("SELECT server_uuid, protocol_type, display_name, sort FROM server_info", {});
+    auto r =
+        loadRecords("SELECT server_uuid, protocol_type, display_name, sort FROM server_info", {});
     return r ? *r : std::vector<ServerInfo>{};
 }
 
@@ -82,30 +83,34 @@ std::optional<ServerInfo> ServerInfoService::serverInfoWithServerID(const std::s
 Status ServerInfoService::insertProps(const ServerInfo& info) {
     auto& db = DBManager::sharedDBManager();
     for (auto& [key, value] : info.props) {
-        if (auto r = db.execute("INSERT INTO server_props (server_uuid, key, value) VALUES (?, ?, ?)",
-                                {info.serverID, key, value});
+        if (auto r =
+                db.execute("INSERT INTO server_props (server_uuid, key, value) VALUES (?, ?, ?)",
+                           {info.serverID, key, value});
             !r)
             return r;
     }
     return {};
 }
 
-Status ServerInfoService::storeServerInfo(const ServerInfo& info) {
+Status ServerInfoService::writeRecord(const ServerInfo& info, bool exists) {
     auto& db = DBManager::sharedDBManager();
-    bool exists = serverInfoWithServerID(info.serverID).has_value();
     return db.transaction([&]() -> Status {
         if (exists) {
-            if (auto r = db.execute("UPDATE server_info SET display_name=?, sort=? WHERE server_uuid=?",
-                                    {info.displayName, info.sortID, info.serverID});
+            if (auto r =
+                    db.execute("UPDATE server_info SET display_name=?, sort=? WHERE server_uuid=?",
+                               {info.displayName, info.sortID, info.serverID});
                 !r)
                 return r;
-            if (auto r = db.execute("DELETE FROM server_props WHERE server_uuid=?", {info.serverID}); !r)
+            if (auto r =
+                    db.execute("DELETE FROM server_props WHERE server_uuid=?", {info.serverID});
+                !r)
                 return r;
         } else {
             if (auto r = db.execute(
                     "INSERT INTO server_info (server_uuid, protocol_type, display_name, sort) "
                     "VALUES (?, ?, ?, ?)",
-                    {info.serverID, std::int64_t{info.protocolType}, info.displayName, info.sortID});
+                    {info.serverID, std::int64_t{info.protocolType}, info.displayName,
+                     info.sortID});
                 !r)
                 return r;
         }
@@ -113,34 +118,20 @@ Status ServerInfoService::storeServerInfo(const ServerInfo& info) {
     });
 }
 
+Status ServerInfoService::storeServerInfo(const ServerInfo& info) {
+    return writeRecord(info, serverInfoWithServerID(info.serverID).has_value());
+}
+
 Status ServerInfoService::saveServerInfo(ServerInfo& info) {
     tickForServerInfo(info);
-    auto& db = DBManager::sharedDBManager();
-    auto r = db.transaction([&]() -> Status {
-        if (auto r = db.execute(
-                "INSERT INTO server_info (server_uuid, protocol_type, display_name, sort) VALUES "
-                "(?, ?, ?, ?)",
-                {info.serverID, std::int64_t{info.protocolType}, info.displayName, info.sortID});
-            !r)
-            return r;
-        return insertProps(info);
-    });
+    auto r = writeRecord(info, false);
     if (r) uploadServerInfoToCloud(info, false);
     return r;
 }
 
 Status ServerInfoService::updateServerInfo(ServerInfo& info) {
     tickForServerInfo(info);
-    auto& db = DBManager::sharedDBManager();
-    auto r = db.transaction([&]() -> Status {
-        if (auto r = db.execute("UPDATE server_info SET display_name=?, sort=? WHERE server_uuid=?",
-                                {info.displayName, info.sortID, info.serverID});
-            !r)
-            return r;
-        if (auto r = db.execute("DELETE FROM server_props WHERE server_uuid=?", {info.serverID}); !r)
-            return r;
-        return insertProps(info);
-    });
+    auto r = writeRecord(info, true);
     if (r) uploadServerInfoToCloud(info, false);
     return r;
 }
@@ -172,7 +163,8 @@ namespace {
 std::string unescapeMountField(const std::string& s) {
     std::string out;
     for (std::size_t i = 0; i < s.size(); ++i) {
-        if (s[i] == '\\' && i + 3 < s.size() && std::isdigit(static_cast<unsigned char>(s[i + 1]))) {
+        if (s[i] == '\\' && i + 3 < s.size() &&
+            std::isdigit(static_cast<unsigned char>(s[i + 1]))) {
             out += static_cast<char>(std::stoi(s.substr(i + 1, 3), nullptr, 8));
             i += 3;
         } else {
@@ -182,20 +174,22 @@ std::string unescapeMountField(const std::string& s) {
     return out;
 }
 
-const std::set<std::string> kNetworkFs = {"nfs", "nfs4", "cifs", "smb3", "smbfs", "fuse.sshfs",
-                                          "9p", "ceph", "glusterfs", "davfs", "fuse.rclone"};
+const std::set<std::string> kNetworkFs = {"nfs",       "nfs4",       "cifs",       "smb3",
+                                          "smbfs",     "fuse.sshfs", "9p",         "ceph",
+                                          "glusterfs", "davfs",      "fuse.rclone"};
 const std::set<std::string> kPseudoFs = {
-    "proc",     "sysfs",     "devtmpfs", "devpts",     "tmpfs",     "cgroup",   "cgroup2",
-    "pstore",   "bpf",       "tracefs",  "debugfs",    "securityfs", "mqueue",  "hugetlbfs",
-    "fusectl",  "configfs",  "autofs",   "binfmt_misc", "efivarfs", "rpc_pipefs", "nsfs",
-    "ramfs",    "squashfs",  "overlay",  "fuse.gvfsd-fuse", "fuse.portal", "fuse.lxcfs"};
+    "proc",    "sysfs",    "devtmpfs", "devpts",          "tmpfs",       "cgroup",     "cgroup2",
+    "pstore",  "bpf",      "tracefs",  "debugfs",         "securityfs",  "mqueue",     "hugetlbfs",
+    "fusectl", "configfs", "autofs",   "binfmt_misc",     "efivarfs",    "rpc_pipefs", "nsfs",
+    "ramfs",   "squashfs", "overlay",  "fuse.gvfsd-fuse", "fuse.portal", "fuse.lxcfs"};
 
 std::string volumeName(const std::string& mountPoint, const std::string& source) {
     // A file-system label, when the device has one.
     std::error_code ec;
     for (auto& e : std::filesystem::directory_iterator("/dev/disk/by-label", ec)) {
         auto target = std::filesystem::canonical(e.path(), ec);
-        if (!ec && target.string() == source) return unescapeMountField(e.path().filename().string());
+        if (!ec && target.string() == source)
+            return unescapeMountField(e.path().filename().string());
     }
     if (mountPoint == "/") return "File System";
     auto name = std::filesystem::path(mountPoint).filename().string();
@@ -270,7 +264,9 @@ std::vector<ServerInfo> ServerInfoService::localServerInfos() {
     return localServerInfosFromMountInfo(ss.str());
 }
 
-ServerInfo ServerInfoService::rootLocalServerInfo() { return localServerInfos().front(); }
+ServerInfo ServerInfoService::rootLocalServerInfo() {
+    return localServerInfos().front();
+}
 
 std::vector<ServerInfo> ServerInfoService::allServerInfos() {
     auto all = localServerInfos();

@@ -38,7 +38,7 @@ inline constexpr long ToshibaNAS = 6;
 }  // namespace ServerOSType
 
 class ServerInfoService {
-public:
+  public:
     static ServerInfoService& sharedServerInfoService();
 
     std::vector<ServerInfo> remoteServerInfos();
@@ -113,11 +113,14 @@ public:
     // Parses /proc/self/mountinfo text into local volume records (for tests).
     static std::vector<ServerInfo> localServerInfosFromMountInfo(const std::string& mountinfo);
 
-private:
+  private:
     ServerInfoService() = default;
     Result<std::vector<ServerInfo>> loadRecords(const std::string& sql,
                                                 const std::vector<std::string>& params);
     Status insertProps(const ServerInfo& info);
+    // The record and its properties in one transaction: an UPDATE of the row and its properties
+    // replaced when it `exists`, an INSERT otherwise.
+    Status writeRecord(const ServerInfo& info, bool exists);
 
     mutable std::mutex mutex_;
     bool disableUpdateCloud_ = false;
