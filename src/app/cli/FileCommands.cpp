@@ -35,12 +35,12 @@ std::string displayName(const KvMetadata& m) {
 }
 
 std::string itemJson(const KvMetadata& m) {
-    std::string out = "{\"name\":" + jsonOptString(m.nameIgnoreLinkResolve()) +
-                      ",\"path\":" + jsonOptString(m.path()) +
-                      ",\"kind\":" + jsonString(kindColumn(m)) +
-                      ",\"isDir\":" + (m.isDir ? "true" : "false") + ",\"size\":" +
-                      (m.fileSizeInBytes ? std::to_string(*m.fileSizeInBytes) : "null") +
-                      ",\"mtime\":" + jsonTime(m.timestamp);
+    std::string out =
+        "{\"name\":" + jsonOptString(m.nameIgnoreLinkResolve()) +
+        ",\"path\":" + jsonOptString(m.path()) + ",\"kind\":" + jsonString(kindColumn(m)) +
+        ",\"isDir\":" + (m.isDir ? "true" : "false") +
+        ",\"size\":" + (m.fileSizeInBytes ? std::to_string(*m.fileSizeInBytes) : "null") +
+        ",\"mtime\":" + jsonTime(m.timestamp);
     if (m.isSymbolLink) out += ",\"target\":" + jsonOptString(m.symbolLinkTarget);
     if (m.unixPermission) out += ",\"permission\":" + jsonOptString(m.unixPermission);
     if (m.isIcloudPlaceHold) out += ",\"placeholder\":true";
@@ -84,6 +84,8 @@ void registerFileCommands(Cli& cli) {
             auto item = statLocation(*loc);
             if (!item) return reportError(item.error());
             KvMetadataList entries;
+            // The order to print in: pointers are sorted, the records (large) stay in place.
+            std::vector<const KvMetadata*> order;
             if (item->isDir) {
                 auto listing = loc->client->contentsOfDirectoryAtPathSync(loc->metadata(true));
                 if (!listing) return reportError(listing.error());
@@ -93,25 +95,33 @@ void registerFileCommands(Cli& cli) {
                         return m.nameIgnoreLinkResolve().value_or("").starts_with(".");
                     });
                 }
-                std::sort(entries.begin(), entries.end(), [](const KvMetadata& a, const KvMetadata& b) {
-                    return StringUtils::localizedStandardCompare(a.nameIgnoreLinkResolve().value_or(""),
-                                                                 b.nameIgnoreLinkResolve().value_or("")) < 0;
-                });
+                static const std::string noName;
+                auto nameOf = [](const KvMetadata* m) -> const std::string& {
+                    const auto& name = m->nameIgnoreLinkResolve();
+                    return name ? *name : noName;
+                };
+                order.reserve(entries.size());
+                for (const auto& e : entries) order.push_back(&e);
+                std::sort(
+                    order.begin(), order.end(), [&](const KvMetadata* a, const KvMetadata* b) {
+                        return StringUtils::localizedStandardCompare(nameOf(a), nameOf(b)) < 0;
+                    });
             } else {
                 entries.push_back(std::move(*item));
+                order.push_back(&entries.front());
             }
             std::string out;
             if (*lsJson) {
                 out += "[";
-                for (std::size_t i = 0; i < entries.size(); ++i) {
+                for (std::size_t i = 0; i < order.size(); ++i) {
                     out += i ? ",\n" : "\n";
-                    out += itemJson(entries[i]);
+                    out += itemJson(*order[i]);
                     flushOut(out, false);
                 }
                 out += "\n]\n";
             } else {
-                for (auto& e : entries) {
-                    printLong(e, out);
+                for (const auto* e : order) {
+                    printLong(*e, out);
                     flushOut(out, false);
                 }
             }

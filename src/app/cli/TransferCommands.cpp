@@ -84,15 +84,7 @@ struct Options {
     bool keepGoing = false;
 };
 
-std::string itemName(const KvMetadata& m) {
-    return m.nameIgnoreLinkResolve().value_or(StringUtils::lastPathComponent(m.pathOrEmpty()));
-}
-
-std::string durationText(double seconds) {
-    auto s = static_cast<long long>(seconds + 0.5);
-    if (s >= 3600) return fmt::format("{}:{:02}:{:02}", s / 3600, s / 60 % 60, s % 60);
-    return fmt::format("{}:{:02}", s / 60, s % 60);
-}
+using FileTransferUtils::itemName;
 
 // One line of output per finished task and one live line per running task: redrawn in place on
 // a terminal, printed every few seconds otherwise, or JSON objects with --json.
@@ -225,19 +217,7 @@ class TransferConsole : public FileTransferView {
         std::string name = itemName(task.sourceMetadata);
         if (auto current = task.transferringFileMeta(); current && task.sourceMetadata.isDir)
             name += " > " + itemName(*current);
-        std::string counts = formatBytes(done);
-        if (total > 0)
-            counts += fmt::format(" of {} ({}%)", formatBytes(total),
-                                  std::clamp<std::int64_t>(done * 100 / total, 0, 100));
-        double rate = rateOf(row);
-        std::string rateText = rate > 0 ? formatBytes(static_cast<std::int64_t>(rate)) + "/s" : "";
-        std::string eta = rate > 0 && total > done
-                              ? "ETA " + durationText(static_cast<double>(total - done) / rate)
-                              : "";
-        std::string line = fmt::format("{}  {}  {}  {}", name, counts, rateText, eta);
-        while (!line.empty() && line.back() == ' ') line.pop_back();
-        if (width > 1 && line.size() >= width) line.resize(width - 1);
-        return line;
+        return progressLine(name, done, total, rateOf(row), width);
     }
 
     void drawBlock() {
@@ -306,7 +286,7 @@ class TransferConsole : public FileTransferView {
                         std::chrono::duration<double>(*task.endTime() - *task.startTime()).count();
                 text = fmt::format("{} {} -> {}  {} in {}", moving_ ? "moved " : "copied",
                                    row.label, task.targetMetadata.pathOrEmpty(),
-                                   formatBytes(task.totalBytes()), durationText(seconds));
+                                   formatBytes(task.totalBytes()), formatDuration(seconds));
                 break;
             }
             case TransferTaskState::Failed:
