@@ -8,9 +8,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <map>
 #include <random>
 #include <string>
@@ -117,6 +119,74 @@ inline void printRatio(const RatioReporter& r, const std::string& quillon, const
     }
     std::printf("speed ratio of '%s' to '%s': %.2f (%s)\n", quillon.c_str(), other.c_str(),
                 o->second / q->second, target);
+}
+
+// Mean seconds of quillon and of its peer, by the name of the pair.
+inline std::map<std::string, std::pair<double, double>>& pairTimes() {
+    static std::map<std::string, std::pair<double, double>> times;
+    return times;
+}
+
+// One benchmark for quillon and a peer tool doing the same work: every iteration runs both, in
+// turns of who goes first, each after `reset` and a sync, so that drifts of the machine (page
+// cache, write-back) fall on both sides alike. The time shown is quillon's; the peer's mean is
+// the counter "<peer>_ms". Each side returns false when it failed.
+inline void registerPair(const std::string& name, const std::string& peer, std::int64_t bytes,
+                         std::function<bool()> quillon, std::function<bool()> other,
+                         std::function<void()> reset, int iterations = 4) {
+    benchmark::RegisterBenchmark(
+        ("quillon vs " + peer + ": " + name).c_str(),
+        [=](benchmark::State& s) {
+            double q = 0;
+            double o = 0;
+            long n = 0;
+            auto timed = [&](const std::function<bool()>& run, double& total) {
+                reset();
+                ::sync();
+                auto start = std::chrono::steady_clock::now();
+                bool ok = run();
+                std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+                total += took.count();
+                return ok ? took.count() : -1.0;
+            };
+            for (auto _ : s) {
+                bool otherFirst = n % 2 == 1;
+                if (otherFirst && timed(other, o) < 0) {
+                    s.SkipWithError((peer + " failed").c_str());
+                    break;
+                }
+                double mine = timed(quillon, q);
+                if (mine < 0) {
+                    s.SkipWithError("quillon failed");
+                    break;
+                }
+                if (!otherFirst && timed(other, o) < 0) {
+                    s.SkipWithError((peer + " failed").c_str());
+                    break;
+                }
+                s.SetIterationTime(mine);
+                ++n;
+            }
+            reset();
+            if (n == 0) return;
+            if (bytes > 0) s.SetBytesProcessed(static_cast<std::int64_t>(n) * bytes);
+            s.counters[peer + "_ms"] = 1000 * o / static_cast<double>(n);
+            pairTimes()[name] = {q / static_cast<double>(n), o / static_cast<double>(n)};
+        })
+        ->Unit(benchmark::kMillisecond)
+        ->UseManualTime()
+        ->Iterations(iterations);
+}
+
+// "speed ratio of quillon to PEER, NAME: R (TARGET)", R being the peer's time over quillon's.
+inline void printPairRatio(const std::string& name, const std::string& peer, const char* target) {
+    auto it = pairTimes().find(name);
+    if (it == pairTimes().end() || it->second.first <= 0) {
+        std::printf("speed ratio of quillon to %s, %s: not measured\n", peer.c_str(), name.c_str());
+        return;
+    }
+    std::printf("speed ratio of quillon to %s, %s: %.2f (%s)\n", peer.c_str(), name.c_str(),
+                it->second.second / it->second.first, target);
 }
 
 }  // namespace quillon::bench
