@@ -37,8 +37,8 @@ class Application {
     Application(const Application&) = delete;
     Application& operator=(const Application&) = delete;
 
-    // Reads the preferences afresh, opens the database, registers the clients, migrates, deletes the
-    // quick connections and starts the cloud synchronisation. Fails on a preference file that
+    // Reads the preferences afresh, opens the database, registers the clients, migrates, deletes
+    // the quick connections and starts the cloud synchronisation. Fails on a preference file that
     // had to be kept aside or a database that cannot be read; nothing stored is lost.
     [[nodiscard]] Status start();
     // Stops the cloud synchronisation and closes the database.

@@ -48,7 +48,7 @@ inline constexpr std::string_view CLOUD_SYNC_FOLDER = "CLOUD_SYNC_FOLDER";
 }  // namespace PrefKey
 
 class AppPreference {
-public:
+  public:
     static AppPreference& sharedAppPreference();
 
     std::optional<PlistValue> valueForKey(std::string_view key) const;
@@ -72,7 +72,7 @@ public:
     // The same error, cleared by taking it, so that it is reported once.
     std::optional<Error> takeLoadError();
 
-private:
+  private:
     AppPreference();
     mutable std::mutex mutex_;
     PlistDict prefDic_;

@@ -31,8 +31,10 @@ std::optional<std::vector<std::uint8_t>> decode(std::string_view text) {
     if (n < 0) return std::nullopt;
     // EVP_DecodeBlock counts the padding as zero bytes; drop them.
     std::size_t pad = 0;
-    if (clean.ends_with("==")) pad = 2;
-    else if (clean.ends_with("=")) pad = 1;
+    if (clean.ends_with("=="))
+        pad = 2;
+    else if (clean.ends_with("="))
+        pad = 1;
     out.resize(static_cast<std::size_t>(n) - pad);
     return out;
 }

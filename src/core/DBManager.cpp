@@ -52,9 +52,13 @@ DBManager& DBManager::sharedDBManager() {
 
 DBManager::DBManager(std::string path) : path_(std::move(path)) {}
 
-DBManager::~DBManager() { closeDB(); }
+DBManager::~DBManager() {
+    closeDB();
+}
 
-bool DBManager::isOpen() const { return db_ != nullptr; }
+bool DBManager::isOpen() const {
+    return db_ != nullptr;
+}
 
 namespace {
 Error dbError(const std::string& what, sqlite3* db, const std::string& path) {
@@ -71,8 +75,9 @@ Status DBManager::openDB() {
     // The database holds passwords: create it readable by the user only.
     int fd = ::open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     if (fd < 0)
-        return KvError::fail(ErrorDomain::Generic, errno,
-                             fmt::format("Cannot open the database {}: {}", path_, strerror(errno)));
+        return KvError::fail(
+            ErrorDomain::Generic, errno,
+            fmt::format("Cannot open the database {}: {}", path_, strerror(errno)));
     ::close(fd);
     sqlite3* db = nullptr;
     if (sqlite3_open_v2(path_.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_FULLMUTEX,
@@ -146,19 +151,27 @@ Status DBManager::execute(const std::string& sql, const std::vector<SqlValue>& p
         values.reserve(static_cast<std::size_t>(n));
         for (int c = 0; c < n; ++c) {
             switch (sqlite3_column_type(stmt, c)) {
-                case SQLITE_INTEGER: values.emplace_back(std::int64_t{sqlite3_column_int64(stmt, c)}); break;
-                case SQLITE_FLOAT: values.emplace_back(sqlite3_column_double(stmt, c)); break;
-                case SQLITE_NULL: values.emplace_back(nullptr); break;
+                case SQLITE_INTEGER:
+                    values.emplace_back(std::int64_t{sqlite3_column_int64(stmt, c)});
+                    break;
+                case SQLITE_FLOAT:
+                    values.emplace_back(sqlite3_column_double(stmt, c));
+                    break;
+                case SQLITE_NULL:
+                    values.emplace_back(nullptr);
+                    break;
                 default: {
                     auto* t = reinterpret_cast<const char*>(sqlite3_column_text(stmt, c));
-                    values.emplace_back(std::string(t ? t : "", static_cast<std::size_t>(sqlite3_column_bytes(stmt, c))));
+                    values.emplace_back(std::string(
+                        t ? t : "", static_cast<std::size_t>(sqlite3_column_bytes(stmt, c))));
                 }
             }
         }
         row(values);
     }
     Status result;
-    if (rc != SQLITE_DONE) result = std::unexpected(dbError("Database statement failed on", db_, path_));
+    if (rc != SQLITE_DONE)
+        result = std::unexpected(dbError("Database statement failed on", db_, path_));
     sqlite3_finalize(stmt);
     return result;
 }

@@ -21,7 +21,7 @@ using SqlValue = std::variant<std::nullptr_t, std::int64_t, double, std::string>
 using SqlRow = std::vector<SqlValue>;
 
 class DBManager {
-public:
+  public:
     static DBManager& sharedDBManager();
     // A manager for one database file, for tests and tools.
     explicit DBManager(std::string path);
@@ -47,7 +47,7 @@ public:
     // The table statements run when a table is missing.
     static const std::vector<std::pair<std::string, std::string>>& tableStatements();
 
-private:
+  private:
     std::string path_;
     sqlite3* db_ = nullptr;
     std::recursive_mutex mutex_;

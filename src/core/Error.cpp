@@ -4,7 +4,9 @@
 
 namespace quillon {
 
-std::string Error::describe() const { return fmt::format("{} ({} {})", reason, domain, code); }
+std::string Error::describe() const {
+    return fmt::format("{} ({} {})", reason, domain, code);
+}
 
 namespace KvError {
 

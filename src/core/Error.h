@@ -23,14 +23,14 @@ using Result = std::expected<T, Error>;
 using Status = std::expected<void, Error>;
 
 namespace ErrorCode {
-inline constexpr long NoPermission = 10001;        // local item cannot be opened for lack of permission
-inline constexpr long TransferFailed = 10002;      // a transfer step failed
-inline constexpr long DeleteFailed = 10003;        // delete failed
-inline constexpr long MoveFailed = 10005;          // move or rename failed
-inline constexpr long DownloadFailed = 10006;      // a client's synchronous download failed
-inline constexpr long UploadFailed = 10007;        // a client's synchronous upload failed
-inline constexpr long NotFound = 10008;            // item not found
-inline constexpr long NoThumbnail = 10009;         // thumbnail could not be produced
+inline constexpr long NoPermission = 10001;    // local item cannot be opened for lack of permission
+inline constexpr long TransferFailed = 10002;  // a transfer step failed
+inline constexpr long DeleteFailed = 10003;    // delete failed
+inline constexpr long MoveFailed = 10005;      // move or rename failed
+inline constexpr long DownloadFailed = 10006;  // a client's synchronous download failed
+inline constexpr long UploadFailed = 10007;    // a client's synchronous upload failed
+inline constexpr long NotFound = 10008;        // item not found
+inline constexpr long NoThumbnail = 10009;     // thumbnail could not be produced
 inline constexpr long CrossCopyFailed = 10013;     // cross-server copy failed
 inline constexpr long CreateFolderFailed = 10014;  // create folder failed
 inline constexpr long CloudListFailed = 20001;     // listing or search of a cloud folder failed

@@ -44,7 +44,8 @@ std::string FileService::cachePathForMetadata(const KvMetadata& meta,
     while (start <= path.size()) {
         auto end = path.find('/', start);
         if (end == std::string::npos) end = path.size();
-        if (end > start) result += "/" + safeComponent(std::string_view(path).substr(start, end - start));
+        if (end > start)
+            result += "/" + safeComponent(std::string_view(path).substr(start, end - start));
         start = end + 1;
     }
     return result;

@@ -10,7 +10,7 @@
 namespace quillon {
 
 class FileService {
-public:
+  public:
     static FileService& sharedService();
 
     // <cache folder>/Downloaded/<server id>/<remote path>, with each path component made safe

@@ -38,7 +38,7 @@ namespace {
 // The global queue: a thread pool that starts a thread whenever no thread is idle, and lets a
 // thread end after a while without work.
 class BackgroundQueue {
-public:
+  public:
     void submit(std::function<void()> fn) {
         std::unique_lock lock(mutex_);
         work_.push_back(std::move(fn));
@@ -54,13 +54,14 @@ public:
         return threads_;
     }
 
-private:
+  private:
     void worker() {
         std::unique_lock lock(mutex_);
         while (true) {
             if (work_.empty()) {
                 ++idle_;
-                bool got = cv_.wait_for(lock, std::chrono::seconds(10), [&] { return !work_.empty(); });
+                bool got =
+                    cv_.wait_for(lock, std::chrono::seconds(10), [&] { return !work_.empty(); });
                 --idle_;
                 if (!got) {
                     --threads_;
@@ -95,9 +96,13 @@ std::chrono::nanoseconds toNanos(double seconds) {
 
 namespace GCD {
 
-void doInBackground(std::function<void()> block) { globalQueue().submit(std::move(block)); }
+void doInBackground(std::function<void()> block) {
+    globalQueue().submit(std::move(block));
+}
 
-void doInForeground(std::function<void()> block) { MainQueue::shared().post(std::move(block)); }
+void doInForeground(std::function<void()> block) {
+    MainQueue::shared().post(std::move(block));
+}
 
 void doInForeground(std::function<void()> block, double afterSeconds) {
     MainQueue::shared().postAfter(toNanos(afterSeconds), std::move(block));
@@ -133,7 +138,9 @@ void doOnce(const std::function<void()>& block) {
     std::call_once(token, [&] { block(); });
 }
 
-SemaphorePtr initSema() { return std::make_shared<Semaphore>(); }
+SemaphorePtr initSema() {
+    return std::make_shared<Semaphore>();
+}
 
 bool waitSema(const SemaphorePtr& sema, double seconds) {
     if (!sema) return false;
@@ -146,7 +153,9 @@ void signalSema(const SemaphorePtr& sema) {
     }
 }
 
-int backgroundThreadCount() { return globalQueue().threads(); }
+int backgroundThreadCount() {
+    return globalQueue().threads();
+}
 
 }  // namespace GCD
 }  // namespace quillon

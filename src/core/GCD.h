@@ -11,14 +11,14 @@ namespace quillon {
 
 // A counting semaphore whose signal can release every waiter at once.
 class Semaphore {
-public:
+  public:
     // Signals once; true when the signal woke a waiting thread.
     bool signal();
     // Waits for a signal; false on time-out.
     bool wait(std::chrono::nanoseconds timeout);
     int waiters() const;
 
-private:
+  private:
     mutable std::mutex mutex_;
     std::condition_variable cv_;
     long value_ = 0;

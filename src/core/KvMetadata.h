@@ -18,7 +18,7 @@ using TimePoint = std::chrono::system_clock::time_point;
 using OptString = std::optional<std::string>;
 
 class KvMetadata {
-public:
+  public:
     // Plain fields, in declaration order.
     bool isDir = false;
     bool isSymbolLink = false;
@@ -88,7 +88,7 @@ public:
     // The record's copy: exactly the nineteen copied fields; the rest start empty.
     KvMetadata copy() const;
 
-private:
+  private:
     mutable OptString path_;
     OptString name_;
 };

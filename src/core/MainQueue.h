@@ -13,7 +13,7 @@
 namespace quillon {
 
 class MainQueue {
-public:
+  public:
     using Clock = std::chrono::steady_clock;
     using TimerId = std::uint64_t;
 
@@ -43,7 +43,7 @@ public:
     void setClock(std::function<Clock::time_point()> now);
     Clock::time_point now() const;
 
-private:
+  private:
     MainQueue();
     struct Timer {
         Clock::time_point due;

@@ -11,7 +11,8 @@ NotificationCenter& NotificationCenter::defaultCenter() {
     return *center;
 }
 
-NotificationCenter::Token NotificationCenter::addObserver(std::string_view name, Observer observer) {
+NotificationCenter::Token NotificationCenter::addObserver(std::string_view name,
+                                                          Observer observer) {
     std::lock_guard lock(mutex_);
     Token t = next_++;
     observers_.emplace(t, std::make_pair(std::string(name), std::move(observer)));
@@ -35,7 +36,8 @@ void NotificationCenter::post(std::string_view name, const UserInfo& userInfo) {
 }
 
 void NotificationCenter::postOnMainQueue(std::string_view name, UserInfo userInfo) {
-    MainQueue::shared().post([this, n = std::string(name), info = std::move(userInfo)] { post(n, info); });
+    MainQueue::shared().post(
+        [this, n = std::string(name), info = std::move(userInfo)] { post(n, info); });
 }
 
 }  // namespace quillon

@@ -23,7 +23,7 @@ inline constexpr std::string_view MUSIC_ITEM_CHANGED_NOTIFICATION =
 using UserInfo = std::map<std::string, std::any>;
 
 class NotificationCenter {
-public:
+  public:
     using Observer = std::function<void(const UserInfo&)>;
     using Token = std::uint64_t;
 
@@ -37,7 +37,7 @@ public:
     // Delivers on the main queue instead of the calling thread.
     void postOnMainQueue(std::string_view name, UserInfo userInfo = {});
 
-private:
+  private:
     std::mutex mutex_;
     std::map<Token, std::pair<std::string, Observer>> observers_;
     Token next_ = 1;

@@ -50,7 +50,9 @@ std::string userDir(const std::string& key, const std::string& fallback) {
     return realHome() + "/" + fallback;
 }
 
-std::optional<std::string> override() { return env("QUILLON_HOME"); }
+std::optional<std::string> override() {
+    return env("QUILLON_HOME");
+}
 
 std::string ensured(const std::string& p) {
     ensureFolder(p);
@@ -87,9 +89,13 @@ void cleanAppTempDir() {
     for (auto& e : fs::directory_iterator(getAppTempPath(), ec)) fs::remove_all(e.path(), ec);
 }
 
-std::string getDBFolderPath() { return ensured(getAppDataFolderPath() + "/db"); }
+std::string getDBFolderPath() {
+    return ensured(getAppDataFolderPath() + "/db");
+}
 
-std::string getBackupFolderPath() { return ensured(getAppDataFolderPath() + "/Backup"); }
+std::string getBackupFolderPath() {
+    return ensured(getAppDataFolderPath() + "/Backup");
+}
 
 std::string getHomeFolderPath() {
     if (auto o = override()) return ensured(*o + "/home");
@@ -106,7 +112,9 @@ std::string getDesktopFolderPath() {
     return userDir("DESKTOP", "Desktop");
 }
 
-std::string getApplicationsFolderPath() { return "/Applications"; }
+std::string getApplicationsFolderPath() {
+    return "/Applications";
+}
 
 std::string getResourceFolderPath() {
     if (auto r = env("QUILLON_RESOURCES")) return *r;

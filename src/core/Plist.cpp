@@ -129,7 +129,9 @@ std::string nodeText(xmlNodePtr n) {
     return s;
 }
 
-bool isElement(xmlNodePtr n) { return n && n->type == XML_ELEMENT_NODE; }
+bool isElement(xmlNodePtr n) {
+    return n && n->type == XML_ELEMENT_NODE;
+}
 
 Result<PlistValue> readValue(xmlNodePtr n, int depth) {
     auto bad = [](const std::string& why) {

@@ -7,7 +7,9 @@
 
 namespace quillon {
 
-bool isTrueProp(std::string_view v) { return v == "1" || v == "TRUE" || v == "YES"; }
+bool isTrueProp(std::string_view v) {
+    return v == "1" || v == "TRUE" || v == "YES";
+}
 
 std::string makeUUID() {
     unsigned char b[16];
@@ -35,7 +37,9 @@ void ServerInfo::setValue(const std::optional<std::string>& value, std::string_v
     props[std::string(key)] = value.value_or("");
 }
 
-void ServerInfo::removeObjectForKey(std::string_view key) { props.erase(std::string(key)); }
+void ServerInfo::removeObjectForKey(std::string_view key) {
+    props.erase(std::string(key));
+}
 
 bool ServerInfo::boolValueForKey(std::string_view key) const {
     auto v = valueForKey(key);
@@ -51,7 +55,9 @@ void ServerInfo::setServerType(long type) {
     setValue(fmt::format("{}", type), ServerProp::SERVER_TYPE);
 }
 
-std::string ServerInfo::keyID() const { return "SI:" + serverID; }
+std::string ServerInfo::keyID() const {
+    return "SI:" + serverID;
+}
 
 std::string ServerInfo::description() const {
     auto sort = valueForKey(ServerProp::CONNECTION_SORT_ID);

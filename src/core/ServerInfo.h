@@ -57,7 +57,7 @@ inline constexpr std::string_view SI_LAST_UPDATE = "SI_LAST_UPDATE";
 bool isTrueProp(std::string_view value);
 
 class ServerInfo {
-public:
+  public:
     std::string serverID;  // a fresh UUID string
     std::int32_t protocolType = 0;
     std::string displayName;

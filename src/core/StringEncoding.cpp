@@ -76,12 +76,12 @@ std::optional<unsigned long> encodingNumberForName(std::string_view name) {
     }
     auto key = squash(name);
     static const std::vector<std::pair<std::string_view, std::string_view>> aliases = {
-        {"utf8", "UTF-8"},        {"sjis", "Shift_JIS"},     {"shiftjis", "Shift_JIS"},
-        {"cp932", "Shift_JIS"},   {"latin1", "ISO-8859-1"},  {"latin2", "ISO-8859-2"},
+        {"utf8", "UTF-8"},          {"sjis", "Shift_JIS"},      {"shiftjis", "Shift_JIS"},
+        {"cp932", "Shift_JIS"},     {"latin1", "ISO-8859-1"},   {"latin2", "ISO-8859-2"},
         {"cp1252", "Windows-1252"}, {"cp1251", "Windows-1251"}, {"cp936", "GBK"},
-        {"euccn", "GB2312"},      {"big5", "Big5"},          {"ascii", "ASCII"},
-        {"usascii", "ASCII"},     {"eucjp", "EUC-JP"},       {"euckr", "EUC-KR"},
-        {"cp949", "EUC-KR"},      {"koi8r", "KOI8-R"},       {"macroman", "MacRoman"},
+        {"euccn", "GB2312"},        {"big5", "Big5"},           {"ascii", "ASCII"},
+        {"usascii", "ASCII"},       {"eucjp", "EUC-JP"},        {"euckr", "EUC-KR"},
+        {"cp949", "EUC-KR"},        {"koi8r", "KOI8-R"},        {"macroman", "MacRoman"},
     };
     for (auto& [alias, canonical] : aliases)
         if (key == alias) key = squash(canonical);
@@ -106,8 +106,9 @@ namespace {
 Result<std::string> convert(std::string_view in, const std::string& from, const std::string& to) {
     iconv_t cd = iconv_open(to.c_str(), from.c_str());
     if (cd == reinterpret_cast<iconv_t>(-1))
-        return KvError::fail(ErrorDomain::Generic, -1,
-                             fmt::format("The encoding {} is not available here", from == "UTF-8" ? to : from));
+        return KvError::fail(
+            ErrorDomain::Generic, -1,
+            fmt::format("The encoding {} is not available here", from == "UTF-8" ? to : from));
     std::string out;
     std::string input(in);
     char* src = input.data();
@@ -144,14 +145,18 @@ Result<std::string> convert(std::string_view in, const std::string& from, const 
 Result<std::string> fromUtf8(std::string_view utf8, unsigned long encoding) {
     if (encoding == UTF8) return std::string(utf8);
     auto name = iconvNameForEncodingNumber(encoding);
-    if (!name) return KvError::fail(ErrorDomain::Generic, -1, fmt::format("Unknown encoding {}", encoding));
+    if (!name)
+        return KvError::fail(ErrorDomain::Generic, -1,
+                             fmt::format("Unknown encoding {}", encoding));
     return convert(utf8, "UTF-8", *name);
 }
 
 Result<std::string> toUtf8(std::string_view bytes, unsigned long encoding) {
     if (encoding == UTF8) return std::string(bytes);
     auto name = iconvNameForEncodingNumber(encoding);
-    if (!name) return KvError::fail(ErrorDomain::Generic, -1, fmt::format("Unknown encoding {}", encoding));
+    if (!name)
+        return KvError::fail(ErrorDomain::Generic, -1,
+                             fmt::format("Unknown encoding {}", encoding));
     return convert(bytes, *name, "UTF-8");
 }
 

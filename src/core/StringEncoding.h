@@ -14,9 +14,9 @@ namespace quillon::StringEncoding {
 inline constexpr unsigned long UTF8 = 4;
 
 struct Encoding {
-    unsigned long number;     // the platform's encoding number
-    std::string_view name;    // the usual name ("UTF-8", "GBK", "Shift_JIS", ...)
-    std::string_view iconv;   // the iconv name
+    unsigned long number;    // the platform's encoding number
+    std::string_view name;   // the usual name ("UTF-8", "GBK", "Shift_JIS", ...)
+    std::string_view iconv;  // the iconv name
 };
 const std::vector<Encoding>& knownEncodings();
 

@@ -32,7 +32,9 @@ Status Wrapper::searchSync(const KvMetadata&, const std::string&,
     return std::unexpected(unsupported("Search"));
 }
 
-void Wrapper::deliverCompletion(std::function<void()> fn) { GCD::doInForeground(std::move(fn)); }
+void Wrapper::deliverCompletion(std::function<void()> fn) {
+    GCD::doInForeground(std::move(fn));
+}
 
 void Wrapper::runAsync(std::function<std::optional<Error>()> work, CompletionHandler complete) {
     // The queued work holds the client alive until its completion has run.
@@ -59,8 +61,8 @@ void Wrapper::signIn(CompletionHandler complete) {
 void Wrapper::contentsOfDirectoryAtPath(const KvMetadata& folder, ListingHandler complete) {
     auto self = shared_from_this();
     GCD::doInBackground([self, folder, complete = std::move(complete)] {
-        auto result = std::make_shared<Result<KvMetadataList>>(
-            self->contentsOfDirectoryAtPathSync(folder));
+        auto result =
+            std::make_shared<Result<KvMetadataList>>(self->contentsOfDirectoryAtPathSync(folder));
         self->deliverCompletion([self, complete, result] {
             if (complete) complete(std::move(*result));
         });
@@ -69,8 +71,9 @@ void Wrapper::contentsOfDirectoryAtPath(const KvMetadata& folder, ListingHandler
 
 void Wrapper::download(const KvMetadata& file, const std::string& saveTo,
                        CompletionHandler complete, ProgressHandler progress) {
-    runAsync([this, file, saveTo, progress] { return errorOf(downloadSync(file, saveTo, progress)); },
-             std::move(complete));
+    runAsync(
+        [this, file, saveTo, progress] { return errorOf(downloadSync(file, saveTo, progress)); },
+        std::move(complete));
 }
 
 void Wrapper::upload(const KvMetadata& localFile, const KvMetadata& toFolder,
@@ -103,9 +106,11 @@ void Wrapper::moveItems(const KvMetadataList& items, const KvMetadata& toFolder,
 }
 
 void Wrapper::search(const KvMetadata& folder, const std::string& keyword,
-                     CompletionHandler complete, std::function<void(const KvMetadataList&)> update) {
-    runAsync([this, folder, keyword, update] { return errorOf(searchSync(folder, keyword, update)); },
-             std::move(complete));
+                     CompletionHandler complete,
+                     std::function<void(const KvMetadataList&)> update) {
+    runAsync(
+        [this, folder, keyword, update] { return errorOf(searchSync(folder, keyword, update)); },
+        std::move(complete));
 }
 
 }  // namespace quillon

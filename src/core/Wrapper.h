@@ -33,7 +33,7 @@ struct WrapperCapabilities {
 };
 
 class Wrapper : public std::enable_shared_from_this<Wrapper> {
-public:
+  public:
     explicit Wrapper(ServerInfoPtr serverInfo);
     virtual ~Wrapper() = default;
     Wrapper(const Wrapper&) = delete;
@@ -57,8 +57,7 @@ public:
                                               const ProgressHandler& progress) = 0;
     // Puts a local file into the folder under its own name. Fails with 10007 or the underlying
     // error.
-    [[nodiscard]] virtual Status uploadSync(const KvMetadata& localFile,
-                                            const KvMetadata& toFolder,
+    [[nodiscard]] virtual Status uploadSync(const KvMetadata& localFile, const KvMetadata& toFolder,
                                             const ProgressHandler& progress) = 0;
     // Renames or moves: `to` holds the new path and name. Fails with 10005 or the underlying
     // error.
@@ -88,16 +87,17 @@ public:
     [[nodiscard]] virtual Status moveItemsSync(const KvMetadataList& items,
                                                const KvMetadata& toFolder);
     // Optional: searches below a folder; results arrive through `update`.
-    [[nodiscard]] virtual Status searchSync(const KvMetadata& folder, const std::string& keyword,
-                                            const std::function<void(const KvMetadataList&)>& update);
+    [[nodiscard]] virtual Status searchSync(
+        const KvMetadata& folder, const std::string& keyword,
+        const std::function<void(const KvMetadataList&)>& update);
 
     // Asynchronous forms.
     void signIn(CompletionHandler complete);
     void contentsOfDirectoryAtPath(const KvMetadata& folder, ListingHandler complete);
     void download(const KvMetadata& file, const std::string& saveTo, CompletionHandler complete,
                   ProgressHandler progress);
-    void upload(const KvMetadata& localFile, const KvMetadata& toFolder,
-                CompletionHandler complete, ProgressHandler progress);
+    void upload(const KvMetadata& localFile, const KvMetadata& toFolder, CompletionHandler complete,
+                ProgressHandler progress);
     void move(const KvMetadata& item, const KvMetadata& to, CompletionHandler complete);
     void remove(const KvMetadataList& items, CompletionHandler complete);
     void downloadThumbnail(const KvMetadata& item, CompletionHandler complete);
@@ -116,7 +116,7 @@ public:
     bool forceIncludesHiddenFiles() const { return forceIncludesHiddenFiles_; }
     void setForceIncludesHiddenFiles(bool b) { forceIncludesHiddenFiles_ = b; }
 
-protected:
+  protected:
     // Where completions of asynchronous forms run: the main queue. A client that calls back on
     // its worker overrides this one choice.
     virtual void deliverCompletion(std::function<void()> fn);
@@ -126,7 +126,7 @@ protected:
     std::uint64_t offset_ = 0;
     std::uint64_t contentLength_ = 0;
 
-private:
+  private:
     void runAsync(std::function<std::optional<Error>()> work, CompletionHandler complete);
 
     ServerInfoPtr serverInfo_;

@@ -3,12 +3,12 @@
 #include <fmt/format.h>
 #include <sys/stat.h>
 
+#include <unistd.h>
 #include <array>
 #include <chrono>
 #include <cmath>
 #include <map>
 #include <mutex>
-#include <unistd.h>
 
 #include "core/FileService.h"
 #include "core/ServerInfoService.h"
@@ -22,12 +22,18 @@ struct Kind {
     std::string_view name;
 };
 constexpr std::array kKinds = {
-    Kind{0, "LocalWrapper", "local file system"}, Kind{1, "DropboxWrapper", "Dropbox"},
-    Kind{2, "GoogledriveWrapper", "Google Drive"}, Kind{3, "SmbWrapper", "SMB"},
-    Kind{4, "OnedriveWrapper", "OneDrive"},       Kind{5, "BoxWrapper", "Box"},
-    Kind{6, "WebdavWrapper", "WebDAV"},           Kind{7, "FtpWrapper", "FTP"},
-    Kind{8, "", "reserved kind 8"},               Kind{9, "WebdavWrapper", "WebDAV"},
-    Kind{10, "SFTPWrapper", "SFTP"},              Kind{11, "", "reserved kind 11"},
+    Kind{0, "LocalWrapper", "local file system"},
+    Kind{1, "DropboxWrapper", "Dropbox"},
+    Kind{2, "GoogledriveWrapper", "Google Drive"},
+    Kind{3, "SmbWrapper", "SMB"},
+    Kind{4, "OnedriveWrapper", "OneDrive"},
+    Kind{5, "BoxWrapper", "Box"},
+    Kind{6, "WebdavWrapper", "WebDAV"},
+    Kind{7, "FtpWrapper", "FTP"},
+    Kind{8, "", "reserved kind 8"},
+    Kind{9, "WebdavWrapper", "WebDAV"},
+    Kind{10, "SFTPWrapper", "SFTP"},
+    Kind{11, "", "reserved kind 11"},
     Kind{12, "BaiduPanWrapper", "Baidu Pan"},
 };
 
@@ -59,14 +65,13 @@ void registerClass(std::string_view className, Factory factory) {
 }
 
 Result<WrapperPtr> clientForServerInfo(const ServerInfoPtr& serverInfo) {
-    if (!serverInfo)
-        return KvError::fail(ErrorDomain::Generic, -1, "No server record was given.");
+    if (!serverInfo) return KvError::fail(ErrorDomain::Generic, -1, "No server record was given.");
     auto cls = classNameForProtocolType(serverInfo->protocolType);
     if (!cls)
-        return KvError::fail(ErrorDomain::Generic, -1,
-                             fmt::format("Servers of kind {} ({}) cannot be browsed.",
-                                         serverInfo->protocolType,
-                                         kindName(serverInfo->protocolType)));
+        return KvError::fail(
+            ErrorDomain::Generic, -1,
+            fmt::format("Servers of kind {} ({}) cannot be browsed.", serverInfo->protocolType,
+                        kindName(serverInfo->protocolType)));
     Factory factory;
     {
         std::lock_guard lock(registryMutex());
@@ -79,9 +84,9 @@ Result<WrapperPtr> clientForServerInfo(const ServerInfoPtr& serverInfo) {
                                          kindName(serverInfo->protocolType)));
     auto w = factory(serverInfo);
     if (!w)
-        return KvError::fail(ErrorDomain::Generic, -1,
-                             fmt::format("The {} client could not be created.",
-                                         kindName(serverInfo->protocolType)));
+        return KvError::fail(
+            ErrorDomain::Generic, -1,
+            fmt::format("The {} client could not be created.", kindName(serverInfo->protocolType)));
     return w;
 }
 
@@ -104,7 +109,8 @@ bool needDownloadFile(const KvMetadata& file, const ServerInfo& server) {
     if (::stat(cachePath.c_str(), &st) != 0) return true;
     auto cached = std::chrono::system_clock::time_point(
         std::chrono::duration_cast<std::chrono::system_clock::duration>(
-            std::chrono::seconds(st.st_mtim.tv_sec) + std::chrono::nanoseconds(st.st_mtim.tv_nsec)));
+            std::chrono::seconds(st.st_mtim.tv_sec) +
+            std::chrono::nanoseconds(st.st_mtim.tv_nsec)));
     double diff = std::chrono::duration<double>(*file.timestamp - cached).count();
     if (static_cast<std::uint64_t>(st.st_size) == *file.fileSizeInBytes && std::fabs(diff) < 2.0)
         return false;

@@ -11,14 +11,17 @@ using namespace quillon::test;
 namespace fs = std::filesystem;
 
 namespace {
-bool contains(const std::string& s, const std::string& part) { return s.find(part) != std::string::npos; }
+bool contains(const std::string& s, const std::string& part) {
+    return s.find(part) != std::string::npos;
+}
 }  // namespace
 
 TEST(Cli, ServersCanBeAddedShownChangedAndRemoved) {
     IsolatedHome home;
-    auto add = runQuillon({"server", "add", "Office NAS", "--type", "ftp", "--addr", "127.0.0.1",
-                           "--port", "2121", "--user", "me", "--password-stdin", "--encoding", "GBK"},
-                          "s3cret\n");
+    auto add =
+        runQuillon({"server", "add", "Office NAS", "--type", "ftp", "--addr", "127.0.0.1", "--port",
+                    "2121", "--user", "me", "--password-stdin", "--encoding", "GBK"},
+                   "s3cret\n");
     ASSERT_EQ(add.exitCode, 0) << add.err;
     auto again = runQuillon({"server", "add", "Office NAS", "--type", "ftp", "--addr", "x"});
     EXPECT_EQ(again.exitCode, 1);
@@ -29,10 +32,13 @@ TEST(Cli, ServersCanBeAddedShownChangedAndRemoved) {
     EXPECT_TRUE(contains(show.out, "\"ADDR\":\"127.0.0.1\"")) << show.out;
     EXPECT_TRUE(contains(show.out, "\"PORT\":\"2121\""));
     EXPECT_TRUE(contains(show.out, "\"SERVER_ENCODING\":\"2147485233\""));  // GBK's number
-    EXPECT_FALSE(contains(show.out, "s3cret"));                           // secrets are masked
+    EXPECT_FALSE(contains(show.out, "s3cret"));                             // secrets are masked
 
-    ASSERT_EQ(runQuillon({"server", "set", "Office NAS", "PATH=/pub", "FTP_ACTIVE_MODE=YES"}).exitCode, 0);
-    ASSERT_EQ(runQuillon({"server", "set", "Office NAS", "--unset", "FTP_ACTIVE_MODE"}).exitCode, 0);
+    ASSERT_EQ(
+        runQuillon({"server", "set", "Office NAS", "PATH=/pub", "FTP_ACTIVE_MODE=YES"}).exitCode,
+        0);
+    ASSERT_EQ(runQuillon({"server", "set", "Office NAS", "--unset", "FTP_ACTIVE_MODE"}).exitCode,
+              0);
     show = runQuillon({"server", "show", "Office NAS"});
     EXPECT_TRUE(contains(show.out, "PATH = /pub"));
     EXPECT_FALSE(contains(show.out, "FTP_ACTIVE_MODE"));

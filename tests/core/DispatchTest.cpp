@@ -20,11 +20,11 @@ struct FakeSteadyClock {
 };
 
 class CountingConnection : public KvConnection {
-public:
+  public:
     explicit CountingConnection(std::atomic<int>& cleaned) : cleaned_(cleaned) {}
     void cleanup() override { ++cleaned_; }
 
-private:
+  private:
     std::atomic<int>& cleaned_;
 };
 

@@ -17,7 +17,8 @@ TEST(Plist, RoundTripsEveryKindOfValue) {
     d["text"] = std::string("<a & \"b\"> ü 漢字");
     d["date"] = PlistDate(std::chrono::seconds(1700000000)) + std::chrono::microseconds(250000);
     d["data"] = PlistData{0, 1, 2, 255};
-    d["array"] = PlistArray{PlistValue("x"), PlistValue(1), PlistValue(PlistDict{{"k", PlistValue(false)}})};
+    d["array"] =
+        PlistArray{PlistValue("x"), PlistValue(1), PlistValue(PlistDict{{"k", PlistValue(false)}})};
     auto xml = Plist::toXml(PlistValue(d));
     auto back = Plist::fromXml(xml);
     ASSERT_TRUE(back) << back.error().reason;

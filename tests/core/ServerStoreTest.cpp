@@ -29,7 +29,8 @@ TEST(DBManager, CreatesOnlyMissingTablesAndLeavesAForeignFileAlone) {
     EXPECT_EQ(tables, (std::set<std::string>{"bookmarks", "server_info", "server_props", "ads_2",
                                              "favorites", "favorites_props", "sync_info",
                                              "sync_info_props"}));
-    auto rows = db.query("SELECT bookmark_page FROM bookmarks WHERE file_path=?", {std::string("/a.pdf")});
+    auto rows =
+        db.query("SELECT bookmark_page FROM bookmarks WHERE file_path=?", {std::string("/a.pdf")});
     ASSERT_TRUE(rows);
     ASSERT_EQ(rows->size(), 1u);
     EXPECT_EQ(sqlInt((*rows)[0][0]), 3);
@@ -87,8 +88,8 @@ TEST(ServerInfoService, SavesUpdatesAndDeletesRecordsWithTheirProperties) {
 
     ASSERT_TRUE(service.deleteServerInfo(info));
     EXPECT_FALSE(service.serverInfoWithServerID(info.serverID));
-    rows = DBManager::sharedDBManager().query("SELECT COUNT(*) FROM server_props WHERE server_uuid=?",
-                                              {info.serverID});
+    rows = DBManager::sharedDBManager().query(
+        "SELECT COUNT(*) FROM server_props WHERE server_uuid=?", {info.serverID});
     EXPECT_EQ(sqlInt((*rows)[0][0]), 0);
     DBManager::sharedDBManager().closeDB();
 }
@@ -100,7 +101,8 @@ TEST(ServerInfoService, SortsConnectionsNaturallyIgnoringCase) {
         if (sort) i.setValue(*sort, ServerProp::CONNECTION_SORT_ID);
         return i;
     };
-    std::vector<ServerInfo> v{make("ten", "10"), make("two", "2"), make("B", "b1"), make("a", "A1")};
+    std::vector<ServerInfo> v{make("ten", "10"), make("two", "2"), make("B", "b1"),
+                              make("a", "A1")};
     ServerInfoService::sortConnections(v);
     std::vector<std::string> names;
     for (auto& i : v) names.push_back(i.displayName);
@@ -130,5 +132,6 @@ TEST(ServerInfoService, LocalVolumesAreRealFileSystemsWithRootFirst) {
     for (auto& v : volumes) tmp |= v.rootFolderPath == "/tmp";
     EXPECT_TRUE(tmp);
     // The real machine's list starts with "/" too.
-    EXPECT_EQ(ServerInfoService::sharedServerInfoService().rootLocalServerInfo().rootFolderPath, "/");
+    EXPECT_EQ(ServerInfoService::sharedServerInfoService().rootLocalServerInfo().rootFolderPath,
+              "/");
 }

@@ -1,6 +1,6 @@
 // Choosing clients by server kind, and the downloaded-file cache rule.
-#include <gtest/gtest.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <utime.h>
 

@@ -103,10 +103,14 @@ CommandResult runProgram(const std::vector<std::string>& argv, const std::string
             }
             ssize_t r = ::read(fds[i].fd, buf, sizeof buf);
             if (r <= 0) {
-                if (fds[i].fd == outPipe[0]) outOpen = false; else errOpen = false;
+                if (fds[i].fd == outPipe[0])
+                    outOpen = false;
+                else
+                    errOpen = false;
                 continue;
             }
-            (fds[i].fd == outPipe[0] ? result.out : result.err).append(buf, static_cast<std::size_t>(r));
+            (fds[i].fd == outPipe[0] ? result.out : result.err)
+                .append(buf, static_cast<std::size_t>(r));
         }
     }
     if (inPipe[1] >= 0) ::close(inPipe[1]);

@@ -9,7 +9,7 @@ namespace quillon::test {
 
 // A fresh folder under the system temp folder, removed by the destructor.
 class ScratchDir {
-public:
+  public:
     explicit ScratchDir(const std::string& tag = "t");
     ~ScratchDir();
     ScratchDir(const ScratchDir&) = delete;
@@ -17,19 +17,19 @@ public:
     const std::string& path() const { return path_; }
     std::string operator/(const std::string& rel) const { return path_ + "/" + rel; }
 
-private:
+  private:
     std::string path_;
 };
 
 // Points QUILLON_HOME at a fresh scratch folder for the life of the object, so nothing a test
 // does reaches the real home folder.
 class IsolatedHome {
-public:
+  public:
     IsolatedHome();
     ~IsolatedHome();
     const std::string& path() const { return dir_.path(); }
 
-private:
+  private:
     ScratchDir dir_;
     std::string previous_;
     bool hadPrevious_ = false;

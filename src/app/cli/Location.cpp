@@ -103,10 +103,10 @@ Result<ServerInfo> quickConnect(const std::string& text) {
     }
     std::string port = url->port;
     if (port.empty()) {
-        port = scheme == "ftp" || scheme == "ftpes" ? "21"
-               : scheme == "ftps"                   ? "990"
-               : scheme == "sftp"                   ? "22"
-               : scheme == "smb"                    ? "445"
+        port = scheme == "ftp" || scheme == "ftpes"    ? "21"
+               : scheme == "ftps"                      ? "990"
+               : scheme == "sftp"                      ? "22"
+               : scheme == "smb"                       ? "445"
                : scheme == "https" || scheme == "davs" ? "443"
                                                        : "80";
     }
@@ -128,9 +128,11 @@ Result<ServerInfo> quickConnect(const std::string& text) {
             existing.valueForKey(ServerProp::FTP_PROTOCOL) ==
                 info.valueForKey(ServerProp::FTP_PROTOCOL)) {
             if (info.valueForKey(ServerProp::PASSWORD) &&
-                info.valueForKey(ServerProp::PASSWORD) != existing.valueForKey(ServerProp::PASSWORD)) {
+                info.valueForKey(ServerProp::PASSWORD) !=
+                    existing.valueForKey(ServerProp::PASSWORD)) {
                 existing.setValue(info.valueForKey(ServerProp::PASSWORD), ServerProp::PASSWORD);
-                if (auto r = service.updateServerInfo(existing); !r) return std::unexpected(r.error());
+                if (auto r = service.updateServerInfo(existing); !r)
+                    return std::unexpected(r.error());
             }
             return existing;
         }
@@ -155,8 +157,8 @@ ServerInfo volumeFor(const std::string& path) {
     const ServerInfo* best = &volumes.front();
     for (auto& v : volumes) {
         const auto& root = v.rootFolderPath;
-        bool inside = path == root || (path.starts_with(root) &&
-                                       (root == "/" || path[root.size()] == '/'));
+        bool inside =
+            path == root || (path.starts_with(root) && (root == "/" || path[root.size()] == '/'));
         if (inside && root.size() > best->rootFolderPath.size()) best = &v;
     }
     return *best;

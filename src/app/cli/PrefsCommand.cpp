@@ -45,7 +45,8 @@ Result<PlistValue> parseLike(const std::optional<PlistValue>& current, const std
         if (text.empty() || *end) return bad("a number");
         return PlistValue(v);
     }
-    return KvError::fail(ErrorDomain::Generic, -1, "This setting cannot be set from the command line.");
+    return KvError::fail(ErrorDomain::Generic, -1,
+                         "This setting cannot be set from the command line.");
 }
 
 }  // namespace

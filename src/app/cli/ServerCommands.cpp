@@ -16,11 +16,11 @@ namespace quillon::cli {
 namespace {
 
 const std::map<std::string, std::int32_t> kTypes = {
-    {"local", ProtocolType::Local}, {"dropbox", ProtocolType::Dropbox},
+    {"local", ProtocolType::Local},        {"dropbox", ProtocolType::Dropbox},
     {"gdrive", ProtocolType::GoogleDrive}, {"smb", ProtocolType::SMB},
-    {"onedrive", ProtocolType::OneDrive}, {"box", ProtocolType::Box},
-    {"webdav", ProtocolType::WebDAV}, {"ftp", ProtocolType::FTP},
-    {"sftp", ProtocolType::SFTP}, {"baidu", ProtocolType::BaiduPan},
+    {"onedrive", ProtocolType::OneDrive},  {"box", ProtocolType::Box},
+    {"webdav", ProtocolType::WebDAV},      {"ftp", ProtocolType::FTP},
+    {"sftp", ProtocolType::SFTP},          {"baidu", ProtocolType::BaiduPan},
 };
 
 const std::map<std::string, std::string> kFtpProtocols = {
@@ -38,11 +38,16 @@ std::string typeName(std::int32_t type) {
 
 std::string defaultPort(std::int32_t type, const std::string& ftpProtocol) {
     switch (type) {
-        case ProtocolType::FTP: return ftpProtocol == "FTP_PROTOCOL_IMPLICIT" ? "990" : "21";
-        case ProtocolType::SFTP: return "22";
-        case ProtocolType::SMB: return "445";
-        case ProtocolType::WebDAV: return "80";
-        default: return "";
+        case ProtocolType::FTP:
+            return ftpProtocol == "FTP_PROTOCOL_IMPLICIT" ? "990" : "21";
+        case ProtocolType::SFTP:
+            return "22";
+        case ProtocolType::SMB:
+            return "445";
+        case ProtocolType::WebDAV:
+            return "80";
+        default:
+            return "";
     }
 }
 
@@ -82,8 +87,7 @@ std::string serverLine(const ServerInfo& info) {
 
 Result<ServerInfo> requireServer(const std::string& name) {
     auto info = findServer(name);
-    if (!info)
-        return KvError::fail(ErrorDomain::Generic, -1, "No server named \"" + name + "\".");
+    if (!info) return KvError::fail(ErrorDomain::Generic, -1, "No server named \"" + name + "\".");
     return *info;
 }
 
@@ -123,7 +127,9 @@ void registerServerCommands(Cli& cli) {
     auto add = std::make_shared<AddOptions>();
     auto* addCmd = server->add_subcommand("add", "Add a server");
     addCmd->add_option("NAME", add->name, "Display name")->required();
-    addCmd->add_option("--type", add->type, "local, dropbox, gdrive, smb, onedrive, box, webdav, ftp, sftp, baidu")
+    addCmd
+        ->add_option("--type", add->type,
+                     "local, dropbox, gdrive, smb, onedrive, box, webdav, ftp, sftp, baidu")
         ->required()
         ->check(CLI::IsMember({"local", "dropbox", "gdrive", "smb", "onedrive", "box", "webdav",
                                "ftp", "sftp", "baidu"}));
@@ -132,12 +138,16 @@ void registerServerCommands(Cli& cli) {
     addCmd->add_option("--path", add->path, "Start folder on the server");
     addCmd->add_option("--user", add->user, "User name");
     auto* pw = addCmd->add_option("--password", add->password, "Password");
-    addCmd->add_flag("--password-stdin", add->passwordStdin, "Read the password from standard input")
+    addCmd
+        ->add_flag("--password-stdin", add->passwordStdin, "Read the password from standard input")
         ->excludes(pw);
-    addCmd->add_option("--ftp-protocol", add->ftpProtocol, "plain, explicit-if-available, explicit or implicit")
+    addCmd
+        ->add_option("--ftp-protocol", add->ftpProtocol,
+                     "plain, explicit-if-available, explicit or implicit")
         ->check(CLI::IsMember({"plain", "explicit-if-available", "explicit", "implicit"}));
     addCmd->add_flag("--active", add->active, "FTP active mode");
-    addCmd->add_option("--encoding", add->encoding, "Server's file-name encoding (UTF-8, GBK, Shift_JIS, ...)");
+    addCmd->add_option("--encoding", add->encoding,
+                       "Server's file-name encoding (UTF-8, GBK, Shift_JIS, ...)");
     addCmd->callback([&cli, add] {
         cli.action = [add] {
             if (auto r = startApplication(); !r) return reportError(r.error());
@@ -177,8 +187,10 @@ void registerServerCommands(Cli& cli) {
                 info.setValue(std::to_string(*number), ServerProp::SERVER_ENCODING);
             }
             if (info.protocolType != ProtocolType::Local && add->addr.empty() &&
-                (info.protocolType == ProtocolType::FTP || info.protocolType == ProtocolType::SFTP ||
-                 info.protocolType == ProtocolType::SMB || info.protocolType == ProtocolType::WebDAV))
+                (info.protocolType == ProtocolType::FTP ||
+                 info.protocolType == ProtocolType::SFTP ||
+                 info.protocolType == ProtocolType::SMB ||
+                 info.protocolType == ProtocolType::WebDAV))
                 return reportMessage("--addr is required for this kind of server.", kExitUsage);
             auto& service = ServerInfoService::sharedServerInfoService();
             auto remote = service.remoteServerInfos();
@@ -204,9 +216,8 @@ void registerServerCommands(Cli& cli) {
                 fmt::print("{}\n", serverJson(*info));
                 return kExitOk;
             }
-            fmt::print("name:  {}\nid:    {}\ntype:  {} ({})\n", info->displayName,
-                       info->serverID, typeName(info->protocolType),
-                       WrapperProxy::kindName(info->protocolType));
+            fmt::print("name:  {}\nid:    {}\ntype:  {} ({})\n", info->displayName, info->serverID,
+                       typeName(info->protocolType), WrapperProxy::kindName(info->protocolType));
             for (auto& [k, v] : info->props)
                 fmt::print("  {} = {}\n", k, isSecret(k) ? std::string("********") : v);
             return kExitOk;
@@ -226,7 +237,8 @@ void registerServerCommands(Cli& cli) {
             auto info = requireServer(*setName);
             if (!info) return reportError(info.error());
             if (setPairs->empty() && unsetKeys->empty())
-                return reportMessage("Nothing to set: give KEY=VALUE pairs or --unset KEY.", kExitUsage);
+                return reportMessage("Nothing to set: give KEY=VALUE pairs or --unset KEY.",
+                                     kExitUsage);
             for (auto& pair : *setPairs) {
                 auto eq = pair.find('=');
                 if (eq == std::string::npos || eq == 0)

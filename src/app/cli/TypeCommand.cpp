@@ -17,7 +17,8 @@ void registerTypeCommand(Cli& cli) {
                 auto kind = FileTypeUtils::kindForFileName(n, false);
                 auto icon = FileTypeUtils::iconNameForFileName(n);
                 if (*json)
-                    fmt::print("{{\"name\":\"{}\",\"kind\":\"{}\",\"icon\":\"{}\"}}\n", n, kind, icon);
+                    fmt::print("{{\"name\":\"{}\",\"kind\":\"{}\",\"icon\":\"{}\"}}\n", n, kind,
+                               icon);
                 else
                     fmt::print("{}\t{}\t{}\n", n, kind, icon);
             }

@@ -1,3 +1,5 @@
 #include "app/cli/Cli.h"
 
-int main(int argc, char** argv) { return quillon::cli::run(argc, argv); }
+int main(int argc, char** argv) {
+    return quillon::cli::run(argc, argv);
+}
