@@ -25,7 +25,7 @@ CURLConnection::~CURLConnection() {
     if (multi_) curl_multi_cleanup(multi_);
 }
 
-int CURLConnection::perform() {
+int CURLConnection::perform(const std::function<bool()>& shouldStop) {
     if (!curl_) return CURLE_FAILED_INIT;
     if (!multi_) multi_ = curl_multi_init();
     if (!multi_ || curl_multi_add_handle(multi_, curl_) != CURLM_OK)
@@ -33,6 +33,10 @@ int CURLConnection::perform() {
     CURLcode result = CURLE_OK;
     bool finished = false;
     for (;;) {
+        if (shouldStop && shouldStop()) {
+            result = CURLE_ABORTED_BY_CALLBACK;
+            break;
+        }
         int running = 0;
         if (curl_multi_perform(multi_, &running) != CURLM_OK) {
             result = CURLE_OUT_OF_MEMORY;
@@ -49,7 +53,8 @@ int CURLConnection::perform() {
         long timeoutMs = -1;
         curl_multi_timeout(multi_, &timeoutMs);
         if (timeoutMs == 0) continue;  // libcurl has work to do at once
-        if (timeoutMs < 0 || timeoutMs > 1000) timeoutMs = 1000;
+        long slice = shouldStop ? 250 : 1000;
+        if (timeoutMs < 0 || timeoutMs > slice) timeoutMs = slice;
         int ready = 0;
         auto before = std::chrono::steady_clock::now();
         if (curl_multi_wait(multi_, nullptr, 0, static_cast<int>(timeoutMs), &ready) != CURLM_OK) {

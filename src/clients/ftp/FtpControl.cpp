@@ -149,7 +149,7 @@ void FtpWrapper::resetCURL(CURL* curl) {
 
 int FtpWrapper::runCurlEasyPerform(CURLConnection& connection) {
     CURL* curl = connection.curl();
-    auto rc = connection.perform();
+    auto rc = connection.perform(stopWhenCancelled());
     if (rc != CURLE_COULDNT_CONNECT && rc != CURLE_OPERATION_TIMEDOUT &&
         rc != CURLE_SSL_CONNECT_ERROR)
         return rc;
@@ -162,7 +162,7 @@ int FtpWrapper::runCurlEasyPerform(CURLConnection& connection) {
         std::fflush(file_);
         std::fseek(file_, static_cast<long>(finishedDlSize_), SEEK_SET);
     }
-    rc = connection.perform();
+    rc = connection.perform(stopWhenCancelled());
     triedAfterTimeout_ = true;
     if (rc != CURLE_OK) return rc;
     auto& info = *serverInfo();

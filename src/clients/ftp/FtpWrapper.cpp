@@ -202,7 +202,7 @@ Result<KvMetadataList> FtpWrapper::listDir(const KvMetadata& folder, const char*
         curl_easy_setopt(curl, CURLOPT_NOBODY, 1L);
         curl_easy_setopt(curl, CURLOPT_HEADERDATA, this);
         curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, headerCb);
-        if ((*conn)->perform() == CURLE_OK) {
+        if ((*conn)->perform(stopWhenCancelled()) == CURLE_OK) {
             // The last 257 line is the reply to our PWD (libcurl runs one of its own at login).
             auto text = stringForHeaderResp();
             auto at = text.rfind("257 ");
@@ -463,7 +463,12 @@ Status FtpWrapper::uploadFileForFTP(const KvMetadata& localFile, const KvMetadat
     if (cancelled()) {
         direction_ = Direction::None;
         // What arrived of a cancelled upload is not the file: take it away again.
-        if (resumeFrom == 0) (void)curl_runCommandWithoutBody("DELE " + target, baseServerPath());
+        if (resumeFrom == 0) {
+            // This clean-up is the one request that must run although the wrapper is cancelled.
+            cleaningUp_ = true;
+            (void)curl_runCommandWithoutBody("DELE " + target, baseServerPath());
+            cleaningUp_ = false;
+        }
         return KvError::fail(ErrorDomain::FTP, CURLE_ABORTED_BY_CALLBACK, "Upload Cancelled");
     }
     if (rc != CURLE_OK) {

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -156,6 +157,11 @@ class FtpWrapper : public Wrapper {
     void finishProgress(std::int64_t total);
     bool isMissing(const KvMetadata& item);
     Result<KvMetadataList> listing(const KvMetadata& folder, bool forDelete);
+    // Ends a request of this wrapper early once it is cancelled, even while the server keeps
+    // silent.
+    std::function<bool()> stopWhenCancelled() const {
+        return [this] { return cancelled() && !cleaningUp_; };
+    }
     // The error buffer, the reply collector and the progress callback of a transfer.
     void watchTransfer(CURL* curl, char* errorBuffer);
     // Waits retryDelay_ before another attempt; false when the wrapper was cancelled meanwhile.
@@ -182,6 +188,8 @@ class FtpWrapper : public Wrapper {
     std::int64_t offsetStreaming_ = 0;
     bool streamStopped_ = false;
     std::chrono::milliseconds retryDelay_{1000};
+    // Set while a request that undoes a cancelled one runs (it is not itself cut short).
+    bool cleaningUp_ = false;
 };
 
 }  // namespace quillon

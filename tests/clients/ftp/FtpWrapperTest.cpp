@@ -532,6 +532,35 @@ TEST_F(FtpWrapperTest, SurvivesHostileRepliesAndRefusedConnections) {
     }
 }
 
+TEST_F(FtpWrapperTest, CancellingEndsARequestTheServerLeavesUnanswered) {
+    // After the login the server goes silent: without the cancellation the request would wait
+    // for libcurl's 30-second reply time-out.
+    ScriptedFtpServer s("220 hi\r\n", [](const std::string& line) -> std::string {
+        if (line.rfind("USER", 0) == 0) return "331 pass\r\n";
+        if (line.rfind("PASS", 0) == 0) return "230 in\r\n";
+        if (line == "PWD") return "257 \"/\"\r\n";
+        return "";
+    });
+    auto info = std::make_shared<ServerInfo>();
+    info->protocolType = ProtocolType::FTP;
+    info->setValue(std::string("127.0.0.1"), ServerProp::ADDR);
+    info->setValue(std::to_string(s.port()), ServerProp::PORT);
+    info->setValue(std::string("u"), ServerProp::USERNAME);
+    info->setValue(std::string("p"), ServerProp::PASSWORD);
+    FtpWrapper w(info);
+    std::thread canceller([&w] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        w.cancelOperation();
+    });
+    auto start = std::chrono::steady_clock::now();
+    auto r = w.signInSync();
+    auto took = std::chrono::steady_clock::now() - start;
+    canceller.join();
+    EXPECT_FALSE(r);
+    EXPECT_LT(took, std::chrono::seconds(2));
+    KvConnectionPool::clearConnectionPool();
+}
+
 TEST_F(FtpWrapperTest, ReplacesAPooledSessionTheServerClosedWhileIdle) {
     auto server = startOrSkip(FtpServerKind::Pyftpdlib);
     ASSERT_TRUE(server);
