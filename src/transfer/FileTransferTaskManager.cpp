@@ -96,9 +96,7 @@ void FileTransferTaskManager::runNextTask() {
     // ends, and its completion walks again. Counting it out here would start a second task in
     // this walk, and the completion's walk would then start nothing and forget an "apply to
     // all" answer that the second task has yet to read.
-    long long running = 0;
-    for (auto& t : snapshot)
-        if (t->state() == TransferTaskState::Running) ++running;
+    auto running = static_cast<long long>(countInState(TransferTaskState::Running));
     long long limit = maxSimultaneousTransfers();
     bool started = false;
     for (auto& t : snapshot) {
