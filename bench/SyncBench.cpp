@@ -174,6 +174,24 @@ void timeQuillon(benchmark::State& state, const std::string& key, const std::str
     record(state, key, secs, rc == 0, countFiles(localFolder), gSetup.files);
 }
 
+// The first run (--resync) and the no-change run of rclone bisync between `local` and
+// `remote`, timed as "<where>/rclone-bisync/...".
+void addRcloneSteps(const std::string& where, const std::string& local, const std::string& remote,
+                    const std::string& workdir) {
+    for (bool first : {true, false})
+        addStep(where + "/rclone-bisync/" + (first ? "first" : "again"), [=](benchmark::State& st) {
+            std::vector<std::string> argv{
+                "rclone",    "bisync", local,      remote,
+                "--workdir", workdir,  "--config", gBase + "/rclone.conf"};
+            if (first) argv.push_back("--resync");
+            double secs = 0;
+            int rc = run(argv, &secs);
+            st.SetIterationTime(secs);
+            record(st, where + "/rclone/" + (first ? "first" : "again"), secs, rc == 0,
+                   countFiles(local), gSetup.files);
+        });
+}
+
 void registerLocal() {
     auto& s = gSetup;
     std::string remoteA = gBase + "/local/quillon-remote";
@@ -189,20 +207,7 @@ void registerLocal() {
     if (s.rclone) {
         copyTree(s.tree, remoteB);
         fs::create_directories(localB);
-        for (bool first : {true, false})
-            addStep(std::string("local/rclone-bisync/") + (first ? "first" : "again"),
-                    [=](benchmark::State& st) {
-                        std::vector<std::string> argv{"rclone",    "bisync",
-                                                      localB,      remoteB,
-                                                      "--workdir", gBase + "/rclone-work",
-                                                      "--config",  gBase + "/rclone.conf"};
-                        if (first) argv.push_back("--resync");
-                        double secs = 0;
-                        int rc = run(argv, &secs);
-                        st.SetIterationTime(secs);
-                        record(st, std::string("local/rclone/") + (first ? "first" : "again"), secs,
-                               rc == 0, countFiles(localB), gSetup.files);
-                    });
+        addRcloneSteps("local", localB, remoteB, gBase + "/rclone-work");
     }
     if (s.unison) {
         copyTree(s.tree, remoteC);
@@ -250,20 +255,7 @@ void registerFtp() {
                       ",user=" + s.ftp->user() + ",pass=" + obscured + ":/rclone";
         std::string localB = gBase + "/ftp/rclone-local";
         fs::create_directories(localB);
-        for (bool first : {true, false})
-            addStep(std::string("ftp/rclone-bisync/") + (first ? "first" : "again"),
-                    [=](benchmark::State& st) {
-                        std::vector<std::string> argv{"rclone",    "bisync",
-                                                      localB,      gSetup.ftpRemote,
-                                                      "--workdir", gBase + "/rclone-work-ftp",
-                                                      "--config",  gBase + "/rclone.conf"};
-                        if (first) argv.push_back("--resync");
-                        double secs = 0;
-                        int rc = run(argv, &secs);
-                        st.SetIterationTime(secs);
-                        record(st, std::string("ftp/rclone/") + (first ? "first" : "again"), secs,
-                               rc == 0, countFiles(localB), gSetup.files);
-                    });
+        addRcloneSteps("ftp", localB, gSetup.ftpRemote, gBase + "/rclone-work-ftp");
     }
 #endif
 }
