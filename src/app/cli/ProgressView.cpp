@@ -48,44 +48,65 @@ ProgressView::ProgressView(std::FILE* out, bool quiet)
     : out_(out), quiet_(quiet), terminal_(::isatty(::fileno(out)) == 1) {}
 
 void ProgressView::add(const FileTransferTaskPtr& task, std::string label) {
-    rows_.push_back(Row{task, std::move(label), {}});
+    Row row;
+    row.task = task;
+    row.id = static_cast<int>(rows_.size()) + 1;
+    row.label = std::move(label);
+    rows_.push_back(std::move(row));
+}
+
+ProgressView::Row* ProgressView::find(const FileTransferTask& task) {
+    for (auto& row : rows_)
+        if (row.task.get() == &task) return &row;
+    return nullptr;
+}
+
+void ProgressView::takeSample(Row& row, std::int64_t done) {
+    auto now = Clock::now();
+    row.samples.emplace_back(now, done);
+    while (row.samples.size() > 2 && now - row.samples.front().first > std::chrono::seconds(5))
+        row.samples.pop_front();
+}
+
+double ProgressView::rateOf(const Row& row) {
+    if (row.samples.size() < 2) return 0;
+    auto& [t0, b0] = row.samples.front();
+    auto& [t1, b1] = row.samples.back();
+    double dt = std::chrono::duration<double>(t1 - t0).count();
+    return dt > 0.05 ? static_cast<double>(b1 - b0) / dt : 0;
 }
 
 void ProgressView::updateProgress(FileTransferTask& task, std::int64_t transferredBytes,
                                   std::int64_t) {
-    for (auto& row : rows_) {
-        if (row.task.get() != &task) continue;
-        auto now = Clock::now();
-        row.samples.emplace_back(now, transferredBytes);
-        while (row.samples.size() > 2 && now - row.samples.front().first > std::chrono::seconds(5))
-            row.samples.pop_front();
-    }
+    if (auto* row = find(task)) takeSample(*row, transferredBytes);
+}
+
+std::string ProgressView::nameOf(const Row& row) const {
+    std::string name = row.label;
+    if (auto current = row.task->transferringFileMeta())
+        name += " > " + current->nameIgnoreLinkResolve().value_or(
+                            StringUtils::lastPathComponent(current->pathOrEmpty()));
+    return name;
 }
 
 std::string ProgressView::lineOf(const Row& row, std::size_t width) const {
     auto& task = *row.task;
-    std::string name = row.label;
-    if (auto current = task.transferringFileMeta())
-        name += " > " + current->nameIgnoreLinkResolve().value_or(
-                            StringUtils::lastPathComponent(current->pathOrEmpty()));
-    double rate = 0;
-    if (row.samples.size() >= 2) {
-        auto& [t0, b0] = row.samples.front();
-        auto& [t1, b1] = row.samples.back();
-        double dt = std::chrono::duration<double>(t1 - t0).count();
-        if (dt > 0.05) rate = static_cast<double>(b1 - b0) / dt;
-    }
-    return progressLine(name, task.transferredBytes(), task.totalBytes(), rate, width);
+    return progressLine(nameOf(row), task.transferredBytes(), task.totalBytes(), rateOf(row),
+                        width);
 }
 
 void ProgressView::tick() {
     if (quiet_) return;
+    auto live = [](const Row& row) {
+        return row.task->state() == TransferTaskState::Running && !row.ended;
+    };
     auto now = Clock::now();
     if (!terminal_) {
         if (now - lastPlain_ < std::chrono::seconds(2)) return;
         lastPlain_ = now;
+        // Plain lines only for tasks that have reported progress on a known total.
         for (auto& row : rows_)
-            if (row.task->state() == TransferTaskState::Running && row.task->totalBytes() > 0)
+            if (live(row) && !row.samples.empty() && row.task->totalBytes() > 0)
                 fmt::print(out_, "{}\n", lineOf(row, 0));
         std::fflush(out_);
         return;
@@ -97,7 +118,7 @@ void ProgressView::tick() {
     if (blockLines_ > 0) text += fmt::format("\x1b[{}F\x1b[J", blockLines_);
     int lines = 0;
     for (auto& row : rows_) {
-        if (row.task->state() != TransferTaskState::Running) continue;
+        if (!live(row)) continue;
         text += lineOf(row, width) + "\n";
         ++lines;
     }

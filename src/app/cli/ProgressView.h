@@ -45,18 +45,30 @@ class ProgressView : public FileTransferView {
     // Clears the live lines so that other output can follow.
     void clearBlock();
 
-  private:
+  protected:
     struct Row {
         FileTransferTaskPtr task;
+        int id = 0;  // 1, 2, ... in the order the tasks were added
         std::string label;
+        bool ended = false;  // its end was reported: no live line any more
         std::deque<std::pair<Clock::time_point, std::int64_t>> samples;
     };
-    std::string lineOf(const Row& row, std::size_t width) const;
+    Row* find(const FileTransferTask& task);
+    // Adds a sample of the bytes done; the last five seconds of them give the rate.
+    static void takeSample(Row& row, std::int64_t done);
+    // Bytes per second over the samples (0: not known yet).
+    static double rateOf(const Row& row);
+    // The name at the start of a row's line: the label, then the file being moved.
+    virtual std::string nameOf(const Row& row) const;
 
     std::FILE* out_;
+    std::vector<Row> rows_;
+
+  private:
+    std::string lineOf(const Row& row, std::size_t width) const;
+
     bool quiet_;
     bool terminal_;
-    std::vector<Row> rows_;
     int blockLines_ = 0;
     Clock::time_point lastPlain_{};
 };

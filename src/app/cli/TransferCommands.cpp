@@ -14,6 +14,7 @@
 #include <chrono>
 #include <cstdio>
 #include <deque>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -88,25 +89,13 @@ using FileTransferUtils::itemName;
 
 // One line of output per finished task and one live line per running task: redrawn in place on
 // a terminal, printed every few seconds otherwise, or JSON objects with --json.
-class TransferConsole : public FileTransferView {
+class TransferConsole : public ProgressView {
   public:
-    using Clock = std::chrono::steady_clock;
+    TransferConsole(bool json, bool moving)
+        : ProgressView(stderr, /*quiet=*/json), json_(json), moving_(moving) {}
 
-    TransferConsole(bool json, bool moving) : json_(json), moving_(moving) {
-        terminal_ = ::isatty(STDERR_FILENO) == 1;
-    }
-
-    void add(const FileTransferTaskPtr& task, std::string label) {
-        Row row;
-        row.task = task;
-        row.id = static_cast<int>(rows_.size()) + 1;
-        row.label = std::move(label);
-        rows_.push_back(std::move(row));
-    }
-
+    // Progress and ends are wanted in every mode, JSON included.
     bool isDisplayed() const override { return true; }
-    void reloadContent() override {}
-    void close() override { clearBlock(); }
 
     void updateProgress(FileTransferTask& task, std::int64_t done, std::int64_t total) override {
         Row* row = find(task);
@@ -115,41 +104,18 @@ class TransferConsole : public FileTransferView {
         bool final = state == TransferTaskState::Completed || state == TransferTaskState::Failed ||
                      (state == TransferTaskState::Stopped && task.delegate() == nullptr);
         if (final) {
-            if (!row->reported) report(*row);
+            if (!row->ended) report(*row);
             return;
         }
-        auto now = Clock::now();
-        row->samples.emplace_back(now, done);
-        while (row->samples.size() > 2 &&
-               now - row->samples.front().first > std::chrono::seconds(5))
-            row->samples.pop_front();
-        if (json_ && now - row->lastJson >= std::chrono::milliseconds(100)) {
-            row->lastJson = now;
-            emitJsonProgress(*row, done, total);
+        takeSample(*row, done);
+        if (json_) {
+            auto now = Clock::now();
+            auto& last = lastJson_[row->id];
+            if (now - last >= std::chrono::milliseconds(100)) {
+                last = now;
+                emitJsonProgress(*row, done, total);
+            }
         }
-    }
-
-    // Called by a repeating timer: redraws the live lines.
-    void tick() {
-        if (json_) return;
-        auto now = Clock::now();
-        if (terminal_) {
-            drawBlock();
-        } else if (now - lastPlain_ >= std::chrono::seconds(2)) {
-            lastPlain_ = now;
-            for (auto& row : rows_)
-                if (row.task->state() == TransferTaskState::Running && !row.samples.empty())
-                    fmt::print(stderr, "{}\n", liveLine(row, 0));
-            std::fflush(stderr);
-        }
-    }
-
-    // Clears the live lines so that a message or a question can be printed.
-    void clearBlock() {
-        if (!terminal_ || blockLines_ == 0) return;
-        fmt::print(stderr, "\x1b[{}F\x1b[J", blockLines_);
-        blockLines_ = 0;
-        std::fflush(stderr);
     }
 
     void message(const std::string& text) {
@@ -178,7 +144,7 @@ class TransferConsole : public FileTransferView {
     // Reports the tasks that ended without a completion (stopped while waiting).
     void reportRest() {
         for (auto& row : rows_)
-            if (!row.reported) report(row);
+            if (!row.ended) report(row);
     }
 
     bool anyFailed() const {
@@ -187,58 +153,17 @@ class TransferConsole : public FileTransferView {
         });
     }
 
-  private:
-    struct Row {
-        FileTransferTaskPtr task;
-        int id = 0;
-        std::string label;
-        bool reported = false;
-        std::deque<std::pair<Clock::time_point, std::int64_t>> samples;
-        Clock::time_point lastJson{};
-    };
-
-    Row* find(const FileTransferTask& task) {
-        for (auto& row : rows_)
-            if (row.task.get() == &task) return &row;
-        return nullptr;
-    }
-
-    static double rateOf(const Row& row) {
-        if (row.samples.size() < 2) return 0;
-        auto& [t0, b0] = row.samples.front();
-        auto& [t1, b1] = row.samples.back();
-        double dt = std::chrono::duration<double>(t1 - t0).count();
-        return dt > 0.05 ? static_cast<double>(b1 - b0) / dt : 0;
-    }
-
-    std::string liveLine(const Row& row, std::size_t width) const {
+  protected:
+    // The source's name, then the file being moved when the source is a folder.
+    std::string nameOf(const Row& row) const override {
         auto& task = *row.task;
-        std::int64_t done = task.transferredBytes(), total = task.totalBytes();
         std::string name = itemName(task.sourceMetadata);
         if (auto current = task.transferringFileMeta(); current && task.sourceMetadata.isDir)
             name += " > " + itemName(*current);
-        return progressLine(name, done, total, rateOf(row), width);
+        return name;
     }
 
-    void drawBlock() {
-        std::size_t width = 100;
-        struct winsize ws {};
-        if (::ioctl(STDERR_FILENO, TIOCGWINSZ, &ws) == 0 && ws.ws_col > 0) width = ws.ws_col;
-        std::string out;
-        if (blockLines_ > 0) out += fmt::format("\x1b[{}F\x1b[J", blockLines_);
-        int lines = 0;
-        for (auto& row : rows_) {
-            if (row.task->state() != TransferTaskState::Running || row.reported) continue;
-            out += liveLine(row, width) + "\n";
-            ++lines;
-        }
-        blockLines_ = lines;
-        if (!out.empty()) {
-            std::fwrite(out.data(), 1, out.size(), stderr);
-            std::fflush(stderr);
-        }
-    }
-
+  private:
     void emitJsonProgress(const Row& row, std::int64_t done, std::int64_t total) {
         double rate = rateOf(row);
         std::string current = "null";
@@ -258,7 +183,7 @@ class TransferConsole : public FileTransferView {
     }
 
     void report(Row& row) {
-        row.reported = true;
+        row.ended = true;
         auto& task = *row.task;
         auto state = task.state();
         auto error = task.error();
@@ -304,10 +229,7 @@ class TransferConsole : public FileTransferView {
 
     bool json_;
     bool moving_;
-    bool terminal_ = false;
-    std::vector<Row> rows_;
-    int blockLines_ = 0;
-    Clock::time_point lastPlain_{};
+    std::map<int, Clock::time_point> lastJson_;  // by row id
 };
 
 // Answers the engine's questions on the terminal, or from the command's flags.
