@@ -86,7 +86,9 @@ std::string getAppTempPath() {
 
 void cleanAppTempDir() {
     std::error_code ec;
-    for (auto& e : fs::directory_iterator(getAppTempPath(), ec)) fs::remove_all(e.path(), ec);
+    // Stepped with increment(ec): the range-for's ++ throws on a read error.
+    for (fs::directory_iterator it(getAppTempPath(), ec), end; !ec && it != end; it.increment(ec))
+        fs::remove_all(it->path(), ec);
 }
 
 std::string getDBFolderPath() {

@@ -186,10 +186,13 @@ const std::set<std::string> kPseudoFs = {
 std::string volumeName(const std::string& mountPoint, const std::string& source) {
     // A file-system label, when the device has one.
     std::error_code ec;
-    for (auto& e : std::filesystem::directory_iterator("/dev/disk/by-label", ec)) {
-        auto target = std::filesystem::canonical(e.path(), ec);
-        if (!ec && target.string() == source)
-            return unescapeMountField(e.path().filename().string());
+    // Stepped with increment(ec): the range-for's ++ throws on a read error.
+    for (std::filesystem::directory_iterator it("/dev/disk/by-label", ec), end; !ec && it != end;
+         it.increment(ec)) {
+        std::error_code linkEc;
+        auto target = std::filesystem::canonical(it->path(), linkEc);
+        if (!linkEc && target.string() == source)
+            return unescapeMountField(it->path().filename().string());
     }
     if (mountPoint == "/") return "File System";
     auto name = std::filesystem::path(mountPoint).filename().string();

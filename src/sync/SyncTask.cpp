@@ -604,7 +604,8 @@ Status SyncTask::checkSyncCondition() {
 Status SyncTask::syncRemoteFolder(const KvMetadata& remoteFolder, const KvMetadata& localFolder) {
     auto remote = listRemote(remoteFolder, true);
     if (!remote) return std::unexpected(remote.error());
-    bool localExists = !planning_ || std::filesystem::is_directory(localFolder.pathOrEmpty());
+    std::error_code ec;
+    bool localExists = !planning_ || std::filesystem::is_directory(localFolder.pathOrEmpty(), ec);
     auto local = listLocal(localFolder, localExists);
     if (!local) return std::unexpected(local.error());
     // Kept small for the local pass, so that the listings themselves go when this folder is done.
@@ -652,7 +653,7 @@ Status SyncTask::syncRemoteSubfolder(const KvMetadata& r, const KvMetadata* l,
         if (!planning_) {
             std::error_code ec;
             std::filesystem::create_directories(lm.pathOrEmpty(), ec);
-            if (!std::filesystem::is_directory(lm.pathOrEmpty()))
+            if (!std::filesystem::is_directory(lm.pathOrEmpty(), ec))
                 return KvError::fail(ErrorDomain::Local, ErrorCode::CreateFolderFailed,
                                      fmt::format("Cannot create folder {}", lm.pathOrEmpty()));
             std::lock_guard lock(mutex_);
@@ -1078,7 +1079,7 @@ Status SyncTask::deleteFolders() {
                 "it holds items changed on the server"});
         std::error_code ec;
         std::filesystem::create_directories(twin, ec);
-        if (!std::filesystem::is_directory(twin))
+        if (!std::filesystem::is_directory(twin, ec))
             return KvError::fail(ErrorDomain::Local, ErrorCode::CreateFolderFailed,
                                  fmt::format("Cannot create folder {}", twin));
         {
