@@ -139,6 +139,13 @@ std::optional<Error> AppPreference::takeLoadError() {
     return e;
 }
 
+Status AppPreference::checkValue(std::string_view key, const PlistValue& value) {
+    if (key == PrefKey::MaxSimultaneousTransfers && value.toInteger() < 1)
+        return KvError::fail(ErrorDomain::Generic, -1,
+                             fmt::format("\"{}\" must be 1 or more.", key));
+    return {};
+}
+
 std::optional<PlistValue> AppPreference::valueForKey(std::string_view key) const {
     if (key.empty()) return std::nullopt;
     // Reads lock as well: a std::map must not be read while another thread changes it.

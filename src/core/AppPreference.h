@@ -59,6 +59,9 @@ class AppPreference {
     std::string stringForKey(std::string_view key) const;
     // Stores the value; does not write the file.
     void setValue(PlistValue value, std::string_view key);
+    // Whether a setting may take `value`; callers that take settings from a person ask first.
+    // "Max Simultaneous Transfers" must be 1 or more (with 0 no transfer would ever start).
+    static Status checkValue(std::string_view key, const PlistValue& value);
     void removeValueForKey(std::string_view key);
     // Writes the whole store to "pref.plist" atomically, readable by the user only.
     Status save();

@@ -1,5 +1,7 @@
 #include "transfer/FileTransferTaskManager.h"
 
+#include <algorithm>
+#include <limits>
 #include <typeinfo>
 
 #include "core/AppPreference.h"
@@ -67,12 +69,16 @@ int FileTransferTaskManager::maxSimultaneousTransfers() const {
     }
     auto& prefs = AppPreference::sharedAppPreference();
     if (!prefs.valueForKey(PrefKey::MaxSimultaneousTransfers)) return 1;
-    return static_cast<int>(prefs.integerForKey(PrefKey::MaxSimultaneousTransfers));
+    // A limit below one (a hand-edited file) would keep every task waiting for ever: it counts
+    // as the default.
+    auto limit = prefs.integerForKey(PrefKey::MaxSimultaneousTransfers);
+    if (limit < 1) return 1;
+    return static_cast<int>(std::min<std::int64_t>(limit, std::numeric_limits<int>::max()));
 }
 
 void FileTransferTaskManager::setMaxSimultaneousTransfers(std::optional<int> limit) {
     std::lock_guard lock(stateMutex_);
-    limitOverride_ = limit;
+    limitOverride_ = limit && *limit < 1 ? std::optional<int>(1) : limit;
 }
 
 std::size_t FileTransferTaskManager::countInState(TransferTaskState state) const {

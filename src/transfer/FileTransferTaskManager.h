@@ -53,9 +53,10 @@ class FileTransferTaskManager : public FileTransferTaskDelegate {
     // startTransfer on a background thread.
     void runTask(const FileTransferTaskPtr& task);
 
-    // The limit: the preference "Max Simultaneous Transfers" (1 when absent), unless overridden.
+    // The limit: the preference "Max Simultaneous Transfers" (1 when absent or below 1), unless
+    // overridden.
     int maxSimultaneousTransfers() const;
-    // Overrides the preference for this process (absent: use the preference again).
+    // Overrides the preference for this process (absent: use the preference again; below 1: 1).
     void setMaxSimultaneousTransfers(std::optional<int> limit);
 
     void setUserPrompts(std::shared_ptr<UserPrompts> prompts);

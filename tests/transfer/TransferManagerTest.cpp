@@ -143,9 +143,11 @@ TEST(TransferManager, FourthTaskWaitsForFreeSlot) {
     // The list keeps finished tasks.
     EXPECT_EQ(manager.getAllTasks().size(), 4u);
 
-    // Without the preference one task runs at a time.
+    // Without the preference one task runs at a time; so it does with a limit below one (a
+    // hand-edited file), which would otherwise keep every task waiting.
     prefs.removeValueForKey(PrefKey::MaxSimultaneousTransfers);
     EXPECT_EQ(manager.maxSimultaneousTransfers(), 1);
+    prefs.setValue(PlistValue(std::int64_t{0}), PrefKey::MaxSimultaneousTransfers);
     auto more = addGates(manager, 2);
     manager.start();
     ASSERT_TRUE(pumpUntil([&] { return more[0]->starts == 1; }));

@@ -81,6 +81,8 @@ void registerPrefsCommand(Cli& cli) {
             }
             auto parsed = parseLike(prefs.valueForKey(*key), *value);
             if (!parsed) return reportMessage(parsed.error().reason, kExitUsage);
+            if (auto allowed = AppPreference::checkValue(*key, *parsed); !allowed)
+                return reportMessage(allowed.error().reason, kExitUsage);
             prefs.setValue(*parsed, *key);
             if (auto r = prefs.save(); !r) return reportError(r.error());
             return kExitOk;
