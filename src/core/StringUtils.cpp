@@ -572,6 +572,80 @@ bool isValidUtf8(std::string_view s) {
     return true;
 }
 
+std::string_view utf8Prefix(std::string_view s, std::size_t maxBytes) {
+    if (s.size() <= maxBytes) return s;
+    std::size_t end = maxBytes;
+    // Back off over continuation bytes to the start of the sequence that would be cut.
+    while (end > 0 && (static_cast<unsigned char>(s[end]) & 0xC0) == 0x80) --end;
+    return s.substr(0, end);
+}
+
+std::string escapedForDisplay(std::string_view s) {
+    auto unprintable = [](char32_t c) {
+        return c == kInvalid || c < 0x20 || (c >= 0x7F && c <= 0x9F);
+    };
+    bool any = false;
+    for (std::size_t i = 0; i < s.size() && !any;) any = unprintable(decodeUtf8(s, i));
+    if (!any) return std::string(s);
+
+    enum class Quote { None, Plain, Dollar } quote = Quote::None;
+    std::string out;
+    auto switchTo = [&](Quote q) {
+        if (quote == q) return;
+        if (quote != Quote::None) out += '\'';
+        if (q == Quote::Plain) out += '\'';
+        if (q == Quote::Dollar) out += "$'";
+        quote = q;
+    };
+    for (std::size_t i = 0; i < s.size();) {
+        std::size_t start = i;
+        char32_t c = decodeUtf8(s, i);
+        if (!unprintable(c)) {
+            switchTo(Quote::Plain);
+            if (c == '\'')
+                out += "'\\''";
+            else
+                out.append(s.substr(start, i - start));
+            continue;
+        }
+        switchTo(Quote::Dollar);
+        for (std::size_t k = start; k < i; ++k) {
+            auto b = static_cast<unsigned char>(s[k]);
+            switch (b) {
+                case '\a':
+                    out += "\\a";
+                    break;
+                case '\b':
+                    out += "\\b";
+                    break;
+                case '\t':
+                    out += "\\t";
+                    break;
+                case '\n':
+                    out += "\\n";
+                    break;
+                case '\v':
+                    out += "\\v";
+                    break;
+                case '\f':
+                    out += "\\f";
+                    break;
+                case '\r':
+                    out += "\\r";
+                    break;
+                default:
+                    out += '\\';
+                    out += static_cast<char>('0' + ((b >> 6) & 7));
+                    out += static_cast<char>('0' + ((b >> 3) & 7));
+                    out += static_cast<char>('0' + (b & 7));
+                    break;
+            }
+        }
+    }
+    switchTo(Quote::None);
+    return out;
+}
+
 int localizedStandardCompare(std::string_view a, std::string_view b) {
     std::size_t i = 0, j = 0;
     while (i < a.size() && j < b.size()) {

@@ -71,6 +71,12 @@ std::string stringByUnescapingFromURLArgument(std::string_view s);
 
 // True when `s` is valid UTF-8.
 bool isValidUtf8(std::string_view s);
+// The longest start of `s` of at most `maxBytes` bytes that cuts no UTF-8 sequence in two.
+std::string_view utf8Prefix(std::string_view s, std::size_t maxBytes);
+// A name that holds control characters (C0, DEL, C1) or bytes that are not UTF-8 written as a
+// shell would take it, as GNU ls does on a terminal: 'a'$'\n''b'. Other names come back as they
+// are.
+std::string escapedForDisplay(std::string_view s);
 // Natural, case-insensitive comparison: digit runs compare by value ("a2" < "a10").
 int localizedStandardCompare(std::string_view a, std::string_view b);
 

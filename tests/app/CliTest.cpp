@@ -77,6 +77,13 @@ TEST(Cli, PreferencesAreReadAndSavedWithTheirKinds) {
     // A number setting refuses text; a boolean takes yes/no.
     auto bad = runQuillon({"prefs", "Max Simultaneous Transfers", "many"});
     EXPECT_EQ(bad.exitCode, 2);
+    // With no transfer allowed at once, every transfer would wait for ever.
+    for (auto none : {"0", "-3"}) {
+        auto zero = runQuillon({"prefs", "Max Simultaneous Transfers", none});
+        EXPECT_EQ(zero.exitCode, 2);
+        EXPECT_TRUE(contains(zero.err, "\"Max Simultaneous Transfers\" must be 1 or more."))
+            << zero.err;
+    }
     EXPECT_EQ(runQuillon({"prefs", "Max Simultaneous Transfers"}).out, "5\n");
     ASSERT_EQ(runQuillon({"prefs", "SYS_SHOW_HIDDEN_FILES", "yes"}).exitCode, 0);
     EXPECT_EQ(runQuillon({"prefs", "SYS_SHOW_HIDDEN_FILES"}).out, "true\n");
@@ -104,6 +111,9 @@ TEST(Cli, BrowsesAndManagesLocalFolders) {
     writeFile(dir / "b 2.txt", "two");
     writeFile(dir / "b 10.txt", "ten!");
     writeFile(dir / ".hidden", "h");
+    // Control characters and stray bytes in names would act on the terminal.
+    writeFile(dir / "bell\a\x1b[2Jit's\n", "");
+    writeFile(dir / "stray\xff", "");
     fs::create_directory(dir / "sub");
     fs::create_symlink("b 2.txt", dir / "link");
 
@@ -113,6 +123,9 @@ TEST(Cli, BrowsesAndManagesLocalFolders) {
     // Natural order: "b 2" before "b 10".
     EXPECT_LT(ls.out.find("b 2.txt"), ls.out.find("b 10.txt"));
     EXPECT_TRUE(contains(ls.out, "link -> "));
+    EXPECT_TRUE(contains(ls.out, "'bell'$'\\a\\033''[2Jit'\\''s'$'\\n'\n")) << ls.out;
+    EXPECT_TRUE(contains(ls.out, "'stray'$'\\377'\n")) << ls.out;
+    for (char c : ls.out) EXPECT_TRUE(c == '\n' || static_cast<unsigned char>(c) >= 0x20) << ls.out;
     EXPECT_TRUE(contains(runQuillon({"ls", "-a", dir.path()}).out, ".hidden"));
 
     auto json = runQuillon({"ls", "--json", dir.path()});

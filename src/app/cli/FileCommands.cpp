@@ -28,9 +28,13 @@ std::string timeColumn(const std::optional<TimePoint>& t) {
     return fmt::format("{:%Y-%m-%d %H:%M}", tm);
 }
 
+// Control characters in a name (or a link's target) would act on the terminal: they are shown
+// escaped, never raw.
 std::string displayName(const KvMetadata& m) {
-    auto name = m.nameIgnoreLinkResolve().value_or(StringUtils::lastPathComponent(m.pathOrEmpty()));
-    if (m.isSymbolLink && m.symbolLinkTarget) name += " -> " + *m.symbolLinkTarget;
+    auto name = StringUtils::escapedForDisplay(
+        m.nameIgnoreLinkResolve().value_or(StringUtils::lastPathComponent(m.pathOrEmpty())));
+    if (m.isSymbolLink && m.symbolLinkTarget)
+        name += " -> " + StringUtils::escapedForDisplay(*m.symbolLinkTarget);
     return name;
 }
 
@@ -147,7 +151,7 @@ void registerFileCommands(Cli& cli) {
                 return kExitOk;
             }
             fmt::print("name:     {}\n", displayName(*item));
-            fmt::print("location: {}\n", loc->display());
+            fmt::print("location: {}\n", StringUtils::escapedForDisplay(loc->display()));
             fmt::print("kind:     {} ({})\n", kindColumn(*item),
                        FileTypeUtils::kindForFileName(item->nameOrEmpty(), item->isDir));
             if (item->fileSizeInBytes) fmt::print("size:     {} bytes\n", *item->fileSizeInBytes);
