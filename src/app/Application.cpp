@@ -11,6 +11,7 @@
 #include "core/Initialization.h"
 #include "core/PathUtils.h"
 #include "core/ServerInfoService.h"
+#include "core/TemporaryItems.h"
 
 namespace quillon {
 
@@ -44,6 +45,8 @@ Status Application::start() {
     }
 
     if (auto r = DBManager::sharedDBManager().openDB(); !r) return r;
+    // Scratch folders and hidden temporaries that killed runs left behind.
+    TemporaryItems::cleanUpAfterEndedProcesses();
     registerBuiltinClients();
     makeCloudStore();
 

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <filesystem>
 
+#include "clients/local/LocalFileOps.h"
 #include "clients/local/LocalWrapper.h"
 #include "core/StringUtils.h"
 #include "core/WrapperProxy.h"
@@ -22,9 +23,9 @@ std::string join(const std::string& folder, const std::string& name) {
     return StringUtils::stringByAppendingPathComponentDirectly(folder, name);
 }
 
-std::unexpected<Error> cannotCreate(const std::string& path) {
-    return KvError::fail(ErrorDomain::Local, ErrorCode::TransferFailed,
-                         fmt::format("Cannot create file {}", path));
+// Called right after the failed system call: errno tells why.
+std::unexpected<Error> cannotCreate(const std::string& path, int err = errno) {
+    return FileTransferUtils::cannotCreateFile(path, err);
 }
 
 }  // namespace
@@ -90,23 +91,28 @@ Status CopyTask::copyRoot(const std::string& from, const std::string& to) {
         LocalWrapper::calculateLocalFolderItemsAndSize(from, true, [this] { return !stopped(); });
     setTotalBytes(count.totalBytes);
     if (stopped()) return {};
-    if (!replace) return copyFolder(sourceMetadata, from, to);
 
-    // The new folder is built beside the old one and swapped in only when complete, so a
-    // failed or stopped copy leaves the existing folder as it was.
-    std::string staging = LocalFileCopier::hiddenSibling(to, "copy");
+    // The new folder is built under a hidden name beside its target and takes the target's name
+    // only when complete, so a failed, stopped or killed copy never leaves a partial folder
+    // there (nor replaces an existing one).
+    std::string staging = LocalFileCopier::hiddenSibling(to);
     auto r = copyFolder(sourceMetadata, from, staging);
     std::error_code ec;
     if (!r || stopped()) {
         std::filesystem::remove_all(staging, ec);
         return r;
     }
-    std::string old = LocalFileCopier::hiddenSibling(to, "old");
-    if (::rename(to.c_str(), old.c_str()) != 0 || ::rename(staging.c_str(), to.c_str()) != 0) {
-        std::filesystem::remove_all(staging, ec);
-        return cannotCreate(to);
+    if (!replace) {
+        if (int err = LocalFileOps::renameNoReplace(staging, to); err != 0) {
+            std::filesystem::remove_all(staging, ec);
+            return cannotCreate(to, err);
+        }
+        return {};
     }
-    std::filesystem::remove_all(old, ec);
+    if (int err = LocalFileOps::replaceItem(staging, to); err != 0) {
+        std::filesystem::remove_all(staging, ec);
+        return cannotCreate(to, err);
+    }
     return {};
 }
 
@@ -126,9 +132,10 @@ Status CopyTask::copyFolder(const KvMetadata& folder, const std::string& from,
     listed.setPath(from);
     listed.isDir = true;
     auto children = sourceProxy_->contentsOfDirectoryAtPathSync(listed);
-    if (!children) return std::unexpected(children.error());
+    if (!children) return itemFailed(folder, children.error());
     for (auto& child : *children) {
         if (stopped()) return {};
+        if (FileTransferUtils::isTemporary(child)) continue;
         std::string name = itemName(child);
         std::string childFrom = child.pathOrEmpty();
         std::string childTo = join(to, name);
@@ -141,23 +148,26 @@ Status CopyTask::copyFolder(const KvMetadata& folder, const std::string& from,
         } else if (child.isIcloudPlaceHold) {
             r = sourceProxy_->downloadSync(child, childTo, nullptr);
         } else {
-            r = copyFile(child, childFrom, childTo, false);
+            // Inside the hidden folder that becomes the target: written in place.
+            r = copyFile(child, childFrom, childTo, false, /*staged=*/true);
         }
-        if (!r) return r;
+        if (!r) {
+            if (auto failed = itemFailed(child, r.error()); !failed) return failed;
+        }
     }
     if (!stopped()) LocalFileCopier::copyFolderAttributes(st, to);
     return {};
 }
 
 Status CopyTask::copyFile(const KvMetadata& file, const std::string& from, const std::string& to,
-                          bool replace) {
+                          bool replace, bool staged) {
     setTransferringFileMeta(file);
     std::int64_t base = transferredBytes();
     copier_.onStep = [this, base](std::uint64_t copied) {
         setTransferredBytes(base + static_cast<std::int64_t>(copied));
         tick();
     };
-    return copier_.copyFile(from, to, replace);
+    return copier_.copyFile(from, to, replace, staged);
 }
 
 }  // namespace quillon

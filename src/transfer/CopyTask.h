@@ -21,7 +21,7 @@ class CopyTask : public FileTransferTask {
     Status copyRoot(const std::string& from, const std::string& to);
     Status copyFolder(const KvMetadata& folder, const std::string& from, const std::string& to);
     Status copyFile(const KvMetadata& file, const std::string& from, const std::string& to,
-                    bool replace);
+                    bool replace, bool staged = false);
     // Reports when more than 0.5 s passed since the last report.
     void tick();
 

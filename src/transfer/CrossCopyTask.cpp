@@ -48,6 +48,7 @@ void CrossCopyTask::finish(std::optional<Error> error) {
 
 void CrossCopyTask::startTransfer() {
     if (!openBothSides()) return;
+    if (!isLocal(targetServerInfo)) RemoteUpload::removeLeftovers(*targetProxy_);
     auto temp = FileTransferUtils::makeTaskTempFolder();
     if (!temp) {
         completeFileTransfer(temp.error());
@@ -73,6 +74,13 @@ void CrossCopyTask::startTransfer() {
     }
     targetMetadata = targetItem;
 
+    if (!isLocal(targetServerInfo))
+        if (auto usable = FileTransferUtils::checkNameForServer(itemName(targetItem),
+                                                                sourceMetadata.pathOrEmpty());
+            !usable) {
+            finish(usable.error());
+            return;
+        }
     auto root = std::make_shared<FileTransferNode>(sourceMetadata, targetItem, folder);
     if (sourceMetadata.isDir) {
         auto made = targetProxy_->createFolderSync(targetItem);
@@ -120,7 +128,9 @@ Status CrossCopyTask::transferFiles() {
         done += static_cast<std::int64_t>(node->sourceMetadata.fileSizeInBytes.value_or(0));
         raiseTransferredBytes(done);
         if (stopped()) return {};
-        if (!r) return r;
+        if (!r) {
+            if (auto failed = itemFailed(node->sourceMetadata, r.error()); !failed) return failed;
+        }
     }
     return {};
 }

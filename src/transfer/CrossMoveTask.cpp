@@ -52,6 +52,7 @@ void CrossMoveTask::startTransfer() {
     inner->sourceMetadata = sourceMetadata;
     inner->targetMetadata = targetMetadata;
     inner->setFileConflict(fileConflict());
+    inner->continueAfterItemFailure = continueAfterItemFailure;
     inner->setDelegate(this);
     {
         std::lock_guard lock(innerMutex_);
@@ -138,8 +139,9 @@ bool CrossMoveTask::checkEntries(const KvMetadata& sourceFolder, const KvMetadat
     auto copies = targetProxy_->contentsOfDirectoryAtPathSync(copiedFolder);
     if (!sources || !copies) return false;
     for (auto& entry : *sources) {
-        // Links to folders are not copied, so they are not looked for.
-        if (entry.isDir && entry.isSymbolLink) continue;
+        // Links to folders and temporaries of unfinished transfers are not copied, so they are
+        // not looked for.
+        if ((entry.isDir && entry.isSymbolLink) || FileTransferUtils::isTemporary(entry)) continue;
         auto* copy = findEntry(*copies, itemName(entry));
         if (!copy || copy->isDir != entry.isDir) return false;
         if (entry.isDir) {

@@ -25,11 +25,10 @@ bool existsLocally(const std::string& path) {
 }
 
 Status makeLocalFolder(const std::string& path) {
-    std::error_code ec;
+    std::error_code ec, there;
     std::filesystem::create_directories(path, ec);
-    if (ec && !std::filesystem::is_directory(path))
-        return KvError::fail(ErrorDomain::Local, ErrorCode::TransferFailed,
-                             fmt::format("Cannot create file {}", path));
+    if (ec && !std::filesystem::is_directory(path, there))
+        return FileTransferUtils::cannotCreateFile(path, ec.value());
     return {};
 }
 
@@ -148,7 +147,10 @@ Status DownloadTask::contentsOfDirectory(const FileTransferNode::Ptr& node) {
 Status DownloadTask::transferFiles() {
     for (auto& node : fileNodes_) {
         if (stopped()) return {};
-        if (auto r = transferFile(*node); !r) return stopped() ? Status{} : r;
+        if (auto r = transferFile(*node); !r) {
+            if (stopped()) return {};
+            if (auto failed = itemFailed(node->sourceMetadata, r.error()); !failed) return failed;
+        }
     }
     return {};
 }

@@ -1,7 +1,10 @@
 #include "transfer/FileTransferTask.h"
 
+#include <fmt/format.h>
+
 #include "core/GCD.h"
 #include "core/NotificationCenter.h"
+#include "core/StringUtils.h"
 #include "core/WrapperProxy.h"
 #include "transfer/FileTransferNode.h"
 #include "transfer/FileTransferTaskManager.h"
@@ -57,6 +60,18 @@ std::optional<TimePoint> FileTransferTask::endTime() const {
 std::optional<KvMetadata> FileTransferTask::transferringFileMeta() const {
     std::lock_guard lock(mutex_);
     return transferringFileMeta_;
+}
+
+std::vector<FileTransferTask::ItemFailure> FileTransferTask::itemFailures() const {
+    std::lock_guard lock(mutex_);
+    return itemFailures_;
+}
+
+Status FileTransferTask::itemFailed(const KvMetadata& item, const Error& error) {
+    if (!continueAfterItemFailure || stopped()) return std::unexpected(error);
+    std::lock_guard lock(mutex_);
+    itemFailures_.push_back({item.pathOrEmpty(), error});
+    return {};
 }
 
 void FileTransferTask::setTransferringFileMeta(std::optional<KvMetadata> meta) {
@@ -148,6 +163,20 @@ void FileTransferTask::reportProgress() {
 void FileTransferTask::completeFileTransfer(std::optional<Error> err) {
     if (completed_.exchange(true)) return;
     auto current = state();
+    if (!err && current != TransferTaskState::Stopped) {
+        // Items that failed while the run went on: it ends failed, with the first of them.
+        std::lock_guard lock(mutex_);
+        if (!itemFailures_.empty()) {
+            const auto& first = itemFailures_.front();
+            Error summary = first.error;
+            summary.reason = fmt::format("{}: {}", StringUtils::escapedForDisplay(first.path),
+                                         first.error.reason);
+            if (itemFailures_.size() > 1)
+                summary.reason = fmt::format("{} items failed; the first, {}", itemFailures_.size(),
+                                             summary.reason);
+            err = summary;
+        }
+    }
     if (current != TransferTaskState::Stopped) {
         if (err) {
             setState(TransferTaskState::Failed);
@@ -197,17 +226,26 @@ Status FileTransferTask::collectTree(const std::shared_ptr<FileTransferNode>& no
                                      std::vector<std::shared_ptr<FileTransferNode>>& files) {
     if (stopped()) return {};
     auto listing = walk.list(node->sourceMetadata);
-    if (!listing) return std::unexpected(listing.error());
+    if (!listing) return itemFailed(node->sourceMetadata, listing.error());
+    bool toServer = node->targetMetadata.protocolType != ProtocolType::Local;
     for (auto& entry : *listing) {
         if (stopped()) return {};
         if (entry.isDir && entry.isSymbolLink) continue;
+        if (FileTransferUtils::isTemporary(entry)) continue;
         auto target =
             FileTransferUtils::targetMetadataWithSourceMetadata(entry, node->targetMetadata);
         if (walk.adjustTarget) walk.adjustTarget(entry, target);
+        Status usable = toServer ? FileTransferUtils::checkNameForServer(
+                                       FileTransferUtils::itemName(target), entry.pathOrEmpty())
+                                 : Status{};
+        if (usable && entry.isDir) usable = walk.makeFolder(target);
+        if (!usable) {
+            if (auto r = itemFailed(entry, usable.error()); !r) return r;
+            continue;
+        }
         auto child = std::make_shared<FileTransferNode>(entry, target, node->targetMetadata);
         node->addChild(child);
         if (entry.isDir) {
-            if (auto r = walk.makeFolder(target); !r) return r;
             if (auto r = collectTree(child, walk, files); !r) return r;
         } else {
             setTotalBytes(totalBytes() +

@@ -75,12 +75,22 @@ class FileTransferTask : public std::enable_shared_from_this<FileTransferTask> {
     // Moves ask only "keep both" or "skip" on a name conflict.
     virtual bool isMoveTask() const { return false; }
 
+    // One file or folder of the run that failed while the run went on.
+    struct ItemFailure {
+        std::string path;
+        Error error;
+    };
+
     // Set by the creator before the task is added.
     ServerInfoPtr sourceServerInfo;
     ServerInfoPtr targetServerInfo;
     KvMetadataList sourceItems;  // every item of one gesture
     KvMetadata sourceMetadata;   // the item this task transfers
     KvMetadata targetMetadata;   // the target folder; a running task may replace it by the item
+    // With it, an item of a folder that fails (a name the target cannot hold, a file that cannot
+    // be read or written) is recorded and the run goes on with the rest; the run then ends
+    // failed. Without it, the first failure ends the run.
+    bool continueAfterItemFailure = false;
 
     FileTransferTaskDelegate* delegate() const { return delegate_.load(); }
     void setDelegate(FileTransferTaskDelegate* d) { delegate_.store(d); }
@@ -97,6 +107,8 @@ class FileTransferTask : public std::enable_shared_from_this<FileTransferTask> {
     std::optional<TimePoint> endTime() const;
     // The file being transferred now, for the progress row.
     std::optional<KvMetadata> transferringFileMeta() const;
+    // The items that failed while the run went on past them, in order.
+    std::vector<ItemFailure> itemFailures() const;
 
     // The manager whose list holds the task (set when it runs); none for inner tasks.
     void setManager(FileTransferTaskManager* m) { manager_.store(m); }
@@ -134,6 +146,9 @@ class FileTransferTask : public std::enable_shared_from_this<FileTransferTask> {
         std::function<std::int64_t(std::int64_t, std::int64_t)> toTransferred,
         std::function<void(std::int64_t, std::int64_t)> also = nullptr);
     bool stopped() const { return state() == TransferTaskState::Stopped; }
+    // The failure of one item: recorded, and success returned, when the run goes on past item
+    // failures; otherwise the error itself.
+    Status itemFailed(const KvMetadata& item, const Error& error);
 
     // The start of a run that works through the clients of both sides: ends the run at once, and
     // returns false, when the task is to be skipped or was stopped or a side has no client;
@@ -154,7 +169,9 @@ class FileTransferTask : public std::enable_shared_from_this<FileTransferTask> {
     };
     // Builds the node's subtree from the source listing: creates every target folder, appends
     // each file's node to `files` and adds its size to totalBytes. Links to folders are left
-    // out, since following them could loop. Stops quietly when the task is stopped.
+    // out, since following them could loop, and so are temporaries of unfinished transfers. A
+    // name a server target cannot hold, a folder that cannot be listed or created fail as items
+    // (itemFailed). Stops quietly when the task is stopped.
     Status collectTree(const std::shared_ptr<FileTransferNode>& node, const TreeWalk& walk,
                        std::vector<std::shared_ptr<FileTransferNode>>& files);
 
@@ -175,6 +192,7 @@ class FileTransferTask : public std::enable_shared_from_this<FileTransferTask> {
     std::optional<TimePoint> startTime_;
     std::optional<TimePoint> endTime_;
     std::optional<KvMetadata> transferringFileMeta_;
+    std::vector<ItemFailure> itemFailures_;
     std::vector<WrapperPtr> wrappers_;
 };
 

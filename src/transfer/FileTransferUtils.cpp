@@ -1,7 +1,11 @@
 #include "transfer/FileTransferUtils.h"
 
 #include <dirent.h>
+#include <fmt/format.h>
 #include <sys/statvfs.h>
+
+#include <cerrno>
+#include <climits>
 
 #include <filesystem>
 #include <unordered_set>
@@ -10,6 +14,7 @@
 #include "core/PathUtils.h"
 #include "core/ServerInfo.h"
 #include "core/StringUtils.h"
+#include "core/TemporaryItems.h"
 
 namespace quillon::FileTransferUtils {
 
@@ -99,20 +104,45 @@ void renameTarget(KvMetadata& target, const std::string& name) {
 }
 
 Result<std::string> makeTaskTempFolder() {
-    std::string path = StringUtils::stringByAppendingPathComponentDirectly(
-        PathUtils::getAppTempPath(), makeUUID());
-    std::error_code ec;
-    std::filesystem::create_directories(path, ec);
-    if (ec)
-        return KvError::fail(ErrorDomain::Local, ErrorCode::TransferFailed,
-                             "Cannot create file " + path);
-    return path;
+    return TemporaryItems::makeScratchFolder();
 }
 
 void removeTaskTempFolder(const std::string& path) {
-    if (path.empty()) return;
-    std::error_code ec;
-    std::filesystem::remove_all(path, ec);
+    TemporaryItems::removeScratchFolder(path);
+}
+
+bool isTemporary(const KvMetadata& item) {
+    return TemporaryItems::isTemporaryName(itemName(item));
+}
+
+std::unexpected<Error> cannotCreateFile(const std::string& path, int err) {
+    if (err == ENAMETOOLONG) {
+        constexpr std::size_t kShown = 120;
+        std::string shown = path;
+        if (path.size() > kShown) {
+            // The end of the path, from a character boundary.
+            std::size_t from = path.size() - kShown;
+            while (from < path.size() && (static_cast<unsigned char>(path[from]) & 0xC0) == 0x80)
+                ++from;
+            shown = "…" + path.substr(from);
+        }
+        return KvError::fail(ErrorDomain::Local, ErrorCode::TransferFailed,
+                             fmt::format("Cannot create file {}: the path is {} bytes long, longer "
+                                         "than this system allows ({} bytes for a path, {} for a "
+                                         "name).",
+                                         shown, path.size(), PATH_MAX, NAME_MAX));
+    }
+    return KvError::fail(ErrorDomain::Local, ErrorCode::TransferFailed,
+                         "Cannot create file " + path);
+}
+
+Status checkNameForServer(const std::string& name, const std::string& localPath) {
+    if (StringUtils::isValidUtf8(name)) return {};
+    return KvError::fail(
+        ErrorDomain::FileTransfer, ErrorCode::TransferFailed,
+        fmt::format("The name of {} is not valid UTF-8 text, so a server would not store it "
+                    "unchanged. Rename it to send it.",
+                    StringUtils::escapedForDisplay(localPath)));
 }
 
 bool isTempFilePath(const std::string& path) {

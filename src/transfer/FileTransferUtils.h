@@ -29,10 +29,22 @@ KvMetadata targetMetadataWithSourceMetadata(const KvMetadata& source, const KvMe
 // The same record renamed to `name` in the same folder.
 void renameTarget(KvMetadata& target, const std::string& name);
 
-// A fresh scratch folder for one task: the program's temporary folder joined with a UUID.
+// A fresh scratch folder for one task: the program's temporary folder joined with a UUID, held
+// by this process until removed (the next start removes those of killed runs).
 Result<std::string> makeTaskTempFolder();
 // Removes a scratch folder and everything in it; missing is fine.
 void removeTaskTempFolder(const std::string& path);
+// Whether a listed item is a hidden temporary of an unfinished transfer, which transfers leave
+// out of their listings.
+bool isTemporary(const KvMetadata& item);
+
+// "Cannot create file %@" in "Local" (10002). With the system's reason `err` when it says more
+// than that: a path longer than the system allows names only its end, and says so.
+std::unexpected<Error> cannotCreateFile(const std::string& path, int err = 0);
+
+// Whether a server can be given `name`: a local name that is not valid UTF-8 would not arrive
+// unchanged, so it is refused with an error naming `localPath`.
+Status checkNameForServer(const std::string& name, const std::string& localPath);
 // Whether a path lies in the program's temporary folder.
 bool isTempFilePath(const std::string& path);
 

@@ -7,10 +7,12 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <filesystem>
 #include <memory>
 
+#include "clients/local/LocalFileOps.h"
 #include "core/ServerInfo.h"
+#include "core/TemporaryItems.h"
+#include "transfer/FileTransferUtils.h"
 
 namespace quillon {
 
@@ -37,9 +39,9 @@ std::string folderOf(const std::string& path) {
     return slash == 0 ? "/" : path.substr(0, slash);
 }
 
-std::unexpected<Error> cannotCreate(const std::string& path) {
-    return KvError::fail(ErrorDomain::Local, ErrorCode::TransferFailed,
-                         fmt::format("Cannot create file {}", path));
+// Called right after the failed system call: errno tells why.
+std::unexpected<Error> cannotCreate(const std::string& path, int err = errno) {
+    return FileTransferUtils::cannotCreateFile(path, err);
 }
 
 std::unexpected<Error> dataFault(const std::string& name) {
@@ -57,13 +59,11 @@ std::unexpected<Error> notFound(const std::string& path) {
 
 }  // namespace
 
-std::string LocalFileCopier::hiddenSibling(const std::string& path, const std::string& tag) {
-    std::string base = fileName(path);
-    if (base.size() > 180) base.resize(180);
+std::string LocalFileCopier::hiddenSibling(const std::string& path) {
     std::string folder = folderOf(path);
+    TemporaryItems::noteLocalFolder(folder);
     while (true) {
-        std::string candidate =
-            (folder == "/" ? "" : folder) + "/." + base + "." + tag + "-" + makeUUID().substr(0, 8);
+        std::string candidate = TemporaryItems::localPathFor(folder, fileName(path));
         struct stat st {};
         if (::lstat(candidate.c_str(), &st) != 0) return candidate;
     }
@@ -140,22 +140,14 @@ Status LocalFileCopier::copyData(int in, int out, const struct stat& st, const s
 }
 
 Status LocalFileCopier::placeFile(const std::string& partial, const std::string& to, bool replace) {
-    if (replace) {
-        struct stat st {};
-        // A folder in the way is removed only now that the new file is complete.
-        if (::lstat(to.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
-            std::error_code ec;
-            std::filesystem::remove_all(to, ec);
-        }
-        if (::rename(partial.c_str(), to.c_str()) != 0) return cannotCreate(to);
-        return {};
-    }
-    if (::renameat2(AT_FDCWD, partial.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) != 0)
-        return cannotCreate(to);
+    int err = replace ? LocalFileOps::replaceItem(partial, to)
+                      : LocalFileOps::renameNoReplace(partial, to);
+    if (err != 0) return cannotCreate(to, err);
     return {};
 }
 
-Status LocalFileCopier::copyFile(const std::string& from, const std::string& to, bool replace) {
+Status LocalFileCopier::copyFile(const std::string& from, const std::string& to, bool replace,
+                                 bool staged) {
     stopped_ = false;
     Fd in(::open(from.c_str(), O_RDONLY | O_CLOEXEC));
     if (in.fd < 0) {
@@ -164,9 +156,10 @@ Status LocalFileCopier::copyFile(const std::string& from, const std::string& to,
     }
     struct stat st {};
     if (::fstat(in.fd, &st) != 0) return dataFault(fileName(from));
-    // A new name is written in place (and removed again on failure); an existing file is only
-    // ever replaced by a complete copy.
-    std::string writePath = replace ? hiddenSibling(to, "part") : to;
+    struct stat existing {};
+    if (!replace && !staged && ::lstat(to.c_str(), &existing) == 0) return cannotCreate(to, EEXIST);
+    // Whatever a kill leaves is a hidden temporary, never a torn file under the target's name.
+    std::string writePath = staged ? to : hiddenSibling(to);
     Fd out(::open(writePath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
     if (out.fd < 0) return cannotCreate(to);
     auto discard = [&] {
@@ -189,7 +182,7 @@ Status LocalFileCopier::copyFile(const std::string& from, const std::string& to,
     }
     out.fd = -1;
     if (writePath != to) {
-        if (auto placed = placeFile(writePath, to, true); !placed) {
+        if (auto placed = placeFile(writePath, to, replace); !placed) {
             ::unlink(writePath.c_str());
             return placed;
         }
@@ -204,35 +197,34 @@ Status LocalFileCopier::copyLink(const std::string& from, const std::string& to,
     target.resize(static_cast<std::size_t>(n));
     struct stat st {};
     ::lstat(from.c_str(), &st);
-    struct stat existing {};
-    if (replace && ::lstat(to.c_str(), &existing) == 0) {
-        std::error_code ec;
-        std::filesystem::remove_all(to, ec);
-    }
-    if (::symlink(target.c_str(), to.c_str()) != 0) return cannotCreate(to);
     struct timespec times[2] = {st.st_atim, st.st_mtim};
-    ::utimensat(AT_FDCWD, to.c_str(), times, AT_SYMLINK_NOFOLLOW);
-    return {};
+    struct stat existing {};
+    if (!replace || ::lstat(to.c_str(), &existing) != 0) {
+        if (::symlink(target.c_str(), to.c_str()) != 0) return cannotCreate(to);
+        ::utimensat(AT_FDCWD, to.c_str(), times, AT_SYMLINK_NOFOLLOW);
+        return {};
+    }
+    // The link is made beside the item it replaces and takes its place in one step.
+    std::string staging = hiddenSibling(to);
+    if (::symlink(target.c_str(), staging.c_str()) != 0) return cannotCreate(to);
+    ::utimensat(AT_FDCWD, staging.c_str(), times, AT_SYMLINK_NOFOLLOW);
+    auto placed = placeFile(staging, to, true);
+    if (!placed) ::unlink(staging.c_str());
+    return placed;
 }
 
 Status LocalFileCopier::moveIntoPlace(const std::string& from, const std::string& to,
                                       bool replace) {
-    int rc = replace ? ::rename(from.c_str(), to.c_str())
-                     : ::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE);
-    if (rc == 0) return {};
-    if (errno == EISDIR || errno == ENOTEMPTY || errno == EEXIST) {
-        if (!replace) return cannotCreate(to);
-        std::error_code ec;
-        std::filesystem::remove_all(to, ec);
-        if (::rename(from.c_str(), to.c_str()) == 0) return {};
-    }
-    if (errno != EXDEV) return cannotCreate(to);
+    int err =
+        replace ? LocalFileOps::replaceItem(from, to) : LocalFileOps::renameNoReplace(from, to);
+    if (err == 0) return {};
+    if (err != EXDEV) return cannotCreate(to, err);
     // Another file system: copy beside the target, then rename it into place.
     struct stat st {};
     if (::lstat(from.c_str(), &st) != 0) return notFound(from);
-    std::string staging = hiddenSibling(to, "part");
-    Status copied =
-        S_ISLNK(st.st_mode) ? copyLink(from, staging, false) : copyFile(from, staging, false);
+    std::string staging = hiddenSibling(to);
+    Status copied = S_ISLNK(st.st_mode) ? copyLink(from, staging, false)
+                                        : copyFile(from, staging, false, /*staged=*/true);
     if (!copied || stopped_) {
         ::unlink(staging.c_str());
         return copied;

@@ -4,6 +4,7 @@
 
 #include "core/ServerInfo.h"
 #include "core/StringUtils.h"
+#include "core/TemporaryItems.h"
 #include "transfer/FileTransferUtils.h"
 
 namespace quillon::RemoteUpload {
@@ -67,29 +68,81 @@ void removeQuietly(Wrapper& wrapper, const KvMetadata& item) {
 Status uploadFile(Wrapper& wrapper, const KvMetadata& record, const std::string& localPath,
                   const KvMetadata& folder, const std::string& name, bool replace,
                   const ProgressHandler& progress, const std::function<bool()>& stopped) {
+    // The local client itself writes under a hidden name and renames into place.
+    if (folder.protocolType == ProtocolType::Local)
+        return sendAs(wrapper, record, localPath, folder, name, progress);
+    if (auto usable = FileTransferUtils::checkNameForServer(name, localPath); !usable)
+        return usable;
+
+    // The file goes up under a hidden temporary name and takes its own name only when complete,
+    // so a run killed mid-upload leaves no partial file under the user's name; the temporary is
+    // noted so that the next transfer to this server removes such a leftover.
+    std::string place = TemporaryItems::placeOf(wrapper.serverInfo().get());
     auto target = itemInFolder(folder, name, false);
-    if (!replace) {
-        auto r = sendAs(wrapper, record, localPath, folder, name, progress);
-        if (!r || stopped()) removeQuietly(wrapper, target);
-        return r;
-    }
-    std::string token = makeUUID().substr(0, 8);
-    auto partial = itemInFolder(folder, "." + name + ".part-" + token, false);
+    auto partial = itemInFolder(folder, TemporaryItems::nameFor(name), false);
+    TemporaryItems::noteTemporary(place, partial.pathOrEmpty());
     auto r = sendAs(wrapper, record, localPath, folder, partial.nameOrEmpty(), progress);
-    if (!r || stopped()) {
-        removeQuietly(wrapper, partial);
-        return r;
+    if (r && !stopped()) {
+        r = wrapper.moveSync(partial, target);
+        // A server that will not rename over an existing item: the old item steps aside first,
+        // and comes back if the new one cannot take its place.
+        if (!r && replace) {
+            auto aside = itemInFolder(folder, TemporaryItems::nameFor(name), false);
+            TemporaryItems::noteAside(place, aside.pathOrEmpty(), target.pathOrEmpty());
+            if (wrapper.moveSync(target, aside)) {
+                r = wrapper.moveSync(partial, target);
+                if (r)
+                    removeQuietly(wrapper, aside);
+                else
+                    (void)wrapper.moveSync(aside, target);
+            }
+            TemporaryItems::forgetTemporary(place, aside.pathOrEmpty());
+        }
     }
-    // The old item steps aside before the new one takes its name, and comes back if that fails.
-    auto aside = itemInFolder(folder, "." + name + ".old-" + token, false);
-    bool hadOld = wrapper.moveSync(target, aside).has_value();
-    if (auto moved = wrapper.moveSync(partial, target); !moved) {
-        if (hadOld) (void)wrapper.moveSync(aside, target);
-        removeQuietly(wrapper, partial);
-        return moved;
+    if (!r || stopped()) removeQuietly(wrapper, partial);
+    TemporaryItems::forgetTemporary(place, partial.pathOrEmpty());
+    return r;
+}
+
+void removeLeftovers(Wrapper& wrapper) {
+    const auto& server = wrapper.serverInfo();
+    std::string place = TemporaryItems::placeOf(server.get());
+    auto leftovers = TemporaryItems::takeLeftovers(place);
+    auto folderOf = [&](const std::string& path) {
+        KvMetadata folder(FileTransferUtils::parentPath(path));
+        folder.isDir = true;
+        folder.serverID = server->serverID;
+        folder.protocolType = server->protocolType;
+        return folder;
+    };
+    for (auto& leftover : leftovers) {
+        auto folder = folderOf(leftover.path);
+        std::string name = StringUtils::lastPathComponent(leftover.path);
+        if (leftover.restoreTo.empty()) {
+            removeQuietly(wrapper, itemInFolder(folder, name, false));
+            TemporaryItems::forgetTemporary(place, leftover.path);
+            continue;
+        }
+        // An old item that stepped aside for a new one: back to its place when nothing took
+        // that, else it is no longer needed.
+        auto listing = wrapper.contentsOfDirectoryAtPathSync(folder);
+        if (listing) {
+            std::string targetName = StringUtils::lastPathComponent(leftover.restoreTo);
+            const KvMetadata* aside = nullptr;
+            bool targetThere = false;
+            for (auto& entry : *listing) {
+                auto entryName = FileTransferUtils::itemName(entry);
+                if (entryName == name) aside = &entry;
+                targetThere |= entryName == targetName;
+            }
+            if (aside && targetThere)
+                removeQuietly(wrapper, itemInFolder(folder, name, aside->isDir));
+            else if (aside)
+                (void)wrapper.moveSync(itemInFolder(folder, name, aside->isDir),
+                                       itemInFolder(folder, targetName, aside->isDir));
+        }
+        TemporaryItems::forgetTemporary(place, leftover.path);
     }
-    if (hadOld) removeQuietly(wrapper, aside);
-    return {};
 }
 
 }  // namespace quillon::RemoteUpload

@@ -7,6 +7,7 @@
 
 #include <memory>
 
+#include "clients/local/LocalFileOps.h"
 #include "core/StringUtils.h"
 #include "core/WrapperProxy.h"
 #include "transfer/FileTransferUtils.h"
@@ -19,7 +20,7 @@ using FileTransferUtils::itemName;
 Result<KvMetadataList> listLocalFolder(const KvMetadata& folder) {
     std::string path = folder.pathOrEmpty();
     std::unique_ptr<DIR, int (*)(DIR*)> dir(::opendir(path.c_str()), &::closedir);
-    if (!dir) return KvError::fail(ErrorDomain::Local, ErrorCode::NotFound, "File not found!");
+    if (!dir) return LocalFileOps::posixFailure(errno, path);
     auto parent = std::make_shared<KvMetadata>(folder);
     KvMetadataList entries;
     int fd = ::dirfd(dir.get());
@@ -96,6 +97,7 @@ void UploadTask::startTransfer() {
     targetWrapper_ = *client;
     targetWrapper_->setForceIncludesHiddenFiles(true);
     trackWrapper(targetWrapper_);
+    RemoteUpload::removeLeftovers(*targetWrapper_);
 
     KvMetadata folder = targetMetadata;
     auto target = FileTransferUtils::targetMetadataWithSourceMetadata(sourceMetadata, folder);
@@ -116,6 +118,11 @@ void UploadTask::startTransfer() {
     if (::stat(sourcePath.c_str(), &st) != 0) {
         completeFileTransfer(KvError::errorWithDomain(ErrorDomain::Generic, ErrorCode::NotFound,
                                                       "Not Found: " + sourcePath));
+        return;
+    }
+    if (auto usable = FileTransferUtils::checkNameForServer(itemName(target), sourcePath);
+        !usable) {
+        completeFileTransfer(usable.error());
         return;
     }
     if (S_ISDIR(st.st_mode)) {
@@ -172,7 +179,9 @@ Status UploadTask::transferFiles() {
         raiseTransferredBytes(done);
         if (FileTransferUtils::isTempFilePath(path)) ::unlink(path.c_str());
         if (stopped()) return {};
-        if (!r) return r;
+        if (!r) {
+            if (auto failed = itemFailed(node->sourceMetadata, r.error()); !failed) return failed;
+        }
     }
     return {};
 }

@@ -1,6 +1,7 @@
 // quillon cp and quillon mv, run as a user would: local copies and moves, renames, conflicts by
 // flag, JSON lines, transfers to, from and between real FTP servers by URL, failures with and
-// without --keep-going, Ctrl-C, and a download bigger than its small target volume.
+// without --keep-going (names a server cannot hold, a tree deeper than the local path limit),
+// Ctrl-C and kill -9, and a download bigger than its small target volume.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -13,6 +14,7 @@
 #include <cctype>
 #include <chrono>
 #include <fstream>
+#include <random>
 #include <thread>
 
 #include "TransferTestKit.h"
@@ -72,6 +74,45 @@ int waitExit(pid_t pid) {
     int status = 0;
     ::waitpid(pid, &status, 0);
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+// A file whose every 4 KiB block names its number, so that a torn copy never passes for a whole
+// one.
+std::string numberedBlocks(std::size_t blocks) {
+    std::string out;
+    out.reserve(blocks * 4096);
+    for (std::size_t i = 0; i < blocks; ++i) {
+        std::string block = fmt::format("block {:08}\n", i);
+        block.resize(4096, '.');
+        out += block;
+    }
+    return out;
+}
+
+// Runs quillon and kills it (SIGKILL) at a random moment within `spread` after `begun` turned
+// true; false when it ended by itself before.
+bool killAtRandom(const std::vector<std::string>& args, const std::function<bool()>& begun,
+                  std::chrono::milliseconds spread, std::mt19937& rng, const std::string& log) {
+    pid_t pid = spawnQuillon(args, log);
+    if (pid <= 0) return false;
+    int status = 0;
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (!begun() && std::chrono::steady_clock::now() < deadline) {
+        if (::waitpid(pid, &status, WNOHANG) == pid) return false;
+        std::this_thread::sleep_for(std::chrono::microseconds(500));
+    }
+    std::uniform_int_distribution<long> after(0, spread.count() * 1000);
+    std::this_thread::sleep_for(std::chrono::microseconds(after(rng)));
+    ::kill(pid, SIGKILL);
+    ::waitpid(pid, &status, 0);
+    return WIFSIGNALED(status);
+}
+
+bool hasFileWithData(const std::string& folder) {
+    std::error_code ec;
+    for (auto& e : fs::recursive_directory_iterator(folder, ec))
+        if (e.is_regular_file(ec) && e.file_size(ec) > 0) return true;
+    return false;
 }
 
 bool waitFor(const std::function<bool()>& done, std::chrono::seconds limit) {
@@ -169,9 +210,20 @@ TEST(TransferCli, TransfersToFromAndBetweenFtpServers) {
     writeFile(dir / "tree/.hidden", "h");
     fs::create_directories(dir / "tree/empty/deeper");
     ::symlink("a.txt", (dir / "tree/link").c_str());
+    // The longest name a file system holds: its temporary name must still fit.
+    std::string longName;
+    while (longName.size() < 252) longName += "é";
+    longName += "end";
 
     auto up = runQuillon({"cp", "-r", dir / "tree", ftpUrl(*pure, "/")});
     ASSERT_EQ(up.exitCode, 0) << up.err << pure->log();
+    for (auto content : {"long", "longer"}) {
+        writeFile(dir / longName, content);
+        auto r =
+            runQuillon({"cp", "--on-conflict", "replace", dir / longName, ftpUrl(*pure, "/tree")});
+        EXPECT_EQ(r.exitCode, 0) << r.err;
+        EXPECT_TRUE(fileHolds(pure->hostPath("/tree/" + longName), content));
+    }
     EXPECT_TRUE(fileHolds(pure->hostPath("/tree/a.txt"), "alpha"));
     EXPECT_TRUE(fileHolds(pure->hostPath("/tree/.hidden"), "h"));
     EXPECT_TRUE(fileHolds(pure->hostPath("/tree/link"), "alpha"));
@@ -186,6 +238,7 @@ TEST(TransferCli, TransfersToFromAndBetweenFtpServers) {
     auto down = runQuillon({"cp", "-r", "--json", ftpUrl(*pro, "/tree"), dir / "back"});
     ASSERT_EQ(down.exitCode, 0) << down.err;
     EXPECT_TRUE(fileHolds(dir / "back/tree/.hidden", "h"));
+    EXPECT_TRUE(fileHolds(dir / "back/tree/" + longName, "longer"));
     EXPECT_TRUE(fs::is_directory(dir / "back/tree/empty/deeper"));
     EXPECT_TRUE(contains(down.out, "\"state\":\"completed\"")) << down.out;
 
@@ -197,6 +250,121 @@ TEST(TransferCli, TransfersToFromAndBetweenFtpServers) {
     ASSERT_EQ(move.exitCode, 0) << move.err;
     EXPECT_TRUE(fileHolds(pure->hostPath("/moved/tree/a.txt"), "alpha"));
     EXPECT_FALSE(fs::exists(pro->hostPath("/tree")));
+    EXPECT_TRUE(fs::is_empty(PathUtils::getAppTempPath()));
+}
+
+TEST(TransferCli, KilledCopyOrMoveLeavesNoTornFileAndTheNextRunCopiesIt) {
+    IsolatedHome home;
+    auto server = startFtpServer(FtpServerKind::PureFtpd);
+    if (!server) return;
+    ScratchDir dir("clikill");
+    const std::string content = numberedBlocks(4096);  // 16 MiB
+    writeFile(dir / "big.bin", content);
+    for (auto folder : {"local", "down", "moved"}) fs::create_directories(dir / folder);
+    // A move within one file system is a rename; between two it copies. /dev/shm is memory.
+    std::string shm = "/dev/shm/quillon-kill-XXXXXX";
+    struct stat shmSt {
+    }, dirSt{};
+    if (!::mkdtemp(shm.data()) || ::stat(shm.c_str(), &shmSt) != 0 ||
+        ::stat(dir.path().c_str(), &dirSt) != 0 || shmSt.st_dev == dirSt.st_dev)
+        shm.clear();
+    std::string temp = PathUtils::getAppTempPath();
+    std::error_code ec;
+    auto holdsSomething = [&](const std::string& folder) { return !fs::is_empty(folder, ec); };
+
+    struct Case {
+        std::vector<std::string> args;
+        std::string folder;                // where the file arrives
+        std::function<bool()> begun;       // the transfer has begun writing
+        std::chrono::milliseconds spread;  // kills land this long after that, at most
+        std::string verb;
+    };
+    std::vector<Case> cases = {
+        {{"cp", dir / "big.bin", dir / "local"},
+         dir / "local",
+         [&] { return holdsSomething(dir / "local"); },
+         std::chrono::milliseconds(20),
+         "copied"},
+        {{"cp", dir / "big.bin", ftpUrl(*server, "/")},
+         server->root(),
+         [&] { return holdsSomething(server->root()); },
+         std::chrono::milliseconds(80),
+         "copied"},
+        {{"cp", ftpUrl(*server, "/big.bin"), dir / "down"},
+         dir / "down",
+         [&] { return hasFileWithData(temp); },
+         std::chrono::milliseconds(40),
+         "copied"},
+    };
+    if (!shm.empty())
+        cases.push_back({{"mv", shm + "/big.bin", dir / "moved"},
+                         dir / "moved",
+                         [&] { return holdsSomething(dir / "moved"); },
+                         std::chrono::milliseconds(20),
+                         "moved"});
+    std::mt19937 rng(std::random_device{}());
+    int kills = 0;
+    for (auto& c : cases) {
+        std::string arrived = c.folder + "/big.bin";
+        // Each run starts with its source and without the file at its target.
+        auto reset = [&] {
+            if (c.verb == "moved" && !fs::exists(shm + "/big.bin"))
+                writeFile(shm + "/big.bin", content);
+            fs::remove(arrived, ec);
+        };
+        for (int trial = 0; trial < 4; ++trial) {
+            reset();
+            kills += killAtRandom(c.args, c.begun, c.spread, rng, dir / "kill.log");
+            // Either the whole file under its name, or none; a move loses nothing.
+            if (fs::exists(arrived)) {
+                EXPECT_TRUE(fileHolds(arrived, content)) << c.args[1];
+            } else if (c.verb == "moved") {
+                EXPECT_TRUE(fileHolds(shm + "/big.bin", content));
+            }
+        }
+        // The next run transfers the file (no torn one to skip as a conflict), and its start
+        // clears what the killed runs left: temporaries beside the target, scratch folders.
+        reset();
+        auto again = runQuillon(c.args);
+        EXPECT_EQ(again.exitCode, 0) << again.err;
+        EXPECT_TRUE(contains(again.err, c.verb)) << again.err;
+        EXPECT_TRUE(fileHolds(arrived, content));
+        EXPECT_EQ(folderEntries(c.folder), std::vector<std::string>{"big.bin"}) << c.args[1];
+        EXPECT_TRUE(fs::is_empty(temp, ec)) << c.args[1];
+    }
+    EXPECT_GT(kills, 0);
+    if (!shm.empty()) fs::remove_all(shm, ec);
+}
+
+TEST(TransferCli, DeepRemoteTreeEndsInAClearErrorAndKeepGoingFetchesTheRest) {
+    IsolatedHome home;
+    auto server = startFtpServer(FtpServerKind::PureFtpd);
+    if (!server) return;
+    // Twelve levels of 200-byte names: the server's own paths stay well below 4096 bytes...
+    std::string deep = "deep";
+    for (int i = 0; i < 12; ++i) deep += "/" + std::string(200, 'd');
+    server->makeDir(deep);
+    server->writeFile(deep + "/bottom.txt", "b");
+    server->writeFile("deep/top.txt", "t");
+    server->chownTree();
+    // ...while below a local folder of 1800 bytes they pass it.
+    ScratchDir dir("clideep");
+    auto longFolder = [&](const std::string& tag) {
+        std::string path = dir / tag;
+        while (path.size() < 1800) path += "/" + std::string(200, 't');
+        fs::create_directories(path);
+        return path;
+    };
+    std::string stopped = longFolder("stopped"), going = longFolder("going");
+
+    auto r = runQuillon({"cp", "-r", ftpUrl(*server, "/deep"), stopped});
+    EXPECT_EQ(r.exitCode, 1) << r.err;
+    EXPECT_TRUE(contains(r.err, "bytes long, longer than this system allows")) << r.err;
+
+    auto rest = runQuillon({"cp", "-r", "--keep-going", ftpUrl(*server, "/deep"), going});
+    EXPECT_EQ(rest.exitCode, 1) << rest.err;
+    EXPECT_TRUE(contains(rest.err, "longer than this system allows")) << rest.err;
+    EXPECT_TRUE(fileHolds(going + "/deep/top.txt", "t"));
     EXPECT_TRUE(fs::is_empty(PathUtils::getAppTempPath()));
 }
 
@@ -226,6 +394,28 @@ TEST(TransferCli, FailureStopsTheRestUnlessKeepGoing) {
          ++at)
         ++failures;
     EXPECT_EQ(failures, 2u) << going.out;
+
+    // Names that are not UTF-8 would not arrive unchanged (this server turns every stray byte
+    // into U+FFFD, so two such names became one file): each fails with its name, and with
+    // --keep-going the other files of the folder arrive.
+    auto py = startFtpServer(FtpServerKind::Pyftpdlib);
+    if (!py) return;
+    writeFile(dir / "names/a.txt", "a");
+    writeFile(dir / "names/bad\xff.txt", "ff");
+    writeFile(dir / "names/bad\xfe.txt", "fe");
+    writeFile(dir / "names/z.txt", "z");
+    auto refused = runQuillon({"cp", "-r", dir / "names", ftpUrl(*py, "/")});
+    EXPECT_EQ(refused.exitCode, 1);
+    EXPECT_TRUE(contains(refused.err, "is not valid UTF-8 text")) << refused.err;
+    for (auto& name : folderEntries(py->hostPath("/names")))
+        EXPECT_TRUE(name == "a.txt" || name == "z.txt") << name;
+    auto rest = runQuillon(
+        {"cp", "-r", "--keep-going", "--on-conflict", "replace", dir / "names", ftpUrl(*py, "/")});
+    EXPECT_EQ(rest.exitCode, 1);
+    EXPECT_TRUE(contains(rest.err, "names/bad'$'\\377''.txt' failed: The name of")) << rest.err;
+    EXPECT_TRUE(contains(rest.err, "names/bad'$'\\376''.txt' failed: The name of")) << rest.err;
+    EXPECT_TRUE(contains(rest.err, "2 items failed")) << rest.err;
+    EXPECT_EQ(folderEntries(py->hostPath("/names")), (std::vector<std::string>{"a.txt", "z.txt"}));
 }
 
 TEST(TransferCli, CtrlCStopsTransfersRemovesScratchAndExits130) {

@@ -187,21 +187,31 @@ class TransferConsole : public ProgressView {
         auto& task = *row.task;
         auto state = task.state();
         auto error = task.error();
+        auto failures = task.itemFailures();
+        auto errorJson = [](const Error& e) {
+            return fmt::format("{{\"domain\":{},\"code\":{},\"reason\":{}}}", jsonString(e.domain),
+                               e.code, jsonString(e.reason));
+        };
         if (json_) {
-            std::string err = "null";
-            if (error)
-                err =
-                    fmt::format("{{\"domain\":{},\"code\":{},\"reason\":{}}}",
-                                jsonString(error->domain), error->code, jsonString(error->reason));
+            std::string failed;
+            for (auto& f : failures)
+                failed += fmt::format("{}{{\"path\":{},\"error\":{}}}", failed.empty() ? "" : ",",
+                                      jsonString(f.path), errorJson(f.error));
             fmt::print(stdout,
                        "{{\"event\":\"end\",\"id\":{},\"source\":{},\"target\":{},\"state\":{},"
-                       "\"transferred\":{},\"total\":{},\"error\":{}}}\n",
+                       "\"transferred\":{},\"total\":{},\"error\":{}{}}}\n",
                        row.id, jsonString(row.label), jsonString(task.targetMetadata.pathOrEmpty()),
                        jsonString(stateName(state)), task.transferredBytes(), task.totalBytes(),
-                       err);
+                       error ? errorJson(*error) : "null",
+                       failed.empty() ? "" : ",\"failedItems\":[" + failed + "]");
             std::fflush(stdout);
             return;
         }
+        // Items of a folder that failed while the rest went on, each on its own line (the task's
+        // own line names a single one).
+        for (auto& f : failures.size() > 1 ? failures : decltype(failures){})
+            message(fmt::format("quillon: {} failed: {}", StringUtils::escapedForDisplay(f.path),
+                                f.error.describe()));
         std::string text;
         switch (state) {
             case TransferTaskState::Completed: {
@@ -456,6 +466,7 @@ int runTransfer(const Options& opt, bool moving) {
         task->sourceItems = std::move(items);
         task->sourceMetadata = p.item;
         task->targetMetadata = folder;
+        task->continueAfterItemFailure = opt.keepGoing;
         console->add(task, label);
         tasks.push_back(task);
     };

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 
 namespace quillon::LocalFileOps {
@@ -178,6 +179,26 @@ CopyOutcome copyContents(int in, int out, std::uint64_t chunk, const std::functi
     }
     result.end = CopyEnd::Finished;
     return result;
+}
+
+int renameNoReplace(const std::string& from, const std::string& to) {
+    if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return 0;
+    if (errno != EINVAL && errno != ENOSYS) return errno;
+    struct stat existing {};
+    if (::lstat(to.c_str(), &existing) == 0) return EEXIST;
+    return ::rename(from.c_str(), to.c_str()) == 0 ? 0 : errno;
+}
+
+int replaceItem(const std::string& from, const std::string& to) {
+    if (::rename(from.c_str(), to.c_str()) == 0) return 0;
+    int err = errno;
+    // A folder on either side: a rename cannot replace it, an exchange can.
+    if (err != EISDIR && err != ENOTDIR && err != ENOTEMPTY && err != EEXIST) return err;
+    if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_EXCHANGE) != 0)
+        return errno;
+    std::error_code ec;
+    std::filesystem::remove_all(from, ec);
+    return 0;
 }
 
 int applyAttributes(int fd, const struct stat& st) {

@@ -53,6 +53,16 @@ struct CopyOutcome {
 CopyOutcome copyContents(int in, int out, std::uint64_t chunk, const std::function<bool()>& stop,
                          const std::function<void(std::uint64_t)>& step);
 
+// Renames `from` to `to` unless something is at `to` (then fails with EEXIST); on file systems
+// without the kernel's no-replace rename, by a check and a plain rename. Returns 0 or errno.
+int renameNoReplace(const std::string& from, const std::string& to);
+
+// Puts the item at `from` in the place of whatever is at `to` (a file, a link, a folder with its
+// contents) so that at every moment one whole item bears the name `to`: a plain rename where it
+// can, else an exchange of the two, after which the old item (now at `from`) is removed. Both
+// must be on one file system. Returns 0 or errno.
+int replaceItem(const std::string& from, const std::string& to);
+
 // Copies mode bits and access and modification times of `st` to the open file.
 int applyAttributes(int fd, const struct stat& st);
 

@@ -16,6 +16,7 @@
 #include "clients/local/SandboxFileAccess.h"
 #include "core/AppPreference.h"
 #include "core/GCD.h"
+#include "core/TemporaryItems.h"
 
 namespace quillon {
 
@@ -32,13 +33,6 @@ std::unexpected<Error> notFound() {
 std::string systemMessage(int err) {
     const char* m = ::strerrordesc_np(err);
     return m ? m : fmt::format("error {}", err);
-}
-
-// A hidden temporary name beside `to`, short enough for any file name limit.
-std::string partialTemplate(const std::string& to) {
-    std::string base = baseName(to);
-    if (base.size() > 200) base.resize(200);
-    return joinPath(dirName(to), "." + base + ".part-XXXXXX");
 }
 
 struct FdGuard {
@@ -138,8 +132,16 @@ Status LocalWrapper::copyFile(const std::string& from, const std::string& to,
     if (in.fd < 0) return posixFailure(errno, from);
     // The copy grows under a hidden name and replaces the target only when complete, so no
     // partial file is ever seen at `to` and a failed copy leaves an older file there untouched.
-    std::string partial = partialTemplate(to);
-    FdGuard out{::mkostemp(partial.data(), O_CLOEXEC)};
+    // A kill leaves only that hidden temporary, which the next start clears.
+    std::string folder = dirName(to);
+    TemporaryItems::noteLocalFolder(folder);
+    std::string partial;
+    FdGuard out;
+    for (int attempt = 0; attempt < 16 && out.fd < 0; ++attempt) {
+        partial = TemporaryItems::localPathFor(folder, baseName(to));
+        out.fd = ::open(partial.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+        if (out.fd < 0 && errno != EEXIST) break;
+    }
     if (out.fd < 0)
         return KvError::fail(ErrorDomain::Local, ErrorCode::TransferFailed,
                              fmt::format("Cannot create file {}", to));
@@ -321,6 +323,7 @@ FolderItemCount LocalWrapper::calculateLocalFolderItemsAndSize(const std::string
                                name.ends_with(".icloud");
             char first = placeholder ? name[1] : name.front();
             if (!hidden && first == '.') continue;
+            if (TemporaryItems::isTemporaryName(name)) continue;  // not copied, not counted
             struct stat child {};
             if (::fstatat(fd, e->d_name, &child, AT_SYMLINK_NOFOLLOW) != 0) continue;
             ++count.itemCount;

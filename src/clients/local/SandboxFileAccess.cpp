@@ -16,6 +16,7 @@
 #include "clients/local/LocalFileOps.h"
 #include "core/PathUtils.h"
 #include "core/Plist.h"
+#include "core/TemporaryItems.h"
 
 namespace quillon::SandboxFileAccess {
 
@@ -298,10 +299,17 @@ Status copyItemFrom(const std::string& from, const std::string& to) {
         std::free(real);
         if (inside) return posixFailure(EINVAL, to);
     }
-    auto copied = copyTree(from, to);
+    // The copy is built under a hidden temporary name beside `to` and takes that name only when
+    // complete, so a copy that fails or is killed never leaves a partial item there.
+    std::string folder = dirName(to);
+    TemporaryItems::noteLocalFolder(folder);
+    std::string staging = TemporaryItems::localPathFor(folder, baseName(to));
+    auto copied = copyTree(from, staging);
+    if (copied)
+        if (int err = renameNoReplace(staging, to); err != 0) copied = posixFailure(err, to);
     if (!copied) {
         struct stat leftover {};
-        if (::lstat(to.c_str(), &leftover) == 0) (void)removeTree(to);
+        if (::lstat(staging.c_str(), &leftover) == 0) (void)removeTree(staging);
     }
     return copied;
 }
