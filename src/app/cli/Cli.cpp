@@ -61,6 +61,7 @@ int run(int argc, char** argv) {
     registerFileCommands(cli);
     registerSyncCommands(cli);
     registerTransferCommands(cli);
+    registerArchiveCommands(cli);
     try {
         cli.app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {

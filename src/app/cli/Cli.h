@@ -42,6 +42,7 @@ void registerPrefsCommand(Cli& cli);
 void registerFileCommands(Cli& cli);
 void registerSyncCommands(Cli& cli);
 void registerTransferCommands(Cli& cli);
+void registerArchiveCommands(Cli& cli);
 
 // Parses and runs; returns the exit status.
 int run(int argc, char** argv);
