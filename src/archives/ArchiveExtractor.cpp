@@ -412,14 +412,15 @@ ExtractStatus checkTreeLinks(const std::string& root) {
 }
 
 ScopedUtf8Names::ScopedUtf8Names() {
-    locale_ = ::newlocale(LC_CTYPE_MASK, "C.UTF-8", static_cast<locale_t>(nullptr));
-    if (locale_) previous_ = ::uselocale(locale_);
+    // Made once and kept for the life of the process: every zip entry added switches to it.
+    static const locale_t utf8 =
+        ::newlocale(LC_CTYPE_MASK, "C.UTF-8", static_cast<locale_t>(nullptr));
+    if (utf8) previous_ = ::uselocale(utf8);
+    switched_ = utf8 != nullptr;
 }
 
 ScopedUtf8Names::~ScopedUtf8Names() {
-    if (!locale_) return;
-    ::uselocale(previous_);
-    ::freelocale(locale_);
+    if (switched_) ::uselocale(previous_);
 }
 
 }  // namespace quillon

@@ -127,8 +127,8 @@ class ScopedUtf8Names {
     ScopedUtf8Names& operator=(const ScopedUtf8Names&) = delete;
 
   private:
-    locale_t locale_ = nullptr;
     locale_t previous_ = nullptr;
+    bool switched_ = false;
 };
 
 }  // namespace quillon
