@@ -30,6 +30,7 @@ struct WrapperCapabilities {
     bool readFromOffsetToEnd = false;  // readDataFromOffsetToEnd
     bool search = false;               // search
     bool moveItems = false;            // moveItemsSync
+    bool checksUploadSize = false;     // uploadSync itself checks the size the server holds
 };
 
 class Wrapper : public std::enable_shared_from_this<Wrapper> {

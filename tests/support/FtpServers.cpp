@@ -11,6 +11,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -41,7 +42,6 @@ ap.add_argument('--user', required=True)
 ap.add_argument('--password', required=True)
 ap.add_argument('--implicit-tls', metavar='PEMFILE')
 ap.add_argument('--explicit-tls', metavar='PEMFILE')
-ap.add_argument('--masquerade')
 ap.add_argument('--cut-after', type=int, default=0)
 ap.add_argument('--cuts', type=int, default=-1)
 ap.add_argument('--event-log')
@@ -110,6 +110,10 @@ class Handler(base):
         self.event('REST ' + line.strip())
         return super().ftp_REST(line)
 
+    def ftp_APPE(self, file):
+        self.event('APPE ' + str(len(file)))
+        return super().ftp_APPE(file)
+
     def on_login(self, username):
         self.event('LOGIN ' + username)
 
@@ -134,8 +138,6 @@ if tls:
 auth = DummyAuthorizer()
 auth.add_user(a.user, a.password, a.root, perm='elradfmwMT')
 Handler.authorizer = auth
-if a.masquerade:
-    Handler.masquerade_address = a.masquerade
 server = FTPServer(('127.0.0.1', a.port), Handler)
 server.max_cons = 64
 print('READY', flush=True)
@@ -430,10 +432,6 @@ bool FtpServer::launch(std::string* whyNot) {
                 argv.push_back(pem);
                 tlsFirst = options_.implicitTls;
             }
-            if (!options_.masqueradeAddress.empty()) {
-                argv.push_back("--masquerade");
-                argv.push_back(options_.masqueradeAddress);
-            }
             if (options_.cutAfterBytes > 0) {
                 argv.push_back("--cut-after");
                 argv.push_back(std::to_string(options_.cutAfterBytes));
@@ -534,11 +532,15 @@ std::vector<long long> FtpServer::restOffsets() const {
 }
 
 int FtpServer::logins() const {
+    return events("LOGIN");
+}
+
+int FtpServer::events(std::string_view kind) const {
     std::ifstream in(dir_.path() + "/events.log");
     std::string what;
     std::string value;
     int n = 0;
-    while (in >> what >> value) n += what == "LOGIN";
+    while (in >> what >> value) n += what == kind;
     return n;
 }
 
@@ -588,6 +590,220 @@ void FtpServer::chownTree() const {
     for (auto it = fs::recursive_directory_iterator(root_, ec); !ec && it != fs::end(it);
          it.increment(ec))
         ::lchown(it->path().c_str(), uid_, gid_);
+}
+
+}  // namespace quillon::test
+
+namespace quillon::test {
+
+namespace {
+
+int listenOn(const char* host, int port) {
+    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(static_cast<uint16_t>(port));
+    if (fd < 0 || ::inet_pton(AF_INET, host, &a.sin_addr) != 1 ||
+        ::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || ::listen(fd, 8) != 0) {
+        if (fd >= 0) ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+int boundPort(int fd) {
+    sockaddr_in a{};
+    socklen_t len = sizeof a;
+    ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
+    return ntohs(a.sin_port);
+}
+
+void sendAll(int fd, std::string_view s) {
+    while (!s.empty()) {
+        auto n = ::send(fd, s.data(), s.size(), MSG_NOSIGNAL);
+        if (n <= 0) return;
+        s.remove_prefix(static_cast<std::size_t>(n));
+    }
+}
+
+}  // namespace
+
+ScriptedFtpServer::ScriptedFtpServer(std::string greeting, Script script)
+    : greeting_(std::move(greeting)), script_(std::move(script)) {
+    fd_ = listenOn("127.0.0.1", 0);
+    port_ = boundPort(fd_);
+    thread_ = std::thread([this] { run(); });
+}
+
+ScriptedFtpServer::ScriptedFtpServer(std::string greeting,
+                                     std::function<std::string(const std::string&)> reply)
+    : ScriptedFtpServer(
+          std::move(greeting),
+          [reply = std::move(reply)](const std::string& line, Session&) { return reply(line); }) {}
+
+ScriptedFtpServer::~ScriptedFtpServer() {
+    stop_ = true;
+    ::shutdown(fd_, SHUT_RDWR);
+    // The client may keep its session open in the pool: end it too.
+    if (int c = client_.load(); c >= 0) ::shutdown(c, SHUT_RDWR);
+    if (int d = data_.load(); d >= 0) ::shutdown(d, SHUT_RDWR);
+    thread_.join();
+    ::close(fd_);
+    for (int b : bystanders_) ::close(b);
+}
+
+ServerInfoPtr ScriptedFtpServer::serverInfo() const {
+    auto info = std::make_shared<ServerInfo>();
+    info->protocolType = ProtocolType::FTP;
+    info->setValue(std::string("127.0.0.1"), ServerProp::ADDR);
+    info->setValue(std::to_string(port_), ServerProp::PORT);
+    info->setValue(std::string("u"), ServerProp::USERNAME);
+    info->setValue(std::string("p"), ServerProp::PASSWORD);
+    return info;
+}
+
+int ScriptedFtpServer::bystanderConnections() {
+    std::lock_guard lock(mutex_);
+    int n = 0;
+    for (int b : bystanders_) {
+        pollfd p{b, POLLIN, 0};
+        while (::poll(&p, 1, 0) > 0) {
+            int c = ::accept4(b, nullptr, nullptr, SOCK_CLOEXEC);
+            if (c < 0) break;
+            ::close(c);
+            ++n;
+        }
+    }
+    return n;
+}
+
+std::string ScriptedFtpServer::basics(const std::string& line) {
+    auto is = [&](std::string_view command) { return line.rfind(command, 0) == 0; };
+    if (is("USER")) return "331 Password required\r\n";
+    if (is("PASS")) return "230 Logged in\r\n";
+    if (is("PWD")) return "257 \"/\" is the current folder\r\n";
+    if (is("CWD")) return "250 OK\r\n";
+    if (is("TYPE")) return "200 Type set\r\n";
+    if (is("QUIT")) return "221 Bye\r\n<CLOSE>";
+    return "";
+}
+
+void ScriptedFtpServer::run() {
+    while (!stop_) {
+        int c = ::accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC);
+        if (c < 0) return;
+        client_ = c;
+        if (stop_) ::shutdown(c, SHUT_RDWR);
+        Session session(*this, c);
+        session.reply(greeting_);
+        std::string buf;
+        char tmp[4096];
+        bool open = true;
+        while (open && !stop_) {
+            auto n = ::recv(c, tmp, sizeof tmp, 0);
+            if (n <= 0) break;
+            buf.append(tmp, static_cast<std::size_t>(n));
+            std::size_t nl;
+            while ((nl = buf.find("\r\n")) != std::string::npos) {
+                auto line = buf.substr(0, nl);
+                buf.erase(0, nl + 2);
+                auto out = script_(line, session);
+                bool hangUp = out.ends_with("<CLOSE>") || out == "CLOSE";
+                if (out.ends_with("<CLOSE>")) out.resize(out.size() - 7);
+                if (out != "CLOSE") session.reply(out);
+                if (hangUp) {
+                    open = false;
+                    break;
+                }
+            }
+        }
+        session.closeData();
+        client_ = -1;
+        ::close(c);
+    }
+}
+
+void ScriptedFtpServer::Session::reply(std::string_view text) {
+    sendAll(control_, text);
+}
+
+std::string ScriptedFtpServer::Session::passive(std::string_view host) {
+    closeData();
+    std::string bystanderHost(host);
+    // The bystander's port must be the listener's: try until both are free.
+    for (int attempt = 0; attempt < 50 && listener_ < 0; ++attempt) {
+        listener_ = listenOn("127.0.0.1", 0);
+        if (listener_ < 0 || bystanderHost == "127.0.0.1") break;
+        int bystander = listenOn(bystanderHost.c_str(), boundPort(listener_));
+        if (bystander >= 0) {
+            std::lock_guard lock(server_.mutex_);
+            server_.bystanders_.push_back(bystander);
+            bystander_ = bystander;
+            break;
+        }
+        ::close(listener_);
+        listener_ = -1;
+    }
+    if (listener_ < 0) return "425 No data port\r\n";
+    int port = boundPort(listener_);
+    std::string address = bystanderHost;
+    std::replace(address.begin(), address.end(), '.', ',');
+    return "227 Entering Passive Mode (" + address + "," + std::to_string(port / 256) + "," +
+           std::to_string(port % 256) + ")\r\n";
+}
+
+bool ScriptedFtpServer::Session::acceptData() {
+    if (data_ >= 0) return true;
+    if (listener_ < 0) return false;
+    // Waits while the server runs, 20 s at most, and not once the client went to the bystander.
+    for (int waited = 0; waited < 200 && !server_.stopping(); ++waited) {
+        pollfd p[2] = {{listener_, POLLIN, 0}, {bystander_, POLLIN, 0}};
+        if (::poll(p, bystander_ >= 0 ? 2 : 1, 100) <= 0) continue;
+        if (!(p[0].revents & POLLIN)) break;
+        data_ = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+        server_.data_ = data_;
+        break;
+    }
+    ::close(listener_);
+    listener_ = -1;
+    return data_ >= 0;
+}
+
+void ScriptedFtpServer::Session::sendData(std::string_view bytes, bool close) {
+    if (!acceptData()) return;
+    sendAll(data_, bytes);
+    // Stalled: nothing more is sent until the client hangs up (or the server stops).
+    while (!close && !server_.stopping()) {
+        pollfd p{data_, POLLIN, 0};
+        if (::poll(&p, 1, 100) <= 0) continue;
+        char tmp[4096];
+        if (::recv(data_, tmp, sizeof tmp, 0) <= 0) break;
+    }
+    closeData();
+}
+
+std::string ScriptedFtpServer::Session::receiveData() {
+    std::string got;
+    if (!acceptData()) return got;
+    char tmp[65536];
+    ssize_t n;
+    while ((n = ::recv(data_, tmp, sizeof tmp, 0)) > 0)
+        got.append(tmp, static_cast<std::size_t>(n));
+    closeData();
+    return got;
+}
+
+void ScriptedFtpServer::Session::closeData() {
+    if (data_ >= 0) {
+        server_.data_ = -1;
+        ::close(data_);
+        data_ = -1;
+    }
+    if (listener_ >= 0) {
+        ::close(listener_);
+        listener_ = -1;
+    }
+    bystander_ = -1;
 }
 
 }  // namespace quillon::test

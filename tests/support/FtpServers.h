@@ -2,14 +2,20 @@
 // Real FTP servers for tests: vsftpd (LIST only, anonymous with write access), pure-ftpd (MLSD,
 // a virtual user), proftpd (MLSD, explicit FTPS with a self-signed certificate made here) and
 // pyftpdlib run by /usr/bin/python3 (MLSD, EPSV, UTF-8; implicit or explicit FTPS; data
-// connections cut after N bytes; a masqueraded PASV address). Each runs in the foreground on a
-// free loopback port with a scratch root, and is stopped by the destructor.
+// connections cut after N bytes). Each runs in the foreground on a free loopback port with a
+// scratch root, and is stopped by the destructor. And a scripted fake server for what no real
+// server can be made to do.
 
 #include <sys/types.h>
 
+#include <atomic>
+#include <functional>
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include "core/ServerInfo.h"
@@ -28,8 +34,7 @@ struct FtpServerOptions {
     bool explicitTls = false;  // pyftpdlib: AUTH TLS offered (proftpd always offers it)
     long cutAfterBytes = 0;    // pyftpdlib: each RETR data connection ends after this many bytes
     int cuts = -1;             // how many transfers are cut; -1 for every one
-    std::string masqueradeAddress;  // pyftpdlib: the address its PASV replies advertise
-    int port = 0;                   // a given port (to restart a server in place); 0: a free one
+    int port = 0;              // a given port (to restart a server in place); 0: a free one
 };
 
 class FtpServer {
@@ -57,6 +62,8 @@ class FtpServer {
     std::vector<long long> restOffsets() const;
     // pyftpdlib: how many sessions logged in so far.
     int logins() const;
+    // pyftpdlib: how many commands of a kind ("LOGIN", "REST", "APPE") it logged so far.
+    int events(std::string_view kind) const;
     // The server's own log, for failure messages.
     std::string log() const;
 
@@ -90,6 +97,72 @@ class FtpServer {
     pid_t pid_ = -1;
     uid_t uid_ = 0;
     gid_t gid_ = 0;
+};
+
+// A one-purpose fake server on 127.0.0.1 playing what no real server can be made to do (hostile
+// or broken replies, stalled data connections). Sessions are served one after another; each
+// command line goes to the script, which answers on the control connection and may open and
+// serve a passive data connection.
+class ScriptedFtpServer {
+  public:
+    class Session {
+      public:
+        // Sends text on the control connection.
+        void reply(std::string_view text);
+        // Opens a data listener on 127.0.0.1 and returns the 227 reply, which names `host`. For
+        // another host a bystander listens there on the same port: a third service that the
+        // client must never reach.
+        std::string passive(std::string_view host = "127.0.0.1");
+        // Accepts the client's data connection; false when none came or it went to the bystander.
+        bool acceptData();
+        // Sends on the data connection; with `close` false it then stays open, sending nothing,
+        // until the client gives up.
+        void sendData(std::string_view bytes, bool close = true);
+        // Everything the client sends on the data connection, up to its end.
+        std::string receiveData();
+
+      private:
+        friend class ScriptedFtpServer;
+        Session(ScriptedFtpServer& server, int control) : server_(server), control_(control) {}
+        void closeData();
+        ScriptedFtpServer& server_;
+        int control_;
+        int listener_ = -1;
+        int bystander_ = -1;
+        int data_ = -1;
+    };
+    // The script gets each command line; it returns what to send then: "" nothing, "CLOSE" to
+    // hang up, or text ending in "<CLOSE>" to send it and hang up.
+    using Script = std::function<std::string(const std::string& line, Session& session)>;
+
+    ScriptedFtpServer(std::string greeting, Script script);
+    ScriptedFtpServer(std::string greeting, std::function<std::string(const std::string&)> reply);
+    ~ScriptedFtpServer();
+    ScriptedFtpServer(const ScriptedFtpServer&) = delete;
+    ScriptedFtpServer& operator=(const ScriptedFtpServer&) = delete;
+
+    int port() const { return port_; }
+    // A server record for it (user "u", password "p").
+    ServerInfoPtr serverInfo() const;
+    // Connections that reached a bystander of `passive`.
+    int bystanderConnections();
+    // The login dialogue and the commands every request sends first (USER, PASS, PWD, CWD, TYPE,
+    // QUIT); "" for any other line.
+    static std::string basics(const std::string& line);
+
+  private:
+    void run();
+    bool stopping() const { return stop_; }
+    int fd_ = -1;
+    int port_ = 0;
+    std::atomic<bool> stop_{false};
+    std::atomic<int> client_{-1};
+    std::atomic<int> data_{-1};
+    std::string greeting_;
+    Script script_;
+    std::mutex mutex_;
+    std::vector<int> bystanders_;
+    std::thread thread_;
 };
 
 }  // namespace quillon::test

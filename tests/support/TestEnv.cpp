@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -48,6 +49,20 @@ IsolatedHome::~IsolatedHome() {
         ::setenv("QUILLON_HOME", previous_.c_str(), 1);
     else
         ::unsetenv("QUILLON_HOME");
+}
+
+ScopedTimeZone::ScopedTimeZone(const std::string& zone) {
+    if (const char* p = std::getenv("TZ")) previous_ = p;
+    ::setenv("TZ", zone.c_str(), 1);
+    ::tzset();
+}
+
+ScopedTimeZone::~ScopedTimeZone() {
+    if (previous_)
+        ::setenv("TZ", previous_->c_str(), 1);
+    else
+        ::unsetenv("TZ");
+    ::tzset();
 }
 
 CommandResult runProgram(const std::vector<std::string>& argv, const std::string& input) {

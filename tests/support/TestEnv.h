@@ -2,6 +2,7 @@
 // Test helpers: a scratch folder that every program folder lives under (QUILLON_HOME), and
 // running the quillon binary.
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -33,6 +34,19 @@ class IsolatedHome {
     ScratchDir dir_;
     std::string previous_;
     bool hadPrevious_ = false;
+};
+
+// Sets the time zone (TZ) of this process and of the programs it runs, for the life of the
+// object.
+class ScopedTimeZone {
+  public:
+    explicit ScopedTimeZone(const std::string& zone);
+    ~ScopedTimeZone();
+    ScopedTimeZone(const ScopedTimeZone&) = delete;
+    ScopedTimeZone& operator=(const ScopedTimeZone&) = delete;
+
+  private:
+    std::optional<std::string> previous_;
 };
 
 struct CommandResult {

@@ -2,10 +2,14 @@
 // configuration, URLs and command bytes in the server's encoding, FEAT, commands without a data
 // phase, error texts).
 
+#include <arpa/inet.h>
 #include <curl/curl.h>
 #include <fmt/format.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 
 #include <algorithm>
+#include <cstring>
 
 #include "clients/ftp/FtpWrapper.h"
 #include "core/LocalizedUtils.h"
@@ -26,6 +30,30 @@ size_t headerTrampoline(char* data, size_t size, size_t n, void* self) {
 
 size_t refuseBytes(char*, size_t, size_t, void*) {
     return 0;
+}
+
+curl_socket_t openSocketTrampoline(void* self, curlsocktype purpose, curl_sockaddr* address) {
+    if (purpose == CURLSOCKTYPE_IPCXN && self &&
+        !static_cast<FtpWrapper*>(self)->mayConnect(&address->addr))
+        return CURL_SOCKET_BAD;
+    return ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+}
+
+// Whether a socket address is the numeric address `ip` (as libcurl reports it).
+bool sameAddress(const sockaddr* a, const char* ip) {
+    if (!ip || !*ip) return false;
+    if (a->sa_family == AF_INET) {
+        in_addr want{};
+        return ::inet_pton(AF_INET, ip, &want) == 1 &&
+               reinterpret_cast<const sockaddr_in*>(a)->sin_addr.s_addr == want.s_addr;
+    }
+    if (a->sa_family == AF_INET6) {
+        in6_addr want{};
+        return ::inet_pton(AF_INET6, ip, &want) == 1 &&
+               std::memcmp(&reinterpret_cast<const sockaddr_in6*>(a)->sin6_addr, &want,
+                           sizeof want) == 0;
+    }
+    return false;
 }
 
 std::string asciiOnly(std::string_view s) {
@@ -85,6 +113,8 @@ void FtpWrapper::recycleFTPConnection(const std::shared_ptr<CURLConnection>& con
         curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, nullptr);
         curl_easy_setopt(curl, CURLOPT_XFERINFODATA, nullptr);
         curl_easy_setopt(curl, CURLOPT_QUOTE, nullptr);
+        curl_easy_setopt(curl, CURLOPT_OPENSOCKETFUNCTION, nullptr);
+        curl_easy_setopt(curl, CURLOPT_OPENSOCKETDATA, nullptr);
     }
     if (responseCode == CURLE_OPERATION_TIMEDOUT)
         connection->cleanup();
@@ -100,6 +130,7 @@ void FtpWrapper::resetCURL(CURL* curl) {
     data_.reserve(1024);
     dataHeader_ = std::string();
     dataHeader_.reserve(1024);
+    dataConnectionNext_ = false;
 
     const ServerInfo& info = *serverInfo();
     auto nonEmpty = [&](std::string_view preferred, std::string_view fallback) {
@@ -135,6 +166,14 @@ void FtpWrapper::resetCURL(CURL* curl) {
         curl_easy_setopt(curl, CURLOPT_USE_SSL, static_cast<long>(CURLUSESSL_TRY));
     else if (protocol == "FTP_PROTOCOL_EXPLICIT")
         curl_easy_setopt(curl, CURLOPT_USE_SSL, static_cast<long>(CURLUSESSL_ALL));
+    // TLS 1.2 at most. Under TLS 1.3 the server sends its session tickets after the handshake;
+    // an upload never reads its data connection, so when libcurl closes it the tickets may
+    // arrive at a closed socket, and the kernel answers them with a reset that throws away the
+    // part of the file still queued to be sent. The server takes the reset for the end of the
+    // file and confirms a short one. Data connections resume the control connection's TLS
+    // session, so both must use the same version.
+    curl_easy_setopt(curl, CURLOPT_SSLVERSION,
+                     static_cast<long>(CURL_SSLVERSION_DEFAULT) | CURL_SSLVERSION_MAX_TLSv1_2);
 
     curl_easy_setopt(curl, CURLOPT_FTP_SKIP_PASV_IP,
                      info.boolValueForKey(kFtpSkipPasvIp) ? 1L : 0L);
@@ -145,6 +184,26 @@ void FtpWrapper::resetCURL(CURL* curl) {
     // libcurl's two minutes (twice, with the retry).
     curl_easy_setopt(curl, CURLOPT_SERVER_RESPONSE_TIMEOUT, 30L);
     curl_easy_setopt(curl, CURLOPT_BUFFERSIZE, 63488L);
+    // A data connection that stops moving bytes ends the request as a time-out instead of
+    // holding it forever.
+    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, 1L);
+    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, static_cast<long>(stallLimit_.count()));
+    curl_easy_setopt(curl, CURLOPT_OPENSOCKETFUNCTION, openSocketTrampoline);
+    curl_easy_setopt(curl, CURLOPT_OPENSOCKETDATA, this);
+}
+
+bool FtpWrapper::mayConnect(const sockaddr* address) {
+    if (!dataConnectionNext_) return true;
+    dataConnectionNext_ = false;
+    // A passive data connection goes to the control connection's peer only: a PASV reply that
+    // names another host would make us send a file to (or read from) a service of the server's
+    // choosing. The refusal fails the request as "could not connect", which turns on the one
+    // retry that ignores the PASV address.
+    char* peer = nullptr;
+    if (!connection_ ||
+        curl_easy_getinfo(connection_->curl(), CURLINFO_PRIMARY_IP, &peer) != CURLE_OK)
+        return false;
+    return sameAddress(address, peer);
 }
 
 int FtpWrapper::runCurlEasyPerform(CURLConnection& connection) {
@@ -420,6 +479,9 @@ Status FtpWrapper::refuseUnsafe(const std::string& path) const {
 }
 
 std::size_t FtpWrapper::onHeader(const char* data, std::size_t size) {
+    // The next socket opened after a PASV or EPSV reply is the data connection.
+    if (size >= 4 && (std::memcmp(data, "227 ", 4) == 0 || std::memcmp(data, "229 ", 4) == 0))
+        dataConnectionNext_ = true;
     // A hostile server may send replies without end: keep the first few MiB only.
     if (dataHeader_.size() < kMaxReplyBytes)
         dataHeader_.append(data, std::min(size, kMaxReplyBytes - dataHeader_.size()));

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <ctime>
 #include <map>
 #include <thread>
 
@@ -66,6 +67,7 @@ WrapperCapabilities FtpWrapper::capabilities() const {
     WrapperCapabilities c;
     c.streaming = true;
     c.readFromOffsetToEnd = true;
+    c.checksUploadSize = true;
     return c;
 }
 
@@ -356,7 +358,22 @@ Status FtpWrapper::downloadFile(const KvMetadata& file, const std::string& saveT
     watchTransfer(curl, errorBuffer);
     direction_ = Direction::Download;
 
-    int rc = runCurlEasyPerform(**conn);
+    // The listed size is what the file must come to: a server may end the transfer early, or
+    // answer SIZE wrongly, and still report success. A short file is resumed like a broken
+    // transfer; a long one fails. (A link is listed with its own size, not its target's.)
+    std::optional<std::int64_t> expected;
+    if (file.fileSizeInBytes && !file.isSymbolLink)
+        expected = static_cast<std::int64_t>(*file.fileSizeInBytes);
+    auto checked = [&](int rc) -> int {
+        if (rc != CURLE_OK || !expected || cancelled()) return rc;
+        std::fflush(file_);
+        std::int64_t got = ::ftello(file_);
+        if (got == *expected) return rc;
+        std::snprintf(errorBuffer, CURL_ERROR_SIZE, "Received %lld bytes of the %lld listed",
+                      static_cast<long long>(got), static_cast<long long>(*expected));
+        return got < *expected ? CURLE_PARTIAL_FILE : CURLE_FILESIZE_EXCEEDED;
+    };
+    int rc = checked(runCurlEasyPerform(**conn));
     int attempts = 1;
     while (rc == CURLE_PARTIAL_FILE && attempts < kMaxAttempts && !cancelled()) {
         // Re-fetch the last 10 KB written, on the chance that they were damaged.
@@ -367,7 +384,7 @@ Status FtpWrapper::downloadFile(const KvMetadata& file, const std::string& saveT
         finishedDlSize_ = pos;
         if (!pauseBeforeRetry()) break;
         curl_easy_setopt(curl, CURLOPT_RESUME_FROM_LARGE, static_cast<curl_off_t>(pos));
-        rc = runCurlEasyPerform(**conn);
+        rc = checked(runCurlEasyPerform(**conn));
         ++attempts;
     }
     recycleFTPConnection(*conn, rc);
@@ -432,28 +449,39 @@ Status FtpWrapper::uploadFileForFTP(const KvMetadata& localFile, const KvMetadat
         return std::unexpected(conn.error());
     }
     CURL* curl = (*conn)->curl();
-    resetCURL(curl);
     std::string url = cStringForURL(FTPUrlString(target));
     char errorBuffer[CURL_ERROR_SIZE] = {0};
-    curl_easy_setopt(curl, CURLOPT_UPLOAD, 1L);
-    curl_easy_setopt(curl, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(size));
-    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
-    curl_easy_setopt(curl, CURLOPT_RESUME_FROM_LARGE, static_cast<curl_off_t>(resumeFrom));
-    curl_easy_setopt(curl, CURLOPT_READDATA, this);
-    curl_easy_setopt(curl, CURLOPT_READFUNCTION, fileReadCb);
-    curl_easy_setopt(curl, CURLOPT_SEEKDATA, file_);
-    curl_easy_setopt(curl, CURLOPT_SEEKFUNCTION, seekCb);
-    watchTransfer(curl, errorBuffer);
-    direction_ = Direction::Upload;
+    auto send = [&](curl_off_t from) -> int {
+        resetCURL(curl);
+        curl_easy_setopt(curl, CURLOPT_UPLOAD, 1L);
+        curl_easy_setopt(curl, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(size));
+        curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+        curl_easy_setopt(curl, CURLOPT_RESUME_FROM_LARGE, from);
+        curl_easy_setopt(curl, CURLOPT_READDATA, this);
+        curl_easy_setopt(curl, CURLOPT_READFUNCTION, fileReadCb);
+        curl_easy_setopt(curl, CURLOPT_SEEKDATA, file_);
+        curl_easy_setopt(curl, CURLOPT_SEEKFUNCTION, seekCb);
+        watchTransfer(curl, errorBuffer);
+        direction_ = Direction::Upload;
+        int rc = runCurlEasyPerform(**conn);
+        if (rc != CURLE_OK || cancelled() || size < 0) return rc;
+        // A server may answer 226 for a data connection that ended early: what counts is the
+        // size it holds. A short file is resumed like a broken transfer.
+        std::int64_t held = -1;
+        if (querySize(**conn, target, nullptr, held) != CURLE_OK || held < 0 || held == size)
+            return rc;
+        std::snprintf(errorBuffer, CURL_ERROR_SIZE, "The server holds %lld of the %lld bytes sent",
+                      static_cast<long long>(held), static_cast<long long>(size));
+        return held < size ? CURLE_PARTIAL_FILE : CURLE_FILESIZE_EXCEEDED;
+    };
 
-    int rc = runCurlEasyPerform(**conn);
+    int rc = send(static_cast<curl_off_t>(resumeFrom));
     int attempts = 1;
     while (rc == CURLE_PARTIAL_FILE && attempts < kMaxAttempts && !cancelled()) {
         if (!pauseBeforeRetry()) break;
         // What the server holds is what counts when an upload resumes: libcurl asks its SIZE and
         // appends from there, so no byte is sent twice or skipped.
-        curl_easy_setopt(curl, CURLOPT_RESUME_FROM_LARGE, static_cast<curl_off_t>(-1));
-        rc = runCurlEasyPerform(**conn);
+        rc = send(-1);
         ++attempts;
     }
     recycleFTPConnection(*conn, rc);
@@ -490,9 +518,13 @@ Status FtpWrapper::uploadFileForFTP(const KvMetadata& localFile, const KvMetadat
 
 Status FtpWrapper::modifyDateTime(std::chrono::system_clock::time_point time,
                                   const std::string& serverFile) {
-    auto secs = std::chrono::floor<std::chrono::seconds>(time);
-    auto reply = curl_runCommandWithoutBody(
-        fmt::format("MFMT {:%Y%m%d%H%M%S} {}", secs, serverFile), baseServerPath());
+    // fmt formats a time point in the local zone: the UTC calendar time is made here.
+    std::time_t t =
+        std::chrono::system_clock::to_time_t(std::chrono::floor<std::chrono::seconds>(time));
+    std::tm utc{};
+    ::gmtime_r(&t, &utc);
+    auto reply = curl_runCommandWithoutBody(fmt::format("MFMT {:%Y%m%d%H%M%S} {}", utc, serverFile),
+                                            baseServerPath());
     if (!reply) return std::unexpected(reply.error());
     return {};
 }
@@ -638,28 +670,38 @@ Status FtpWrapper::initStreamFileMeta(const KvMetadata& file) {
         contentLength_ = *file.fileSizeInBytes;
         return {};
     }
-    // No size in the record: ask the server (SIZE, through a request without a body).
+    // No size in the record: ask the server.
     auto conn = retrieveFTPConnection();
     if (!conn) return std::unexpected(conn.error());
-    CURL* curl = (*conn)->curl();
-    resetCURL(curl);
-    std::string url = cStringForURL(FTPUrlString(file.pathOrEmpty()));
     char errorBuffer[CURL_ERROR_SIZE] = {0};
+    std::int64_t length = -1;
+    int rc = querySize(**conn, file.pathOrEmpty(), errorBuffer, length);
+    recycleFTPConnection(*conn, rc);
+    if (rc != CURLE_OK) return std::unexpected(curlError(rc, errorBuffer));
+    contentLength_ = length > 0 ? static_cast<std::uint64_t>(length) : 0;
+    return {};
+}
+
+int FtpWrapper::querySize(CURLConnection& connection, const std::string& path, char* errorBuffer,
+                          std::int64_t& length) {
+    // SIZE, through a request without a body; libcurl hands the size over as a made-up header
+    // through the body callback too.
+    CURL* curl = connection.curl();
+    resetCURL(curl);
+    std::string url = cStringForURL(FTPUrlString(path));
     curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
     curl_easy_setopt(curl, CURLOPT_NOBODY, 1L);
-    // libcurl hands the size over as a made-up header through the body callback too.
     curl_easy_setopt(curl, CURLOPT_WRITEDATA, this);
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, bodyCb);
     curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, errorBuffer);
     curl_easy_setopt(curl, CURLOPT_HEADERDATA, this);
     curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, headerCb);
-    int rc = runCurlEasyPerform(**conn);
-    curl_off_t length = -1;
-    if (rc == CURLE_OK) curl_easy_getinfo(curl, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length);
-    recycleFTPConnection(*conn, rc);
-    if (rc != CURLE_OK) return std::unexpected(curlError(rc, errorBuffer));
-    contentLength_ = length > 0 ? static_cast<std::uint64_t>(length) : 0;
-    return {};
+    int rc = runCurlEasyPerform(connection);
+    curl_off_t got = -1;
+    if (rc == CURLE_OK) curl_easy_getinfo(curl, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &got);
+    length = got;
+    curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, nullptr);
+    return rc;
 }
 
 std::size_t FtpWrapper::onStreamData(const char* data, std::size_t size) {

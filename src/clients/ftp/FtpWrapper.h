@@ -16,6 +16,8 @@
 #include "core/KvConnectionPool.h"
 #include "core/Wrapper.h"
 
+struct sockaddr;
+
 namespace quillon {
 
 class FtpWrapper : public Wrapper {
@@ -131,6 +133,9 @@ class FtpWrapper : public Wrapper {
     bool triedAfterTimeout() const { return triedAfterTimeout_; }
     // Seconds between resume attempts (one by default).
     void setRetryDelay(std::chrono::milliseconds delay) { retryDelay_ = delay; }
+    // How long a data connection may go without a byte before the request times out (60 s by
+    // default).
+    void setStallLimit(std::chrono::seconds limit) { stallLimit_ = limit; }
 
     // libcurl callbacks (public for the C trampolines).
     std::size_t onHeader(const char* data, std::size_t size);
@@ -140,6 +145,9 @@ class FtpWrapper : public Wrapper {
     std::size_t onStreamData(const char* data, std::size_t size);
     int onProgress(std::int64_t dltotal, std::int64_t dlnow, std::int64_t ultotal,
                    std::int64_t ulnow);
+    // Whether libcurl may open a connection to `address` (false for a passive data connection
+    // to a host other than the control connection's).
+    bool mayConnect(const sockaddr* address);
 
   protected:
     // Completions of the asynchronous forms run on the worker that did the work.
@@ -166,6 +174,9 @@ class FtpWrapper : public Wrapper {
     void watchTransfer(CURL* curl, char* errorBuffer);
     // Waits retryDelay_ before another attempt; false when the wrapper was cancelled meanwhile.
     bool pauseBeforeRetry();
+    // The size of a server file by SIZE (-1 when the server gives none); libcurl's result.
+    int querySize(CURLConnection& connection, const std::string& path, char* errorBuffer,
+                  std::int64_t& length);
     Status readRange(std::uint64_t from, std::optional<std::uint64_t> length,
                      const std::function<bool(const Bytes&)>& handler);
 
@@ -188,6 +199,9 @@ class FtpWrapper : public Wrapper {
     std::int64_t offsetStreaming_ = 0;
     bool streamStopped_ = false;
     std::chrono::milliseconds retryDelay_{1000};
+    std::chrono::seconds stallLimit_{60};
+    // Set by a PASV or EPSV reply: the next connection libcurl opens is the data connection.
+    bool dataConnectionNext_ = false;
     // Set while a request that undoes a cancelled one runs (it is not itself cut short).
     bool cleaningUp_ = false;
 };

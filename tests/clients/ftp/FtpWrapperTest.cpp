@@ -13,11 +13,13 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <filesystem>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <thread>
+#include <utility>
 
 #include "core/KvConnectionPool.h"
 #include "core/MainQueue.h"
@@ -31,6 +33,7 @@ namespace {
 using test::FtpServer;
 using test::FtpServerKind;
 using test::FtpServerOptions;
+using test::ScriptedFtpServer;
 
 constexpr const char* kGbk = "2147485233";  // GBK as the platform numbers it
 constexpr const char* kShiftJis = "8";      // Shift-JIS
@@ -216,46 +219,6 @@ TEST_F(FtpWrapperTest, ResumesACutDownloadTenTimesAtMostSteppingBack10240Bytes) 
     EXPECT_EQ(small->restOffsets(), std::vector<long long>{}) << "REST 0 is not sent";
 }
 
-TEST_F(FtpWrapperTest, RetriesOnceIgnoringTheAdvertisedPasvAddressAndRemembersIt) {
-    // The server advertises 127.0.0.2, where nothing listens: the data connection is refused
-    // (libcurl result 7) and the retry reuses the control connection's address.
-    FtpServerOptions o;
-    o.masqueradeAddress = "127.0.0.2";
-    auto server = startOrSkip(FtpServerKind::Pyftpdlib, o);
-    ASSERT_TRUE(server);
-    server->writeFile("x.txt", "x");
-    auto info = server->serverInfo();
-    info->supportMLSD = true;
-    info->supportUTF8 = true;
-    info->supportEPSV = false;  // PASV, whose reply carries the address
-    ASSERT_TRUE(ServerInfoService::sharedServerInfoService().saveServerInfo(*info));
-
-    FtpWrapper w(info);
-    auto listing = w.contentsOfDirectoryAtPathSync(item("/", true));
-    ASSERT_TRUE(listing) << listing.error().describe();
-    ASSERT_EQ(listing->size(), 1u);
-    EXPECT_TRUE(w.triedAfterTimeout());
-    EXPECT_EQ(info->valueForKey("FTP_SKIP_PASV_IP"), "TRUE");
-    auto stored =
-        ServerInfoService::sharedServerInfoService().serverInfoWithServerID(info->serverID);
-    ASSERT_TRUE(stored);
-    EXPECT_EQ(stored->valueForKey("FTP_SKIP_PASV_IP"), "TRUE");
-
-    // The next client starts with the option on and needs no retry.
-    FtpWrapper next(info);
-    ASSERT_TRUE(next.downloadSync(item("/x.txt"), local_ / "x.txt", {}));
-    EXPECT_FALSE(next.triedAfterTimeout());
-
-    // With the option off again, a wrapper that spent its retry reports the failure.
-    info->setValue(std::string("FALSE"), "FTP_SKIP_PASV_IP");
-    FtpWrapper once(info);
-    ASSERT_TRUE(once.contentsOfDirectoryAtPathSync(item("/", true)));
-    info->setValue(std::string("FALSE"), "FTP_SKIP_PASV_IP");
-    auto second = once.contentsOfDirectoryAtPathSync(item("/", true));
-    ASSERT_FALSE(second);
-    EXPECT_EQ(second.error().code, 7);
-}
-
 TEST_F(FtpWrapperTest, ListsDownloadsAndUploadsGbkAndShiftJisNames) {
     // vsftpd passes name bytes through as they are: the files below have GBK and Shift-JIS names
     // on disk, as on a legacy server.
@@ -319,14 +282,19 @@ TEST_F(FtpWrapperTest, ChmodModificationTimesAndRefusedControlCharacters) {
     ASSERT_EQ(::stat(pro->hostPath("mode.txt").c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0600u);
 
-    // Uploads carry the local modification time where the server offers MFMT.
+    // Uploads carry the local modification time where the server offers MFMT, in UTC whatever
+    // the local zone.
     auto local = local_ / "old.txt";
     test::writeFile(local, "old");
     auto then = std::chrono::system_clock::from_time_t(978307200);  // 2001-01-01 00:00:00 UTC
     std::filesystem::last_write_time(local, std::filesystem::file_time_type::clock::from_sys(then));
-    ASSERT_TRUE(w.uploadSync(item(local), item("/", true), {}));
-    ASSERT_EQ(::stat(pro->hostPath("old.txt").c_str(), &st), 0);
-    EXPECT_EQ(st.st_mtime, 978307200);
+    for (const char* zone : {"Asia/Tokyo", "America/New_York", "UTC"}) {
+        SCOPED_TRACE(zone);
+        test::ScopedTimeZone tz(zone);
+        ASSERT_TRUE(w.uploadSync(item(local), item("/", true), {}));
+        ASSERT_EQ(::stat(pro->hostPath("old.txt").c_str(), &st), 0);
+        EXPECT_EQ(st.st_mtime, 978307200);
+    }
 
     FtpWrapper v(vs->serverInfo());
     ASSERT_TRUE(v.uploadSync(item(local), item(vs->remotePath(""), true), {}));
@@ -386,101 +354,12 @@ TEST_F(FtpWrapperTest, StreamsFromAnOffsetAndStopsWhenTheReaderHasEnough) {
     EXPECT_EQ(std::string(tail->begin(), tail->end()), content.substr(content.size() - 10));
 }
 
-// A one-purpose fake server playing replies no real server sends.
-class ScriptedFtpServer {
-  public:
-    // `reply` gets each command line and returns what to send; "" sends nothing; "CLOSE" hangs
-    // up; a reply ending in "<CLOSE>" is sent, then the server hangs up.
-    explicit ScriptedFtpServer(std::string greeting,
-                               std::function<std::string(const std::string&)> reply)
-        : greeting_(std::move(greeting)), reply_(std::move(reply)) {
-        fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t len = sizeof a;
-        ::bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a);
-        ::getsockname(fd_, reinterpret_cast<sockaddr*>(&a), &len);
-        port_ = ntohs(a.sin_port);
-        ::listen(fd_, 8);
-        thread_ = std::thread([this] { run(); });
-    }
-    ~ScriptedFtpServer() {
-        stop_ = true;
-        ::shutdown(fd_, SHUT_RDWR);
-        // The client may keep its session open in the pool: end it too.
-        if (int c = client_.load(); c >= 0) ::shutdown(c, SHUT_RDWR);
-        ::close(fd_);
-        thread_.join();
-    }
-    int port() const { return port_; }
-
-  private:
-    void run() {
-        while (!stop_) {
-            int c = ::accept(fd_, nullptr, nullptr);
-            if (c < 0) return;
-            client_ = c;
-            if (stop_) ::shutdown(c, SHUT_RDWR);
-            send(c, greeting_);
-            std::string buf;
-            char tmp[1024];
-            bool open = true;
-            while (open && !stop_) {
-                auto n = ::recv(c, tmp, sizeof tmp, 0);
-                if (n <= 0) break;
-                buf.append(tmp, static_cast<std::size_t>(n));
-                std::size_t nl;
-                while ((nl = buf.find("\r\n")) != std::string::npos) {
-                    auto line = buf.substr(0, nl);
-                    buf.erase(0, nl + 2);
-                    auto out = reply_(line);
-                    bool hangUp = out.ends_with("<CLOSE>") || out == "CLOSE";
-                    if (out.ends_with("<CLOSE>")) out.resize(out.size() - 7);
-                    if (out != "CLOSE") send(c, out);
-                    if (hangUp) {
-                        open = false;
-                        break;
-                    }
-                }
-            }
-            client_ = -1;
-            ::close(c);
-        }
-    }
-    static void send(int c, const std::string& s) {
-        std::size_t sent = 0;
-        while (sent < s.size()) {
-            auto n = ::send(c, s.data() + sent, s.size() - sent, MSG_NOSIGNAL);
-            if (n <= 0) return;
-            sent += static_cast<std::size_t>(n);
-        }
-    }
-    int fd_ = -1;
-    int port_ = 0;
-    std::atomic<bool> stop_{false};
-    std::atomic<int> client_{-1};
-    std::string greeting_;
-    std::function<std::string(const std::string&)> reply_;
-    std::thread thread_;
-};
-
 TEST_F(FtpWrapperTest, SurvivesHostileRepliesAndRefusedConnections) {
     auto login = [](const std::string& line) -> std::string {
-        if (line.rfind("USER", 0) == 0) return "331 pass\r\n";
-        if (line.rfind("PASS", 0) == 0) return "230 in\r\n";
-        return "";
+        return line.starts_with("USER") || line.starts_with("PASS")
+                   ? ScriptedFtpServer::basics(line)
+                   : "";
     };
-    auto infoFor = [](int port) {
-        auto info = std::make_shared<ServerInfo>();
-        info->protocolType = ProtocolType::FTP;
-        info->setValue(std::string("127.0.0.1"), ServerProp::ADDR);
-        info->setValue(std::to_string(port), ServerProp::PORT);
-        info->setValue(std::string("u"), ServerProp::USERNAME);
-        info->setValue(std::string("p"), ServerProp::PASSWORD);
-        return info;
-    };
-
     // A PWD reply without quotes, then one of a megabyte.
     {
         ScriptedFtpServer s("220 hi\r\n", [&](const std::string& line) -> std::string {
@@ -488,7 +367,7 @@ TEST_F(FtpWrapperTest, SurvivesHostileRepliesAndRefusedConnections) {
             if (line == "PWD") return "257 no quotes here\r\n";
             return "CLOSE";
         });
-        FtpWrapper w(infoFor(s.port()));
+        FtpWrapper w(s.serverInfo());
         auto cwd = w.currentWorkingDirectory();
         EXPECT_FALSE(cwd);
     }
@@ -498,7 +377,7 @@ TEST_F(FtpWrapperTest, SurvivesHostileRepliesAndRefusedConnections) {
             if (line == "PWD") return "257 \"" + std::string(1 << 20, 'x') + "\"\r\n";
             return "CLOSE";
         });
-        FtpWrapper w(infoFor(s.port()));
+        FtpWrapper w(s.serverInfo());
         auto cwd = w.currentWorkingDirectory();
         if (cwd) {
             EXPECT_LE(cwd->size(), std::size_t(1) << 20);
@@ -512,7 +391,7 @@ TEST_F(FtpWrapperTest, SurvivesHostileRepliesAndRefusedConnections) {
             if (line == "FEAT") return "211-Features:\r\n MLSD\r\n UTF8\r\n<CLOSE>";
             return "CLOSE";
         });
-        auto info = infoFor(s.port());
+        auto info = s.serverInfo();
         FtpWrapper w(info);
         auto start = std::chrono::steady_clock::now();
         EXPECT_FALSE(w.signInSync());
@@ -521,10 +400,9 @@ TEST_F(FtpWrapperTest, SurvivesHostileRepliesAndRefusedConnections) {
     }
     // "421" at the greeting: a clear error, once.
     {
-        std::atomic<int> connections{0};
         ScriptedFtpServer s("421 Too many connections\r\n",
                             [&](const std::string&) -> std::string { return "CLOSE"; });
-        FtpWrapper w(infoFor(s.port()));
+        FtpWrapper w(s.serverInfo());
         auto r = w.contentsOfDirectoryAtPathSync(item("/", true));
         ASSERT_FALSE(r);
         EXPECT_EQ(r.error().domain, "FTP");
@@ -535,19 +413,8 @@ TEST_F(FtpWrapperTest, SurvivesHostileRepliesAndRefusedConnections) {
 TEST_F(FtpWrapperTest, CancellingEndsARequestTheServerLeavesUnanswered) {
     // After the login the server goes silent: without the cancellation the request would wait
     // for libcurl's 30-second reply time-out.
-    ScriptedFtpServer s("220 hi\r\n", [](const std::string& line) -> std::string {
-        if (line.rfind("USER", 0) == 0) return "331 pass\r\n";
-        if (line.rfind("PASS", 0) == 0) return "230 in\r\n";
-        if (line == "PWD") return "257 \"/\"\r\n";
-        return "";
-    });
-    auto info = std::make_shared<ServerInfo>();
-    info->protocolType = ProtocolType::FTP;
-    info->setValue(std::string("127.0.0.1"), ServerProp::ADDR);
-    info->setValue(std::to_string(s.port()), ServerProp::PORT);
-    info->setValue(std::string("u"), ServerProp::USERNAME);
-    info->setValue(std::string("p"), ServerProp::PASSWORD);
-    FtpWrapper w(info);
+    ScriptedFtpServer s("220 hi\r\n", ScriptedFtpServer::basics);
+    FtpWrapper w(s.serverInfo());
     std::thread canceller([&w] {
         std::this_thread::sleep_for(std::chrono::milliseconds(300));
         w.cancelOperation();
@@ -608,6 +475,214 @@ TEST_F(FtpWrapperTest, RequestsInARowShareOneSession) {
     }
     ASSERT_TRUE(*info->supportUTF8);
     EXPECT_EQ(server->logins(), 1);
+}
+
+TEST_F(FtpWrapperTest, NeverConnectsToAPasvAddressOtherThanTheServersAndHealsTheRecord) {
+    // A hostile server names a third service (a bystander on 127.0.0.2) in its PASV reply: an
+    // upload must not send a byte there. The refusal spends the one retry, which ignores the
+    // address and remembers that in the record.
+    std::string received;
+    ScriptedFtpServer s("220 hi\r\n", [&](const std::string& line, auto& session) -> std::string {
+        if (auto r = ScriptedFtpServer::basics(line); !r.empty()) return r;
+        if (line == "PASV") return session.passive("127.0.0.2");
+        if (line.starts_with("STOR")) {
+            session.reply("150 Go ahead\r\n");
+            if (!session.acceptData()) return "425 No data connection\r\n";
+            received = session.receiveData();
+            return "226 Done\r\n";
+        }
+        if (line.starts_with("SIZE")) return "213 " + std::to_string(received.size()) + "\r\n";
+        if (line.starts_with("REST")) return "350 Restarting\r\n";
+        return "502 No\r\n";
+    });
+    auto info = s.serverInfo();
+    info->supportMLSD = true;
+    info->supportUTF8 = false;
+    info->supportMFMT = false;
+    info->supportEPSV = false;  // PASV, whose reply carries the address
+    ASSERT_TRUE(ServerInfoService::sharedServerInfoService().saveServerInfo(*info));
+    const std::string content = bytesOf(20000, 3);
+    test::writeFile(local_ / "up.bin", content);
+
+    FtpWrapper w(info);
+    auto r = w.uploadSync(item(local_ / "up.bin"), item("/", true), {});
+    ASSERT_TRUE(r) << r.error().describe();
+    EXPECT_TRUE(received == content);
+    EXPECT_EQ(s.bystanderConnections(), 0);
+    EXPECT_TRUE(w.triedAfterTimeout());
+    EXPECT_EQ(info->valueForKey("FTP_SKIP_PASV_IP"), "TRUE");
+    auto stored =
+        ServerInfoService::sharedServerInfoService().serverInfoWithServerID(info->serverID);
+    ASSERT_TRUE(stored);
+    EXPECT_EQ(stored->valueForKey("FTP_SKIP_PASV_IP"), "TRUE");
+
+    // The next client starts with the option on and needs no retry.
+    received.clear();
+    FtpWrapper next(info);
+    ASSERT_TRUE(next.uploadSync(item(local_ / "up.bin"), item("/", true), {}));
+    EXPECT_FALSE(next.triedAfterTimeout());
+    EXPECT_TRUE(received == content);
+
+    // With the option off again, a client that spent its retry fails as "could not connect".
+    info->setValue(std::string("FALSE"), "FTP_SKIP_PASV_IP");
+    FtpWrapper once(info);
+    ASSERT_TRUE(once.uploadSync(item(local_ / "up.bin"), item("/", true), {}));
+    info->setValue(std::string("FALSE"), "FTP_SKIP_PASV_IP");
+    auto second = once.uploadSync(item(local_ / "up.bin"), item("/", true), {});
+    ASSERT_FALSE(second);
+    EXPECT_EQ(second.error().code, 7);
+    EXPECT_EQ(s.bystanderConnections(), 0);
+}
+
+// Runs `request`, cancelling the client should it still run after a minute: a hang becomes a
+// failure of the test instead of its end.
+template <typename Request>
+auto withWatchdog(FtpWrapper& w, Request request) {
+    std::mutex m;
+    std::condition_variable cv;
+    bool done = false;
+    std::thread watchdog([&] {
+        std::unique_lock lock(m);
+        if (!cv.wait_for(lock, std::chrono::seconds(60), [&] { return done; })) w.cancelOperation();
+    });
+    auto result = request();
+    {
+        std::lock_guard lock(m);
+        done = true;
+    }
+    cv.notify_one();
+    watchdog.join();
+    return result;
+}
+
+TEST_F(FtpWrapperTest, AStalledDataConnectionEndsInATimeOut) {
+    // The data connection opens and stays open, silent from the start (listing) or after a few
+    // bytes (download).
+    ScriptedFtpServer s("220 hi\r\n", [&](const std::string& line, auto& session) -> std::string {
+        if (auto r = ScriptedFtpServer::basics(line); !r.empty()) return r;
+        if (line == "PASV") return session.passive();
+        if (line.starts_with("SIZE")) return "213 100000\r\n";
+        if (line.starts_with("RETR") || line.starts_with("MLSD")) {
+            session.reply("150 Here it comes\r\n");
+            session.sendData(line.starts_with("RETR") ? "first bytes" : "", false);
+            return "426 Aborted\r\n";
+        }
+        return "502 No\r\n";
+    });
+    auto info = s.serverInfo();
+    info->supportMLSD = true;
+    info->supportUTF8 = false;
+    info->supportEPSV = false;
+    FtpWrapper w(info);
+    w.setStallLimit(std::chrono::seconds(1));
+
+    auto listing =
+        withWatchdog(w, [&] { return w.contentsOfDirectoryAtPathSync(item("/", true)); });
+    ASSERT_FALSE(listing);
+    EXPECT_EQ(listing.error().code, 28);
+    EXPECT_EQ(listing.error().reason, "Operation Time Out");
+
+    auto file = item("/big.bin");
+    file.fileSizeInBytes = 100000;
+    auto down = withWatchdog(w, [&] { return w.downloadSync(file, local_ / "big.bin", {}); });
+    ASSERT_FALSE(down);
+    EXPECT_EQ(down.error().code, 28);
+    EXPECT_FALSE(std::filesystem::exists(local_ / "big.bin"));
+}
+
+TEST_F(FtpWrapperTest, TransfersThatDoNotEndAtTheExpectedSizeAreResumedOrFail) {
+    // Downloads: the server's SIZE and the bytes it sends disagree with its listing; each one is
+    // refused, and nothing is left under the target's name. Uploads: the server confirms a file
+    // whose tail it lost; the client finds out by SIZE and appends the rest.
+    std::string sizeReply;
+    std::string body;
+    std::string held;
+    bool loseTail = false;
+    ScriptedFtpServer s("220 hi\r\n", [&](const std::string& line, auto& session) -> std::string {
+        if (auto r = ScriptedFtpServer::basics(line); !r.empty()) return r;
+        if (line == "PASV") return session.passive();
+        if (line.starts_with("SIZE"))
+            return sizeReply.empty() ? "213 " + std::to_string(held.size()) + "\r\n" : sizeReply;
+        if (line.starts_with("REST")) return "350 Restarting\r\n";
+        if (line.starts_with("RETR")) {
+            session.reply("150 Here it comes\r\n");
+            session.sendData(body);
+            return "226 Done\r\n";
+        }
+        if (line.starts_with("STOR") || line.starts_with("APPE")) {
+            session.reply("150 Go ahead\r\n");
+            if (line.starts_with("STOR")) held.clear();
+            held += session.receiveData();
+            if (std::exchange(loseTail, false)) held.resize(held.size() - 1000);
+            return "226 Done\r\n";
+        }
+        return "502 No\r\n";
+    });
+    auto info = s.serverInfo();
+    info->supportUTF8 = false;
+    info->supportEPSV = false;
+    info->supportMFMT = false;
+    struct Case {
+        const char* what;
+        std::string sizeReply;
+        std::size_t sent;
+        long code;
+    } cases[] = {
+        {"a wrong SIZE", "213 10\r\n", 1000, 18},
+        {"no SIZE, a short transfer", "502 No\r\n", 10, 18},
+        {"more than listed", "213 2000\r\n", 2000, 63},
+    };
+    for (auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        sizeReply = c.sizeReply;
+        body = bytesOf(c.sent, 5);
+        FtpWrapper w(info);
+        w.setRetryDelay(std::chrono::milliseconds(10));
+        auto file = item("/data.bin");
+        file.fileSizeInBytes = 1000;
+        auto r = w.downloadSync(file, local_ / "data.bin", {});
+        ASSERT_FALSE(r);
+        EXPECT_EQ(r.error().code, c.code) << r.error().describe();
+        EXPECT_FALSE(std::filesystem::exists(local_ / "data.bin"));
+    }
+
+    sizeReply.clear();
+    loseTail = true;
+    const std::string content = bytesOf(50000, 6);
+    test::writeFile(local_ / "up.bin", content);
+    FtpWrapper w(info);
+    w.setRetryDelay(std::chrono::milliseconds(10));
+    auto up = w.uploadSync(item(local_ / "up.bin"), item("/", true), {});
+    ASSERT_TRUE(up) << up.error().describe();
+    EXPECT_TRUE(held == content);
+}
+
+TEST_F(FtpWrapperTest, FtpsUploadsOverAReusedSessionArriveWhole) {
+    // Under TLS 1.3 many of these arrived as 114,688 bytes, confirmed with 226: the data
+    // connection was reset while the rest of the file still waited to be sent.
+    FtpServerOptions implicitTls;
+    implicitTls.implicitTls = true;
+    auto py = startOrSkip(FtpServerKind::Pyftpdlib, implicitTls);
+    auto pro = startOrSkip(FtpServerKind::Proftpd);
+    ASSERT_TRUE(py && pro);
+    const std::string content = bytesOf(2 * 1024 * 1024, 13);
+    test::writeFile(local_ / "big.bin", content);
+    for (auto* server : {py.get(), pro.get()}) {
+        SCOPED_TRACE(server->name());
+        auto info = server->serverInfo("FTP_PROTOCOL_EXPLICIT");
+        for (int i = 0; i < 12; ++i) {
+            // A new client per file, as the tasks make them: they share one pooled session.
+            FtpWrapper w(info);
+            auto folder = "/f" + std::to_string(i);
+            server->makeDir(folder);
+            auto r = w.uploadSync(item(local_ / "big.bin"), item(folder, true), {});
+            ASSERT_TRUE(r) << r.error().describe();
+            EXPECT_EQ(std::filesystem::file_size(server->hostPath(folder + "/big.bin")),
+                      content.size());
+        }
+    }
+    EXPECT_EQ(py->events("APPE"), 0) << "an upload had to be completed afterwards";
+    EXPECT_EQ(py->logins(), 1);
 }
 
 }  // namespace
