@@ -1,5 +1,6 @@
 #include "transfer/DownloadTask.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -205,6 +206,15 @@ Status DownloadTask::transferFile(const FileTransferNode& node) {
     }
     // A wrapper that produced no file skipped it: the next one follows.
     if (!existsLocally(scratch)) return {};
+    // The file keeps the server's modification time.
+    if (source.timestamp) {
+        auto secs = std::chrono::floor<std::chrono::seconds>(*source.timestamp);
+        struct timespec times[2] = {{0, UTIME_OMIT}, {}};
+        times[1].tv_sec = static_cast<time_t>(secs.time_since_epoch().count());
+        times[1].tv_nsec = static_cast<long>(
+            std::chrono::duration_cast<std::chrono::nanoseconds>(*source.timestamp - secs).count());
+        ::utimensat(AT_FDCWD, scratch.c_str(), times, 0);
+    }
 
     auto conflict = fileConflict();
     if (conflict == ConflictAction::KeepBoth && existsLocally(targetPath))

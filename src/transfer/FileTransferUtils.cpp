@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <fmt/format.h>
+#include <sys/stat.h>
 #include <sys/statvfs.h>
 
 #include <cerrno>
@@ -160,6 +161,28 @@ bool isCopyIntoItself(std::string_view sourcePath, std::string_view targetFolder
 
 std::string copyIntoItselfMessage() {
     return LocalizedUtils::localizedStringForKey("trans.error_copy_move_to_itself");
+}
+
+Status checkUploadedSize(Wrapper& wrapper, const std::string& localPath, const KvMetadata& folder,
+                         const std::string& name) {
+    struct stat st {};
+    if (wrapper.capabilities().checksUploadSize || ::stat(localPath.c_str(), &st) != 0) return {};
+    // Uploads may go up under a hidden name first.
+    bool hidden = wrapper.forceIncludesHiddenFiles();
+    wrapper.setForceIncludesHiddenFiles(true);
+    auto listing = wrapper.contentsOfDirectoryAtPathSync(folder);
+    wrapper.setForceIncludesHiddenFiles(hidden);
+    if (!listing) return std::unexpected(listing.error());
+    auto expected = static_cast<std::uint64_t>(st.st_size);
+    for (auto& item : *listing) {
+        if (item.isDir || itemName(item) != name || !item.fileSizeInBytes ||
+            *item.fileSizeInBytes == expected)
+            continue;
+        return KvError::fail(ErrorDomain::FileTransfer, ErrorCode::UploadFailed,
+                             fmt::format("{} arrived with {} of its {} bytes", name,
+                                         *item.fileSizeInBytes, expected));
+    }
+    return {};
 }
 
 std::string parentPath(std::string_view path) {

@@ -8,6 +8,7 @@
 
 #include "core/Error.h"
 #include "core/KvMetadata.h"
+#include "core/Wrapper.h"
 
 namespace quillon::FileTransferUtils {
 
@@ -53,6 +54,13 @@ bool isTempFilePath(const std::string& path);
 bool isCopyIntoItself(std::string_view sourcePath, std::string_view targetFolder);
 // The refusal text for that case.
 std::string copyIntoItselfMessage();
+
+// After an upload that reported success: the server must list `name` in `folder` with the size
+// of the local file at `localPath`, or the upload fails with 10007 (a data connection may end
+// early while the server still confirms it). Passes when the client checks this itself, or the
+// listing shows no size for the item; a failed listing is returned.
+[[nodiscard]] Status checkUploadedSize(Wrapper& wrapper, const std::string& localPath,
+                                       const KvMetadata& folder, const std::string& name);
 
 // The parent folder's path of an item path ("/" for top-level items).
 std::string parentPath(std::string_view path);

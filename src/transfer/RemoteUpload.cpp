@@ -23,8 +23,9 @@ KvMetadata itemInFolder(const KvMetadata& folder, const std::string& name, bool 
 
 namespace {
 
-Status sendAs(Wrapper& wrapper, const KvMetadata& record, const std::string& localPath,
-              const KvMetadata& folder, const std::string& name, const ProgressHandler& progress) {
+Status sendFile(Wrapper& wrapper, const KvMetadata& record, const std::string& localPath,
+                const KvMetadata& folder, const std::string& name,
+                const ProgressHandler& progress) {
     KvMetadata local = record.copy();
     local.setPath(localPath);
     local.localPath = localPath;
@@ -53,6 +54,15 @@ Status sendAs(Wrapper& wrapper, const KvMetadata& record, const std::string& loc
     }
     FileTransferUtils::removeTaskTempFolder(*scratch);
     return result;
+}
+
+// A client may report success for a file that did not arrive whole: what the server lists
+// decides.
+Status sendAs(Wrapper& wrapper, const KvMetadata& record, const std::string& localPath,
+              const KvMetadata& folder, const std::string& name, const ProgressHandler& progress) {
+    auto sent = sendFile(wrapper, record, localPath, folder, name, progress);
+    if (!sent) return sent;
+    return FileTransferUtils::checkUploadedSize(wrapper, localPath, folder, name);
 }
 
 // Removes a leftover; the wrapper may have been cancelled, which must not stop the clean-up.

@@ -1,6 +1,7 @@
 // Transfers against real FTP servers: local to FTP, FTP to local and FTP to FTP between two
 // different servers, with trees holding nested empty folders, hidden files and links; name
 // conflicts on the server; a cancelled and a broken download; cross moves and their check.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -108,11 +109,17 @@ TEST(FtpTransfer, UploadsTreeAndDownloadsItBack) {
         EXPECT_EQ(up->totalBytes(), 5 + 6 + 300000 + 3 + 5);
         EXPECT_EQ(up->transferredBytes(), up->totalBytes());
 
+        // A downloaded file keeps the server's modification time.
+        const struct timespec then[2] = {{978307200, 0}, {978307200, 0}};  // 2001-01-01 UTC
+        ASSERT_EQ(::utimensat(AT_FDCWD, server->hostPath("/tree/sub/b.bin").c_str(), then, 0), 0);
         fs::create_directories(dir / "back");
         auto down = runOne<DownloadTask>(manager, ftp, remoteItem(ftp, "/tree"), localServer(),
                                          localFolder(dir / "back"));
         ASSERT_EQ(down->state(), TransferTaskState::Completed) << describe(*down);
         expectUploadedTree(dir / "back/tree");
+        struct stat st {};
+        ASSERT_EQ(::stat((dir / "back/tree/sub/b.bin").c_str(), &st), 0);
+        EXPECT_EQ(st.st_mtime, 978307200);
         EXPECT_EQ(down->transferredBytes(), down->totalBytes());
         // Scratch folders are gone once the task ends.
         EXPECT_TRUE(fs::is_empty(PathUtils::getAppTempPath()));

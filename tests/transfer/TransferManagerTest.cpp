@@ -3,18 +3,21 @@
 // (unique names, free space, progress observation).
 #include <gtest/gtest.h>
 #include <sys/statvfs.h>
+#include <unistd.h>
 
 #include <any>
 #include <atomic>
 #include <condition_variable>
 
 #include "TransferTestKit.h"
+#include "clients/local/LocalWrapper.h"
 #include "core/AppPreference.h"
 #include "core/NotificationCenter.h"
 #include "transfer/CopyTask.h"
 #include "transfer/FileTransferUtils.h"
 #include "transfer/MoveTask.h"
 #include "transfer/ProgressObserver.h"
+#include "transfer/RemoteUpload.h"
 
 using namespace quillon;
 using namespace quillon::test;
@@ -121,6 +124,46 @@ TEST(FileTransferUtils, IntoItselfAndFreeSpace) {
     EXPECT_NEAR(static_cast<double>(measured), static_cast<double>(expected), 512.0 * 1024 * 1024);
     // A path that does not exist yet is measured on the volume that would hold it.
     EXPECT_GT(FileTransferUtils::totalFreeDiskSpace(dir / "not/yet/there"), 0u);
+}
+
+namespace {
+
+// A client that reports success for an upload whose tail never arrived.
+class TailLosingWrapper : public LocalWrapper {
+  public:
+    using LocalWrapper::LocalWrapper;
+    Status uploadSync(const KvMetadata& localFile, const KvMetadata& toFolder,
+                      const ProgressHandler& progress) override {
+        auto r = LocalWrapper::uploadSync(localFile, toFolder, progress);
+        ::truncate((toFolder.pathOrEmpty() + "/" + localFile.nameOrEmpty()).c_str(), 10);
+        return r;
+    }
+};
+
+}  // namespace
+
+TEST(FileTransferUtils, AnUploadThatArrivesShortFailsAndReplacesNothing) {
+    IsolatedHome home;
+    ScratchDir dir("short");
+    writeFile(dir / "src/data.bin", std::string(1000, 'd'));
+    writeFile(dir / "dst/data.bin", "old content");
+    TailLosingWrapper losing(localServer());
+    auto never = [] { return false; };
+    auto send = [&](Wrapper& w, const std::string& name, bool replace) {
+        return RemoteUpload::uploadFile(w, localItem(dir / "src/data.bin"), dir / "src/data.bin",
+                                        localFolder(dir / "dst"), name, replace, {}, never);
+    };
+    auto fresh = send(losing, "new.bin", false);
+    ASSERT_FALSE(fresh);
+    EXPECT_EQ(fresh.error().code, ErrorCode::UploadFailed);
+    auto replacing = send(losing, "data.bin", true);
+    ASSERT_FALSE(replacing);
+    EXPECT_EQ(readFile(dir / "dst/data.bin"), "old content");
+    EXPECT_EQ(folderEntries(dir / "dst"), std::vector<std::string>{"data.bin"});
+
+    LocalWrapper whole(localServer());
+    ASSERT_TRUE(send(whole, "data.bin", true));
+    EXPECT_EQ(readFile(dir / "dst/data.bin"), std::string(1000, 'd'));
 }
 
 TEST(TransferManager, FourthTaskWaitsForFreeSlot) {
