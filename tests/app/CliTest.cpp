@@ -128,14 +128,24 @@ TEST(Cli, BrowsesAndManagesLocalFolders) {
     for (char c : ls.out) EXPECT_TRUE(c == '\n' || static_cast<unsigned char>(c) >= 0x20) << ls.out;
     EXPECT_TRUE(contains(runQuillon({"ls", "-a", dir.path()}).out, ".hidden"));
 
-    auto json = runQuillon({"ls", "--json", dir.path()});
-    ASSERT_EQ(json.exitCode, 0);
-    EXPECT_TRUE(contains(json.out, "\"name\":\"b 10.txt\"")) << json.out;
-    EXPECT_TRUE(contains(json.out, "\"size\":4"));
+    // Times in JSON are UTC, whatever the local zone.
+    fs::last_write_time(dir / "b 10.txt",
+                        fs::file_time_type::clock::from_sys(
+                            std::chrono::sys_seconds(std::chrono::seconds(978307200))));
+    for (const char* zone : {"Asia/Tokyo", "America/New_York", "UTC"}) {
+        SCOPED_TRACE(zone);
+        ScopedTimeZone tz(zone);
+        auto json = runQuillon({"ls", "--json", dir.path()});
+        ASSERT_EQ(json.exitCode, 0);
+        EXPECT_TRUE(contains(json.out, "\"name\":\"b 10.txt\"")) << json.out;
+        EXPECT_TRUE(contains(json.out, "\"size\":4"));
+        EXPECT_TRUE(contains(json.out, "\"mtime\":\"2001-01-01T00:00:00Z\"")) << json.out;
 
-    auto stat = runQuillon({"stat", "--json", dir / "b 10.txt"});
-    ASSERT_EQ(stat.exitCode, 0) << stat.err;
-    EXPECT_TRUE(contains(stat.out, "\"isDir\":false"));
+        auto stat = runQuillon({"stat", "--json", dir / "b 10.txt"});
+        ASSERT_EQ(stat.exitCode, 0) << stat.err;
+        EXPECT_TRUE(contains(stat.out, "\"isDir\":false"));
+        EXPECT_TRUE(contains(stat.out, "\"mtime\":\"2001-01-01T00:00:00Z\"")) << stat.out;
+    }
 
     EXPECT_EQ(runQuillon({"cat", dir / "b 10.txt"}).out, "ten!");
 

@@ -3,6 +3,8 @@
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 
+#include <ctime>
+
 namespace quillon::cli {
 
 std::string jsonString(std::string_view s) {
@@ -56,8 +58,12 @@ std::string jsonString(std::string_view s) {
 
 std::string jsonTime(const std::optional<std::chrono::system_clock::time_point>& t) {
     if (!t) return "null";
-    auto secs = std::chrono::floor<std::chrono::seconds>(*t);
-    return fmt::format("\"{:%Y-%m-%dT%H:%M:%SZ}\"", secs);
+    // fmt formats a time point in the local zone: the "Z" needs the UTC calendar time.
+    std::time_t secs =
+        std::chrono::system_clock::to_time_t(std::chrono::floor<std::chrono::seconds>(*t));
+    std::tm utc{};
+    ::gmtime_r(&secs, &utc);
+    return fmt::format("\"{:%Y-%m-%dT%H:%M:%SZ}\"", utc);
 }
 
 }  // namespace quillon::cli
