@@ -128,16 +128,22 @@ TEST(FileTransferUtils, IntoItselfAndFreeSpace) {
 
 namespace {
 
-// A client that reports success for an upload whose tail never arrived.
-class TailLosingWrapper : public LocalWrapper {
+// A remote store played by a local folder: an upload reads the file (following the alias link a
+// remote client is handed) and can lose its tail while still reporting success.
+class StandInRemote : public LocalWrapper {
   public:
-    using LocalWrapper::LocalWrapper;
+    StandInRemote(ServerInfoPtr info, bool losesTail)
+        : LocalWrapper(std::move(info)), losesTail_(losesTail) {}
     Status uploadSync(const KvMetadata& localFile, const KvMetadata& toFolder,
-                      const ProgressHandler& progress) override {
-        auto r = LocalWrapper::uploadSync(localFile, toFolder, progress);
-        ::truncate((toFolder.pathOrEmpty() + "/" + localFile.nameOrEmpty()).c_str(), 10);
-        return r;
+                      const ProgressHandler&) override {
+        std::string data = readFile(localFile.localPath.value_or(localFile.pathOrEmpty()));
+        if (losesTail_) data.resize(10);
+        writeFile(toFolder.pathOrEmpty() + "/" + localFile.nameOrEmpty(), data);
+        return {};
     }
+
+  private:
+    bool losesTail_;
 };
 
 }  // namespace
@@ -147,11 +153,15 @@ TEST(FileTransferUtils, AnUploadThatArrivesShortFailsAndReplacesNothing) {
     ScratchDir dir("short");
     writeFile(dir / "src/data.bin", std::string(1000, 'd'));
     writeFile(dir / "dst/data.bin", "old content");
-    TailLosingWrapper losing(localServer());
+    StandInRemote losing(localServer(), true);
     auto never = [] { return false; };
+    // The local disk stands in for a remote store: its folder record claims another kind, so the
+    // upload takes the path every remote client takes (temporary name, check, rename).
+    auto target = localFolder(dir / "dst");
+    target.protocolType = ProtocolType::WebDAV;
     auto send = [&](Wrapper& w, const std::string& name, bool replace) {
         return RemoteUpload::uploadFile(w, localItem(dir / "src/data.bin"), dir / "src/data.bin",
-                                        localFolder(dir / "dst"), name, replace, {}, never);
+                                        target, name, replace, {}, never);
     };
     auto fresh = send(losing, "new.bin", false);
     ASSERT_FALSE(fresh);
@@ -161,8 +171,9 @@ TEST(FileTransferUtils, AnUploadThatArrivesShortFailsAndReplacesNothing) {
     EXPECT_EQ(readFile(dir / "dst/data.bin"), "old content");
     EXPECT_EQ(folderEntries(dir / "dst"), std::vector<std::string>{"data.bin"});
 
-    LocalWrapper whole(localServer());
-    ASSERT_TRUE(send(whole, "data.bin", true));
+    StandInRemote whole(localServer(), false);
+    auto r = send(whole, "data.bin", true);
+    ASSERT_TRUE(r) << r.error().describe();
     EXPECT_EQ(readFile(dir / "dst/data.bin"), std::string(1000, 'd'));
 }
 
