@@ -3,6 +3,7 @@
 // a scratch root holding links that point out of it. Nothing may resolve outside the root, and
 // no text fit for a reply may hold a line break.
 
+#include <fcntl.h>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -44,6 +45,13 @@ const std::string& root() {
     return scratchRoot;
 }
 
+// The scratch root held open, as the server holds its shared folder.
+const quillon::FtpPath::Root& sharedRoot() {
+    static auto held = quillon::FtpPath::Root::open(root());
+    if (!held) std::abort();
+    return *held;
+}
+
 void check(bool ok) {
     if (!ok) __builtin_trap();
 }
@@ -72,15 +80,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                 check(!vp->empty() && vp->front() == '/');
                 check(vp->find("/../") == std::string::npos &&
                       vp->find("/./") == std::string::npos);
-                for (auto how : {FtpPath::Resolve::Follow, FtpPath::Resolve::Entry}) {
-                    auto local = FtpPath::localPath(base, *vp, how);
-                    if (!local) continue;
-                    check(FtpPath::isInside(base, *local));
-                    if (how == FtpPath::Resolve::Follow) {
-                        auto again = FtpPath::canonical(*local);
-                        check(again && FtpPath::isInside(base, *again));
-                    }
-                }
+                const auto& root = sharedRoot();
+                if (auto item = root.open(*vp, O_PATH))
+                    check(FtpPath::isInside(base, root.localPath(item->get(), "")));
+                for (bool followLast : {false, true})
+                    if (auto entry = root.entry(*vp, followLast))
+                        check(FtpPath::isInside(base, root.localPath(entry->folder.get(), "")));
             }
         }
     }

@@ -2,6 +2,7 @@
 // confinement (with real symbolic links), listing lines and times, and a few thousand random and
 // structured inputs through the same entry points the fuzzer uses.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -103,51 +104,107 @@ TEST(FtpPath, VirtualPathsFoldDotsAndNeverClimbAboveTheRoot) {
     EXPECT_EQ(FtpPath::virtualPath("/a", "..\\..\\x"), "/a/..\\..\\x");
     // Percent signs are name characters, not escapes.
     EXPECT_EQ(FtpPath::virtualPath("/", "%2e%2e%2fetc"), "/%2e%2e%2fetc");
+    // Names no reply could carry back are refused.
     EXPECT_EQ(FtpPath::virtualPath("/", std::string("a\0b", 3)), std::nullopt);
+    EXPECT_EQ(FtpPath::virtualPath("/", "a\rb"), std::nullopt);
+    EXPECT_EQ(FtpPath::virtualPath("/a", "b\nc"), std::nullopt);
 }
 
-TEST(FtpPath, LocalPathsStayInsideTheRootThroughLinks) {
+// Where an opened item lies, or the errno that refused it.
+std::string whereIs(const FtpPath::Root& root, std::string_view vp) {
+    auto fd = root.open(vp, O_PATH);
+    return fd ? root.localPath(fd->get(), vp) : "errno " + std::to_string(fd.error());
+}
+
+std::string whereIsEntry(const FtpPath::Root& root, std::string_view vp, bool followLast) {
+    auto e = root.entry(vp, followLast);
+    return e ? root.localPath(e->folder.get(), "") + " : " + e->name
+             : "errno " + std::to_string(e.error());
+}
+
+// Both ways of resolving: openat2, and the walk of kernels without it.
+class FtpPathBothWays : public ::testing::TestWithParam<bool> {
+  protected:
+    void SetUp() override { FtpPath::setOpenat2Allowed(GetParam()); }
+    void TearDown() override { FtpPath::setOpenat2Allowed(true); }
+};
+
+TEST_P(FtpPathBothWays, ResolvesBeneathTheRootFollowingOnlyLinksThatStayInside) {
     ScratchDir outside("outside");
     test::writeFile(outside / "secret", "s");
     ScratchDir dir("root");
-    auto root = *FtpPath::canonical(dir.path());
+    std::string top = *FtpPath::canonical(dir.path());
+    auto root = FtpPath::Root::open(top);
+    ASSERT_TRUE(root);
     test::writeFile(dir / "a/file.txt", "x");
     fs::create_directory_symlink(outside.path(), dir / "out");
     fs::create_symlink(outside / "secret", dir / "secret-link");
     fs::create_symlink(outside / "missing", dir / "dangling");
-    fs::create_directory_symlink(dir / "a", dir / "inner");
+    fs::create_directory_symlink(top + "/a", dir / "inner");     // absolute, inside
+    fs::create_directory_symlink("a", dir / "rel-inner");        // relative, inside
+    fs::create_symlink("../../x", dir / "a/up");                 // relative, out by ".."
+    fs::create_symlink("file.txt", dir / "a/file-link");         // a file link, inside
+    fs::create_symlink("../inner/new.txt", dir / "a/new-link");  // inside, to a missing name
+    fs::create_symlink("loop", dir / "loop");
+    fs::create_symlink("/proc/self/cwd", dir / "magic");
 
-    using FtpPath::Resolve;
-    EXPECT_EQ(FtpPath::localPath(root, "/", Resolve::Follow), root);
-    EXPECT_EQ(FtpPath::localPath(root, "/a/file.txt", Resolve::Follow), root + "/a/file.txt");
-    EXPECT_EQ(FtpPath::localPath(root, "/inner/file.txt", Resolve::Follow), root + "/a/file.txt");
-    EXPECT_EQ(FtpPath::localPath(root, "/out", Resolve::Follow), std::nullopt);
-    EXPECT_EQ(FtpPath::localPath(root, "/out/secret", Resolve::Follow), std::nullopt);
-    EXPECT_EQ(FtpPath::localPath(root, "/secret-link", Resolve::Follow), std::nullopt);
-    EXPECT_EQ(FtpPath::localPath(root, "/dangling", Resolve::Follow), std::nullopt);
-    EXPECT_EQ(FtpPath::localPath(root, "/a/missing", Resolve::Follow), std::nullopt);
-    // Entries: the name in its folder, so a link is the link itself; folders must be inside.
-    EXPECT_EQ(FtpPath::localPath(root, "/a/new", Resolve::Entry), root + "/a/new");
-    EXPECT_EQ(FtpPath::localPath(root, "/secret-link", Resolve::Entry), root + "/secret-link");
-    EXPECT_EQ(FtpPath::localPath(root, "/out/new", Resolve::Entry), std::nullopt);
-    EXPECT_EQ(FtpPath::localPath(root, "/nofolder/new", Resolve::Entry), std::nullopt);
-    EXPECT_EQ(FtpPath::localPath(root, "/", Resolve::Entry), std::nullopt);
-    EXPECT_EQ(FtpPath::localPath(root, "relative", Resolve::Follow), std::nullopt);
+    auto e = [](int n) { return "errno " + std::to_string(n); };
+    EXPECT_EQ(whereIs(*root, "/"), top);
+    EXPECT_EQ(whereIs(*root, "/a/file.txt"), top + "/a/file.txt");
+    EXPECT_EQ(whereIs(*root, "/inner/file.txt"), top + "/a/file.txt");
+    EXPECT_EQ(whereIs(*root, "/rel-inner/file-link"), top + "/a/file.txt");
+    EXPECT_EQ(whereIs(*root, "/inner/up"), e(EXDEV));
+    EXPECT_EQ(whereIs(*root, "/out"), e(EXDEV));
+    EXPECT_EQ(whereIs(*root, "/out/secret"), e(EXDEV));
+    EXPECT_EQ(whereIs(*root, "/secret-link"), e(EXDEV));
+    EXPECT_EQ(whereIs(*root, "/dangling"), e(EXDEV));
+    EXPECT_EQ(whereIs(*root, "/magic"), e(EXDEV));
+    EXPECT_EQ(whereIs(*root, "/loop"), e(ELOOP));
+    EXPECT_EQ(whereIs(*root, "/a/missing"), e(ENOENT));
+    EXPECT_EQ(whereIs(*root, "/a/file.txt/x"), e(ENOTDIR));
+    EXPECT_EQ(whereIs(*root, "relative"), e(EINVAL));
+
+    // Entries: the name in its folder; a link in the last place is itself, or what it points to.
+    EXPECT_EQ(whereIsEntry(*root, "/a/new", false), top + "/a : new");
+    EXPECT_EQ(whereIsEntry(*root, "/secret-link", false), top + " : secret-link");
+    EXPECT_EQ(whereIsEntry(*root, "/inner/file-link", false), top + "/a : file-link");
+    EXPECT_EQ(whereIsEntry(*root, "/inner/file-link", true), top + "/a : file.txt");
+    EXPECT_EQ(whereIsEntry(*root, "/a/new-link", true), top + "/a : new.txt");
+    EXPECT_EQ(whereIsEntry(*root, "/secret-link", true), e(EXDEV));
+    EXPECT_EQ(whereIsEntry(*root, "/out/new", false), e(EXDEV));
+    EXPECT_EQ(whereIsEntry(*root, "/nofolder/new", false), e(ENOENT));
+    EXPECT_EQ(whereIsEntry(*root, "/", false), e(EINVAL));
+
+    // The descriptors act where they were resolved, whatever the names turn into afterwards.
+    auto folder = root->entry("/a/made", false);
+    ASSERT_TRUE(folder);
+    fs::rename(dir / "a", dir / "moved");
+    fs::create_directory_symlink(outside.path(), dir / "a");
+    ASSERT_EQ(::mkdirat(folder->folder.get(), folder->name.c_str(), 0755), 0);
+    EXPECT_TRUE(fs::is_directory(dir / "moved/made"));
+    EXPECT_FALSE(fs::exists(outside / "made"));
 
     EXPECT_TRUE(FtpPath::isInside("/srv/x", "/srv/x/y"));
     EXPECT_FALSE(FtpPath::isInside("/srv/x", "/srv/xy"));
     EXPECT_TRUE(FtpPath::isInside("/", "/etc"));
 }
 
-TEST(FtpListing, FolderEntriesLeaveOutLinksThatLeadOutOfTheRoot) {
+INSTANTIATE_TEST_SUITE_P(Openat2, FtpPathBothWays, ::testing::Values(true, false),
+                         [](const auto& info) { return info.param ? "Openat2" : "Walk"; });
+
+TEST(FtpListing, FolderEntriesLeaveOutLinksThatLeadOutAndNamesNoLineCanCarry) {
     ScratchDir outside("outside");
     ScratchDir dir("root");
-    auto root = *FtpPath::canonical(dir.path());
+    auto root = FtpPath::Root::open(*FtpPath::canonical(dir.path()));
+    ASSERT_TRUE(root);
     test::writeFile(dir / "b.txt", "12345");
     fs::create_directory(dir / "a folder");
     fs::create_directory_symlink(outside.path(), dir / "escape");
     fs::create_symlink(dir / "b.txt", dir / "c-link");
-    auto entries = FtpListing::entriesOfFolder(root, root);
+    test::writeFile(dir / "bad\r\nname", "x");
+    test::writeFile(dir / (std::string(kUploadTempPrefix) + "0123"), "unfinished");
+    ASSERT_EQ(::mkfifo((dir / "pipe").c_str(), 0644), 0);
+    auto entries = FtpListing::entriesOfFolder(*root, "/", root->fd());
     ASSERT_EQ(entries.size(), 3u);
     EXPECT_EQ(entries[0].name, "a folder");
     EXPECT_TRUE(entries[0].isDir);
@@ -185,7 +242,9 @@ TEST(FtpListing, LinesAndTimesInTheFormatsClientsParse) {
 TEST(FtpCommandParser, SurvivesThousandsOfRandomAndStructuredInputs) {
     ScratchDir outside("outside");
     ScratchDir dir("root");
-    auto root = *FtpPath::canonical(dir.path());
+    auto top = *FtpPath::canonical(dir.path());
+    auto root = FtpPath::Root::open(top);
+    ASSERT_TRUE(root);
     test::writeFile(dir / "a/b/file", "x");
     fs::create_directory_symlink(outside.path(), dir / "a/out");
     fs::create_directory_symlink("/etc", dir / "etc");
@@ -227,13 +286,13 @@ TEST(FtpCommandParser, SurvivesThousandsOfRandomAndStructuredInputs) {
                     if (!vp) continue;
                     ASSERT_EQ(vp->front(), '/');
                     ASSERT_EQ(vp->find("/../"), std::string::npos);
-                    for (auto how : {FtpPath::Resolve::Follow, FtpPath::Resolve::Entry}) {
-                        auto local = FtpPath::localPath(root, *vp, how);
-                        if (!local) continue;
-                        ASSERT_TRUE(FtpPath::isInside(root, *local)) << *local;
-                        if (how == FtpPath::Resolve::Entry) {
-                            auto folder = fs::path(*local).parent_path().string();
-                            ASSERT_TRUE(FtpPath::isInside(root, *FtpPath::canonical(folder)));
+                    if (auto item = root->open(*vp, O_PATH)) {
+                        ASSERT_TRUE(FtpPath::isInside(top, root->localPath(item->get(), "")));
+                    }
+                    for (bool followLast : {false, true}) {
+                        if (auto entry = root->entry(*vp, followLast)) {
+                            ASSERT_TRUE(
+                                FtpPath::isInside(top, root->localPath(entry->folder.get(), "")));
                         }
                     }
                 }

@@ -3,12 +3,13 @@
 // and talks to it as a raw control-channel client for transcript tests.
 
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <sys/time.h>
+#include <poll.h>
 
 #include <asio.hpp>
 
 #include <chrono>
+#include <functional>
+#include <future>
 #include <mutex>
 #include <optional>
 #include <regex>
@@ -71,6 +72,18 @@ class RunningFtpServer {
     std::string operator/(const std::string& rel) const { return root_ / rel; }
     FtpServer& server() { return *server_; }
     const ChangeRecorder& changes() const { return changes_; }
+    // Holds the server's thread, so that every session stands still, until the returned object
+    // goes: a test lines up what the server finds when it looks again.
+    std::shared_ptr<void> pause() {
+        auto held = std::make_shared<std::promise<void>>();
+        auto release = std::make_shared<std::promise<void>>();
+        asio::post(io_, [held, go = release->get_future().share()] {
+            held->set_value();
+            go.wait();
+        });
+        held->get_future().wait();
+        return {nullptr, [release](void*) { release->set_value(); }};
+    }
     std::vector<std::string> log() const {
         std::lock_guard lock(logMutex_);
         return log_;
@@ -93,8 +106,6 @@ class RawFtpClient {
         socket_.open(asio::ip::tcp::v4());
         if (from != "127.0.0.1") socket_.bind({asio::ip::make_address(from), 0});
         socket_.connect({asio::ip::make_address("127.0.0.1"), static_cast<unsigned short>(port)});
-        timeval tv{5, 0};
-        ::setsockopt(socket_.native_handle(), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
     }
     // Sends raw bytes as they are.
     void sendRaw(const std::string& bytes) {
@@ -113,6 +124,7 @@ class RawFtpClient {
             }
             char chunk[4096];
             asio::error_code ec;
+            if (!readable()) return {};
             auto n = socket_.read_some(asio::buffer(chunk), ec);
             if (ec || n == 0) return {};
             buffer_.append(chunk, n);
@@ -145,6 +157,7 @@ class RawFtpClient {
     bool closedByServer() {
         char c;
         asio::error_code ec;
+        if (!readable()) return false;
         socket_.read_some(asio::buffer(&c, 1), ec);
         return ec == asio::error::eof || ec == asio::error::connection_reset;
     }
@@ -154,13 +167,18 @@ class RawFtpClient {
         if (r.rfind("331", 0) == 0) r = ask("PASS " + password);
         return r.rfind("230", 0) == 0;
     }
-    // Sends PASV and connects to the port it names; the data socket, or absent.
-    std::optional<asio::ip::tcp::socket> passive() {
+    // Sends PASV; the port it names, or 0.
+    int passivePort() {
         auto r = ask("PASV");
         std::smatch m;
         if (!std::regex_search(r, m, std::regex(R"(\((\d+),(\d+),(\d+),(\d+),(\d+),(\d+)\))")))
-            return std::nullopt;
-        int port = std::stoi(m[5]) * 256 + std::stoi(m[6]);
+            return 0;
+        return std::stoi(m[5]) * 256 + std::stoi(m[6]);
+    }
+    // Sends PASV and connects to the port it names; the data socket, or absent.
+    std::optional<asio::ip::tcp::socket> passive() { return connectData(passivePort()); }
+    std::optional<asio::ip::tcp::socket> connectData(int port) {
+        if (port == 0) return std::nullopt;
         asio::ip::tcp::socket data(io_);
         asio::error_code ec;
         data.connect({asio::ip::make_address("127.0.0.1"), static_cast<unsigned short>(port)}, ec);
@@ -182,10 +200,29 @@ class RawFtpClient {
     asio::io_context& io() { return io_; }
 
   private:
+    // Waits for something to read (or the end) for 30 seconds at most: only a bound for a server
+    // that fails to answer, which no test waits out when all is well. (A receive time-out on the
+    // socket would not do: Asio's blocking reads wait on after it.)
+    bool readable() {
+        pollfd p{socket_.native_handle(), POLLIN, 0};
+        return ::poll(&p, 1, 30000) > 0;
+    }
+
     asio::io_context io_;
     asio::ip::tcp::socket socket_;
     std::string buffer_;
 };
+
+// Waits until `done` holds, looking every few milliseconds, for at most `limit`; whether it held.
+inline bool waitUntil(const std::function<bool()>& done,
+                      std::chrono::seconds limit = std::chrono::seconds(30)) {
+    auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
 
 // Runs /usr/bin/python3 with a script; argv[1...] follow.
 inline CommandResult runPython(const std::string& script,

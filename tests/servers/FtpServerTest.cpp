@@ -4,16 +4,24 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <stdio.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <filesystem>
 #include <random>
+#include <thread>
 
 #include "core/PathUtils.h"
 #include "core/StringUtils.h"
 #include "servers/FtpServerFixture.h"
 #include "servers/ftpserver/FtpConnection.h"
+#include "servers/ftpserver/FtpListing.h"
+#include "servers/ftpserver/FtpPath.h"
 
 namespace quillon {
 namespace {
@@ -639,26 +647,30 @@ TEST(FtpServer, InterruptedUploadKeepsWhatArrivedAndResumesFromSize) {
     std::string content = randomBytes(1000000, 5);
     RawFtpClient c(srv.port());
     ASSERT_TRUE(c.login("bob", "s3cret pw"));
+    int port = c.passivePort();
+    c.send("STOR cut.bin");
+    EXPECT_EQ(c.reply().back(), "150 Opening BINARY mode data connection for 'cut.bin'.");
     {
-        auto data = c.passive();
+        // The client connects, sends what the socket takes and resets the connection before the
+        // server has even accepted it: a cut-off upload all the same, not one that never began.
+        auto paused = srv.pause();
+        auto data = c.connectData(port);
         ASSERT_TRUE(data);
-        c.send("STOR cut.bin");
-        EXPECT_EQ(c.reply().back(), "150 Opening BINARY mode data connection for 'cut.bin'.");
-        asio::write(*data, asio::buffer(content.data(), 300000));
-        // Reset instead of a clean close: the upload was cut off.
+        data->non_blocking(true);
+        asio::error_code ec;
+        std::size_t sent = 0;
+        while (!ec && sent < 300000)
+            sent += data->write_some(asio::buffer(content.data() + sent, 300000 - sent), ec);
         data->set_option(asio::socket_base::linger(true, 0));
         data->close();
     }
-    auto end = c.reply().back();
-    EXPECT_TRUE(end == "426 Connection closed; transfer aborted." ||
-                end == "226 Transfer complete.")
-        << end;
+    EXPECT_EQ(c.reply().back(), "426 Connection closed; transfer aborted.");
     auto size = c.ask("SIZE cut.bin");
     ASSERT_TRUE(startsWith(size, "213 "));
     auto have = std::stoul(size.substr(4));
     EXPECT_LE(have, 300000u);
     EXPECT_EQ(fs::file_size(srv / "cut.bin"), have);  // SIZE tells what is on disk
-    EXPECT_EQ(test::readFile(srv / "cut.bin"), content.substr(0, have));
+    EXPECT_TRUE(holds(srv / "cut.bin", content.substr(0, have)));
 
     EXPECT_EQ(c.ask("REST " + std::to_string(have)), "350 Command successful.");
     auto data = c.passive();
@@ -669,11 +681,230 @@ TEST(FtpServer, InterruptedUploadKeepsWhatArrivedAndResumesFromSize) {
     data->shutdown(asio::socket_base::shutdown_send);
     data->close();
     EXPECT_EQ(c.reply().back(), "226 Transfer complete.");
-    EXPECT_EQ(test::readFile(srv / "cut.bin"), content);
+    EXPECT_TRUE(holds(srv / "cut.bin", content));
+    // A resume past the end is refused before anything is opened: no empty file either.
     EXPECT_EQ(c.ask("REST 2000000"), "350 Command successful.");
     c.passive();
     EXPECT_EQ(c.ask("STOR cut.bin"), "554 Restart offset beyond end of file.");
-    EXPECT_EQ(test::readFile(srv / "cut.bin"), content);
+    EXPECT_TRUE(holds(srv / "cut.bin", content));
+    EXPECT_EQ(c.ask("REST 5"), "350 Command successful.");
+    c.passive();
+    EXPECT_EQ(c.ask("STOR missing.bin"), "554 Restart offset beyond end of file.");
+    EXPECT_FALSE(fs::exists(srv / "missing.bin"));
+}
+
+// The names in a folder, sorted.
+std::vector<std::string> namesIn(const std::string& folder) {
+    std::vector<std::string> names;
+    for (const auto& e : fs::directory_iterator(folder)) names.push_back(e.path().filename());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+// Sends `bytes` as an upload of `name` (PASV, STOR, data, clean end); the final reply.
+std::string upload(RawFtpClient& c, const std::string& name, const std::string& bytes) {
+    auto data = c.passive();
+    if (!data) return "no data connection";
+    c.send("STOR " + name);
+    auto first = c.reply();
+    if (first.empty() || !startsWith(first.back(), "150 "))
+        return first.empty() ? "" : first.back();
+    asio::error_code ec;
+    asio::write(*data, asio::buffer(bytes), ec);
+    data->shutdown(asio::socket_base::shutdown_send, ec);
+    data->close(ec);
+    auto end = c.reply();
+    return end.empty() ? std::string() : end.back();
+}
+
+TEST(FtpServer, UploadsOverAFileReplaceItOnlyWhenComplete) {
+    RunningFtpServer srv(userOptions());
+    const std::string old = "the old content, which must survive";
+    std::string content = randomBytes(600000, 6);
+    test::writeFile(srv / "keep.txt", old);
+    RawFtpClient c(srv.port());
+    ASSERT_TRUE(c.login("bob", "s3cret pw"));
+
+    // No data connection prepared: nothing is opened, let alone truncated or created.
+    EXPECT_EQ(c.ask("STOR keep.txt"), "425 Can't open data connection.");
+    EXPECT_EQ(c.ask("STOR new.txt"), "425 Can't open data connection.");
+    EXPECT_TRUE(holds(srv / "keep.txt", old));
+    EXPECT_EQ(namesIn(srv.rootPath()), std::vector<std::string>{"keep.txt"});
+
+    // The client resets the data connection in the middle of the upload.
+    auto data = c.passive();
+    ASSERT_TRUE(data);
+    c.send("STOR keep.txt");
+    EXPECT_EQ(c.reply().back(), "150 Opening BINARY mode data connection for 'keep.txt'.");
+    asio::write(*data, asio::buffer(content.data(), 300000));
+    bool arriving = test::waitUntil([&] {
+        for (const auto& e : fs::directory_iterator(srv.rootPath()))
+            if (e.path().filename() != "keep.txt" && e.file_size() > 0) return true;
+        return false;
+    });
+    EXPECT_TRUE(arriving) << "the upload never reached a file beside the old one";
+    data->set_option(asio::socket_base::linger(true, 0));
+    data->close();
+    EXPECT_EQ(c.reply().back(), "426 Connection closed; transfer aborted.");
+    EXPECT_TRUE(holds(srv / "keep.txt", old));
+    EXPECT_EQ(namesIn(srv.rootPath()), std::vector<std::string>{"keep.txt"});
+
+    // The disk fills up (here: the file-size limit) in the middle of the upload.
+    {
+        rlimit saved{};
+        ::getrlimit(RLIMIT_FSIZE, &saved);
+        auto previous = ::signal(SIGXFSZ, SIG_IGN);
+        rlimit small{100000, saved.rlim_max};
+        ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
+        auto full = upload(c, "keep.txt", content);
+        ::setrlimit(RLIMIT_FSIZE, &saved);
+        ::signal(SIGXFSZ, previous);
+        EXPECT_EQ(full, "451 Requested action aborted: local error in processing.");
+    }
+    EXPECT_TRUE(holds(srv / "keep.txt", old));
+    EXPECT_EQ(namesIn(srv.rootPath()), std::vector<std::string>{"keep.txt"});
+
+    // A complete upload takes the old file's place, with its permissions.
+    fs::permissions(srv / "keep.txt", fs::perms(0640));
+    EXPECT_EQ(upload(c, "keep.txt", content), "226 Transfer complete.");
+    EXPECT_TRUE(holds(srv / "keep.txt", content));
+    EXPECT_EQ(fs::status(srv / "keep.txt").permissions(), fs::perms(0640));
+    EXPECT_EQ(namesIn(srv.rootPath()), std::vector<std::string>{"keep.txt"});
+
+    // A data connection that never comes: the file stays as it is.
+    FtpServerOptions o = userOptions();
+    o.dataConnectionTimeout = std::chrono::milliseconds(200);
+    RunningFtpServer impatient(o);
+    test::writeFile(impatient / "keep.txt", old);
+    RawFtpClient d(impatient.port());
+    ASSERT_TRUE(d.login("bob", "s3cret pw"));
+    ASSERT_TRUE(startsWith(d.ask("PASV"), "227 "));
+    d.send("STOR keep.txt");
+    EXPECT_EQ(d.reply().back(), "150 Opening BINARY mode data connection for 'keep.txt'.");
+    EXPECT_EQ(d.reply().back(), "425 Can't open data connection.");
+    EXPECT_TRUE(holds(impatient / "keep.txt", old));
+    EXPECT_EQ(namesIn(impatient.rootPath()), std::vector<std::string>{"keep.txt"});
+}
+
+TEST(FtpServer, RefusesFifosWithoutHoldingUpOtherSessionsAndNamesWithLineBreaks) {
+    // A server that waits on the FIFO must not hang the test: at the end the FIFO is held open
+    // at both ends until the server has stopped.
+    int bothEnds = -1;
+    std::shared_ptr<void> closeLast(nullptr, [&bothEnds](void*) {
+        if (bothEnds >= 0) ::close(bothEnds);
+    });
+    RunningFtpServer srv(userOptions());
+    ASSERT_EQ(::mkfifo((srv / "pipe").c_str(), 0666), 0);
+    test::writeFile(srv / "f.txt", "f");
+    std::shared_ptr<void> unblock(
+        nullptr, [&](void*) { bothEnds = ::open((srv / "pipe").c_str(), O_RDWR | O_NONBLOCK); });
+    RawFtpClient other(srv.port());
+    ASSERT_TRUE(other.login("bob", "s3cret pw"));
+    RawFtpClient c(srv.port());
+    ASSERT_TRUE(c.login("bob", "s3cret pw"));
+    // A CR (an LF always ends the line) never gets into a name.
+    EXPECT_EQ(upload(c, "new\rname", "x"), "553 new?name: Permission denied.");
+    EXPECT_EQ(c.ask("MKD new\rfolder"), "550 MKD command failed.");
+    EXPECT_EQ(c.ask("RNFR f.txt"), "350 RNFR command successful.");
+    EXPECT_EQ(c.ask("RNTO f\r.txt"), "550 RNTO command failed.");
+    EXPECT_EQ(namesIn(srv.rootPath()), (std::vector<std::string>{"f.txt", "pipe"}));
+
+    auto data = c.passive();
+    EXPECT_EQ(c.ask("RETR pipe"), "550 pipe No such file or directory.");
+    ASSERT_EQ(other.ask("NOOP"), "200 NOOP command successful.");
+    data = c.passive();
+    EXPECT_EQ(c.ask("STOR pipe"), "550 pipe: Not a regular file.");
+    ASSERT_EQ(other.ask("NOOP"), "200 NOOP command successful.");
+    EXPECT_EQ(c.ask("SIZE pipe"), "550 pipe No such file or directory.");
+}
+
+// A local program swaps a folder of the share and a link to a folder outside, as fast as it can,
+// while a client works below the name they share. Nothing outside is ever served, changed,
+// removed or added to, whichever way the paths are resolved.
+TEST(FtpServer, NoCommandReachesOutsideWhileALinkIsSwappedInUnderIt) {
+    ScratchDir outside("outside");
+    const std::string canary = "CANARY from outside the share";
+    test::writeFile(outside / "f", canary);
+    test::writeFile(outside / "only-outside", "x");
+    fs::last_write_time(outside / "f",
+                        fs::file_time_type::clock::now() - std::chrono::hours(24 * 900));
+    auto snapshot = [&outside] {
+        std::vector<std::string> seen;
+        for (const auto& e : fs::directory_iterator(outside.path())) {
+            struct stat st {};
+            ::lstat(e.path().c_str(), &st);
+            seen.push_back(fmt::format("{} {} {} {} {}", e.path().filename().string(), st.st_ino,
+                                       st.st_size, st.st_mtim.tv_sec,
+                                       test::readFile(e.path().string())));
+        }
+        std::sort(seen.begin(), seen.end());
+        return seen;
+    };
+    auto before = snapshot();
+    struct stat canaryStat {};
+    ::stat((outside / "f").c_str(), &canaryStat);
+    const std::string canaryMdtm = "213 " + FtpListing::timeString(canaryStat.st_mtime);
+    const std::string canarySize = fmt::format("213 {}", canary.size());
+
+    RunningFtpServer srv(userOptions());
+    test::writeFile(srv / "d/f", "inside");
+    test::writeFile(srv / "x", "moved around");
+    fs::create_directory_symlink(outside.path(), srv / "l");
+    int rootFd = ::open(srv.rootPath().c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_GE(rootFd, 0);
+    std::atomic<bool> stop{false};
+    std::thread swapper([&] {
+        while (!stop) ::renameat2(rootFd, "d", rootFd, "l", RENAME_EXCHANGE);
+    });
+    std::shared_ptr<void> cleanup(nullptr, [&](void*) {
+        stop = true;
+        swapper.join();
+        ::close(rootFd);
+        FtpPath::setOpenat2Allowed(true);
+    });
+
+    RawFtpClient c(srv.port());
+    ASSERT_TRUE(c.login("bob", "s3cret pw"));
+    int served = 0;
+    for (bool openat2 : {true, false}) {
+        FtpPath::setOpenat2Allowed(openat2);
+        for (int round = 0; round < 200; ++round) {
+            auto data = c.passive();
+            ASSERT_TRUE(data);
+            c.send("RETR d/f");
+            if (startsWith(c.reply().back(), "150 ")) {
+                auto got = RawFtpClient::readAll(*data);
+                EXPECT_NE(got, canary) << "served the file outside";
+                served += got == "inside";
+                c.reply();
+            }
+            EXPECT_NE(c.ask("SIZE d/f"), canarySize);
+            EXPECT_NE(c.ask("MDTM d/f"), canaryMdtm);
+            c.ask("MFMT 20200101000000 d/f");
+            upload(c, "d/f", "inside");
+            upload(c, "d/new", "new");
+            c.ask("DELE d/new");
+            c.ask("DELE d/f");
+            upload(c, "d/f", "inside");
+            c.ask("MKD d/m");
+            c.ask("RMD d/m");
+            c.ask("RNFR x");
+            if (c.ask("RNTO d/x") == "250 RNTO command successful.") {
+                c.ask("RNFR d/x");
+                c.ask("RNTO x");
+            }
+            data = c.passive();
+            ASSERT_TRUE(data);
+            c.send("NLST d");
+            if (startsWith(c.reply().back(), "150 ")) {
+                EXPECT_EQ(RawFtpClient::readAll(*data).find("only-outside"), std::string::npos);
+                c.reply();
+            }
+        }
+    }
+    cleanup.reset();
+    EXPECT_EQ(snapshot(), before);
+    EXPECT_GT(served, 0);  // the folder inside was reached, so the race was run
 }
 
 TEST(FtpServer, ReportsChangedFoldersToTheNotificationObject) {

@@ -61,10 +61,12 @@ std::optional<std::uint64_t> parseUnsigned(std::string_view text) {
     return v;
 }
 
-std::string parentOf(const std::string& localPath) {
-    auto slash = localPath.rfind('/');
-    if (slash == std::string::npos || slash == 0) return "/";
-    return localPath.substr(0, slash);
+constexpr std::string_view kThumbnail = "::thumbnail";
+
+// A name for an upload's temporary file that nothing else uses.
+std::string uploadTempName() {
+    thread_local std::mt19937_64 random(std::random_device{}());
+    return fmt::format("{}{:016x}", kUploadTempPrefix, random());
 }
 
 std::string quotedForPwd(const std::string& path) {
@@ -141,6 +143,7 @@ FtpConnection::FtpConnection(tcp::socket socket, std::shared_ptr<FtpServer> serv
 }
 
 FtpConnection::~FtpConnection() {
+    closeUpload(false);
     if (fileFd_ >= 0) ::close(fileFd_);
 }
 
@@ -307,6 +310,7 @@ void FtpConnection::close() {
     dataTimer_.cancel();
     resetData();
     dataWaiter_ = nullptr;
+    closeUpload(false);
     if (fileFd_ >= 0) {
         ::close(fileFd_);
         fileFd_ = -1;
@@ -331,23 +335,31 @@ std::optional<std::string> FtpConnection::virtualPathOf(std::string_view argumen
     return FtpPath::virtualPath(currentFolder_, argument);
 }
 
-std::optional<std::string> FtpConnection::followPath(std::string_view argument) const {
+FtpPath::Resolved<FtpPath::Fd> FtpConnection::openItem(std::string_view argument, int flags) const {
     auto vp = virtualPathOf(argument);
-    if (!vp) return std::nullopt;
-    return FtpPath::localPath(server_->baseDir(), *vp, FtpPath::Resolve::Follow);
+    if (!vp) return std::unexpected(EINVAL);
+    return server_->root().open(*vp, flags);
 }
 
-std::optional<std::string> FtpConnection::entryPath(std::string_view argument) const {
+FtpPath::Resolved<FtpPath::Entry> FtpConnection::entryOf(std::string_view argument,
+                                                         bool followLast) const {
     auto vp = virtualPathOf(argument);
-    if (!vp) return std::nullopt;
-    auto path = FtpPath::localPath(server_->baseDir(), *vp, FtpPath::Resolve::Entry);
-    if (!path) return std::nullopt;
+    if (!vp) return std::unexpected(EINVAL);
+    auto entry = server_->root().entry(*vp, followLast);
+    if (!entry || followLast) return entry;
     // A link that leads out of the shared folder is not there for the client at all.
     struct stat st {};
-    if (::lstat(path->c_str(), &st) == 0 && S_ISLNK(st.st_mode) &&
-        !FtpPath::localPath(server_->baseDir(), *vp, FtpPath::Resolve::Follow))
-        return std::nullopt;
-    return path;
+    if (::fstatat(entry->folder.get(), entry->name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+        S_ISLNK(st.st_mode) && !server_->root().open(*vp, O_PATH))
+        return std::unexpected(ENOENT);
+    return entry;
+}
+
+std::string FtpConnection::folderPathOf(const FtpPath::Entry& entry,
+                                        std::string_view argument) const {
+    auto vp = virtualPathOf(argument).value_or("/");
+    return server_->root().localPath(entry.folder.get(),
+                                     StringUtils::stringByDeletingLastPathComponent(vp));
 }
 
 // ---- login ----
@@ -499,11 +511,9 @@ void FtpConnection::doPwd(const FtpCommand&) {
 
 void FtpConnection::doCwd(const FtpCommand& cmd) {
     auto vp = virtualPathOf(cmd.argument().empty() ? "/" : cmd.argument());
-    auto local =
-        vp ? FtpPath::localPath(server_->baseDir(), *vp, FtpPath::Resolve::Follow) : std::nullopt;
-    struct stat st {};
-    if (!local || ::stat(local->c_str(), &st) != 0 || !S_ISDIR(st.st_mode) ||
-        ::access(local->c_str(), X_OK) != 0) {
+    auto folder = vp ? server_->root().open(*vp, O_PATH | O_DIRECTORY)
+                     : FtpPath::Resolved<FtpPath::Fd>(std::unexpected(EINVAL));
+    if (!folder || ::faccessat(folder->get(), ".", X_OK, 0) != 0) {
         reply("550 CWD failed.");
         return;
     }
@@ -513,10 +523,7 @@ void FtpConnection::doCwd(const FtpCommand& cmd) {
 
 void FtpConnection::doCdUp(const FtpCommand&) {
     auto vp = virtualPathOf("..");
-    auto local =
-        vp ? FtpPath::localPath(server_->baseDir(), *vp, FtpPath::Resolve::Follow) : std::nullopt;
-    struct stat st {};
-    if (!local || ::stat(local->c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+    if (!vp || !server_->root().open(*vp, O_PATH | O_DIRECTORY)) {
         reply("550 CDUP command failed.");
         return;
     }
@@ -599,21 +606,23 @@ void FtpConnection::openPassive(bool extended) {
 
 void FtpConnection::acceptData() {
     if (!passiveSocket_) return;
-    passiveSocket_->async_accept([self = shared_from_this(), generation = dataGeneration_](
-                                     const asio::error_code& ec, tcp::socket socket) {
+    // The peer's address as accept() reports it: a client that has already reset its connection
+    // (it gave up on the transfer) has no peer address any more by the time it is asked.
+    auto peer = std::make_shared<tcp::endpoint>();
+    passiveSocket_->async_accept(*peer, [self = shared_from_this(), peer,
+                                         generation = dataGeneration_](const asio::error_code& ec,
+                                                                       tcp::socket socket) {
         if (self->closed_ || generation != self->dataGeneration_ || !self->passiveSocket_) return;
         if (ec) {
             if (ec == asio::error::operation_aborted) return;
             self->acceptData();
             return;
         }
-        asio::error_code peerError;
-        auto peer = socket.remote_endpoint(peerError);
-        if (peerError || plainAddress(peer.address()) != self->peerAddress_) {
+        if (plainAddress(peer->address()) != self->peerAddress_) {
             // Someone else than the client took the data port: drop it, keep waiting.
-            self->log(fmt::format("dropped data connection from {}",
-                                  peerError ? std::string("?") : peer.address().to_string()));
-            socket.close(peerError);
+            self->log(fmt::format("dropped data connection from {}", peer->address().to_string()));
+            asio::error_code closeError;
+            socket.close(closeError);
             self->acceptData();
             return;
         }
@@ -762,6 +771,7 @@ void FtpConnection::withDataConnection(std::function<void(bool)> then) {
 }
 
 void FtpConnection::finishTransfer(std::string_view replyText) {
+    closeUpload(false);
     if (fileFd_ >= 0) {
         ::close(fileFd_);
         fileFd_ = -1;
@@ -860,11 +870,14 @@ void FtpConnection::receiveFileChunk() {
         }
         self->transferBytes_ += n;
         if (ec == asio::error::eof) {
-            self->finishTransfer("226 Transfer complete.");
+            self->finishTransfer(self->closeUpload(true)
+                                     ? "226 Transfer complete."
+                                     : "451 Requested action aborted: local error in processing.");
             return;
         }
         if (ec) {
-            // What arrived stays on disk, so REST and STOR can resume from SIZE.
+            // A new file keeps what arrived, so REST and STOR can resume from SIZE; a file that
+            // would have been replaced stays as it was.
             self->finishTransfer("426 Connection closed; transfer aborted.");
             return;
         }
@@ -884,9 +897,11 @@ void FtpConnection::sendListing(const FtpCommand& cmd, ListKind kind) {
             ++first;
     }
     std::string argument = cmd.argumentFrom(first);
-    auto local = followPath(argument);
+    auto vp = virtualPathOf(argument);
+    auto item = vp ? server_->root().open(*vp, O_PATH)
+                   : FtpPath::Resolved<FtpPath::Fd>(std::unexpected(EINVAL));
     struct stat st {};
-    if (!local || ::stat(local->c_str(), &st) != 0) {
+    if (!item || ::fstat(item->get(), &st) != 0) {
         reply(fmt::format("550 {} No such file or directory.", shown(argument)));
         return;
     }
@@ -897,11 +912,11 @@ void FtpConnection::sendListing(const FtpCommand& cmd, ListKind kind) {
     }
     std::vector<FtpListEntry> entries;
     if (S_ISDIR(st.st_mode) && kind != ListKind::Mlst) {
-        entries = FtpListing::entriesOfFolder(server_->baseDir(), *local);
+        entries = FtpListing::entriesOfFolder(server_->root(), *vp, item->get());
     } else {
         auto name = kind == ListKind::Mlst ? (argument.empty() ? currentFolder_ : argument)
-                                           : StringUtils::lastPathComponent(*local);
-        if (auto e = FtpListing::entryAt(server_->baseDir(), *local, name)) entries.push_back(*e);
+                                           : StringUtils::lastPathComponent(*vp);
+        if (auto e = FtpListing::entryOf(item->get(), name)) entries.push_back(*e);
     }
     bool writable = !anonymous_ || server_->options().allowAnonymousUploads;
     std::time_t now = std::time(nullptr);
@@ -949,22 +964,13 @@ void FtpConnection::doMlst(const FtpCommand& cmd) {
 
 // ---- transfers ----
 
-void FtpConnection::sendLocalFile(const std::string& localPath, std::string_view shownName) {
-    int fd = ::open(localPath.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
-    struct stat st {};
-    if (fd < 0 || ::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-        if (fd >= 0) ::close(fd);
-        reply(fmt::format("550 {} No such file or directory.", shownName));
-        return;
-    }
+void FtpConnection::sendFile(FtpPath::Fd file, std::uint64_t size, std::string_view shownName) {
     if (!dataConnectionPrepared()) {
-        ::close(fd);
         log("openDataSocket: Error");
         reply("425 Can't open data connection.");
         return;
     }
-    fileFd_ = fd;
-    auto size = static_cast<std::uint64_t>(st.st_size);
+    fileFd_ = file.release();
     fileOffset_ = std::min(lastRestPos_, size);
     fileEnd_ = size;
     lastRestPos_ = 0;
@@ -986,83 +992,180 @@ void FtpConnection::sendLocalFile(const std::string& localPath, std::string_view
     });
 }
 
-std::optional<std::string> FtpConnection::downloadPath(const std::string& name) const {
-    static constexpr std::string_view kThumbnail = "::thumbnail";
-    if (name.empty()) return std::nullopt;
-    if (!StringUtils::endsWith(name, kThumbnail)) return followPath(name);
-    auto local = followPath(name.substr(0, name.size() - kThumbnail.size()));
+FtpPath::Resolved<FtpPath::Fd> FtpConnection::openDownload(const std::string& name,
+                                                           int flags) const {
+    if (name.empty()) return std::unexpected(ENOENT);
+    if (!StringUtils::endsWith(name, kThumbnail)) return openItem(name, flags);
+    std::string sourceName = name.substr(0, name.size() - kThumbnail.size());
+    auto source = openItem(sourceName, O_PATH);
     const auto& provider = server_->options().thumbnailProvider;
-    if (!local || !provider) return std::nullopt;
+    if (!source || !provider) return std::unexpected(ENOENT);
+    auto thumbnail = provider(server_->root().localPath(
+        source->get(), virtualPathOf(sourceName).value_or(std::string())));
+    if (!thumbnail) return std::unexpected(ENOENT);
     // The thumbnail may live outside the shared folder (the thumbnail cache), by design.
-    return provider(*local);
+    int extra = (flags & O_PATH) ? 0 : O_NONBLOCK | O_NOCTTY;
+    FtpPath::Fd fd(::open(thumbnail->c_str(), flags | extra | O_NOFOLLOW | O_CLOEXEC));
+    if (!fd) return std::unexpected(errno);
+    return fd;
 }
 
 void FtpConnection::doRetr(const FtpCommand& cmd) {
     std::string name = cmd.argument();
-    auto local = downloadPath(name);
-    if (!local) {
+    auto file = openDownload(name, O_RDONLY);
+    struct stat st {};
+    // Only regular files are sent: a FIFO or a device could keep a read waiting forever, and
+    // every session runs on this one thread.
+    if (!file || ::fstat(file->get(), &st) != 0 || !S_ISREG(st.st_mode)) {
         reply(fmt::format("550 {} No such file or directory.", shown(name)));
         return;
     }
     transferWhat_ = fmt::format("RETR {}", shown(name));
-    sendLocalFile(*local, shown(name));
+    sendFile(std::move(*file), static_cast<std::uint64_t>(st.st_size), shown(name));
 }
 
 void FtpConnection::doStor(const FtpCommand& cmd) {
     std::string name = cmd.argument();
     std::string denied = fmt::format("553 {}: Permission denied.", shown(name));
     if (!mayWrite(cmd, denied)) return;
-    auto vp = name.empty() ? std::nullopt : virtualPathOf(name);
-    auto local = vp ? entryPath(name) : std::nullopt;
-    struct stat st {};
-    if (local && ::lstat(local->c_str(), &st) == 0 && S_ISLNK(st.st_mode))
-        local = FtpPath::localPath(server_->baseDir(), *vp, FtpPath::Resolve::Follow);
-    if (!local) {
-        reply(denied);
-        return;
-    }
     std::uint64_t offset = lastRestPos_;
     lastRestPos_ = 0;
-    int flags = O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | (offset == 0 ? O_TRUNC : 0);
-    int fd = ::open(local->c_str(), flags, 0644);
-    if (fd < 0 || ::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-        if (fd >= 0) ::close(fd);
+    // A link in the last place is written through, to what it points to inside.
+    auto entry = name.empty() ? FtpPath::Resolved<FtpPath::Entry>(std::unexpected(EINVAL))
+                              : entryOf(name, true);
+    if (!entry) {
         reply(denied);
         return;
     }
-    if (offset > static_cast<std::uint64_t>(st.st_size)) {
-        ::close(fd);
+    // Everything that can be told now is checked before anything is opened, so that a refused
+    // upload leaves nothing behind; the file itself is opened once the data connection is there.
+    struct stat st {};
+    bool exists =
+        ::fstatat(entry->folder.get(), entry->name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0;
+    if (!exists && errno != ENOENT) {
+        reply(denied);
+        return;
+    }
+    if (exists && !S_ISREG(st.st_mode)) {
+        reply(S_ISDIR(st.st_mode) || S_ISLNK(st.st_mode)
+                  ? denied
+                  : fmt::format("550 {}: Not a regular file.", shown(name)));
+        return;
+    }
+    if (offset > (exists ? static_cast<std::uint64_t>(st.st_size) : 0)) {
         reply("554 Restart offset beyond end of file.");
         return;
     }
-    // Resuming replaces everything from the offset on, so the file never holds stale bytes.
-    if (offset > 0 && (::ftruncate(fd, static_cast<off_t>(offset)) != 0 ||
-                       ::lseek(fd, static_cast<off_t>(offset), SEEK_SET) < 0)) {
-        ::close(fd);
+    // A file is replaced through a new file beside it, so the folder must be writable too; a
+    // read-only file stays as it is.
+    bool inFolder = !exists || offset == 0;
+    if ((exists && ::faccessat(entry->folder.get(), entry->name.c_str(), W_OK, 0) != 0) ||
+        (inFolder && ::faccessat(entry->folder.get(), ".", W_OK, 0) != 0)) {
         reply(denied);
         return;
     }
     if (!dataConnectionPrepared()) {
-        ::close(fd);
         log("openDataSocket: Error");
         reply("425 Can't open data connection.");
         return;
     }
-    fileFd_ = fd;
+    changedFolder_ = folderPathOf(*entry, name);
+    uploadFolder_ = std::move(entry->folder);
+    uploadName_ = std::move(entry->name);
+    uploadOffset_ = offset;
     transferBytes_ = 0;
     transferWhat_ = fmt::format("STOR {}{}", shown(name),
                                 offset ? fmt::format(" from {}", offset) : std::string());
-    changedFolder_ = parentOf(*local);
-    receiveBuffer_.resize(kReceiveBufferBytes);
     reply(fmt::format("150 Opening BINARY mode data connection for '{}'.", shown(name)));
-    withDataConnection([self = shared_from_this()](bool ok) {
+    withDataConnection([self = shared_from_this(), shownName = shown(name)](bool ok) {
+        std::optional<std::string> failure;
         if (!ok) {
             self->log("openDataSocket: Error");
-            self->finishTransfer("425 Can't open data connection.");
+            failure = "425 Can't open data connection.";
+        } else {
+            failure = self->openUpload(shownName);
+        }
+        if (failure) {
+            self->changedFolder_.clear();  // nothing was written
+            self->finishTransfer(*failure);
             return;
         }
+        self->receiveBuffer_.resize(kReceiveBufferBytes);
         self->receiveFileChunk();
     });
+}
+
+std::optional<std::string> FtpConnection::openUpload(std::string_view shownName) {
+    int folder = uploadFolder_.get();
+    const char* name = uploadName_.c_str();
+    std::string denied = fmt::format("553 {}: Permission denied.", shownName);
+    std::string notRegular = fmt::format("550 {}: Not a regular file.", shownName);
+    // Without blocking: a FIFO swapped in must not hold up every session.
+    constexpr int kWrite = O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    struct stat st {};
+    if (uploadOffset_ > 0) {
+        // Resuming writes in place and replaces everything from the offset on, so the file never
+        // holds stale bytes.
+        FtpPath::Fd file(::openat(folder, name, kWrite));
+        if (!file || ::fstat(file.get(), &st) != 0) return errno == ENXIO ? notRegular : denied;
+        if (!S_ISREG(st.st_mode)) return notRegular;
+        if (uploadOffset_ > static_cast<std::uint64_t>(st.st_size))
+            return "554 Restart offset beyond end of file.";
+        auto offset = static_cast<off_t>(uploadOffset_);
+        if (::ftruncate(file.get(), offset) != 0 || ::lseek(file.get(), offset, SEEK_SET) < 0)
+            return denied;
+        fileFd_ = file.release();
+        return std::nullopt;
+    }
+    // A new name is written in place, so that an interrupted upload can be resumed.
+    int fd = ::openat(folder, name, kWrite | O_CREAT | O_EXCL, 0644);
+    if (fd >= 0) {
+        fileFd_ = fd;
+        return std::nullopt;
+    }
+    if (errno != EEXIST) return denied;
+    // An existing file is replaced only by a complete upload, written under a temporary name
+    // until then. Opening the old file for writing tells whether it may be replaced.
+    FtpPath::Fd old(::openat(folder, name, kWrite));
+    if (!old || ::fstat(old.get(), &st) != 0) return errno == ENXIO ? notRegular : denied;
+    if (!S_ISREG(st.st_mode)) return notRegular;
+    for (int attempt = 0; attempt < 8 && fd < 0; ++attempt) {
+        uploadTemp_ = uploadTempName();
+        fd = ::openat(folder, uploadTemp_.c_str(),
+                      O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+        if (fd < 0 && errno != EEXIST) break;
+    }
+    if (fd < 0) {
+        uploadTemp_.clear();
+        return denied;
+    }
+    // The new file takes over the old one's permissions, and its owner where that is allowed.
+    if (::fchown(fd, st.st_uid, st.st_gid) != 0) {
+        // Only root may give a file away; the uploading user keeps it otherwise.
+    }
+    ::fchmod(fd, st.st_mode & 0777);
+    fileFd_ = fd;
+    return std::nullopt;
+}
+
+bool FtpConnection::closeUpload(bool complete) {
+    if (!uploadFolder_) return true;
+    bool written = true;
+    if (fileFd_ >= 0) {
+        written = ::close(fileFd_) == 0;
+        fileFd_ = -1;
+    }
+    bool placed = complete && written;
+    if (!uploadTemp_.empty()) {
+        if (placed)
+            placed = ::renameat(uploadFolder_.get(), uploadTemp_.c_str(), uploadFolder_.get(),
+                                uploadName_.c_str()) == 0;
+        if (!placed) ::unlinkat(uploadFolder_.get(), uploadTemp_.c_str(), 0);
+        uploadTemp_.clear();
+    }
+    uploadFolder_ = FtpPath::Fd();
+    uploadName_.clear();
+    return placed;
 }
 
 // ---- changes ----
@@ -1074,18 +1177,19 @@ void FtpConnection::doDele(const FtpCommand& cmd) {
         reply("550 DELE command failed.");
         return;
     }
-    auto local = entryPath(name);
+    auto entry = entryOf(name, false);
     struct stat st {};
-    if (!local || ::lstat(local->c_str(), &st) != 0) {
+    if (!entry ||
+        ::fstatat(entry->folder.get(), entry->name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
         reply(fmt::format("550 {} No such file or directory.", shown(name)));
         return;
     }
-    if (S_ISDIR(st.st_mode) || ::unlink(local->c_str()) != 0) {
+    if (S_ISDIR(st.st_mode) || ::unlinkat(entry->folder.get(), entry->name.c_str(), 0) != 0) {
         reply(fmt::format("550 DELE {} unsuccessful.", shown(name)));
         return;
     }
     log(fmt::format("deleted {}", shown(name)));
-    server_->didReceiveFileListChanged(parentOf(*local));
+    server_->didReceiveFileListChanged(folderPathOf(*entry, name));
     reply(fmt::format("250 DELE {} successful.", shown(name)));
 }
 
@@ -1093,35 +1197,39 @@ void FtpConnection::doMkdir(const FtpCommand& cmd) {
     std::string name = cmd.argument();
     if (!mayWrite(cmd, "550 Permission denied.")) return;
     auto vp = name.empty() ? std::nullopt : virtualPathOf(name);
-    auto local = vp ? entryPath(name) : std::nullopt;
-    if (!local) {
+    auto entry =
+        vp ? entryOf(name, false) : FtpPath::Resolved<FtpPath::Entry>(std::unexpected(EINVAL));
+    if (!entry) {
         if (vp)
             log(fmt::format("Error {} not exists",
                             shown(StringUtils::stringByDeletingLastPathComponentDirectly(*vp))));
         reply("550 MKD command failed.");
         return;
     }
-    if (::mkdir(local->c_str(), 0755) != 0) {
+    if (::mkdirat(entry->folder.get(), entry->name.c_str(), 0755) != 0) {
         reply("550 MKD command failed.");
         return;
     }
     log(fmt::format("created folder {}", shown(*vp)));
-    server_->didReceiveFileListChanged(parentOf(*local));
+    server_->didReceiveFileListChanged(folderPathOf(*entry, name));
     reply("250 MKD command successful.");
 }
 
 void FtpConnection::doRmdir(const FtpCommand& cmd) {
     std::string name = cmd.argument();
     if (!mayWrite(cmd, "550 Permission denied.")) return;
-    auto local = name.empty() ? std::nullopt : entryPath(name);
+    auto entry = name.empty() ? FtpPath::Resolved<FtpPath::Entry>(std::unexpected(EINVAL))
+                              : entryOf(name, false);
     struct stat st {};
-    if (!local || ::lstat(local->c_str(), &st) != 0 || !S_ISDIR(st.st_mode) ||
-        ::rmdir(local->c_str()) != 0) {
+    if (!entry ||
+        ::fstatat(entry->folder.get(), entry->name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 ||
+        !S_ISDIR(st.st_mode) ||
+        ::unlinkat(entry->folder.get(), entry->name.c_str(), AT_REMOVEDIR) != 0) {
         reply("550 RMD command failed.");
         return;
     }
     log(fmt::format("removed folder {}", shown(name)));
-    server_->didReceiveFileListChanged(parentOf(*local));
+    server_->didReceiveFileListChanged(folderPathOf(*entry, name));
     reply("250 RMD command successful.");
 }
 
@@ -1129,32 +1237,38 @@ void FtpConnection::doRnfr(const FtpCommand& cmd) {
     std::string name = cmd.argument();
     rnfr_.reset();
     if (!mayWrite(cmd, "550 Permission denied.")) return;
-    auto local = name.empty() ? std::nullopt : entryPath(name);
+    auto entry = name.empty() ? FtpPath::Resolved<FtpPath::Entry>(std::unexpected(EINVAL))
+                              : entryOf(name, false);
     struct stat st {};
-    if (!local || ::lstat(local->c_str(), &st) != 0) {
+    if (!entry ||
+        ::fstatat(entry->folder.get(), entry->name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
         reply("550 RNFR command failed.");
         return;
     }
-    rnfr_ = *local;
+    rnfr_ = virtualPathOf(name);
     reply("350 RNFR command successful.");
 }
 
 void FtpConnection::doRnto(const FtpCommand& cmd) {
     std::string name = cmd.argument();
     if (!mayWrite(cmd, "550 Permission denied.")) return;
-    auto local = name.empty() ? std::nullopt : entryPath(name);
-    if (!rnfr_ || !local) {
+    auto to = name.empty() ? FtpPath::Resolved<FtpPath::Entry>(std::unexpected(EINVAL))
+                           : entryOf(name, false);
+    auto from =
+        rnfr_ ? entryOf(*rnfr_, false) : FtpPath::Resolved<FtpPath::Entry>(std::unexpected(ENOENT));
+    if (!from || !to) {
         reply("550 RNTO command failed.");
         return;
     }
     struct stat st {};
-    if (::lstat(local->c_str(), &st) == 0) {
+    if (::fstatat(to->folder.get(), to->name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0) {
         reply(S_ISDIR(st.st_mode) ? "550 RNTO command failed: Folder name has been taken."
                                   : "550 RNTO command failed: File name has been taken.");
         return;
     }
     // RENAME_NOREPLACE: an item that appeared since the check is never overwritten.
-    if (::renameat2(AT_FDCWD, rnfr_->c_str(), AT_FDCWD, local->c_str(), RENAME_NOREPLACE) != 0) {
+    if (::renameat2(from->folder.get(), from->name.c_str(), to->folder.get(), to->name.c_str(),
+                    RENAME_NOREPLACE) != 0) {
         if (errno == EEXIST)
             reply("550 RNTO command failed: File name has been taken.");
         else
@@ -1162,8 +1276,10 @@ void FtpConnection::doRnto(const FtpCommand& cmd) {
         return;
     }
     log(fmt::format("renamed {} to {}", shown(*rnfr_), shown(name)));
-    server_->didReceiveFileListChanged(parentOf(*rnfr_));
-    if (parentOf(*local) != parentOf(*rnfr_)) server_->didReceiveFileListChanged(parentOf(*local));
+    auto fromFolder = folderPathOf(*from, *rnfr_);
+    auto toFolder = folderPathOf(*to, name);
+    server_->didReceiveFileListChanged(fromFolder);
+    if (toFolder != fromFolder) server_->didReceiveFileListChanged(toFolder);
     rnfr_.reset();
     reply("250 RNTO command successful.");
 }
@@ -1172,9 +1288,9 @@ void FtpConnection::doRnto(const FtpCommand& cmd) {
 
 void FtpConnection::doSize(const FtpCommand& cmd) {
     std::string name = cmd.argument();
-    auto local = downloadPath(name);
+    auto item = openDownload(name, O_PATH);
     struct stat st {};
-    if (!local || ::stat(local->c_str(), &st) != 0 || !S_ISREG(st.st_mode)) {
+    if (!item || ::fstat(item->get(), &st) != 0 || !S_ISREG(st.st_mode)) {
         reply(fmt::format("550 {} No such file or directory.", shown(name)));
         return;
     }
@@ -1183,9 +1299,10 @@ void FtpConnection::doSize(const FtpCommand& cmd) {
 
 void FtpConnection::doMdtm(const FtpCommand& cmd) {
     std::string name = cmd.argument();
-    auto local = name.empty() ? std::nullopt : followPath(name);
+    auto item = name.empty() ? FtpPath::Resolved<FtpPath::Fd>(std::unexpected(ENOENT))
+                             : openItem(name, O_PATH);
     struct stat st {};
-    if (!local || ::stat(local->c_str(), &st) != 0) {
+    if (!item || ::fstat(item->get(), &st) != 0) {
         reply(fmt::format("550 No file named {}", shown(name)));
         return;
     }
@@ -1200,17 +1317,23 @@ void FtpConnection::doMfmt(const FtpCommand& cmd) {
         reply("500 Invalid MFMT command");
         return;
     }
-    auto local = followPath(name);
-    if (!local) {
-        reply(fmt::format("550 No file named {}", shown(name)));
-        return;
-    }
     timespec times[2] = {{0, UTIME_OMIT}, {*when, 0}};
-    if (::utimensat(AT_FDCWD, local->c_str(), times, 0) != 0) {
+    auto vp = virtualPathOf(name);
+    std::string folder;
+    bool set = false;
+    if (vp == "/") {
+        set = ::utimensat(server_->root().fd(), ".", times, 0) == 0;
+        folder = server_->root().path();
+    } else if (auto entry = entryOf(name, true)) {
+        set =
+            ::utimensat(entry->folder.get(), entry->name.c_str(), times, AT_SYMLINK_NOFOLLOW) == 0;
+        folder = folderPathOf(*entry, name);
+    }
+    if (!set) {
         reply(fmt::format("550 No file named {}", shown(name)));
         return;
     }
-    server_->didReceiveFileListChanged(parentOf(*local));
+    server_->didReceiveFileListChanged(folder);
     reply(fmt::format("213 Modify={}; {}", shown(cmd.words[1]), shown(name)));
 }
 

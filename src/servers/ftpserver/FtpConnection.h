@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "servers/ftpserver/FtpCommandParser.h"
+#include "servers/ftpserver/FtpPath.h"
 
 namespace quillon {
 
@@ -62,13 +63,18 @@ class FtpConnection : public std::enable_shared_from_this<FtpConnection> {
     // Login.
     void failedLogin(std::string replyText);
 
-    // Paths: the visible path of an argument, and its local path.
+    // Paths. The visible path of an argument; the item it names, opened beneath the shared folder
+    // with its links followed; the folder and name of the entry it names, a link in the last
+    // place followed only when `followLast` (a link leading out of the shared folder is not
+    // there at all).
     std::optional<std::string> virtualPathOf(std::string_view argument) const;
-    std::optional<std::string> followPath(std::string_view argument) const;
-    std::optional<std::string> entryPath(std::string_view argument) const;
-    // The local file a download of `name` sends: the file itself, or for a name ending in
-    // "::thumbnail" the thumbnail of the file before it.
-    std::optional<std::string> downloadPath(const std::string& name) const;
+    FtpPath::Resolved<FtpPath::Fd> openItem(std::string_view argument, int flags) const;
+    FtpPath::Resolved<FtpPath::Entry> entryOf(std::string_view argument, bool followLast) const;
+    // What a download of `name` sends, opened with `flags`: the item itself, or for a name ending
+    // in "::thumbnail" the thumbnail of the file before it.
+    FtpPath::Resolved<FtpPath::Fd> openDownload(const std::string& name, int flags) const;
+    // The local path of an entry's folder, for change notices.
+    std::string folderPathOf(const FtpPath::Entry& entry, std::string_view argument) const;
 
     // Data connections.
     void openPassive(bool extended);
@@ -81,7 +87,13 @@ class FtpConnection : public std::enable_shared_from_this<FtpConnection> {
     void sendFileChunk();
     void receiveFileChunk();
     void sendListing(const FtpCommand& cmd, ListKind kind);
-    void sendLocalFile(const std::string& localPath, std::string_view shownName);
+    void sendFile(FtpPath::Fd file, std::uint64_t size, std::string_view shownName);
+    // Opens the file of the upload set up by STOR, once its data connection is there; the reply
+    // that ends the transfer when that fails.
+    std::optional<std::string> openUpload(std::string_view shownName);
+    // Ends the upload's file. A replacement takes the old file's place only when `complete`, and
+    // is removed otherwise; false when it could not take its place.
+    bool closeUpload(bool complete);
 
     // Handlers, one per command of the table.
     void doUser(const FtpCommand& cmd);
@@ -147,7 +159,7 @@ class FtpConnection : public std::enable_shared_from_this<FtpConnection> {
     std::string currentFolder_ = "/";
     std::string transferMode_ = "I";
     std::uint64_t lastRestPos_ = 0;
-    std::optional<std::string> rnfr_;
+    std::optional<std::string> rnfr_;  // seen from the shared folder
 
     // Data connection and the transfer running on it.
     DataMode dataMode_ = DataMode::None;
@@ -163,6 +175,12 @@ class FtpConnection : public std::enable_shared_from_this<FtpConnection> {
     std::string transferWhat_;
     std::vector<char> receiveBuffer_;
     std::string changedFolder_;  // a folder to report once an upload ends
+    // The upload STOR set up: its folder, its name there, where it resumes, and the temporary
+    // name it is written under while it would replace an existing file.
+    FtpPath::Fd uploadFolder_;
+    std::string uploadName_;
+    std::uint64_t uploadOffset_ = 0;
+    std::string uploadTemp_;
 };
 
 }  // namespace quillon

@@ -1,13 +1,13 @@
 #include "servers/ftpserver/FtpListing.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
-
-#include "servers/ftpserver/FtpPath.h"
 
 namespace quillon::FtpListing {
 
@@ -37,30 +37,36 @@ std::string permissions(const FtpListEntry& e) {
 
 }  // namespace
 
-std::optional<FtpListEntry> entryAt(const std::string& root, const std::string& localPath,
-                                    std::string name) {
-    auto real = FtpPath::canonical(localPath);
-    if (!real || !FtpPath::isInside(root, *real)) return std::nullopt;
+std::optional<FtpListEntry> entryOf(int fd, std::string name) {
     struct stat st {};
-    if (::stat(real->c_str(), &st) != 0) return std::nullopt;
+    if (::fstat(fd, &st) != 0) return std::nullopt;
     return fromStat(st, std::move(name));
 }
 
-std::vector<FtpListEntry> entriesOfFolder(const std::string& root, const std::string& folder) {
+std::vector<FtpListEntry> entriesOfFolder(const FtpPath::Root& root, std::string_view folder,
+                                          int folderFd) {
     std::vector<FtpListEntry> out;
-    DIR* dir = ::opendir(folder.c_str());
-    if (!dir) return out;
+    int fd = ::openat(folderFd, ".", O_RDONLY | O_DIRECTORY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) return out;
+    DIR* dir = ::fdopendir(fd);
+    if (!dir) {
+        ::close(fd);
+        return out;
+    }
+    std::string prefix = folder == "/" ? std::string() : std::string(folder);
     while (auto* d = ::readdir(dir)) {
-        std::string name = d->d_name;
-        if (name == "." || name == "..") continue;
-        std::string path = (folder == "/" ? "" : folder) + "/" + name;
+        std::string_view name = d->d_name;
+        if (name == "." || name == ".." || name.find_first_of("\r\n") != std::string_view::npos ||
+            name.starts_with(kUploadTempPrefix))
+            continue;
         struct stat st {};
-        if (::lstat(path.c_str(), &st) != 0) continue;
+        if (::fstatat(::dirfd(dir), d->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
         if (S_ISLNK(st.st_mode)) {
-            if (auto e = entryAt(root, path, name)) out.push_back(std::move(*e));
-        } else if (auto e = fromStat(st, name)) {
-            out.push_back(std::move(*e));
+            // A link shows as what it points to, when that is inside.
+            auto target = root.open(prefix + "/" + std::string(name), O_PATH);
+            if (!target || ::fstat(target->get(), &st) != 0) continue;
         }
+        if (auto e = fromStat(st, std::string(name))) out.push_back(std::move(*e));
     }
     ::closedir(dir);
     std::sort(out.begin(), out.end(),

@@ -10,7 +10,13 @@
 #include <string_view>
 #include <vector>
 
+#include "servers/ftpserver/FtpPath.h"
+
 namespace quillon {
+
+// Uploads over an existing file are written under a name beginning with this, in the same folder,
+// until they are complete. Listings leave such names out.
+inline constexpr std::string_view kUploadTempPrefix = ".quillon-upload-";
 
 struct FtpListEntry {
     std::string name;
@@ -22,13 +28,14 @@ struct FtpListEntry {
 };
 
 namespace FtpListing {
-// The entry of one local item under the canonical `root`, links followed; absent when it is
-// missing or a link leads out of the root.
-std::optional<FtpListEntry> entryAt(const std::string& root, const std::string& localPath,
-                                    std::string name);
-// The entries of a local folder sorted by name, without "." and "..", and without links that
-// lead out of `root` or nowhere.
-std::vector<FtpListEntry> entriesOfFolder(const std::string& root, const std::string& folder);
+// The entry of an open item; absent when it is neither a file nor a folder.
+std::optional<FtpListEntry> entryOf(int fd, std::string name);
+// The entries of the folder open as `folderFd` (an O_PATH descriptor will do), which is `folder`
+// seen from the shared folder, sorted by name. Left out: "." and "..", names holding CR or LF
+// (no listing line could carry them), unfinished uploads, and links leading out of the shared
+// folder or nowhere.
+std::vector<FtpListEntry> entriesOfFolder(const FtpPath::Root& root, std::string_view folder,
+                                          int folderFd);
 // One "ls -l" line (no line break): times in UTC, the year instead of the time for items older
 // than six months (or from the future) relative to `now`.
 std::string listLine(const FtpListEntry& entry, std::time_t now);

@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 #include <signal.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 
@@ -55,8 +54,8 @@ Result<std::shared_ptr<FtpServer>> FtpServer::initWithPort(asio::io_context& io,
         loadCommands(PathUtils::getResourceFolderPath() + "/ftp_commands.plist", logger);
 
     auto base = FtpPath::canonical(dir);
-    struct stat st {};
-    if (!base || ::stat(base->c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
+    if (base) server->root_ = FtpPath::Root::open(*base);
+    if (!server->root_)
         return KvError::fail(ErrorDomain::Local, ErrorCode::NotFound,
                              fmt::format("The shared folder {} does not exist", dir));
     server->baseDir_ = *base;

@@ -16,6 +16,7 @@
 
 #include "core/Error.h"
 #include "core/StringEncoding.h"
+#include "servers/ftpserver/FtpPath.h"
 
 namespace quillon {
 
@@ -69,6 +70,8 @@ class FtpServer : public std::enable_shared_from_this<FtpServer> {
     int portNumber() const { return portNumber_; }
     // The shared folder, canonical (links resolved).
     const std::string& baseDir() const { return baseDir_; }
+    // The shared folder held open; every path a session names is resolved beneath it.
+    const FtpPath::Root& root() const { return *root_; }
     // Sessions are always confined to baseDir.
     bool changeRoot() const { return true; }
     const std::map<std::string, std::string>& commands() const { return commands_; }
@@ -100,6 +103,7 @@ class FtpServer : public std::enable_shared_from_this<FtpServer> {
     FtpServerOptions options_;
     std::map<std::string, std::string> commands_;
     std::string baseDir_;
+    std::optional<FtpPath::Root> root_;
     int portNumber_ = 0;
     std::atomic<std::size_t> connectionCount_{0};
     std::uint64_t sessionCounter_ = 0;
