@@ -62,6 +62,7 @@ int run(int argc, char** argv) {
     registerSyncCommands(cli);
     registerTransferCommands(cli);
     registerArchiveCommands(cli);
+    registerNearbyCommands(cli);
     try {
         cli.app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {

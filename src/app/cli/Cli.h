@@ -43,6 +43,7 @@ void registerFileCommands(Cli& cli);
 void registerSyncCommands(Cli& cli);
 void registerTransferCommands(Cli& cli);
 void registerArchiveCommands(Cli& cli);
+void registerNearbyCommands(Cli& cli);
 
 // Parses and runs; returns the exit status.
 int run(int argc, char** argv);

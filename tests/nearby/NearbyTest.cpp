@@ -1,0 +1,315 @@
+// Nearby sharing on loopback: two quillon processes (sender and receiver), and each of them
+// against nearby_peer.py, a peer written from the protocol's message table alone.
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <regex>
+#include <set>
+#include <sstream>
+
+#include "app/cli/Json.h"
+#include "core/PathUtils.h"
+#include "core/ServerInfo.h"
+#include "nearby/NearbyController.h"
+#include "support/ChildProcess.h"
+#include "support/TestEnv.h"
+
+namespace quillon {
+namespace {
+
+namespace fs = std::filesystem;
+using test::readFile;
+using test::writeFile;
+
+const std::string kPeer = QUILLON_SOURCE_DIR "/tests/nearby/nearby_peer.py";
+
+class NearbyTest : public ::testing::Test {
+  protected:
+    NearbyTest() {
+        // Nothing here is announced on the network: a bus that does not exist makes sure of it.
+        ::setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=" + dir / "no-bus").c_str(), 1);
+        fs::create_directories(inbox);
+    }
+
+    // `quillon nearby receive --once` into the inbox on a free loopback port; the port.
+    int startReceiver() {
+        receiver = std::make_unique<test::ChildProcess>(
+            std::vector<std::string>{QUILLON_BINARY, "nearby", "receive", "--to", inbox, "--bind",
+                                     "127.0.0.1", "--port", "0", "--once"});
+        auto port = receiver->waitForOutput(std::regex("port (\\d+)"));
+        EXPECT_TRUE(port) << receiver->err();
+        return port ? std::stoi(*port) : 0;
+    }
+    test::CommandResult send(int port, const std::vector<std::string>& paths) {
+        std::vector<std::string> args{"nearby", "send", "127.0.0.1:" + std::to_string(port)};
+        args.insert(args.end(), paths.begin(), paths.end());
+        return test::runQuillon(args);
+    }
+    // The scripted peer as a sender: one line per reply.
+    std::vector<std::string> peerSend(int port, const std::string& steps) {
+        auto r = test::runProgram({"python3", kPeer, "send", std::to_string(port)}, steps);
+        EXPECT_EQ(r.exitCode, 0) << r.err;
+        return lines(r.out);
+    }
+    static std::vector<std::string> lines(const std::string& text) {
+        std::vector<std::string> result;
+        std::istringstream in(text);
+        for (std::string line; std::getline(in, line);) result.push_back(line);
+        return result;
+    }
+    static std::string sha256(const std::string& path) {
+        return test::runProgram({"sha256sum", path}).out.substr(0, 64);
+    }
+    static std::int64_t mtime(const std::string& path) {
+        struct stat st {};
+        return ::stat(path.c_str(), &st) == 0 ? st.st_mtime : -1;
+    }
+    static void setMtime(const std::string& path, double seconds) {
+        auto whole = static_cast<time_t>(seconds);
+        struct timespec times[2] = {{whole, 0},
+                                    {whole, static_cast<long>((seconds - whole) * 1e9)}};
+        ::utimensat(AT_FDCWD, path.c_str(), times, 0);
+    }
+    // Every file below `root`, as paths relative to it.
+    static std::set<std::string> tree(const std::string& root) {
+        std::set<std::string> files;
+        std::error_code ec;
+        for (auto it = fs::recursive_directory_iterator(root, ec); !ec && it != fs::end(it);
+             it.increment(ec))
+            if (!it->is_directory()) files.insert(fs::relative(it->path(), root).string());
+        return files;
+    }
+
+    test::IsolatedHome home;
+    test::ScratchDir dir{"nearby"};
+    std::string inbox = dir / "inbox";
+    std::unique_ptr<test::ChildProcess> receiver;
+};
+
+TEST_F(NearbyTest, TreeArrivesWithBlanksSubfoldersTimesAndUniqueNames) {
+    std::string src = dir / "src";
+    writeFile(src + "/Photos/2019/a   b.txt", "three blanks");
+    writeFile(src + "/Photos/2019/x.txt", "first x");
+    writeFile(src + "/Photos/other/x.txt", "second x");  // the same last name right after
+    ASSERT_EQ(::symlink((src + "/Photos/2019/x.txt").c_str(), (src + "/Photos/link.txt").c_str()),
+              0);
+    std::string exact(32768, '\0');
+    for (std::size_t i = 0; i < exact.size(); ++i) exact[i] = static_cast<char>(i * 7 + i / 251);
+    writeFile(src + "/exact.bin", exact);
+    setMtime(src + "/exact.bin", 1234567.891);
+    writeFile(inbox + "/exact.bin", "already here");
+
+    int port = startReceiver();
+    auto sent = send(port, {src + "/Photos", src + "/exact.bin"});
+    EXPECT_EQ(sent.exitCode, 0) << sent.err;
+    EXPECT_EQ(receiver->wait(), 0) << receiver->err();
+
+    EXPECT_EQ(tree(inbox),
+              (std::set<std::string>{"Photos/2019/a   b.txt", "Photos/2019/x.txt",
+                                     "Photos/other/x.txt", "exact.bin", "exact-1.bin"}));
+    EXPECT_EQ(readFile(inbox + "/Photos/2019/a   b.txt"), "three blanks");
+    EXPECT_EQ(readFile(inbox + "/Photos/2019/x.txt"), "first x");
+    EXPECT_EQ(readFile(inbox + "/Photos/other/x.txt"), "second x");
+    EXPECT_EQ(readFile(inbox + "/exact.bin"), "already here");
+    EXPECT_EQ(readFile(inbox + "/exact-1.bin"), exact);
+    EXPECT_EQ(mtime(inbox + "/exact-1.bin"), 1234567);  // whole seconds travel
+    EXPECT_NE(receiver->out().find("received exact.bin -> " + inbox + "/exact-1.bin"),
+              std::string::npos)
+        << receiver->out();
+    EXPECT_NE(sent.out.find("sent Photos/2019/a   b.txt"), std::string::npos) << sent.out;
+    EXPECT_TRUE(tree(PathUtils::getAppTempPath()).empty());
+}
+
+TEST_F(NearbyTest, OneGiBFileArrivesByteForByte) {
+    std::string big = dir / "big.bin";
+    {
+        std::ofstream out(big, std::ios::binary);
+        std::vector<std::uint64_t> block(1 << 17);  // 1 MiB
+        std::uint64_t x = 0x9E3779B97F4A7C15ull;
+        for (int b = 0; b < 1024; ++b) {
+            for (auto& v : block) v = (x ^= x << 13, x ^= x >> 7, x ^= x << 17);
+            out.write(reinterpret_cast<const char*>(block.data()), 1 << 20);
+        }
+    }
+    int port = startReceiver();
+    auto sent = send(port, {big});
+    EXPECT_EQ(sent.exitCode, 0) << sent.err;
+    EXPECT_EQ(receiver->wait(), 0) << receiver->err();
+    std::ifstream a(big, std::ios::binary), b(inbox + "/big.bin", std::ios::binary);
+    std::vector<char> x(1 << 20), y(1 << 20);
+    std::int64_t offset = 0;
+    while (a.read(x.data(), x.size()), a.gcount() > 0) {
+        b.read(y.data(), y.size());
+        ASSERT_EQ(b.gcount(), a.gcount()) << "received file ends early at " << offset;
+        ASSERT_EQ(std::memcmp(x.data(), y.data(), static_cast<std::size_t>(a.gcount())), 0)
+            << "differs in the MiB at " << offset;
+        offset += a.gcount();
+    }
+    EXPECT_EQ(offset, std::int64_t{1} << 30);
+    EXPECT_FALSE(b.read(y.data(), 1)) << "received file is longer";
+}
+
+TEST_F(NearbyTest, SenderSpeaksTheWireFormatAndStopsAtARefusal) {
+    std::string src = dir / "src";
+    writeFile(src + "/a  b.txt", "xy");
+    setMtime(src + "/a  b.txt", 1234567.5);
+    writeFile(src + "/exact.bin", std::string(32768, 'e'));
+    setMtime(src + "/exact.bin", 0);
+
+    for (int refuse : {0, 1}) {
+        SCOPED_TRACE(refuse ? "the first STORE refused" : "all accepted");
+        test::ChildProcess peer({"python3", kPeer, "receive", std::to_string(refuse)});
+        auto port = peer.waitForOutput(std::regex("^(\\d+)\n"));
+        ASSERT_TRUE(port) << peer.err();
+        auto sent = send(std::stoi(*port), {src + "/a  b.txt", src + "/exact.bin"});
+        EXPECT_EQ(peer.wait(), 0) << peer.err();
+        std::vector<std::string> expected{*port, "STORE STORE 2 1234567000 a  b.txt"};
+        if (refuse) {
+            EXPECT_EQ(sent.exitCode, 1);
+            EXPECT_NE(sent.err.find("Failed to send file! (Nearby File Transfer 10002)"),
+                      std::string::npos)
+                << sent.err;
+            expected.push_back("CLOSED");  // no further STORE, no DISCONNECT
+        } else {
+            EXPECT_EQ(sent.exitCode, 0) << sent.err;
+            expected.insert(expected.end(), {"DATA 2 " + sha256(src + "/a  b.txt"),
+                                             "CMD STORE_COMPLETED", "STORE STORE 32768 0 exact.bin",
+                                             "DATA 32768 " + sha256(src + "/exact.bin"),
+                                             "CMD STORE_COMPLETED", "CMD DISCONNECT", "CLOSED"});
+        }
+        EXPECT_EQ(lines(peer.out()), expected);
+    }
+}
+
+TEST_F(NearbyTest, ReceiverAnswersTheWireFormatAndRefusesHostileStores) {
+    writeFile(inbox + "/dup.txt", "first");
+    std::string outside = dir / "outside";
+    // Names that could reach outside the inbox, or that a file system cannot hold.
+    const std::vector<std::string> hostile{"../escape.txt",
+                                           "a/../../escape.txt",
+                                           outside + "/abs.txt",
+                                           "a//b.txt",
+                                           "./a.txt",
+                                           "a/./b.txt",
+                                           "trailing/",
+                                           "..",
+                                           std::string("nul\0name", 8),
+                                           "tab\tname",
+                                           "new\nline",
+                                           std::string(300, 'n')};
+    std::string steps = "[";
+    auto step = [&steps](const std::string& kind, const std::string& text) {
+        steps +=
+            (steps.size() > 1 ? "," : "") + fmt::format("[\"{}\",{}]", kind, cli::jsonString(text));
+    };
+    auto file = [&steps](const std::string& name, long long millis, const std::string& content) {
+        steps += (steps.size() > 1 ? "," : "") + fmt::format("[\"file\",{},{},{}]",
+                                                             cli::jsonString(name), millis,
+                                                             cli::jsonString(content));
+    };
+    file("zero-time.txt", 0, "now");
+    file("old.txt", 1234567, "old");
+    file("sub/dir/deep  name.txt", 0, "deep");
+    file("dup.txt", 0, "second");
+    step("cmd", "STORE 5 0");  // fewer than four parts
+    for (auto& name : hostile) step("cmd", "STORE 3 0 " + name);
+    step("cmd", "STORE 1000000000000000000 0 huge.bin");  // more than any disk holds
+    // An empty file's data read takes the next text as content: the transfer waits.
+    step("cmd", "STORE 0 0 empty.txt");
+    step("quiet", "STORE_COMPLETED");
+    step("quiet", "HELLO");  // an unknown command: no reply, and nothing is read after it
+    steps += "]";
+
+    auto started = std::chrono::system_clock::now();
+    int port = startReceiver();
+    auto replies = peerSend(port, steps);
+    std::vector<std::string> expected;
+    for (int i = 0; i < 4; ++i)
+        expected.insert(expected.end(),
+                        {"REPLY RESPONSE_STORE OK", "REPLY RESPONSE_STORE_COMPLETED"});
+    for (std::size_t i = 0; i < hostile.size() + 2; ++i)
+        expected.push_back("REPLY RESPONSE_STORE ERROR");
+    expected.insert(expected.end(), {"REPLY RESPONSE_STORE OK", "SILENCE", "SILENCE"});
+    EXPECT_EQ(replies, expected);
+    EXPECT_EQ(receiver->stop(SIGTERM), 1) << receiver->err();  // some files were refused
+
+    EXPECT_EQ(tree(inbox),
+              (std::set<std::string>{"zero-time.txt", "old.txt", "sub/dir/deep  name.txt",
+                                     "dup.txt", "dup-1.txt"}));
+    EXPECT_EQ(readFile(inbox + "/dup.txt"), "first");
+    EXPECT_EQ(readFile(inbox + "/dup-1.txt"), "second");
+    EXPECT_EQ(readFile(inbox + "/sub/dir/deep  name.txt"), "deep");
+    EXPECT_EQ(mtime(inbox + "/old.txt"), 1234);
+    auto now = std::chrono::system_clock::to_time_t(started);
+    EXPECT_GE(mtime(inbox + "/zero-time.txt"), now - 1);
+    // Nothing outside the inbox, and no partial file left behind.
+    EXPECT_EQ(tree(dir.path()), [&] {
+        std::set<std::string> inside;
+        for (auto& f : tree(inbox)) inside.insert("inbox/" + f);
+        return inside;
+    }());
+    EXPECT_TRUE(tree(PathUtils::getAppTempPath()).empty());
+    std::size_t refusals = 0;
+    for (auto at = receiver->err().find("Refused:"); at != std::string::npos;
+         at = receiver->err().find("Refused:", at + 1))
+        ++refusals;
+    EXPECT_EQ(refusals, hostile.size() + 2) << receiver->err();
+}
+
+TEST_F(NearbyTest, ItemsExpandLocalTreesAndNeverLeaveTheReceiveFolder) {
+    std::string src = dir / "src";
+    writeFile(src + "/F/sub/b.txt", "b");
+    writeFile(src + "/F/a.txt", "a");
+    writeFile(src + "/plain.txt", "p");
+    fs::create_directories(src + "/F/empty");
+    fs::create_symlink(src + "/plain.txt", src + "/F/link.txt");
+    fs::create_directory_symlink(src + "/F/sub", src + "/F/linkdir");
+    fs::create_symlink(src + "/plain.txt", src + "/toplink.txt");
+    auto local = [](const std::string& path) {
+        KvMetadata m(path);
+        m.localPath = path;
+        return m;
+    };
+    auto items = NearbyController::getAllItems(
+        {local(src + "/F/"), local(src + "/toplink.txt"), local(src + "/plain.txt")});
+    ASSERT_TRUE(items) << items.error().describe();
+    std::vector<std::string> names;
+    for (auto& item : *items) names.push_back(item.name);
+    EXPECT_EQ(names, (std::vector<std::string>{"F/a.txt", "F/sub/b.txt", "plain.txt"}));
+    EXPECT_EQ((*items)[1].path, src + "/F/sub/b.txt");
+    EXPECT_EQ((*items)[1].fileSize, 1);
+
+    KvMetadata remote("/reports/q1.pdf");
+    remote.protocolType = ProtocolType::FTP;
+    auto refused = NearbyController::getAllItems({local(src + "/plain.txt"), remote});
+    ASSERT_FALSE(refused);
+    EXPECT_EQ(refused.error().reason, "Cannot transfer files that are stored on connection.");
+    EXPECT_EQ(NearbyController::getAllItems({local(dir / "missing")}).error().code,
+              ErrorCode::NotFound);
+
+    // A folder of the target that is a link to elsewhere is not followed.
+    fs::create_directories(dir / "elsewhere");
+    fs::create_directory_symlink(dir / "elsewhere", inbox + "/link");
+    auto controller = NearbyController::create();
+    ASSERT_TRUE(controller->startReceiving({inbox, "127.0.0.1", 0, false, true}));
+    writeFile(dir / "received.tmp", "payload");
+    EXPECT_FALSE(controller->saveReceivedFile(dir / "received.tmp", "link/x.txt"));
+    EXPECT_FALSE(controller->saveReceivedFile(dir / "received.tmp", "../x.txt"));
+    EXPECT_TRUE(tree(dir / "elsewhere").empty());
+    auto saved = controller->saveReceivedFile(dir / "received.tmp", "new/x.txt");
+    ASSERT_TRUE(saved) << saved.error().describe();
+    EXPECT_EQ(*saved, inbox + "/new/x.txt");
+    controller->stopReceiving();
+}
+
+}  // namespace
+}  // namespace quillon
