@@ -241,14 +241,10 @@ Result<std::string> NearbyController::saveReceivedFile(const std::string& filePa
                                  fmt::format("{}: {}", folder, std::strerror(errno)));
     }
 
-    KvMetadata folderMeta(folder);
-    folderMeta.isDir = true;
-    // The listing may change under us: a name taken meanwhile is never replaced, another is
-    // chosen.
+    // The unique name follows getUniqueFileName's rule against the folder's entries. The folder
+    // may change meanwhile: a name taken in between is never replaced, another is chosen.
     for (int attempt = 0; attempt < 20; ++attempt) {
-        auto listing = SandboxFileAccess::listDir(folder, folderMeta, {});
-        if (!listing) return std::unexpected(listing.error());
-        std::string target = folder + "/" + FileTransferUtils::getUniqueFileName(*listing, name);
+        std::string target = FileTransferUtils::uniqueFilePathInFolder(folder, name);
         auto moved = SandboxFileAccess::moveItemFrom(filePath, target);
         if (moved) {
             UserInfo info;
