@@ -61,7 +61,7 @@ def receive(refuse):
 def send(port, steps):
     conn = socket.create_connection(("127.0.0.1", port), timeout=60)
 
-    def reply(timeout=60):
+    def reply(timeout=30):
         conn.settimeout(timeout)
         try:
             data = conn.recv(4096)
@@ -69,12 +69,14 @@ def send(port, steps):
             return data
         except socket.timeout:
             print("SILENCE", flush=True)
+            if timeout > 1:
+                sys.exit(0)  # a reply that never came: the rest would only wait as well
             return None
 
     for step in steps:
         if step[0] in ("cmd", "quiet"):
             conn.sendall(step[1].encode())
-            reply(60 if step[0] == "cmd" else 1)
+            reply(30 if step[0] == "cmd" else 1)
         elif step[0] == "file":
             name, millis, content = step[1], step[2], step[3].encode()
             conn.sendall(("STORE %d %d %s" % (len(content), millis, name)).encode())
