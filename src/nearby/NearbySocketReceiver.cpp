@@ -128,7 +128,15 @@ void NearbySocketReceiver::accept() {
             auto me = weak.lock();
             if (!me || generation != me->generation_ || !me->serverSocket_) return;
             if (ec) {
-                if (ec != asio::error::operation_aborted) me->accept();
+                if (ec == asio::error::operation_aborted) return;
+                // Out of descriptors, or a connection that died in the queue: try again shortly.
+                auto retry = std::make_shared<asio::steady_timer>(me->queue_.context(),
+                                                                  std::chrono::milliseconds(100));
+                retry->async_wait(asio::bind_executor(
+                    me->queue_.strand(), [weak, generation, retry](asio::error_code) {
+                        auto again = weak.lock();
+                        if (again && generation == again->generation_) again->accept();
+                    }));
                 return;
             }
             // A newer connection replaces the one before; its unfinished file is dropped.
@@ -137,6 +145,8 @@ void NearbySocketReceiver::accept() {
                 asio::error_code ignored;
                 me->connectedSocket_->close(ignored);
             }
+            asio::error_code ignored;
+            socket.set_option(tcp::no_delay(true), ignored);  // replies are short and awaited
             me->connectedSocket_ = std::make_shared<tcp::socket>(std::move(socket));
             me->read(me->connectedSocket_, CommandTag);
             me->tellDelegate([](NearbySocketReceiverDelegate& d, NearbySocketReceiver& r) {

@@ -1,5 +1,6 @@
-// Nearby sharing on loopback: two quillon processes (sender and receiver), and each of them
-// against nearby_peer.py, a peer written from the protocol's message table alone.
+// Nearby sharing: two quillon processes on loopback (sender and receiver), each of them against
+// nearby_peer.py (a peer written from the protocol's message table alone), and discovery between
+// two network namespaces.
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
@@ -7,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <filesystem>
@@ -17,6 +19,7 @@
 #include <sstream>
 
 #include "app/cli/Json.h"
+#include "core/MainQueue.h"
 #include "core/PathUtils.h"
 #include "core/ServerInfo.h"
 #include "nearby/NearbyController.h"
@@ -29,8 +32,135 @@ namespace {
 namespace fs = std::filesystem;
 using test::readFile;
 using test::writeFile;
+using namespace std::chrono_literals;
 
 const std::string kPeer = QUILLON_SOURCE_DIR "/tests/nearby/nearby_peer.py";
+
+// Runs the main queue until `done` or the time-out; the last value of `done`.
+bool pumpUntil(const std::function<bool()>& done, std::chrono::seconds timeout) {
+    auto& queue = MainQueue::shared();
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    auto tick = queue.scheduleRepeating(100ms, [] {});
+    queue.runUntil([&] { return done() || std::chrono::steady_clock::now() > deadline; });
+    queue.cancel(tick);
+    return done();
+}
+
+class NearbyNetwork {
+  public:
+    struct Side {
+        std::string ns, address, folder, bus;
+        std::unique_ptr<test::ChildProcess> dbus, avahi;
+    };
+
+    explicit NearbyNetwork(const std::string& root) {
+        if (::geteuid() != 0) {
+            failure = "the discovery test makes network namespaces and needs root";
+            return;
+        }
+        removeStale();
+        std::string tag = "qnearby-" + std::to_string(::getpid());
+        a = {tag + "-a", "10.213.7.1", root + "/a", "", nullptr, nullptr};
+        b = {tag + "-b", "10.213.7.2", root + "/b", "", nullptr, nullptr};
+        if (!run({"ip", "netns", "add", a.ns}) || !run({"ip", "netns", "add", b.ns}) ||
+            !run({"ip", "-n", a.ns, "link", "add", "nb0", "type", "veth", "peer", "name", "nb0",
+                  "netns", b.ns}))
+            return;
+        for (auto* side : {&a, &b})
+            if (!run({"ip", "-n", side->ns, "addr", "add", side->address + "/24", "dev", "nb0"}) ||
+                !run({"ip", "-n", side->ns, "link", "set", "nb0", "up"}) ||
+                !run({"ip", "-n", side->ns, "link", "set", "lo", "up"}) || !startDaemons(*side))
+                return;
+    }
+
+    ~NearbyNetwork() {
+        for (auto* side : {&a, &b}) {
+            if (side->ns.empty()) continue;
+            side->avahi.reset();
+            side->dbus.reset();
+            killAll(side->ns);
+            test::runProgram({"ip", "netns", "del", side->ns});
+        }
+    }
+
+    // argv run inside the side's namespace, on its bus, with its own home and host name.
+    std::vector<std::string> inside(const Side& side, const std::string& hostName,
+                                    const std::vector<std::string>& argv) const {
+        std::string command = "hostname " + hostName +
+                              " && exec env DBUS_SYSTEM_BUS_ADDRESS=" + side.bus +
+                              " QUILLON_HOME=" + side.folder + "/home";
+        for (auto& arg : argv) command += " '" + arg + "'";
+        return {"ip", "netns", "exec", side.ns, "unshare", "--uts", "sh", "-c", command};
+    }
+
+    std::string failure;
+    Side a, b;
+
+  private:
+    bool run(const std::vector<std::string>& argv) {
+        auto r = test::runProgram(argv);
+        if (r.exitCode != 0 && failure.empty()) failure = argv[0] + " failed: " + r.err;
+        return r.exitCode == 0;
+    }
+
+    bool startDaemons(Side& side) {
+        fs::create_directories(side.folder + "/home");
+        side.bus = "unix:path=" + side.folder + "/bus";
+        std::ofstream(side.folder + "/bus.conf")
+            << "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\" "
+               "\"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
+               "<busconfig><type>system</type><listen>"
+            << side.bus
+            << "</listen><auth>EXTERNAL</auth><policy context=\"default\"><allow user=\"*\"/>"
+               "<allow own=\"*\"/><allow send_destination=\"*\"/><allow receive_sender=\"*\"/>"
+               "</policy></busconfig>\n";
+        std::ofstream(side.folder + "/avahi.conf")
+            << "[server]\nhost-name=" << side.ns
+            << "\nuse-ipv4=yes\nuse-ipv6=no\nallow-interfaces=nb0\nenable-dbus=yes\n"
+               "[wide-area]\nenable-wide-area=no\n[publish]\npublish-hinfo=no\n"
+               "publish-workstation=no\n";
+        side.dbus = std::make_unique<test::ChildProcess>(
+            std::vector<std::string>{"ip", "netns", "exec", side.ns, "dbus-daemon",
+                                     "--config-file=" + side.folder + "/bus.conf", "--nofork",
+                                     "--nopidfile", "--print-address=1"});
+        if (!side.dbus->waitForOutput(std::regex("unix:path"))) {
+            failure = "dbus-daemon did not start: " + side.dbus->err();
+            return false;
+        }
+        // avahi-daemon keeps its pid file and socket in /run/avahi-daemon: a private /run in the
+        // namespace's own mount namespace keeps them apart from the host's.
+        side.avahi = std::make_unique<test::ChildProcess>(std::vector<std::string>{
+            "ip", "netns", "exec", side.ns, "sh", "-c",
+            "mount -t tmpfs tmpfs /run && mkdir /run/avahi-daemon && exec env "
+            "DBUS_SYSTEM_BUS_ADDRESS=" +
+                side.bus + " avahi-daemon -f " + side.folder +
+                "/avahi.conf --no-drop-root --no-chroot --no-rlimits --no-proc-title 2>&1"});
+        if (!side.avahi->waitForOutput(std::regex("Server startup complete"))) {
+            failure = "avahi-daemon did not start: " + side.avahi->out() + side.avahi->err();
+            return false;
+        }
+        return true;
+    }
+
+    static void killAll(const std::string& ns) {
+        auto pids = test::runProgram({"ip", "netns", "pids", ns}).out;
+        std::istringstream in(pids);
+        for (pid_t pid; in >> pid;) ::kill(pid, SIGKILL);
+    }
+
+    // Namespaces left by a run of this test that was killed.
+    static void removeStale() {
+        std::error_code ec;
+        for (auto& e : fs::directory_iterator("/run/netns", ec)) {
+            std::smatch m;
+            std::string name = e.path().filename().string();
+            if (!std::regex_match(name, m, std::regex("qnearby-(\\d+)-[ab]"))) continue;
+            if (::kill(std::stoi(m[1]), 0) == 0 || errno != ESRCH) continue;
+            killAll(name);
+            test::runProgram({"ip", "netns", "del", name});
+        }
+    }
+};
 
 class NearbyTest : public ::testing::Test {
   protected:
@@ -190,6 +320,37 @@ TEST_F(NearbyTest, SenderSpeaksTheWireFormatAndStopsAtARefusal) {
     }
 }
 
+TEST_F(NearbyTest, SenderStillAnnouncesAFileItCannotOpen) {
+    test::ChildProcess peer({"python3", kPeer, "receive"});
+    auto port = peer.waitForOutput(std::regex("^(\\d+)\n"));
+    ASSERT_TRUE(port) << peer.err();
+    auto sender = NearbySocketSender::create();
+    std::optional<Status> connected;
+    std::vector<std::optional<Error>> completions;
+    sender->connectHost(
+        {asio::ip::make_address("127.0.0.1"), static_cast<unsigned short>(std::stoi(*port))},
+        [&](const Status& s) { MainQueue::shared().post([&, s] { connected = s; }); });
+    ASSERT_TRUE(pumpUntil([&] { return connected.has_value(); }, 30s));
+    ASSERT_TRUE(*connected) << connected->error().describe();
+    NearbyTransferMetadata gone{"gone.txt", dir / "gone.txt", std::nullopt, 0, 0, 0};
+    sender->startToSendFile(gone, [&](const std::optional<Error>& e) {
+        MainQueue::shared().post([&, e] { completions.push_back(e); });
+    });
+    // At once "Cannot open file!", then the receiver's answer to the empty data phase.
+    ASSERT_TRUE(pumpUntil([&] { return completions.size() == 2; }, 30s));
+    ASSERT_TRUE(completions[0]);
+    EXPECT_EQ(completions[0]->code, ErrorCode::NoPermission);
+    EXPECT_EQ(completions[0]->reason, "Cannot open file!");
+    EXPECT_FALSE(completions[1]);
+    sender->requestDisconnect();
+    EXPECT_EQ(peer.wait(), 0);
+    EXPECT_EQ(lines(peer.out()), (std::vector<std::string>{
+                                     *port, "STORE STORE 0 0 gone.txt",
+                                     "DATA 0 e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495"
+                                     "991b7852b855",
+                                     "CMD STORE_COMPLETED", "CMD DISCONNECT", "CLOSED"}));
+}
+
 TEST_F(NearbyTest, ReceiverAnswersTheWireFormatAndRefusesHostileStores) {
     writeFile(inbox + "/dup.txt", "first");
     std::string outside = dir / "outside";
@@ -308,6 +469,61 @@ TEST_F(NearbyTest, ItemsExpandLocalTreesAndNeverLeaveTheReceiveFolder) {
     auto saved = controller->saveReceivedFile(dir / "received.tmp", "new/x.txt");
     ASSERT_TRUE(saved) << saved.error().describe();
     EXPECT_EQ(*saved, inbox + "/new/x.txt");
+    controller->stopReceiving();
+}
+
+// Discovery through Avahi between two machines made for the test: two network namespaces joined
+// by a veth pair, each with its own D-Bus system bus and avahi-daemon (allowed on the veth only,
+// IPv4, distinct host names). Nothing leaves the namespaces. Needs root, as CI has.
+TEST_F(NearbyTest, DiscoveryListsResolvesAndDropsPeersBetweenTwoNamespaces) {
+    // Without a daemon, discovery says so (sending to an address does not need it).
+    auto noDaemon = test::runQuillon({"nearby", "peers"});
+    EXPECT_EQ(noDaemon.exitCode, 1);
+    EXPECT_NE(noDaemon.err.find("no Avahi daemon can be reached"), std::string::npos)
+        << noDaemon.err;
+    NearbyNetwork net(dir / "net");
+    ASSERT_TRUE(net.failure.empty()) << net.failure;
+
+    // Alpha receives in namespace a on the standard port and announces itself there.
+    test::ChildProcess alpha(
+        net.inside(net.a, "qnearby-alpha", {QUILLON_BINARY, "nearby", "receive", "--to", inbox}));
+    ASSERT_TRUE(alpha.waitForOutput(std::regex("Receiving into"))) << alpha.err();
+
+    // This process publishes and browses through namespace b's daemon: it lists alpha, not itself.
+    ::setenv("DBUS_SYSTEM_BUS_ADDRESS", net.b.bus.c_str(), 1);
+    auto controller = NearbyController::create();
+    fs::create_directories(dir / "own");
+    ASSERT_TRUE(controller->startReceiving({dir / "own", "127.0.0.1", 0, true, false}));
+    ASSERT_TRUE(controller->startBrowsing());
+    ASSERT_TRUE(pumpUntil([&] { return !controller->devices().empty(); }, 30s));
+    auto alphaItem = controller->devices().front();
+    EXPECT_EQ(alphaItem.hostname, "qnearby-alpha Wi-Fi");
+    ASSERT_TRUE(alphaItem.netService && !alphaItem.netService->addresses.empty());
+    EXPECT_EQ(alphaItem.netService->addresses[0].address().to_string(), "10.213.7.1");
+    EXPECT_EQ(alphaItem.netService->addresses[0].port(), 4713);
+
+    // From namespace a both services show, ours with b's address.
+    auto peers = test::runProgram(
+        net.inside(net.a, "qnearby-gamma", {QUILLON_BINARY, "nearby", "peers", "--json"}));
+    EXPECT_EQ(peers.exitCode, 0) << peers.err;
+    EXPECT_NE(peers.out.find("{\"name\":\"qnearby-alpha Wi-Fi\",\"host\":\"" + net.a.ns +
+                             ".local\",\"addresses\":[\"10.213.7.1:4713\"]}"),
+              std::string::npos)
+        << peers.out;
+    EXPECT_NE(peers.out.find("\"addresses\":[\"10.213.7.2:"), std::string::npos) << peers.out;
+    EXPECT_EQ(controller->devices().size(), 1u);  // our own service stays out of our list
+
+    // Beta sends to alpha by its device name.
+    test::writeFile(dir / "hello.txt", "over the veth");
+    auto sent = test::runProgram(
+        net.inside(net.b, "qnearby-beta",
+                   {QUILLON_BINARY, "nearby", "send", "qnearby-alpha Wi-Fi", dir / "hello.txt"}));
+    EXPECT_EQ(sent.exitCode, 0) << sent.err;
+    EXPECT_EQ(readFile(inbox + "/hello.txt"), "over the veth");
+
+    // Alpha stops: it leaves the list.
+    EXPECT_EQ(alpha.stop(SIGTERM), 0) << alpha.err();
+    EXPECT_TRUE(pumpUntil([&] { return controller->devices().empty(); }, 30s));
     controller->stopReceiving();
 }
 
