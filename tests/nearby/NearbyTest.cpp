@@ -23,6 +23,7 @@
 #include "core/PathUtils.h"
 #include "core/ServerInfo.h"
 #include "nearby/NearbyController.h"
+#include "nearby/NearbyUtils.h"
 #include "support/ChildProcess.h"
 #include "support/TestEnv.h"
 
@@ -456,6 +457,12 @@ TEST_F(NearbyTest, ItemsExpandLocalTreesAndNeverLeaveTheReceiveFolder) {
     EXPECT_EQ(refused.error().reason, "Cannot transfer files that are stored on connection.");
     EXPECT_EQ(NearbyController::getAllItems({local(dir / "missing")}).error().code,
               ErrorCode::NotFound);
+
+    // "Nearby Location" holds only a folder that exists; without it files go to Downloads.
+    NearbyUtils::saveNearbyLocation(dir / "missing");
+    EXPECT_EQ(NearbyUtils::getNearbyLocation(), PathUtils::getDownloadFolderPath());
+    NearbyUtils::saveNearbyLocation(inbox);
+    EXPECT_EQ(NearbyUtils::getNearbyLocation(), inbox);
 
     // A folder of the target that is a link to elsewhere is not followed.
     fs::create_directories(dir / "elsewhere");
