@@ -92,9 +92,10 @@ struct Listeners {
         quillonPort = port ? std::stoi(*port) : 0;
         socatPort = freePort();
         std::string listen = fmt::format("TCP-LISTEN:{},bind=127.0.0.1,reuseaddr", socatPort);
+        // socat runs tar itself, so that stopping socat leaves nothing behind.
         if (tarStream)
             socat = std::make_unique<ChildProcess>(std::vector<std::string>{
-                "sh", "-c", "socat -u " + listen + " STDOUT | tar -C '" + sInbox + "' -xf -"});
+                "socat", "-u", listen, "EXEC:tar -C " + sInbox + " -xf -"});
         else
             socat = std::make_unique<ChildProcess>(std::vector<std::string>{
                 "socat", "-u", listen, "OPEN:" + sInbox + "/big.bin,creat,trunc"});
