@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <ctime>
+#include <cctype>
 #include <map>
 #include <thread>
 
@@ -570,6 +571,65 @@ Result<std::string> FtpWrapper::currentWorkingDirectory() {
     if (q2 == std::string::npos)
         return KvError::fail(ErrorDomain::FTP, CURLE_WEIRD_SERVER_REPLY, "Unknown error!");
     return reply->substr(q1 + 1, q2 - q1 - 1);
+}
+
+Result<std::optional<std::chrono::system_clock::time_point>> FtpWrapper::modificationTimeSync(
+    const KvMetadata& file) {
+    if (auto s = probe(false); !s) return std::unexpected(s.error());
+    auto reply = curl_runCommandWithoutBody("MDTM " + file.pathOrEmpty(), baseServerPath());
+    // Other replies of the request (folder changes, a login) come around the one to MDTM:
+    // "213 yyyyMMddHHmmss[.fff]", or a refusal.
+    std::string text = reply ? *reply : stringForHeaderResp();
+    std::string answer, refusal;
+    for (std::size_t pos = 0; pos < text.size();) {
+        auto nl = text.find('\n', pos);
+        auto line = StringUtils::trim(std::string_view(text).substr(
+            pos, nl == std::string::npos ? std::string::npos : nl - pos));
+        pos = nl == std::string::npos ? text.size() : nl + 1;
+        if (line.starts_with("213 "))
+            answer = line;
+        else if (line.size() >= 4 && (line[0] == '4' || line[0] == '5') && line[3] == ' ')
+            refusal = line;
+    }
+    if (!reply) {
+        // Not understood or not implemented: a server without MDTM.
+        if (refusal.starts_with("500") || refusal.starts_with("502") || refusal.starts_with("504"))
+            return std::optional<std::chrono::system_clock::time_point>();
+        return std::unexpected(reply.error());
+    }
+    std::string_view value =
+        std::string_view(answer).substr(std::min<std::size_t>(4, answer.size()));
+    auto digits = [&](std::size_t at, std::size_t n) -> int {
+        int v = 0;
+        for (std::size_t i = at; i < at + n; ++i) {
+            if (i >= value.size() || !std::isdigit(static_cast<unsigned char>(value[i]))) return -1;
+            v = v * 10 + (value[i] - '0');
+        }
+        return v;
+    };
+    int year = digits(0, 4), month = digits(4, 2), day = digits(6, 2), hour = digits(8, 2),
+        minute = digits(10, 2), second = digits(12, 2);
+    std::chrono::year_month_day date{std::chrono::year(year), std::chrono::month(month),
+                                     std::chrono::day(day)};
+    if (year < 0 || month < 0 || day < 0 || hour < 0 || hour > 23 || minute < 0 || minute > 59 ||
+        second < 0 || second > 60 || !date.ok())
+        return KvError::fail(ErrorDomain::FTP, CURLE_WEIRD_SERVER_REPLY,
+                             "Unreadable MDTM reply: " + answer);
+    auto when = std::chrono::sys_days(date) + std::chrono::hours(hour) +
+                std::chrono::minutes(minute) + std::chrono::seconds(second);
+    std::chrono::system_clock::time_point t(
+        std::chrono::duration_cast<std::chrono::system_clock::duration>(when.time_since_epoch()));
+    // Fractions of a second, when the server gives them.
+    if (value.size() > 15 && value[14] == '.') {
+        double scale = 0.1, fraction = 0;
+        for (std::size_t i = 15;
+             i < value.size() && std::isdigit(static_cast<unsigned char>(value[i]));
+             ++i, scale /= 10)
+            fraction += (value[i] - '0') * scale;
+        t += std::chrono::duration_cast<std::chrono::system_clock::duration>(
+            std::chrono::duration<double>(fraction));
+    }
+    return std::optional<std::chrono::system_clock::time_point>(t);
 }
 
 Status FtpWrapper::changeWorkingDirectory(const std::string& path) {

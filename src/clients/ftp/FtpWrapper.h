@@ -63,6 +63,10 @@ class FtpWrapper : public Wrapper {
 
     // SITE CHMOD with the octal permission text.
     [[nodiscard]] Status chmodSync(const KvMetadata& item, const std::string& octalPermissions);
+    // MDTM: the file's modification time (UTC, to the second or finer), or absent when the
+    // server has no MDTM. Fails with the server's refusal (a missing file: "Permission denied").
+    [[nodiscard]] Result<std::optional<std::chrono::system_clock::time_point>> modificationTimeSync(
+        const KvMetadata& file);
     // The server's working folder after login, from the 257 reply of PWD.
     [[nodiscard]] Result<std::string> currentWorkingDirectory();
     // Walks into the folder (a request whose URL names it with a trailing "/").
