@@ -35,12 +35,20 @@ void SyncInfo::removeObjectForKey(std::string_view key) {
     props.erase(std::string(key));
 }
 
+bool SyncInfo::isSafeLocalName(std::string_view name) {
+    return !name.empty() && name != "." && name != ".." &&
+           name.find_first_of(std::string_view("/\0", 2)) == std::string_view::npos;
+}
+
 KvMetadata SyncInfo::localFolderMetaForName(const std::string& name) {
-    KvMetadata m(SyncUtils::getSyncBaseFolderPath() + "/" + name);
+    KvMetadata m;
     m.setName(name);
     m.isDir = true;
     m.protocolType = ProtocolType::Local;
-    m.localPath = m.path();
+    if (isSafeLocalName(name)) {
+        m.setPath(SyncUtils::getSyncBaseFolderPath() + "/" + name);
+        m.localPath = m.path();
+    }
     return m;
 }
 

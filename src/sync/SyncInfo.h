@@ -46,8 +46,15 @@ class SyncInfo {
     void setValue(const std::string& value, std::string_view key);
     void removeObjectForKey(std::string_view key);
 
+    // Whether a stored local name names one folder right under the sync base folder: not empty,
+    // not "." or "..", without "/" or NUL. A name read from the database that is not is refused.
+    static bool isSafeLocalName(std::string_view name);
+    // Whether the pair's local name is safe; a pair whose name is not is never run.
+    bool hasSafeLocalName() const { return isSafeLocalName(localFolderMeta.nameOrEmpty()); }
+
     // The local folder record for a stored name: a local folder at the name's place under the
-    // sync base folder (the folder is not created here).
+    // sync base folder (the folder is not created here). An unsafe name gets a record with the
+    // name and no path, so that nothing acts on a place outside the base folder.
     static KvMetadata localFolderMetaForName(const std::string& name);
     // The remote folder record for a stored name and path on a server.
     static KvMetadata remoteFolderMetaFor(const std::string& name, const std::string& path,

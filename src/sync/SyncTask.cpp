@@ -364,6 +364,15 @@ void SyncTask::startTransfer() {
         info_.status = SyncStatus::Running;
         (void)SyncInfoService::sharedInstance().updateSyncStatus(info_);
     }
+    if (!info_.hasSafeLocalName()) {
+        // A damaged or hostile database: the pair's folder would lie outside the sync folder.
+        finish(KvError::errorWithDomain(
+            ErrorDomain::FileSync, kErrorUnsafeLocalName,
+            fmt::format("The local folder name \"{}\" of this sync pair leads outside the sync "
+                        "folder; the pair is refused. Remove it and add it again.",
+                        info_.localFolderMeta.nameOrEmpty())));
+        return;
+    }
     if (!info_.serverInfo) {
         finish(KvError::errorWithDomain(
             ErrorDomain::FileSync, kErrorNoServer,

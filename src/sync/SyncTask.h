@@ -105,6 +105,7 @@ class SyncTask : public FileTransferTask {
     static constexpr long kErrorMaxDelete = 20010;
     static constexpr long kErrorBusy = 20011;
     static constexpr long kErrorNoServer = 20012;
+    static constexpr long kErrorUnsafeLocalName = 20013;
 
     // A task for the pair: source = its remote folder, target = its local folder.
     explicit SyncTask(SyncInfo info, SyncOptions options = {});

@@ -239,5 +239,36 @@ TEST(SyncInfoService, StoresPairsWithTheirPropertiesAndStatus) {
     ASSERT_TRUE(service.deleteSyncInfo(*listed));
 }
 
+TEST(SyncInfoService, RefusesStoredLocalNamesThatLeadOutOfTheSyncFolder) {
+    ScratchDir remote("syncrefused");
+    writeFile(remote / "a.txt", "a");
+    std::string home = SyncUtils::getSyncBaseFolderPath() + "/..";
+    auto& db = DBManager::sharedDBManager();
+    for (std::string name : {std::string(".."), syncTestHome().path() + "/outside",
+                             std::string("a/../../escaped"), std::string()}) {
+        SCOPED_TRACE(name);
+        ASSERT_TRUE(db.execute(
+            "INSERT INTO sync_info (server_uuid, last_sync_time, sync_status, local_folder_name, "
+            "remote_folder_name, remote_folder_path) VALUES (?, NULL, 0, ?, 'remote', ?)",
+            {localFileSystem()->serverID, name, remote.path()}));
+        auto info = SyncInfoService::sharedInstance().getSyncInfoByID(db.lastInsertRowId());
+        ASSERT_TRUE(info);
+        EXPECT_FALSE(info->hasSafeLocalName());
+        EXPECT_EQ(info->localFolderMeta.nameOrEmpty(), name);
+        EXPECT_FALSE(info->localFolderMeta.path());
+        auto run = runSync(*info);
+        ASSERT_EQ(run.state(), TransferTaskState::Failed);
+        EXPECT_EQ(run.task->error()->code, SyncTask::kErrorUnsafeLocalName);
+        EXPECT_NE(run.task->error()->reason.find("leads outside the sync folder"),
+                  std::string::npos);
+        EXPECT_TRUE(SyncInfoService::sharedInstance().deleteSyncInfo(*info));
+    }
+    for (auto path : {home + "/" + SyncDBManager::kFileName, home + "/escaped",
+                      syncTestHome().path() + "/outside", home + "/a.txt"})
+        EXPECT_FALSE(exists(path)) << path;
+    EXPECT_TRUE(SyncInfo::isSafeLocalName("Photos 2024"));
+    EXPECT_TRUE(SyncInfo::isSafeLocalName(".hidden"));
+}
+
 }  // namespace
 }  // namespace quillon::test

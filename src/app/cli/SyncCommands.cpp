@@ -56,6 +56,7 @@ std::string timeText(const std::optional<TimePoint>& t) {
 // The status as a user reads it: a pair left "running" by a process that is gone was
 // interrupted.
 std::string statusText(const SyncInfo& info) {
+    if (!info.hasSafeLocalName()) return "refused";
     if (info.status == SyncStatus::Running &&
         !SyncUtils::isSyncRunning(info.localFolderMeta.pathOrEmpty()))
         return "interrupted";
@@ -74,12 +75,19 @@ std::string remoteText(const SyncInfo& info) {
     return serverText(info) + ":" + path;
 }
 
+// New pairs get visible folders; the names read back are checked by SyncInfo again.
 bool validLocalName(const std::string& name) {
-    return !name.empty() && name != "." && name != ".." && name.front() != '.' &&
-           name.find('/') == std::string::npos && name.find('\0') == std::string::npos;
+    return SyncInfo::isSafeLocalName(name) && name.front() != '.';
+}
+
+// The local folder as shown: its path, or the stored name of a refused pair.
+std::string localText(const SyncInfo& info) {
+    if (info.hasSafeLocalName()) return info.localFolderMeta.pathOrEmpty();
+    return fmt::format("(refused local name \"{}\")", info.localFolderMeta.nameOrEmpty());
 }
 
 void removePairDatabase(const std::string& folder) {
+    if (folder.empty()) return;
     for (auto suffix : {"", "-wal", "-shm", "-journal"})
         ::unlink((folder + "/" + SyncDBManager::kFileName + suffix).c_str());
     ::unlink((folder + "/" + SyncUtils::kLockFileName).c_str());
@@ -165,7 +173,7 @@ int listPairs(bool json) {
     fmt::print("{:>4}  {:<11}  {:<19}  {}\n", "ID", "STATUS", "LAST SYNC", "FOLDERS");
     for (auto& p : pairs)
         fmt::print("{:>4}  {:<11}  {:<19}  {} <-> {}\n", p.syncInfoID, statusText(p),
-                   timeText(p.lastSyncDate), remoteText(p), p.localFolderMeta.pathOrEmpty());
+                   timeText(p.lastSyncDate), remoteText(p), localText(p));
     return kExitOk;
 }
 
@@ -175,13 +183,13 @@ int removePair(std::int64_t id) {
     auto info = service.getSyncInfoByID(id);
     if (!info) return reportMessage(fmt::format("No sync pair {}.", id));
     std::string localPath = info->localFolderMeta.pathOrEmpty();
-    if (SyncUtils::isSyncRunning(localPath))
+    if (!localPath.empty() && SyncUtils::isSyncRunning(localPath))
         return reportMessage(
             fmt::format("Sync pair {} is syncing now; try again when it is done.", id));
     if (auto r = service.deleteSyncInfo(*info); !r) return reportError(r.error());
     // The pair's own records go with it; the user's files stay where they are.
     removePairDatabase(localPath);
-    fmt::print("Removed sync pair {}; the files in {} and in {} are kept.\n", id, localPath,
+    fmt::print("Removed sync pair {}; the files in {} and in {} are kept.\n", id, localText(*info),
                remoteText(*info));
     return kExitOk;
 }
@@ -211,7 +219,7 @@ void printSummary(const SyncTask& task, bool dryRun) {
     if (task.startTime() && task.endTime())
         secs = std::chrono::duration<double>(*task.endTime() - *task.startTime()).count();
     fmt::print("sync {}: {} <-> {}: {} in {:.1f} s\n", info.syncInfoID, remoteText(info),
-               info.localFolderMeta.pathOrEmpty(), outcome, secs);
+               localText(info), outcome, secs);
     const char* verb = dryRun ? "would be " : "";
     auto side = [&](const char* label, std::int64_t in, std::int64_t bytes, std::int64_t deleted,
                     std::int64_t made, std::int64_t removed, const char* inVerb) {
