@@ -484,6 +484,13 @@ Status SyncTask::runPlan() {
     };
     auto check = [&](std::int64_t deletes, std::int64_t files, const char* where) -> Status {
         if (deletes == 0 || deletes <= allowed(files)) return {};
+        double needed = std::ceil(100.0 * static_cast<double>(deletes) /
+                                  static_cast<double>(std::max<std::int64_t>(files, 1)));
+        {
+            std::lock_guard lock(mutex_);
+            summary_.deletePercentNeeded =
+                std::max(summary_.deletePercentNeeded.value_or(0.0), std::min(needed, 100.0));
+        }
         return KvError::fail(
             ErrorDomain::FileSync, kErrorMaxDelete,
             fmt::format("Stopped before deleting anything: this sync would delete {} of {} files "

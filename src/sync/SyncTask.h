@@ -80,6 +80,8 @@ struct SyncSummary {
     // Files seen on each side.
     std::int64_t localFiles = 0;
     std::int64_t remoteFiles = 0;
+    // When the delete limit stopped the run: the smallest limit (percent) that lets it go ahead.
+    std::optional<double> deletePercentNeeded;
     // True when nothing was transferred, deleted or created.
     bool nothingChanged() const;
 };
@@ -88,8 +90,8 @@ struct SyncOptions {
     // Decide and report every action without touching either side or the pair's records.
     bool dryRun = false;
     // Stop before deleting anything when the run would delete more than this share (percent)
-    // of either side's files.
-    std::optional<double> maxDeletePercent;
+    // of either side's files; absent: no limit.
+    std::optional<double> maxDeletePercent = 50.0;
     // Seconds to wait after the ability check, before the sync proper.
     double pauseAfterCheck = 1.0;
 };

@@ -98,23 +98,30 @@ TEST(SyncCommands, RefusesPairsThatCannotWork) {
     EXPECT_EQ(runQuillon({"sync", "run", "9999"}).exitCode, 1);
 }
 
-TEST(SyncCommands, MaxDeleteSaysHowManyItWouldHaveDeleted) {
+TEST(SyncCommands, ARunThatWouldDeleteMostFilesStopsAndSaysHowToGoAhead) {
     ScratchDir remote("climax");
     for (int i = 0; i < 4; ++i) writeFile(remote / ("f" + std::to_string(i)), "x");
     auto id = idFrom(runQuillon({"sync", "add", remote.path(), "cli-max"}));
     ASSERT_EQ(runQuillon({"sync", "run", id}).exitCode, 0);
     std::string local = SyncUtils::getSyncBaseFolderPath() + "/cli-max";
     for (int i = 0; i < 3; ++i) std::filesystem::remove(local + "/f" + std::to_string(i));
-    auto run = runQuillon({"sync", "run", id, "--max-delete", "50"});
+    auto run = runQuillon({"sync", "run", id});
     EXPECT_EQ(run.exitCode, 1);
     EXPECT_NE(run.out.find("would delete 3 of 4 files (75.0%) on the server, more than the 50% "
                            "allowed"),
+              std::string::npos)
+        << run.out;
+    EXPECT_NE(run.out.find("Nothing was deleted. If these deletions are meant, run `quillon sync "
+                           "run " +
+                           id + " --max-delete 75`."),
               std::string::npos)
         << run.out;
     EXPECT_EQ(treeOf(remote.path()).size(), 4u);
     auto list = runQuillon({"sync", "list", "--json"});
     EXPECT_NE(list.out.find("\"status\":\"failed\""), std::string::npos) << list.out;
     EXPECT_EQ(runQuillon({"sync", "run", id, "--max-delete", "101"}).exitCode, 2);
+    ASSERT_EQ(runQuillon({"sync", "run", id, "--max-delete", "75"}).exitCode, 0);
+    EXPECT_EQ(treeOf(remote.path()).size(), 1u);
 }
 
 }  // namespace

@@ -269,32 +269,49 @@ TEST(SyncTask, AFolderDeletedOnOneSideGoesOnTheOtherExceptWhatChangedThere) {
     EXPECT_GE(run.summary().kept, 2);
     ASSERT_EQ(runSync(p.info).decisions.size(), 0u);
 
-    // Everything deleted on the server: the pair's own folder stays.
+    // Everything deleted on the server (and allowed): the pair's own folder stays.
     std::filesystem::remove_all(p.r("dir"));
     std::filesystem::remove(p.r("top.txt"));
-    ASSERT_EQ(runSync(p.info).state(), TransferTaskState::Completed);
+    auto noLimit = quickOptions();
+    noLimit.maxDeletePercent = 100;
+    ASSERT_EQ(runSync(p.info, noLimit).state(), TransferTaskState::Completed);
     EXPECT_TRUE(treeOf(p.local).empty());
     EXPECT_TRUE(std::filesystem::is_directory(p.local));
     EXPECT_TRUE(std::filesystem::is_directory(p.remote.path()));
 }
 
-TEST(SyncTask, MaxDeleteStopsBeforeDeletingAnything) {
+TEST(SyncTask, ARunDeletingMoreThanHalfOfASideStopsBeforeDeletingAnything) {
     LocalPair p("maxdelete");
     for (int i = 0; i < 10; ++i) writeFile(p.r("f" + std::to_string(i)), "x");
     ASSERT_EQ(runSync(p.info).state(), TransferTaskState::Completed);
+
+    // An emptied server folder does not empty the local one.
+    ScratchDir aside("syncaside");
+    for (int i = 0; i < 10; ++i)
+        std::filesystem::rename(p.r("f" + std::to_string(i)), aside / ("f" + std::to_string(i)));
+    auto emptied = runSync(p.info);
+    ASSERT_EQ(emptied.state(), TransferTaskState::Failed);
+    EXPECT_EQ(emptied.task->error()->code, SyncTask::kErrorMaxDelete);
+    EXPECT_EQ(emptied.task->error()->reason,
+              "Stopped before deleting anything: this sync would delete 10 of 10 files (100.0%) "
+              "in the local folder, more than the 50% allowed.");
+    EXPECT_EQ(emptied.summary().deletePercentNeeded, 100.0);
+    EXPECT_EQ(treeOf(p.local).size(), 10u);
+    for (int i = 0; i < 10; ++i)
+        std::filesystem::rename(aside / ("f" + std::to_string(i)), p.r("f" + std::to_string(i)));
+
     for (int i = 0; i < 6; ++i) std::filesystem::remove(p.l("f" + std::to_string(i)));
     writeFile(p.l("new-here"), "n");
-
-    auto options = quickOptions();
-    options.maxDeletePercent = 50;
-    auto stopped = runSync(p.info, options);
+    auto stopped = runSync(p.info);
     ASSERT_EQ(stopped.state(), TransferTaskState::Failed);
     EXPECT_EQ(stopped.task->error()->code, SyncTask::kErrorMaxDelete);
     EXPECT_NE(stopped.task->error()->reason.find("delete 6 of 10 files"), std::string::npos)
         << stopped.task->error()->reason;
+    EXPECT_EQ(stopped.summary().deletePercentNeeded, 60.0);
     EXPECT_EQ(treeOf(p.remote.path()).size(), 10u);
     EXPECT_FALSE(exists(p.r("new-here")));
 
+    auto options = quickOptions();
     options.maxDeletePercent = 60;
     auto allowed = runSync(p.info, options);
     ASSERT_EQ(allowed.state(), TransferTaskState::Completed);

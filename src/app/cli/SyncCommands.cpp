@@ -244,6 +244,11 @@ void printSummary(const SyncTask& task, bool dryRun) {
     if (s.skipped)
         fmt::print("  {} not synced (links or kind clashes)\n", plural(s.skipped, "item", "items"));
     if (auto e = task.error()) fmt::print("  error: {}\n", e->describe());
+    if (s.deletePercentNeeded)
+        fmt::print(
+            "  Nothing was deleted. If these deletions are meant, run `quillon sync run {} "
+            "--max-delete {:g}`.\n",
+            info.syncInfoID, *s.deletePercentNeeded);
 }
 
 struct RunOptions {
@@ -278,7 +283,7 @@ int runPairs(const RunOptions& opts) {
 
     SyncOptions options;
     options.dryRun = opts.dryRun;
-    options.maxDeletePercent = opts.maxDelete;
+    if (opts.maxDelete) options.maxDeletePercent = opts.maxDelete;
     auto view = std::make_shared<ProgressView>(stderr, opts.dryRun);
     auto& manager = FileTransferTaskManager::sharedInstance();
     manager.setUserPrompts(std::make_shared<SyncPrompts>());
@@ -381,7 +386,7 @@ void registerSyncCommands(Cli& cli) {
     auto* md = runCmd
                    ->add_option("--max-delete", *maxDelete,
                                 "Stop before deleting anything when a run would delete more "
-                                "than PERCENT of a side's files")
+                                "than PERCENT of a side's files (default 50; 100: no limit)")
                    ->check(CLI::Range(0.0, 100.0));
     runCmd->add_flag("-v,--verbose", run->verbose, "Print every action");
     runCmd->callback([&cli, run, maxDelete, md] {
