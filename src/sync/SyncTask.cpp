@@ -14,6 +14,7 @@
 #include <limits>
 #include <thread>
 
+#include "clients/ftp/FtpWrapper.h"
 #include "clients/local/LocalFileOps.h"
 #include "clients/local/SandboxFileAccess.h"
 #include "core/GCD.h"
@@ -56,6 +57,10 @@ double seconds(const std::optional<TimePoint>& t) {
 // "if L's time is not later than R's, download R over L; else upload L over R"
 bool localIsNewer(const KvMetadata& l, const KvMetadata& r) {
     return seconds(l.timestamp) > seconds(r.timestamp);
+}
+
+bool isWholeMinute(TimePoint t) {
+    return t == std::chrono::floor<std::chrono::minutes>(t);
 }
 
 // Whether two local files hold the same bytes.
@@ -138,8 +143,13 @@ struct SyncTask::PairListing {
         std::optional<KvMetadata> remoteFolder;
     };
     std::vector<Step> steps;
+    // Names on the server, so that a file made here later in the run (the local side of a
+    // conflict) joins the local pass only when the server has nothing of its name.
+    std::unordered_set<std::string> remoteNames;
 
     PairListing(const Listing& local, const Listing& remote) {
+        remoteNames.reserve(remote.entries.size());
+        for (auto& r : remote.entries) remoteNames.insert(nameOf(r));
         for (auto& l : local.entries) {
             const KvMetadata* r = remote.find(nameOf(l));
             if (!r)
@@ -208,6 +218,74 @@ bool SyncTask::remoteChanged(const KvMetadata& item, const KvMetadata& record) {
 bool SyncTask::localChanged(const KvMetadata& item, const KvMetadata& record) {
     if (!item.timestamp && !record.timestamp) return false;
     return !SyncUtils::fuzzyCompareDate(item.timestamp, record.timestamp);
+}
+
+bool SyncTask::isExactRecordedTime(TimePoint recorded) {
+    return !isWholeMinute(recorded);
+}
+
+bool SyncTask::coarseRemoteTimes() const {
+    auto w = wrapper();
+    return w && dynamic_cast<FtpWrapper*>(w.get()) && w->serverInfo() &&
+           !w->serverInfo()->supportMLSD.value_or(false);
+}
+
+std::optional<TimePoint> SyncTask::exactRemoteTime(const KvMetadata& r) {
+    std::string key = fmt::format("{}\n{}\n{}", SyncUtils::getFullPath(r), seconds(r.timestamp),
+                                  r.fileSizeInBytes.value_or(0));
+    if (auto it = exactTimes_.find(key); it != exactTimes_.end()) return it->second;
+    auto w = wrapper();
+    auto* ftp = dynamic_cast<FtpWrapper*>(w.get());
+    if (!ftp) return r.timestamp;
+    auto asked = ftp->modificationTimeSync(r);
+    // A stopped run asks nothing more; what it could not learn is not remembered.
+    if (!asked && !running()) return std::nullopt;
+    std::optional<TimePoint> exact = asked ? *asked : std::nullopt;
+    exactTimes_.emplace(std::move(key), exact);
+    return exact;
+}
+
+// The time rule compares the records with exact times. A listing in minutes shows an edit made
+// later within the minute the file was recorded in as unchanged, so such a file is recorded
+// with its exact time (never a whole minute) and compared by MDTM while it keeps its listed
+// minute; a file recorded once its minute was over keeps its listed time, which the listing
+// then tells apart from any later edit.
+bool SyncTask::remoteChangedSince(const KvMetadata& r, const KvMetadata& sr) {
+    if (!coarseRemoteTimes()) return remoteChanged(r, sr);
+    // Beyond the time rule: where listed times are coarser than a second, a new size is a change.
+    if (r.fileSizeInBytes && sr.fileSizeInBytes && *r.fileSizeInBytes != *sr.fileSizeInBytes)
+        return true;
+    if (!r.timestamp || !sr.timestamp || !isExactRecordedTime(*sr.timestamp))
+        return remoteChanged(r, sr);
+    auto exact = exactRemoteTime(r);
+    // The server cannot tell: its version is taken for a change, which never loses it (a local
+    // edit is kept beside it).
+    if (!exact) return true;
+    if (!SyncUtils::fuzzyCompareDate(exact, sr.timestamp)) return true;
+    if (!planning_ && serverMinute_ && *r.timestamp < *serverMinute_) {
+        // Its minute is over: from now on the listed time tells.
+        (void)remoteService_->updateRemoteItem(r);
+    }
+    return false;
+}
+
+bool SyncTask::localIsNewerThan(const KvMetadata& l, const KvMetadata& r) {
+    if (!coarseRemoteTimes() || !r.timestamp || !l.timestamp || *l.timestamp < *r.timestamp)
+        return localIsNewer(l, r);
+    auto exact = exactRemoteTime(r);
+    if (!exact) return localIsNewer(l, r);
+    return *l.timestamp > *exact;
+}
+
+KvMetadata SyncTask::remoteRecordOf(const KvMetadata& r,
+                                    const std::optional<TimePoint>& exact) const {
+    if (!exact || !r.timestamp || !coarseRemoteTimes()) return r;
+    if (serverMinute_ && *r.timestamp < *serverMinute_) return r;
+    KvMetadata record = r;
+    // A millisecond keeps an exact whole minute apart from a listed one; the time rule's second
+    // of tolerance does not see it.
+    record.timestamp = isWholeMinute(*exact) ? *exact + std::chrono::milliseconds(1) : *exact;
+    return record;
 }
 
 std::string SyncTask::relativeLocalPath(const std::string& localPath) const {
@@ -318,9 +396,18 @@ Result<KvMetadataList> SyncTask::contentsOfDirectory(const KvMetadata& folder, b
 Result<std::shared_ptr<SyncTask::Listing>> SyncTask::listRemote(const KvMetadata& folder,
                                                                 bool exists) {
     if (!exists) return std::make_shared<Listing>(KvMetadataList{});
+    std::string key = SyncUtils::getFullPath(folder);
+    if (!planning_) {
+        if (auto it = plannedListings_.find(key); it != plannedListings_.end()) {
+            auto planned = std::make_shared<Listing>(std::move(it->second));
+            plannedListings_.erase(it);
+            return planned;
+        }
+    }
     auto listing = contentsOfDirectory(folder);
     if (!listing) return std::unexpected(listing.error());
     if (planning_) countFiles(Side::Remote, *listing);
+    if (planning_ && !options_.dryRun) plannedListings_[key] = *listing;
     return std::make_shared<Listing>(std::move(*listing));
 }
 
@@ -347,6 +434,9 @@ void SyncTask::startTransfer() {
     delLocalFolderTwins_.clear();
     listings_.clear();
     plannedRemoteFolders_.clear();
+    plannedListings_.clear();
+    exactTimes_.clear();
+    serverMinute_.reset();
     doneBytes_ = 0;
     if (stopped()) {
         completeFileTransfer(std::nullopt);
@@ -602,6 +692,12 @@ Status SyncTask::checkSyncCondition() {
     if (!uploaded || !w->removeSync({*uploaded}))
         return fail(ErrorDomain::FileTransfer, ErrorCode::TransferFailed,
                     "Sync ability check: Fail to delete file!");
+    // The test file shows the server's present minute, unless the server took the file's own
+    // time (MFMT).
+    if (uploaded->timestamp &&
+        std::chrono::abs(*uploaded->timestamp - testFile.timestamp.value_or(TimePoint{})) >
+            std::chrono::hours(48))
+        serverMinute_ = std::chrono::floor<std::chrono::minutes>(*uploaded->timestamp);
     ::unlink(testPath.c_str());
     checkingSyncCondition = false;
 
@@ -688,26 +784,28 @@ Status SyncTask::syncRemoteFile(const KvMetadata& r, const KvMetadata* l,
     auto sl = localService_->getLocalItemByRemoteMeta(r);
     std::optional<KvMetadata> lo;
     if (l) lo = *l;
-    auto newerWins = [&](const std::string& why, bool keepLocalCopy) -> Status {
-        if (!localIsNewer(*l, r))
-            return download(r, lo, sr, sl, localFolder, true, keepLocalCopy,
+    // The local version that loses is kept beside the winner as "<name>.original" (unless it
+    // holds the same bytes), whether or not the pair was synced before.
+    auto newerWins = [&](const std::string& why) -> Status {
+        if (!localIsNewerThan(*l, r))
+            return download(r, lo, sr, sl, localFolder, true, true,
                             why + "; the server's is newer");
         return upload(*l, r, sr, sl, remoteFolder, true, why + "; the local one is newer");
     };
     if (!sr) {
         if (!l) return download(r, lo, sr, sl, localFolder, false, false, "new on the server");
-        return newerWins("on both sides, never synced", false);
+        return newerWins("on both sides, never synced");
     }
-    if (remoteChanged(r, *sr)) {
+    if (remoteChangedSince(r, *sr)) {
         if (l && sl) {
             if (!localChanged(*l, *sl))
                 return download(r, lo, sr, sl, localFolder, false, false, "changed on the server");
-            return newerWins("changed on both sides", true);
+            return newerWins("changed on both sides");
         }
         if (!l)
             return download(r, lo, sr, sl, localFolder, false, false,
                             "changed on the server since it was deleted here");
-        return newerWins("changed on the server, no local record", false);
+        return newerWins("changed on the server, no local record");
     }
     if (!l) {
         std::string localPath = join(localFolder.pathOrEmpty(), nameOf(r));
@@ -720,7 +818,7 @@ Status SyncTask::syncRemoteFile(const KvMetadata& r, const KvMetadata* l,
             return upload(*l, r, sr, sl, remoteFolder, false, "changed here");
         return {};
     }
-    return newerWins("no local record", false);
+    return newerWins("no local record");
 }
 
 // --- Local pass
@@ -837,13 +935,28 @@ Status SyncTask::download(const KvMetadata& r, const std::optional<KvMetadata>& 
     KvMetadata target = localChild(localFolder, name, false);
     decide({SyncAction::Download, conflict, false, false, relativeLocalPath(target.pathOrEmpty()),
             reason, r.fileSizeInBytes.value_or(0)});
-    if (planning_) return {};
-    auto placed = downloadInto(r, localFolder, l, keepLocalCopy && l);
+    if (planning_) {
+        // The local version that loses is kept and sent up by the local pass (unless it turns
+        // out to hold the same bytes).
+        if (keepLocalCopy && l && options_.dryRun) {
+            std::string kept = FileTransferUtils::uniqueFilePathInFolder(localFolder.pathOrEmpty(),
+                                                                         name + ".original");
+            decide({SyncAction::Upload, false, false, false, relativeLocalPath(kept),
+                    "the local version that lost, kept beside it", l->fileSizeInBytes.value_or(0)});
+        }
+        return {};
+    }
+    // Asked before the download: an edit racing it then shows as a change next time.
+    std::optional<TimePoint> exact;
+    if (coarseRemoteTimes()) exact = exactRemoteTime(r);
+    KvMetadata fetched = r;
+    if (exact) fetched.timestamp = exact;
+    auto placed = downloadInto(fetched, localFolder, l, keepLocalCopy && l);
     if (!placed) return std::unexpected(placed.error());
     if (!*placed || !running()) return {};
     target.fileSizeInBytes = r.fileSizeInBytes;
-    target.timestamp = r.timestamp;
-    if (auto s = storeRecords(r, target, sr, sl); !s) return s;
+    target.timestamp = fetched.timestamp;
+    if (auto s = storeRecords(remoteRecordOf(r, exact), target, sr, sl); !s) return s;
     std::lock_guard lock(mutex_);
     ++summary_.downloaded;
     if (conflict) ++summary_.conflicts;
@@ -937,11 +1050,23 @@ Result<bool> SyncTask::downloadInto(const KvMetadata& file, const KvMetadata& to
         return false;
     }
     // The local version that loses a conflict stays beside the winner, unless it is the very
-    // same file (an upload of it whose records a killed run never wrote).
+    // same file (an upload of it whose records a killed run never wrote). The local pass of
+    // this run sends it to the server.
     if (keepLocalCopy && expected && !sameContents(scratch, target)) {
-        if (auto renamed = renameLocalFile(*expected); !renamed) {
+        auto renamed = moveAsideAsOriginal(*expected);
+        if (!renamed) {
             cleanup();
             return std::unexpected(renamed.error());
+        }
+        std::string movedName = StringUtils::lastPathComponent(*renamed);
+        auto pending = listings_.find(toFolder.pathOrEmpty());
+        struct stat moved {};
+        if (pending != listings_.end() && !pending->second->remoteNames.contains(movedName) &&
+            ::lstat(renamed->c_str(), &moved) == 0) {
+            KvMetadata original = localChild(toFolder, movedName, false);
+            original.timestamp = LocalFileOps::toTimePoint(moved.st_mtim);
+            original.fileSizeInBytes = static_cast<std::uint64_t>(moved.st_size);
+            pending->second->steps.push_back({original, std::nullopt});
         }
     }
     LocalFileCopier copier;
@@ -971,7 +1096,9 @@ Status SyncTask::upload(const KvMetadata& l, const std::optional<KvMetadata>& r,
             ErrorDomain::FileTransfer, ErrorCode::TransferFailed,
             fmt::format("\"{}\" is missing on the server after its upload.", name));
     uploaded->parentFolderMeta = std::make_shared<const KvMetadata>(remoteFolder);
-    if (auto s = storeRecords(*uploaded, l, sr, sl); !s) return s;
+    std::optional<TimePoint> exact;
+    if (coarseRemoteTimes()) exact = exactRemoteTime(*uploaded);
+    if (auto s = storeRecords(remoteRecordOf(*uploaded, exact), l, sr, sl); !s) return s;
     std::lock_guard lock(mutex_);
     ++summary_.uploaded;
     if (conflict) ++summary_.conflicts;
@@ -1026,11 +1153,19 @@ Status SyncTask::uploadLocalFile(const KvMetadata& localFile,
 }
 
 Status SyncTask::renameLocalFile(const KvMetadata& file) {
+    auto moved = moveAsideAsOriginal(file);
+    if (!moved) return std::unexpected(moved.error());
+    return {};
+}
+
+Result<std::string> SyncTask::moveAsideAsOriginal(const KvMetadata& file) {
     std::string path = file.pathOrEmpty();
     std::string folder = StringUtils::stringByDeletingLastPathComponentDirectly(path);
     std::string target =
         FileTransferUtils::uniqueFilePathInFolder(folder, nameOf(file) + ".original");
-    return SandboxFileAccess::moveItemFrom(path, target);
+    if (auto s = SandboxFileAccess::moveItemFrom(path, target); !s)
+        return std::unexpected(s.error());
+    return target;
 }
 
 // A deletion drops the record of the side already gone, deletes the item, then drops the
@@ -1079,6 +1214,8 @@ Status SyncTask::deleteLocalFile(const KvMetadata& l, const std::optional<KvMeta
 // --- Folder deletions
 
 Status SyncTask::deleteFolders() {
+    // What the passes did not use of the plan is older than what they changed.
+    if (!planning_) plannedListings_.clear();
     for (std::size_t i = 0; i < delRemoteFolders.size(); ++i) {
         if (!running()) return {};
         auto folder = delRemoteFolders[i];
@@ -1169,7 +1306,7 @@ Result<bool> SyncTask::deleteRemoteFolderTree(const KvMetadata& folder, const st
             if (!*removed) kept = true;
             continue;
         }
-        if (sr && !remoteChanged(e, *sr)) {
+        if (sr && !remoteChangedSince(e, *sr)) {
             auto sl = localService_->getLocalItemByRemoteMeta(e);
             if (auto s = deleteRemoteFile(e, sr, sl, localPath, "its folder was deleted here"); !s)
                 return std::unexpected(s.error());

@@ -176,6 +176,9 @@ class SyncTask : public FileTransferTask {
     static bool remoteChanged(const KvMetadata& item, const KvMetadata& record);
     // Whether the local item changed since its record.
     static bool localChanged(const KvMetadata& item, const KvMetadata& record);
+    // Whether a recorded remote time is the exact time of a file whose listed minute was not
+    // over when it was recorded (see remoteChangedSince); such times are never whole minutes.
+    static bool isExactRecordedTime(TimePoint recorded);
 
   private:
     struct Listing;
@@ -220,6 +223,21 @@ class SyncTask : public FileTransferTask {
                         const std::optional<KvMetadata>& sr, const std::optional<KvMetadata>& sl);
     Status checkDeleteLimit(Side side);
 
+    // Where the server lists times coarser than a second (FTP without MLSD lists minutes, and
+    // days for older files), the times compared are made exact with the server's MDTM.
+    bool coarseRemoteTimes() const;
+    // The file's exact time on the server (remembered for the run); absent when the server
+    // cannot tell.
+    std::optional<TimePoint> exactRemoteTime(const KvMetadata& r);
+    // remoteChanged() with exact times where the listing cannot tell.
+    bool remoteChangedSince(const KvMetadata& r, const KvMetadata& sr);
+    // "newer wins" with the server file's exact time where the listing cannot tell.
+    bool localIsNewerThan(const KvMetadata& l, const KvMetadata& r);
+    // The remote record of a listed file whose exact time is `exact`.
+    KvMetadata remoteRecordOf(const KvMetadata& r, const std::optional<TimePoint>& exact) const;
+    // Moves a local file to "<name>.original" (a free variant when taken); its new path.
+    Result<std::string> moveAsideAsOriginal(const KvMetadata& file);
+
     void decide(SyncDecision decision);
     std::string relativeLocalPath(const std::string& localPath) const;
     KvMetadata localChild(const KvMetadata& folder, const std::string& name, bool isDir) const;
@@ -246,6 +264,14 @@ class SyncTask : public FileTransferTask {
     KvMetadataList delLocalFolderTwins_;
     // Remote folders a dry run would create (record paths).
     std::unordered_set<std::string> plannedRemoteFolders_;
+    // Remote listings of the planning pass, used once by the pass that acts (keyed by record
+    // path), so that the delete limit does not cost a second listing of the server.
+    std::unordered_map<std::string, KvMetadataList> plannedListings_;
+    // Exact times asked of the server in this run, by record path, listed time and size.
+    std::unordered_map<std::string, std::optional<TimePoint>> exactTimes_;
+    // The minute the server's listing showed for the ability-check file: a file listed with an
+    // earlier minute cannot be edited unseen within its minute any more.
+    std::optional<TimePoint> serverMinute_;
     // Deletions the delete limit allows on each side in this run (absent: no limit).
     std::optional<std::int64_t> allowedLocalDeletes_, allowedRemoteDeletes_;
     std::int64_t doneBytes_ = 0;

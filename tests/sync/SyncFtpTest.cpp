@@ -93,6 +93,62 @@ TEST(SyncFtp, TwoWaySyncWithEveryServerAndNoTransferWhenNothingChanged) {
     }
 }
 
+TEST(SyncFtp, AnEditWithinTheListedMinuteIsSeenOnAServerListingMinutes) {
+    // vsftpd lists times to the minute: an edit made later within the minute a file was
+    // recorded in lists just like the recorded file.
+    auto p = startPair(FtpServerKind::Vsftpd, "ftp-minute");
+    if (!p) return;
+    double hourAgo = wholeMinutesAgo(60) + 7;
+    p->server->writeFile("pair/resized.txt", "old size");
+    setMtime(p->r("resized.txt"), hourAgo);
+    double minute = 0;
+    bool recordedWithinTheMinute = false;
+    for (int attempt = 0; attempt < 3 && !recordedWithinTheMinute; ++attempt) {
+        // The files' minute has to be still running when the sync records them.
+        minute = waitForMinuteWindow(2, 40);
+        p->server->writeFile("pair/edited-there.txt", "v1 there");
+        p->server->writeFile("pair/deleted-here.txt", "v1 gone");
+        setMtime(p->r("edited-there.txt"), minute + 1);
+        setMtime(p->r("deleted-here.txt"), minute + 1);
+        p->edited();
+        auto first = runSync(p->info);
+        ASSERT_EQ(first.state(), TransferTaskState::Completed) << first.task->error()->describe();
+        PairRecords records(p->info);
+        auto rec = records.remote->getRemoteItemByRemoteMeta(
+            KvMetadata(p->server->remotePath("pair/edited-there.txt")));
+        ASSERT_TRUE(rec && rec->timestamp);
+        recordedWithinTheMinute = SyncTask::isExactRecordedTime(*rec->timestamp);
+    }
+    ASSERT_TRUE(recordedWithinTheMinute);
+    ASSERT_EQ(readFile(p->l("resized.txt")), "old size");
+
+    // Edits of the same size ten seconds later (times in the past: a future time lists as a
+    // bare day), a local deletion, and an edit of another size that kept its time.
+    waitUntilClock(minute + 12);
+    p->server->writeFile("pair/edited-there.txt", "v2 there");
+    p->server->writeFile("pair/deleted-here.txt", "v2 gone");
+    setMtime(p->r("edited-there.txt"), minute + 11);
+    setMtime(p->r("deleted-here.txt"), minute + 11);
+    p->server->writeFile("pair/resized.txt", "a new size");
+    setMtime(p->r("resized.txt"), hourAgo);
+    p->edited();
+    std::filesystem::remove(p->l("deleted-here.txt"));
+    auto edits = runSync(p->info);
+    ASSERT_EQ(edits.state(), TransferTaskState::Completed) << edits.task->error()->describe();
+    EXPECT_EQ(edits.decisionTexts(),
+              (std::vector<std::string>{"download deleted-here.txt", "download edited-there.txt",
+                                        "download resized.txt"}));
+    EXPECT_EQ(readFile(p->r("deleted-here.txt")), "v2 gone");
+    EXPECT_EQ(readFile(p->l("deleted-here.txt")), "v2 gone");
+    EXPECT_EQ(readFile(p->l("edited-there.txt")), "v2 there");
+    EXPECT_EQ(readFile(p->l("resized.txt")), "a new size");
+    // Downloads carry the server's exact times.
+    EXPECT_NEAR(mtimeOf(p->l("edited-there.txt")), minute + 11, 0.001);
+
+    auto settled = runSync(p->info);
+    EXPECT_TRUE(settled.decisions.empty()) << ::testing::PrintToString(settled.decisionTexts());
+}
+
 TEST(SyncFtp, AServerRefusingTheTestFileStopsBeforeAnyUserFileIsTouched) {
     // pure-ftpd runs as an unprivileged user, so a folder without write permission binds it.
     auto p = startPair(FtpServerKind::PureFtpd, "ftp-refusing");

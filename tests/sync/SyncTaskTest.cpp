@@ -104,12 +104,19 @@ TEST(SyncTask, SecondRunWithNoChangesTransfersNothing) {
     EXPECT_EQ(mtimeOf(p.r("ldir/l2.txt")), remoteTime);
 }
 
-TEST(SyncTask, FileEditedOnBothSidesEndsWithTheLaterVersionOnBoth) {
+TEST(SyncTask, TheLaterVersionWinsOnBothSidesAndTheLocalLoserFollowsInTheSameRun) {
     LocalPair p("both");
     double t0 = wholeMinutesAgo(120);
     writeWithTime(p.r("x.txt"), "x v1", t0);
     writeWithTime(p.r("y.txt"), "y v1", t0);
+    // Never synced: the server's newer file replaces an older local one of the same name, which
+    // is kept beside it and sent to the server too.
+    writeWithTime(p.r("first.txt"), "first, on the server (later)", t0 + 50);
+    writeWithTime(p.l("first.txt"), "first, here", t0);
     ASSERT_EQ(runSync(p.info).state(), TransferTaskState::Completed);
+    EXPECT_EQ(readFile(p.l("first.txt")), "first, on the server (later)");
+    EXPECT_EQ(readFile(p.l("first.txt.original")), "first, here");
+    EXPECT_EQ(readFile(p.r("first.txt.original")), "first, here");
 
     writeWithTime(p.l("x.txt"), "x local edit", t0 + 100);
     writeWithTime(p.r("x.txt"), "x remote edit (later)", t0 + 200);
@@ -122,11 +129,12 @@ TEST(SyncTask, FileEditedOnBothSidesEndsWithTheLaterVersionOnBoth) {
     EXPECT_EQ(readFile(p.l("y.txt")), "y local edit (later)");
     EXPECT_EQ(readFile(p.r("y.txt")), "y local edit (later)");
     EXPECT_EQ(run.summary().conflicts, 2);
-    // The local version that lost is kept beside it, and reaches the server on the next run.
+    // The local version that lost is kept beside it, and reaches the server in the same run.
     EXPECT_EQ(readFile(p.l("x.txt.original")), "x local edit");
-    ASSERT_EQ(runSync(p.info).state(), TransferTaskState::Completed);
     EXPECT_EQ(readFile(p.r("x.txt.original")), "x local edit");
     EXPECT_EQ(treeOf(p.local), treeOf(p.remote.path()));
+    auto settled = runSync(p.info);
+    EXPECT_TRUE(settled.decisions.empty()) << ::testing::PrintToString(settled.decisionTexts());
 }
 
 TEST(SyncTask, DeletionsAreCarriedAcrossUnlessTheOtherSideChanged) {
@@ -354,6 +362,7 @@ TEST(SyncTask, DryRunReportsWhatARealRunDoesAndTouchesNothing) {
                                       "download new/remote.txt",
                                       "mkdir local new",
                                       "mkdir remote newdir",
+                                      "upload both.txt.original",
                                       "upload newdir/local.txt"};
     EXPECT_EQ(dry.decisionTexts(), expected);
     EXPECT_EQ(real.decisionTexts(), expected);

@@ -68,6 +68,23 @@ inline double wholeMinutesAgo(int minutes) {
     return secondsOf(now - std::chrono::minutes(minutes));
 }
 
+// Waits until the wall clock stands between `from` and `to` seconds into a minute; the start of
+// that minute.
+inline double waitForMinuteWindow(double from, double to) {
+    while (true) {
+        double now = secondsOf(std::chrono::system_clock::now());
+        double into = std::fmod(now, 60.0);
+        if (into >= from && into <= to) return now - into;
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+}
+
+// Waits until the wall clock has passed `secondsSince1970`.
+inline void waitUntilClock(double secondsSince1970) {
+    while (secondsOf(std::chrono::system_clock::now()) <= secondsSince1970)
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+}
+
 inline void setMtime(const std::string& path, double secondsSince1970) {
     struct timespec times[2];
     times[0].tv_sec = times[1].tv_sec = static_cast<time_t>(secondsSince1970);
@@ -107,6 +124,20 @@ inline std::map<std::string, std::string> treeOf(const std::string& root) {
         tree[rel] = it->is_directory() ? "<dir>" : readFile(it->path().string());
     }
     return tree;
+}
+
+// The paths whose content differs between two trees, or that only one holds (a short failure
+// message where the trees are large).
+inline std::vector<std::string> differingPaths(const std::map<std::string, std::string>& a,
+                                               const std::map<std::string, std::string>& b) {
+    std::vector<std::string> out;
+    for (auto& [rel, content] : a) {
+        auto it = b.find(rel);
+        if (it == b.end() || it->second != content) out.push_back(rel);
+    }
+    for (auto& [rel, content] : b)
+        if (!a.contains(rel)) out.push_back(rel);
+    return out;
 }
 
 // The local file system as the pair's server.
