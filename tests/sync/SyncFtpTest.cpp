@@ -105,7 +105,7 @@ TEST(SyncFtp, AnEditWithinTheListedMinuteIsSeenOnAServerListingMinutes) {
     bool recordedWithinTheMinute = false;
     for (int attempt = 0; attempt < 3 && !recordedWithinTheMinute; ++attempt) {
         // The files' minute has to be still running when the sync records them.
-        minute = waitForMinuteWindow(2, 40);
+        minute = waitForMinuteWindow(2, 30);
         p->server->writeFile("pair/edited-there.txt", "v1 there");
         p->server->writeFile("pair/deleted-here.txt", "v1 gone");
         setMtime(p->r("edited-there.txt"), minute + 1);

@@ -62,7 +62,7 @@ TEST(SyncKill, OneRunAfterAKillAtAnyMomentSettlesThePair) {
     auto l = [&](const std::string& rel) { return local + "/" + rel; };
 
     // A synced starting point: each trial works in a folder of its own.
-    const int trials = 8, n = 16;
+    const int trials = 6, n = 12;
     // bothR and bothL: edited on both sides, the server's or the local version later.
     const std::vector<std::string> kinds{"editR", "editL", "bothR", "bothL",
                                          "delL",  "delR",  "same"};
