@@ -11,7 +11,12 @@ std::string Error::describe() const {
 namespace KvError {
 
 Error errorWithDomain(std::string_view domain, long code, std::string_view reason) {
-    return Error{std::string(domain), code, std::string(reason)};
+    return errorWithDomain(domain, code, reason,
+                           code == ErrorCode::NotFound ? ErrorKind::NotFound : ErrorKind::Other);
+}
+
+Error errorWithDomain(std::string_view domain, long code, std::string_view reason, ErrorKind kind) {
+    return Error{std::string(domain), code, std::string(reason), kind};
 }
 
 std::optional<Error> errorWithDescription(const std::optional<std::string>& reason,

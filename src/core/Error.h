@@ -8,14 +8,34 @@
 
 namespace quillon {
 
+// What went wrong, whatever the client: callers decide on this instead of matching each
+// client's own codes. The domain, code and reason stay as the client gives them.
+enum class ErrorKind {
+    Other,
+    NotFound,
+    AlreadyExists,
+    PermissionDenied,
+    Cancelled,
+    Unsupported,
+    NoSpace,
+    Connection,
+};
+
 struct Error {
     std::string domain;
     long code = 0;
     std::string reason;
+    ErrorKind kind = ErrorKind::Other;
+
+    bool is(ErrorKind k) const { return kind == k; }
 
     // "reason (domain code)" for messages shown to the user.
     std::string describe() const;
-    bool operator==(const Error&) const = default;
+    // The kind follows from the rest, so two errors are the same when domain, code and reason
+    // are.
+    bool operator==(const Error& other) const {
+        return domain == other.domain && code == other.code && reason == other.reason;
+    }
 };
 
 template <typename T>
@@ -57,8 +77,11 @@ inline constexpr std::string_view GoogleDocs = "GoogleDocs";
 }  // namespace ErrorDomain
 
 namespace KvError {
-// An error with that domain, code and reason.
+// An error with that domain, code and reason; its kind follows from the shared codes (10008 is
+// NotFound), else Other.
 Error errorWithDomain(std::string_view domain, long code, std::string_view reason);
+// The same with an explicit kind.
+Error errorWithDomain(std::string_view domain, long code, std::string_view reason, ErrorKind kind);
 // Like errorWithDomain, but an absent reason yields no error at all (a missing library message
 // means success).
 std::optional<Error> errorWithDescription(const std::optional<std::string>& reason,
@@ -66,6 +89,10 @@ std::optional<Error> errorWithDescription(const std::optional<std::string>& reas
 // The same as an unexpected Status, for `return KvError::fail(...)`.
 inline std::unexpected<Error> fail(std::string_view domain, long code, std::string_view reason) {
     return std::unexpected(errorWithDomain(domain, code, reason));
+}
+inline std::unexpected<Error> fail(std::string_view domain, long code, std::string_view reason,
+                                   ErrorKind kind) {
+    return std::unexpected(errorWithDomain(domain, code, reason, kind));
 }
 }  // namespace KvError
 

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include "core/GCD.h"
+#include "core/StringUtils.h"
 
 namespace quillon {
 
@@ -12,7 +13,35 @@ Wrapper::Wrapper(ServerInfoPtr serverInfo) : serverInfo_(std::move(serverInfo)) 
 
 Error Wrapper::unsupported(std::string_view operation) const {
     return KvError::errorWithDomain(ErrorDomain::Generic, -1,
-                                    fmt::format("{} is not supported by this server", operation));
+                                    fmt::format("{} is not supported by this server", operation),
+                                    ErrorKind::Unsupported);
+}
+
+Result<KvMetadata> Wrapper::metadataOfItemSync(const KvMetadata& item) {
+    const std::string path = item.pathOrEmpty();
+    auto parentPath = StringUtils::stringByDeletingLastPathComponentDirectly(path);
+    if (path.empty() || path == "/" || parentPath == path) return rootFolder();
+    if (parentPath.empty()) parentPath = "/";
+    KvMetadata folder(parentPath);
+    folder.isDir = true;
+    folder.serverID = item.serverID;
+    folder.protocolType = item.protocolType;
+    if (item.protocolType == ProtocolType::Local) folder.localPath = parentPath;
+    bool wasForced = forceIncludesHiddenFiles();
+    setForceIncludesHiddenFiles(true);
+    auto listing = contentsOfDirectoryAtPathSync(folder);
+    setForceIncludesHiddenFiles(wasForced);
+    if (!listing) return std::unexpected(listing.error());
+    auto name = StringUtils::lastPathComponent(path);
+    for (auto& entry : *listing) {
+        if (entry.nameIgnoreLinkResolve().value_or("") == name ||
+            StringUtils::lastPathComponent(entry.pathOrEmpty()) == name) {
+            entry.setPath(path);
+            return entry;
+        }
+    }
+    return KvError::fail(errorDomain(), ErrorCode::NotFound, "File not found!",
+                         ErrorKind::NotFound);
 }
 
 Status Wrapper::initStreamFileMeta(const KvMetadata&) {

@@ -52,6 +52,11 @@ class Wrapper : public std::enable_shared_from_this<Wrapper> {
     // The folder's children. A missing folder fails with 10008 (or the client's listing error).
     [[nodiscard]] virtual Result<KvMetadataList> contentsOfDirectoryAtPathSync(
         const KvMetadata& folder) = 0;
+    // The record of the one item `item` names by its path (the top folder is the root's
+    // record). A missing item fails with kind NotFound, code 10008, "File not found!" in the
+    // client's domain. The base lists the parent folder, hidden items included; clients that can
+    // ask for one item override it.
+    [[nodiscard]] virtual Result<KvMetadata> metadataOfItemSync(const KvMetadata& item);
     // Fetches a file to a local path. Fails with 10006 (or the underlying error); a missing item
     // with 10008.
     [[nodiscard]] virtual Status downloadSync(const KvMetadata& file, const std::string& saveTo,
@@ -123,6 +128,8 @@ class Wrapper : public std::enable_shared_from_this<Wrapper> {
     virtual void deliverCompletion(std::function<void()> fn);
     // The error for an optional operation this client does not offer.
     Error unsupported(std::string_view operation) const;
+    // The domain of this client's errors ("Local", "FTP", ...).
+    virtual std::string_view errorDomain() const { return ErrorDomain::Generic; }
 
     std::uint64_t offset_ = 0;
     std::uint64_t contentLength_ = 0;

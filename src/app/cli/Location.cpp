@@ -197,26 +197,7 @@ Result<Location> resolveLocation(const std::string& text) {
 
 Result<KvMetadata> statLocation(const Location& loc) {
     if (loc.path == "/") return loc.metadata(true);
-    auto parentPath = StringUtils::stringByDeletingLastPathComponentDirectly(loc.path);
-    if (parentPath.empty()) parentPath = "/";
-    Location parent = loc;
-    parent.path = parentPath;
-    auto folder = parent.metadata(true);
-    bool wasForced = loc.client->forceIncludesHiddenFiles();
-    loc.client->setForceIncludesHiddenFiles(true);
-    auto listing = loc.client->contentsOfDirectoryAtPathSync(folder);
-    loc.client->setForceIncludesHiddenFiles(wasForced);
-    if (!listing) return std::unexpected(listing.error());
-    auto name = StringUtils::lastPathComponent(loc.path);
-    for (auto& item : *listing) {
-        if (item.nameIgnoreLinkResolve().value_or("") == name ||
-            StringUtils::lastPathComponent(item.pathOrEmpty()) == name) {
-            item.setPath(loc.path);
-            return item;
-        }
-    }
-    return KvError::fail(loc.isLocal() ? ErrorDomain::Local : ErrorDomain::Generic,
-                         ErrorCode::NotFound, "File not found!");
+    return loc.client->metadataOfItemSync(loc.metadata(false));
 }
 
 }  // namespace quillon::cli

@@ -26,6 +26,7 @@ class FtpWrapper : public Wrapper {
     ~FtpWrapper() override;
 
     WrapperCapabilities capabilities() const override;
+    std::string_view errorDomain() const override { return ErrorDomain::FTP; }
 
     // Checks that the server accepts the login (probing its features on the way).
     [[nodiscard]] Status signInSync() override;

@@ -23,6 +23,7 @@ class LocalWrapper : public Wrapper {
 
     // Streaming reads; nothing else optional.
     WrapperCapabilities capabilities() const override;
+    std::string_view errorDomain() const override { return ErrorDomain::Local; }
 
     // Nothing to sign in to.
     [[nodiscard]] Status signInSync() override { return {}; }
