@@ -1,0 +1,168 @@
+// The disk data cache and the byte pipe of streaming: runs grow, split and are capped; a full
+// cache evicts the oldest written runs after a read; a run whose file vanished is dropped and
+// reported; switching files empties the folder; the pipe's bound and its stall rule.
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <mutex>
+#include <thread>
+
+#include "StreamTestKit.h"
+#include "servers/streaming/CachedDataReader.h"
+#include "servers/streaming/DiskDataCache.h"
+#include "servers/streaming/ThreadSafeByteQueue.h"
+
+namespace quillon {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace test;
+
+constexpr std::uint64_t kMiB = 1048576;
+
+bool write(DiskDataCache& cache, std::uint64_t offset, std::uint64_t size) {
+    auto bytes = patternBytes(offset, size);
+    return cache.writeDataWithStartPos(offset, bytes);
+}
+
+std::vector<std::string> runs(DiskDataCache& cache) {
+    std::vector<std::string> out;
+    for (auto& item : cache.cacheItems()) out.push_back(item->description());
+    return out;
+}
+
+TEST(StreamCache, RunsGrowSplitAreCheckedAndEvictOldestWritesFirst) {
+    IsolatedHome home;
+    LogCapture log;
+    auto& cache = DiskDataCache::shared();
+    cache.clearCache();
+    cache.setMaxTotalCacheSize(kMiB);
+    cache.setMaxCacheItemSize(1000);
+
+    // Sequential writes extend one run, a jump starts another, and a run at its cap is followed
+    // by a new one at the same boundary.
+    EXPECT_TRUE(write(cache, 0, 600));
+    EXPECT_TRUE(write(cache, 600, 400));
+    EXPECT_TRUE(write(cache, 5000, 100));
+    EXPECT_TRUE(write(cache, 1000, 10));
+    EXPECT_EQ(runs(cache), (std::vector<std::string>{"(0, 1000)", "(5000, 5100)", "(1000, 1010)"}));
+    EXPECT_EQ(cache.lastWriteEndOffset(), 1010u);
+    // Each run is one file "c<seconds since 1970>" holding exactly its bytes.
+    for (auto& item : cache.cacheItems()) {
+        ASSERT_TRUE(item->cacheFilePath);
+        EXPECT_TRUE(std::regex_match(fs::path(*item->cacheFilePath).filename().string(),
+                                     std::regex(R"(c\d{10}\.\d{6})")));
+        EXPECT_EQ(readFile(*item->cacheFilePath), patternString(item->startPos, item->length));
+    }
+    // A read stops at the end of its run.
+    EXPECT_EQ(cache.readDataWithStartPos(990, 100), patternBytes(990, 10));
+    EXPECT_FALSE(cache.readDataWithStartPos(1010, 10));
+
+    // A run whose file was removed behind the cache's back is reported and dropped.
+    auto gone = *cache.findMatchItem(1000)->cacheFilePath;
+    fs::remove(gone);
+    EXPECT_FALSE(cache.readDataWithStartPos(1000, 10));
+    EXPECT_TRUE(log.has("[DEBUG]cache item corrupted, maybe the system clean up temp file."));
+    EXPECT_TRUE(log.has("[DEBUG]Path=" + gone + ", FileSize=0, cacheIdxLength=10"));
+    EXPECT_EQ(runs(cache), (std::vector<std::string>{"(0, 1000)", "(5000, 5100)"}));
+
+    // A file below 2.5 GiB gets 256 MiB of cache in runs of 64 MiB. Four full runs fill it; the
+    // first write of a fifth finds it full. The run at 300 MiB was written first and read last:
+    // eviction goes by write time, so it goes first, then the run at 0.
+    cache.clearCache();
+    EXPECT_TRUE(fs::is_empty(DiskDataCache::cacheFolder()));
+    cache.calcMaxCacheSize(1024 * kMiB);
+    EXPECT_EQ(cache.maxTotalCacheSize(), 256 * kMiB);
+    EXPECT_EQ(cache.maxCacheItemSize(), 64 * kMiB);
+    const std::uint64_t block = 4 * kMiB;
+    std::vector<bool> results;
+    for (std::uint64_t base : {300 * kMiB, 0 * kMiB, 100 * kMiB, 200 * kMiB})
+        for (std::uint64_t at = base; at < base + 64 * kMiB; at += block)
+            results.push_back(write(cache, at, block));
+    EXPECT_EQ(std::count(results.begin(), results.end(), false), 1);
+    EXPECT_FALSE(results.back());
+    EXPECT_TRUE(cache.cacheFull());
+    EXPECT_FALSE(write(cache, 400 * kMiB, block));
+    EXPECT_FALSE(log.has("[DEBUG]Clear 1/4 oldest caches"));
+    EXPECT_EQ(cache.readDataWithStartPos(300 * kMiB + 5, 100), patternBytes(300 * kMiB + 5, 100));
+    EXPECT_TRUE(log.has("[DEBUG] Last write err or cache full, clear some oldest caches"));
+    EXPECT_TRUE(log.has("[DEBUG]Clear 1/4 oldest caches"));
+    EXPECT_EQ(runs(cache),
+              (std::vector<std::string>{"(104857600, 171966464)", "(209715200, 276824064)",
+                                        "(419430400, 423624704)"}));
+    EXPECT_FALSE(cache.cacheFull());
+
+    // The shared reader switching to another file empties the folder completely; FTP fetches
+    // run one at a time, SMB ones five.
+    auto ftp = std::make_shared<ServerInfo>();
+    ftp->protocolType = ProtocolType::FTP;
+    auto a = CachedDataReader::sharedWithServerInfo(ftp, KvMetadata("/a.mp4"));
+    EXPECT_FALSE(a->allowMultiConn());
+    EXPECT_EQ(CachedDataReader::fetchingQueue().maxConcurrentOperationCount(), 1);
+    EXPECT_TRUE(write(cache, 0, 100));
+    EXPECT_EQ(CachedDataReader::sharedWithServerInfo(ftp, KvMetadata("/a.mp4")), a);
+    EXPECT_FALSE(fs::is_empty(DiskDataCache::cacheFolder()));
+    auto smb = std::make_shared<ServerInfo>();
+    smb->protocolType = ProtocolType::SMB;
+    auto b = CachedDataReader::sharedWithServerInfo(smb, KvMetadata("/b.mp4"));
+    EXPECT_TRUE(a->cancelled());
+    EXPECT_TRUE(b->allowMultiConn());
+    EXPECT_EQ(CachedDataReader::fetchingQueue().maxConcurrentOperationCount(), 5);
+    EXPECT_TRUE(fs::is_empty(DiskDataCache::cacheFolder()));
+    EXPECT_TRUE(a->readData(10, 0, false).empty());
+}
+
+TEST(StreamCache, ByteQueueIsBoundedAndAStallCancelsIt) {
+    using Queue = ThreadSafeByteQueue;
+    const std::vector<std::uint8_t> chunk(100 * 1024, 7);
+
+    // A push waits while 256 KiB are held, and goes on once the reader takes some.
+    {
+        Queue q(std::chrono::seconds(60));
+        std::vector<bool> pushed;
+        std::thread producer([&] {
+            for (int i = 0; i < 4; ++i) pushed.push_back(q.push(chunk));
+        });
+        while (q.size() < 3 * chunk.size()) std::this_thread::yield();
+        auto taken = q.pop(chunk.size());
+        producer.join();
+        ASSERT_TRUE(taken);
+        EXPECT_EQ(taken->size(), chunk.size());
+        EXPECT_EQ(pushed, (std::vector<bool>{true, true, true, true}));
+        EXPECT_EQ(q.size(), 3 * chunk.size());
+    }
+    // Nobody reading for the whole stall limit cancels the queue; what it held still comes out.
+    {
+        Queue q(std::chrono::milliseconds(200));
+        for (int i = 0; i < 3; ++i) EXPECT_TRUE(q.push(chunk));
+        EXPECT_FALSE(q.push(chunk));
+        EXPECT_TRUE(q.cancelled());
+        EXPECT_EQ(q.size(), 3 * chunk.size());
+        EXPECT_EQ(q.pop(1 << 20)->size(), 3 * chunk.size());
+        EXPECT_FALSE(q.pop(1));
+    }
+    // An empty queue gives nothing after the producer's last bytes, and cancels itself when
+    // nothing comes for the stall limit.
+    {
+        Queue q(std::chrono::milliseconds(200));
+        EXPECT_TRUE(q.push({1, 2, 3}));
+        q.setNoMoreDataFlag();
+        EXPECT_EQ(q.pop(2), (std::vector<std::uint8_t>{1, 2}));
+        EXPECT_EQ(q.pop(2), (std::vector<std::uint8_t>{3}));
+        EXPECT_FALSE(q.pop(2));
+        EXPECT_FALSE(q.cancelled());
+        Queue idle(std::chrono::milliseconds(200));
+        EXPECT_FALSE(idle.pop(10));
+        EXPECT_TRUE(idle.cancelled());
+        EXPECT_FALSE(idle.push(chunk));
+        Queue reset;
+        reset.push(chunk);
+        reset.reset();
+        EXPECT_EQ(reset.size(), 0u);
+        EXPECT_FALSE(reset.pop(10));
+    }
+}
+
+}  // namespace
+}  // namespace quillon
