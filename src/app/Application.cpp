@@ -12,6 +12,9 @@
 #include "core/PathUtils.h"
 #include "core/ServerInfoService.h"
 #include "core/TemporaryItems.h"
+#include "servers/streaming/CachedDataReader.h"
+#include "servers/streaming/DiskDataCache.h"
+#include "servers/streaming/StreamHttpServerService.h"
 
 namespace quillon {
 
@@ -56,6 +59,9 @@ Status Application::start() {
     running_ = true;
     deleteQuickConnections();
     syncConnectionsWithCloud();
+    // What a previous run streamed is of no use now; clients stream through the cache.
+    DiskDataCache::shared().clearCache();
+    installStreaming();
     return {};
 }
 
@@ -69,7 +75,16 @@ void Application::stop() {
     }
     observer_.reset();
     store_.reset();
-    if (running_) DBManager::sharedDBManager().closeDB();
+    if (running_) {
+        StreamHttpServerService::sharedHttpServerService().stopServer();
+        StreamHttpServerService::sharedHttpServerForThumbnail().stopServer();
+        // What was streamed is of no use to anyone after the process: it does not wait in the
+        // temporary folder for the next start.
+        CachedDataReader::cancelAllBackgroundFetching();
+        CachedDataReader::fetchingQueue().waitUntilAllOperationsAreFinished();
+        DiskDataCache::shared().clearCache();
+        DBManager::sharedDBManager().closeDB();
+    }
     running_ = false;
 }
 

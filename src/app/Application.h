@@ -38,10 +38,12 @@ class Application {
     Application& operator=(const Application&) = delete;
 
     // Reads the preferences afresh, opens the database, registers the clients, migrates, deletes
-    // the quick connections and starts the cloud synchronisation. Fails on a preference file that
-    // had to be kept aside or a database that cannot be read; nothing stored is lost.
+    // the quick connections, starts the cloud synchronisation, clears the streaming cache and
+    // makes clients stream through it. Fails on a preference file that had to be kept aside or a
+    // database that cannot be read; nothing stored is lost.
     [[nodiscard]] Status start();
-    // Stops the cloud synchronisation and closes the database.
+    // Stops the cloud synchronisation and the streaming servers, empties the streaming cache and
+    // closes the database.
     void stop();
     bool isRunning() const { return running_; }
     // Problems that did not stop start-up (a missing shared folder, a failed migration).

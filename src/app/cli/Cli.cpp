@@ -56,6 +56,7 @@ int run(int argc, char** argv) {
     cli.app.require_subcommand(1);
     registerTypeCommand(cli);
     registerServeCommand(cli);
+    registerStreamCommand(cli);
     registerServerCommands(cli);
     registerPrefsCommand(cli);
     registerFileCommands(cli);

@@ -37,6 +37,7 @@ std::optional<std::string> readPasswordFromStdin();
 // Subcommand groups.
 void registerTypeCommand(Cli& cli);
 void registerServeCommand(Cli& cli);
+void registerStreamCommand(Cli& cli);
 void registerServerCommands(Cli& cli);
 void registerPrefsCommand(Cli& cli);
 void registerFileCommands(Cli& cli);

@@ -14,6 +14,7 @@
 #include "clients/ftp/FTPDirListParser.h"
 #include "core/AppPreference.h"
 #include "core/GCD.h"
+#include "core/StreamingSupport.h"
 #include "core/StringUtils.h"
 
 namespace quillon {
@@ -714,6 +715,9 @@ Status FtpWrapper::downloadThumbnailSync(const KvMetadata& item) {
 std::optional<std::string> FtpWrapper::loadStreamableURLForFileSync(const KvMetadata& file) {
     std::string path = file.pathOrEmpty();
     while (!path.empty() && path.front() == '/') path.erase(0, 1);
+    // The streaming service, when this program has one, serves the file from then on.
+    if (StreamingSupport::installed())
+        return StreamingSupport::streamableURL(serverInfo(), file, path);
     return fmt::format("http://{}:{}/{}", "127.0.0.1", kStreamingPort,
                        StringUtils::stringByEscapingForURL(path));
 }
@@ -819,6 +823,10 @@ Status FtpWrapper::readRange(std::uint64_t from, std::optional<std::uint64_t> le
 }
 
 Result<Bytes> FtpWrapper::readDataOfLength(std::uint64_t length) {
+    // Through the streaming service's disk cache when this program has one: a player's repeated
+    // probing of the same regions then costs the server nothing.
+    if (streamFile_ && StreamingSupport::installed())
+        return StreamingSupport::readDataOfLength(*this, *streamFile_, offset_, length);
     Bytes out;
     if (length == 0 || offset_ >= contentLength_) return out;
     length = std::min<std::uint64_t>(length, contentLength_ - offset_);

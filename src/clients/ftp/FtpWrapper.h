@@ -51,12 +51,13 @@ class FtpWrapper : public Wrapper {
     [[nodiscard]] Status downloadThumbnailSync(const KvMetadata& item) override;
     // MKD of the folder's last path component in its parent.
     [[nodiscard]] Status createFolderSync(const KvMetadata& folder) override;
-    // "http://127.0.0.1:21901/<path>" on the local streaming server.
+    // "http://127.0.0.1:21901/<path>" on the local streaming server, which then serves the file.
     std::optional<std::string> loadStreamableURLForFileSync(const KvMetadata& file) override;
     // The folder of the "PATH" setting; the login folder when it is empty.
     KvMetadata rootFolder() override;
 
-    // Ranged reads: initStreamFileMeta takes the file's size from the record (or SIZE).
+    // Ranged reads: initStreamFileMeta takes the file's size from the record (or SIZE);
+    // readDataOfLength goes through the streaming service's cache when there is one.
     [[nodiscard]] Status initStreamFileMeta(const KvMetadata& file) override;
     [[nodiscard]] Result<Bytes> readDataOfLength(std::uint64_t length) override;
     [[nodiscard]] Status readDataFromOffsetToEnd(
