@@ -10,12 +10,6 @@
 using namespace quillon::test;
 namespace fs = std::filesystem;
 
-namespace {
-bool contains(const std::string& s, const std::string& part) {
-    return s.find(part) != std::string::npos;
-}
-}  // namespace
-
 TEST(Cli, ServersCanBeAddedShownChangedAndRemoved) {
     IsolatedHome home;
     auto add =

@@ -174,7 +174,8 @@ class WrapperConformance : public ::testing::TestWithParam<ConformanceTarget> {
         prefTouched_ = true;
 
         session_ = GetParam().open();
-        ASSERT_FALSE(session_.serverDir.empty());
+        ASSERT_FALSE(session_.serverDir.empty())
+            << GetParam().name << " could not be opened (its first test says why)";
         ASSERT_TRUE(session_.makeWrapper);
         client_ = session_.makeWrapper();
         ASSERT_TRUE(client_) << "the target made no client";

@@ -17,11 +17,6 @@
 namespace quillon::test {
 namespace {
 
-IsolatedHome& isolatedHome() {
-    static IsolatedHome home;
-    return home;
-}
-
 // One server for the whole program; each test gets a fresh folder on it.
 RunningFtpServer& sharedServer() {
     static RunningFtpServer server([] {
@@ -37,7 +32,7 @@ ConformanceTarget ourServerTarget() {
     ConformanceTarget target;
     target.name = "quillon_ftp_server";
     target.open = [] {
-        isolatedHome();
+        programHome();
         registerBuiltinClients();
         auto& server = sharedServer();
         static std::atomic<int> counter{0};

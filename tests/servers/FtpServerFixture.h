@@ -213,17 +213,6 @@ class RawFtpClient {
     std::string buffer_;
 };
 
-// Waits until `done` holds, looking every few milliseconds, for at most `limit`; whether it held.
-inline bool waitUntil(const std::function<bool()>& done,
-                      std::chrono::seconds limit = std::chrono::seconds(30)) {
-    auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
-}
-
 // Runs /usr/bin/python3 with a script; argv[1...] follow.
 inline CommandResult runPython(const std::string& script,
                                const std::vector<std::string>& args = {}) {

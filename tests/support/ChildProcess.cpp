@@ -13,12 +13,13 @@ extern char** environ;
 
 namespace quillon::test {
 
-ChildProcess::ChildProcess(const std::vector<std::string>& argv) {
-    int out[2], err[2];
-    if (::pipe2(out, O_CLOEXEC) || ::pipe2(err, O_CLOEXEC)) throw std::runtime_error("pipe");
+ChildProcess::ChildProcess(const std::vector<std::string>& argv, const std::string& input) {
+    int in[2], out[2], err[2];
+    if (::pipe2(in, O_CLOEXEC) || ::pipe2(out, O_CLOEXEC) || ::pipe2(err, O_CLOEXEC))
+        throw std::runtime_error("pipe");
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_adddup2(&actions, in[0], 0);
     posix_spawn_file_actions_adddup2(&actions, out[1], 1);
     posix_spawn_file_actions_adddup2(&actions, err[1], 2);
     std::vector<char*> args;
@@ -26,6 +27,10 @@ ChildProcess::ChildProcess(const std::vector<std::string>& argv) {
     args.push_back(nullptr);
     int rc = ::posix_spawnp(&pid_, args[0], &actions, nullptr, args.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
+    ::close(in[0]);
+    // Small inputs (a password) fit the pipe's buffer.
+    if (rc == 0 && !input.empty()) (void)!::write(in[1], input.data(), input.size());
+    ::close(in[1]);
     ::close(out[1]);
     ::close(err[1]);
     outFd_ = out[0];
@@ -73,26 +78,32 @@ std::optional<std::string> ChildProcess::waitForOutput(const std::regex& pattern
     return m.size() > 1 ? m[1].str() : m[0].str();
 }
 
-int ChildProcess::wait(std::chrono::seconds timeout) {
-    if (pid_ <= 0) return -1;
-    auto deadline = std::chrono::steady_clock::now() + timeout;
+bool ChildProcess::running(int ms) {
+    if (pid_ <= 0) return false;
+    readSome(ms);
     int status = 0;
-    while (::waitpid(pid_, &status, WNOHANG) == 0) {
+    if (::waitpid(pid_, &status, WNOHANG) != pid_) return true;
+    pid_ = -1;
+    status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return false;
+}
+
+int ChildProcess::wait(std::chrono::seconds timeout) {
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (running(100)) {
         if (std::chrono::steady_clock::now() > deadline) {
             ::kill(pid_, SIGKILL);
             ::waitpid(pid_, nullptr, 0);
             pid_ = -1;
             return -1;
         }
-        readSome(100);
     }
-    pid_ = -1;
     // What the program wrote before it ended; a helper it left running keeps its pipe open.
     for (int i = 0; i < 50 && readSome(100);) {
         pollfd fds[2] = {{outFd_, POLLIN, 0}, {errFd_, POLLIN, 0}};
         if (::poll(fds, 2, 0) <= 0) ++i;
     }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return status_.value_or(-1);
 }
 
 int ChildProcess::stop(int signal) {

@@ -14,8 +14,8 @@ namespace quillon::test {
 
 class ChildProcess {
   public:
-    // Starts argv (argv[0] looked up on PATH) with standard input at its end.
-    explicit ChildProcess(const std::vector<std::string>& argv);
+    // Starts argv (argv[0] looked up on PATH) with `input` on its standard input, then its end.
+    explicit ChildProcess(const std::vector<std::string>& argv, const std::string& input = {});
     ~ChildProcess();
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
@@ -29,6 +29,8 @@ class ChildProcess {
     int wait(std::chrono::seconds timeout = std::chrono::seconds(120));
     // Sends the signal, then waits as above.
     int stop(int signal);
+    // Whether it still runs, after collecting output for up to `ms`.
+    bool running(int ms = 0);
     pid_t pid() const { return pid_; }
     const std::string& out() const { return out_; }
     const std::string& err() const { return err_; }
@@ -37,6 +39,7 @@ class ChildProcess {
     // Reads what arrives within `ms`; false once both pipes are at their end.
     bool readSome(int ms);
     pid_t pid_ = -1;
+    std::optional<int> status_;
     int outFd_ = -1, errFd_ = -1;
     std::string out_, err_;
 };

@@ -11,8 +11,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <fmt/format.h>
+
 #include <algorithm>
+#include <cctype>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -205,6 +209,26 @@ bool greets(int port, bool tlsFirst) {
     return ok;
 }
 
+// Whether process `pid` holds the socket that listens on 127.0.0.1:`port`.
+bool listensOn(pid_t pid, int port) {
+    char local[32];
+    std::snprintf(local, sizeof local, "%08X:%04X", htonl(INADDR_LOOPBACK), port);
+    std::ifstream tcp("/proc/net/tcp");
+    std::string line, inode;
+    while (inode.empty() && std::getline(tcp, line)) {
+        std::istringstream f(line);
+        std::string slot, address, remote, state, skip;
+        f >> slot >> address >> remote >> state;
+        for (int i = 0; i < 5; ++i) f >> skip;
+        if (address == local && state == "0A") f >> inode;
+    }
+    std::error_code ec;
+    for (fs::directory_iterator it("/proc/" + std::to_string(pid) + "/fd", ec), end;
+         !inode.empty() && !ec && it != end; it.increment(ec))
+        if (fs::read_symlink(it->path(), ec).string() == "socket:[" + inode + "]") return true;
+    return false;
+}
+
 void writeText(const std::string& path, const std::string& text, mode_t mode = 0644) {
     std::ofstream(path, std::ios::binary) << text;
     ::chmod(path.c_str(), mode);
@@ -256,18 +280,21 @@ std::unique_ptr<FtpServer> FtpServer::start(FtpServerKind kind, const FtpServerO
                                             std::string* whyNot) {
     std::string reason;
     std::unique_ptr<FtpServer> server(new FtpServer(kind, options));
-    // A port found free may be taken before the server binds it: try a few.
-    for (int attempt = 0; attempt < 3; ++attempt) {
+    // A port found free may be taken by another program before the server binds it: try again.
+    for (int attempt = 0; attempt < 5; ++attempt) {
         reason.clear();
         if (server->launch(&reason)) return server;
         if (reason.find("cannot run here") != std::string::npos) break;
     }
-    if (whyNot) *whyNot = reason;
+    if (whyNot)
+        *whyNot = reason;
+    else
+        ADD_FAILURE() << ftpServerKindName(kind) << " did not start: " << reason;
     return nullptr;
 }
 
 bool FtpServer::launch(std::string* whyNot) {
-    port_ = options_.port ? options_.port : freePort();
+    port_ = freePort();
     const std::string conf = dir_.path();
     std::string logPath = conf + "/server.log";
     std::vector<std::string> argv;
@@ -469,7 +496,9 @@ bool FtpServer::launch(std::string* whyNot) {
     }
     pid_ = pid;
 
-    auto until = std::chrono::steady_clock::now() + std::chrono::seconds(15);
+    // A greeting counts only from a listener this server holds: another program that took the
+    // port first would answer too, until the server gives up binding it.
+    auto until = std::chrono::steady_clock::now() + std::chrono::seconds(30);
     while (std::chrono::steady_clock::now() < until) {
         int status = 0;
         if (::waitpid(pid_, &status, WNOHANG) == pid_) {
@@ -477,7 +506,7 @@ bool FtpServer::launch(std::string* whyNot) {
             *whyNot = name() + " exited at start: " + log();
             return false;
         }
-        if (greets(port_, tlsFirst)) return true;
+        if (greets(port_, tlsFirst) && listensOn(pid_, port_)) return true;
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
     *whyNot = name() + " did not answer on port " + std::to_string(port_) + ": " + log();
@@ -531,10 +560,6 @@ std::vector<long long> FtpServer::restOffsets() const {
     return out;
 }
 
-int FtpServer::logins() const {
-    return events("LOGIN");
-}
-
 int FtpServer::events(std::string_view kind) const {
     std::ifstream in(dir_.path() + "/events.log");
     std::string what;
@@ -542,6 +567,43 @@ int FtpServer::events(std::string_view kind) const {
     int n = 0;
     while (in >> what >> value) n += what == kind;
     return n;
+}
+
+void FtpServer::endSessions() const {
+    // The server runs in a process group of its own: every member but the first is a session.
+    std::error_code ec;
+    std::vector<pid_t> sessions;
+    for (fs::directory_iterator it("/proc", ec), end; !ec && it != end; it.increment(ec)) {
+        pid_t pid = std::atoi(it->path().filename().c_str());
+        if (pid > 0 && pid != pid_ && ::getpgid(pid) == pid_) sessions.push_back(pid);
+    }
+    for (pid_t pid : sessions) ::kill(pid, SIGKILL);
+    // Gone once the master reaped them (or they stopped existing as group members).
+    waitUntil([&] {
+        for (pid_t pid : sessions)
+            if (::getpgid(pid) == pid_) {
+                std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+                std::string text((std::istreambuf_iterator<char>(stat)), {});
+                auto state = text.rfind(") ");
+                if (state == std::string::npos || text[state + 2] != 'Z') return false;
+            }
+        return true;
+    });
+}
+
+std::string FtpServer::url(std::string_view serverPath) const {
+    auto escaped = [](const std::string& s) {
+        std::string out;
+        for (unsigned char c : s) {
+            if (std::isalnum(c) || c == '-' || c == '_' || c == '.' || c == '~')
+                out += static_cast<char>(c);
+            else
+                out += fmt::format("%{:02X}", c);
+        }
+        return out;
+    };
+    std::string login = hasLogin() ? escaped(user_) + ":" + escaped(password_) + "@" : "";
+    return "ftp://" + login + "127.0.0.1:" + std::to_string(port_) + remotePath(serverPath);
 }
 
 ServerInfoPtr FtpServer::serverInfo(std::string_view ftpProtocol) const {

@@ -6,12 +6,21 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <random>
 #include <sstream>
 #include <stdexcept>
+#include <thread>
+
+#include "core/AppPreference.h"
+#include "core/DBManager.h"
+#include "core/MainQueue.h"
+#include "transfer/FileTransferTaskManager.h"
 
 extern char** environ;
 
@@ -49,6 +58,27 @@ IsolatedHome::~IsolatedHome() {
         ::setenv("QUILLON_HOME", previous_.c_str(), 1);
     else
         ::unsetenv("QUILLON_HOME");
+}
+
+IsolatedHome& programHome() {
+    // Never destroyed: the shared stores may still write there while the program exits.
+    static IsolatedHome* home = new IsolatedHome();
+    return *home;
+}
+
+void FreshHome::SetUp() {
+    auto& home = programHome();
+    auto& db = DBManager::sharedDBManager();
+    db.closeDB();
+    std::error_code ec;
+    for (fs::directory_iterator it(home.path(), ec), end; !ec && it != end; it.increment(ec))
+        fs::remove_all(it->path(), ec);
+    ASSERT_TRUE(AppPreference::sharedAppPreference().load());
+    if (openDatabase_) ASSERT_TRUE(db.openDB());
+}
+
+void FreshHome::TearDown() {
+    DBManager::sharedDBManager().closeDB();
 }
 
 ScopedTimeZone::ScopedTimeZone(const std::string& zone) {
@@ -143,6 +173,44 @@ CommandResult runQuillon(const std::vector<std::string>& args, const std::string
     return runProgram(argv, input);
 }
 
+CommandResult curl(const std::vector<std::string>& args) {
+    std::vector<std::string> argv{"curl", "-q", "-s", "-S", "--max-time", "60"};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return runProgram(argv);
+}
+
+bool waitUntil(const std::function<bool()>& done, std::chrono::seconds limit) {
+    auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
+bool pumpUntil(const std::function<bool()>& done, std::chrono::seconds limit) {
+    auto& queue = MainQueue::shared();
+    auto deadline = std::chrono::steady_clock::now() + limit;
+    // A repeating timer wakes runUntil up when nothing else is queued.
+    auto tick = queue.scheduleRepeating(std::chrono::milliseconds(5), [] {});
+    queue.runUntil([&] { return done() || std::chrono::steady_clock::now() > deadline; });
+    queue.cancel(tick);
+    return done();
+}
+
+void runToEnd(FileTransferTaskManager& manager, std::chrono::seconds limit) {
+    // The manager lets go of a task (its delegate) when the task's completion reaches it.
+    EXPECT_TRUE(pumpUntil(
+        [&] {
+            if (manager.hasActiveTasks()) return false;
+            for (auto& task : manager.getAllTasks())
+                if (task->delegate()) return false;
+            return true;
+        },
+        limit))
+        << "the transfers did not finish in time";
+}
+
 void writeFile(const std::string& path, const std::string& content) {
     fs::create_directories(fs::path(path).parent_path());
     std::ofstream out(path, std::ios::binary);
@@ -154,6 +222,36 @@ std::string readFile(const std::string& path) {
     std::ostringstream ss;
     ss << in.rdbuf();
     return ss.str();
+}
+
+::testing::AssertionResult fileHolds(const std::string& path, const std::string& content) {
+    std::error_code ec;
+    if (!fs::exists(path, ec)) return ::testing::AssertionFailure() << path << " is missing";
+    auto got = readFile(path);
+    if (got == content) return ::testing::AssertionSuccess();
+    auto at = std::mismatch(got.begin(), got.end(), content.begin(), content.end());
+    return ::testing::AssertionFailure()
+           << path << " holds " << got.size() << " bytes (" << got.substr(0, 40) << "...), not "
+           << content.size() << "; first difference at byte " << (at.first - got.begin());
+}
+
+std::vector<std::string> namesIn(const std::string& folder) {
+    std::vector<std::string> names;
+    std::error_code ec;
+    for (fs::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec))
+        names.push_back(it->path().filename().string());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+std::string randomBytes(std::size_t size, unsigned variant) {
+    std::mt19937_64 gen(variant);
+    std::string out(size, '\0');
+    for (std::size_t i = 0; i < size; i += 8) {
+        auto v = gen();
+        std::memcpy(out.data() + i, &v, std::min<std::size_t>(8, size - i));
+    }
+    return out;
 }
 
 }  // namespace quillon::test

@@ -1,10 +1,19 @@
 #pragma once
-// Test helpers: a scratch folder that every program folder lives under (QUILLON_HOME), and
-// running the quillon binary.
+// Test helpers: scratch folders, a home that every program folder lives under (QUILLON_HOME),
+// running the quillon binary and other programs, waiting on conditions, and file helpers.
 
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
+
+namespace quillon {
+class FileTransferTaskManager;
+}
 
 namespace quillon::test {
 
@@ -36,6 +45,22 @@ class IsolatedHome {
     bool hadPrevious_ = false;
 };
 
+// The shared database and preference store bind to the home of their first use: a program whose
+// tests use them keeps this one home for all of them.
+IsolatedHome& programHome();
+
+// Tests on the shared stores: each starts with the program's home emptied, the preferences at
+// their defaults and (unless told otherwise) the database open and empty.
+class FreshHome : public ::testing::Test {
+  protected:
+    explicit FreshHome(bool openDatabase = true) : openDatabase_(openDatabase) {}
+    void SetUp() override;
+    void TearDown() override;
+
+  private:
+    bool openDatabase_;
+};
+
 // Sets the time zone (TZ) of this process and of the programs it runs, for the life of the
 // object.
 class ScopedTimeZone {
@@ -58,9 +83,33 @@ struct CommandResult {
 CommandResult runQuillon(const std::vector<std::string>& args, const std::string& input = {});
 // Runs any program (argv[0] looked up on PATH).
 CommandResult runProgram(const std::vector<std::string>& argv, const std::string& input = {});
+// curl without ~/.curlrc, quiet but showing errors, for at most a minute.
+CommandResult curl(const std::vector<std::string>& args);
+
+// Waits until `done` holds, looking every few milliseconds; whether it did within `limit`, which
+// only bounds a failure (a loaded machine may take long).
+bool waitUntil(const std::function<bool()>& done,
+               std::chrono::seconds limit = std::chrono::seconds(120));
+// Serves the main queue until `done` holds; whether it did within `limit`.
+bool pumpUntil(const std::function<bool()>& done,
+               std::chrono::seconds limit = std::chrono::seconds(120));
+// Serves the main queue until no task of the manager waits or runs and every completion has been
+// delivered; fails the test after `limit`.
+void runToEnd(FileTransferTaskManager& manager,
+              std::chrono::seconds limit = std::chrono::seconds(180));
 
 // Writes `content` to `path`, creating parent folders.
 void writeFile(const std::string& path, const std::string& content);
 std::string readFile(const std::string& path);
+// Whether the file holds exactly `content`; a failure shows sizes and the first difference,
+// never megabytes of bytes.
+::testing::AssertionResult fileHolds(const std::string& path, const std::string& content);
+// The names in a folder, sorted; empty when it cannot be read.
+std::vector<std::string> namesIn(const std::string& folder);
+// Bytes in a fixed pseudo-random pattern: the same `variant` gives the same bytes.
+std::string randomBytes(std::size_t size, unsigned variant);
+inline bool contains(std::string_view text, std::string_view part) {
+    return text.find(part) != std::string_view::npos;
+}
 
 }  // namespace quillon::test

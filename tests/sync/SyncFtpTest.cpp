@@ -21,12 +21,8 @@ struct FtpPair {
 };
 
 std::optional<FtpPair> startPair(FtpServerKind kind, const std::string& localName) {
-    std::string why;
-    auto server = FtpServer::start(kind, {}, &why);
-    if (!server) {
-        ADD_FAILURE() << ftpServerKindName(kind) << " cannot run: " << why;
-        return std::nullopt;
-    }
+    auto server = FtpServer::start(kind);
+    if (!server) return std::nullopt;
     FtpPair p;
     p.server = std::move(server);
     p.server->makeDir("pair");

@@ -44,9 +44,8 @@ pid_t spawnQuillon(const std::vector<std::string>& args, const std::string& log)
 }
 
 TEST(SyncKill, OneRunAfterAKillAtAnyMomentSettlesThePair) {
-    std::string why;
-    auto server = FtpServer::start(FtpServerKind::PureFtpd, {}, &why);
-    ASSERT_TRUE(server) << why;
+    auto server = FtpServer::start(FtpServerKind::PureFtpd);
+    ASSERT_TRUE(server);
     server->makeDir("pair");
     auto added =
         runQuillon({"server", "add", "killftp", "--type", "ftp", "--addr", "127.0.0.1", "--port",

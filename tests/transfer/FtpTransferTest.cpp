@@ -50,7 +50,7 @@ void expectUploadedTree(const std::string& root) {
     EXPECT_TRUE(fs::is_empty(root + "/empty/deeper/deepest"));
     EXPECT_TRUE(fileHolds(root + "/link-to-a", "alpha"));
     EXPECT_FALSE(fs::exists(root + "/link-to-sub"));
-    EXPECT_EQ(folderEntries(root),
+    EXPECT_EQ(namesIn(root),
               (std::vector<std::string>{".hidden", "a.txt", "empty", "link-to-a", "sub"}));
 }
 
@@ -141,7 +141,7 @@ TEST(FtpTransfer, DownloadedLinkIsAFileNamedAfterItsTarget) {
     auto down = runOne<DownloadTask>(manager, ftp, remoteItem(ftp, "/box"), localServer(),
                                      localFolder(dir.path()));
     ASSERT_EQ(down->state(), TransferTaskState::Completed) << describe(*down);
-    EXPECT_EQ(folderEntries(dir / "box"), std::vector<std::string>{"target.txt"});
+    EXPECT_EQ(namesIn(dir / "box"), std::vector<std::string>{"target.txt"});
     EXPECT_FALSE(fs::is_symlink(dir / "box/target.txt"));
     EXPECT_TRUE(fileHolds(dir / "box/target.txt", "pointed at"));
 }
@@ -211,7 +211,7 @@ TEST(FtpTransfer, KeepBothAndReplaceOnTheServer) {
     EXPECT_TRUE(fileHolds(server->hostPath("/docs/report.txt"), "newest"));
     EXPECT_TRUE(fileHolds(server->hostPath("/docs/report-1.txt"), "second"));
     // The replacing upload went up under a hidden name and left nothing behind.
-    EXPECT_EQ(folderEntries(server->hostPath("/docs")),
+    EXPECT_EQ(namesIn(server->hostPath("/docs")),
               (std::vector<std::string>{"report-1.txt", "report-2.txt", "report.txt"}));
 
     // Downloading into a local folder with report.txt and report-1.txt keeps both as report-2.
@@ -246,7 +246,7 @@ TEST(FtpTransfer, CancelledDownloadLeavesTargetFolderUntouched) {
     EXPECT_TRUE(view->fired);
     EXPECT_EQ(task->state(), TransferTaskState::Stopped);
     EXPECT_FALSE(task->error());
-    EXPECT_EQ(folderEntries(dir / "target"), std::vector<std::string>{"existing.txt"});
+    EXPECT_EQ(namesIn(dir / "target"), std::vector<std::string>{"existing.txt"});
     EXPECT_TRUE(fileHolds(dir / "target/existing.txt", "mine"));
     EXPECT_FALSE(task->taskTempFolderPath().empty());
     EXPECT_FALSE(fs::exists(task->taskTempFolderPath()));

@@ -53,7 +53,7 @@ void expectSameTree(const std::string& a, const std::string& b) {
     EXPECT_EQ(sb.st_mode & 07777, 0444u);
     ASSERT_EQ(::stat((b + "/sub/b.bin").c_str(), &sb), 0);
     EXPECT_EQ(sb.st_mtim.tv_sec, 1000000000);
-    EXPECT_EQ(folderEntries(a), folderEntries(b));
+    EXPECT_EQ(namesIn(a), namesIn(b));
 }
 
 std::shared_ptr<CopyTask> copyTask(const std::string& from, const std::string& toFolder) {
@@ -122,9 +122,9 @@ TEST(CopyTask, KeepBothAndReplace) {
     EXPECT_EQ(readFile(dir / "dst/report.txt"), "new report");
     EXPECT_EQ(readFile(dir / "dst/report-1.txt"), "second");
     // A replaced folder is the source's folder, not a merge.
-    EXPECT_EQ(folderEntries(dir / "dst/folder"), std::vector<std::string>{"new.txt"});
+    EXPECT_EQ(namesIn(dir / "dst/folder"), std::vector<std::string>{"new.txt"});
     // No staging leftovers beside the targets.
-    EXPECT_EQ(folderEntries(dir / "dst"),
+    EXPECT_EQ(namesIn(dir / "dst"),
               (std::vector<std::string>{"folder", "report-1.txt", "report-2.txt", "report.txt"}));
 }
 
@@ -174,7 +174,7 @@ TEST(CopyTask, CancelledCopyLeavesNoPartialFile) {
     FileTransferTask::setClock(nullptr);
     EXPECT_EQ(task->state(), TransferTaskState::Stopped);
     EXPECT_FALSE(task->error());
-    EXPECT_EQ(folderEntries(dir / "dst"), std::vector<std::string>{"big-old.bin"});
+    EXPECT_EQ(namesIn(dir / "dst"), std::vector<std::string>{"big-old.bin"});
 }
 
 TEST(CopyTask, MissingSourceFailsWithNotFound) {
@@ -225,7 +225,7 @@ TEST(MoveTask, MovesSeveralItemsInOneTaskAndHandlesConflicts) {
     ASSERT_EQ(task->state(), TransferTaskState::Completed)
         << task->error().value_or(Error{}).reason;
     EXPECT_TRUE(fs::is_empty(dir / "src"));
-    EXPECT_EQ(folderEntries(dir / "dst"),
+    EXPECT_EQ(namesIn(dir / "dst"),
               (std::vector<std::string>{"dir", "f0", "f1", "f2", "f3", "f4"}));
     EXPECT_EQ(readFile(dir / "dst/dir/inner.txt"), "inner");
 

@@ -28,29 +28,6 @@ extern char** environ;
 
 namespace {
 
-bool contains(const std::string& s, const std::string& part) {
-    return s.find(part) != std::string::npos;
-}
-
-std::string percentEncoded(const std::string& s) {
-    std::string out;
-    for (unsigned char c : s) {
-        if (std::isalnum(c) || c == '-' || c == '_' || c == '.' || c == '~')
-            out += static_cast<char>(c);
-        else
-            out += fmt::format("%{:02X}", c);
-    }
-    return out;
-}
-
-std::string ftpUrl(const FtpServer& server, const std::string& rel) {
-    std::string login = server.hasLogin() ? percentEncoded(server.user()) + ":" +
-                                                percentEncoded(server.password()) + "@"
-                                          : "";
-    auto info = server.serverInfo();
-    return "ftp://" + login + "127.0.0.1:" + std::to_string(server.port()) + remotePath(info, rel);
-}
-
 // Starts quillon in the background with its output in files; returns its process id.
 pid_t spawnQuillon(const std::vector<std::string>& args, const std::string& outFile) {
     std::vector<std::string> argv{QUILLON_BINARY};
@@ -194,10 +171,10 @@ TEST(TransferCli, CopiesAndMovesLocally) {
     auto moved = runQuillon({"mv", "--on-conflict", "keep-both", dir / "dst/renamed.txt",
                              dir / "dst/tree", dir / "dst/report.txt", dir / "moved"});
     ASSERT_EQ(moved.exitCode, 0) << moved.err;
-    EXPECT_EQ(folderEntries(dir / "moved"),
+    EXPECT_EQ(namesIn(dir / "moved"),
               (std::vector<std::string>{"renamed.txt", "report-1.txt", "report.txt", "tree"}));
     EXPECT_TRUE(fileHolds(dir / "moved/report-1.txt", "newer"));
-    EXPECT_EQ(folderEntries(dir / "dst"), (std::vector<std::string>{"report-2.txt"}));
+    EXPECT_EQ(namesIn(dir / "dst"), (std::vector<std::string>{"report-2.txt"}));
 }
 
 TEST(TransferCli, TransfersToFromAndBetweenFtpServers) {
@@ -215,12 +192,11 @@ TEST(TransferCli, TransfersToFromAndBetweenFtpServers) {
     while (longName.size() < 252) longName += "é";
     longName += "end";
 
-    auto up = runQuillon({"cp", "-r", dir / "tree", ftpUrl(*pure, "/")});
+    auto up = runQuillon({"cp", "-r", dir / "tree", pure->url("/")});
     ASSERT_EQ(up.exitCode, 0) << up.err << pure->log();
     for (auto content : {"long", "longer"}) {
         writeFile(dir / longName, content);
-        auto r =
-            runQuillon({"cp", "--on-conflict", "replace", dir / longName, ftpUrl(*pure, "/tree")});
+        auto r = runQuillon({"cp", "--on-conflict", "replace", dir / longName, pure->url("/tree")});
         EXPECT_EQ(r.exitCode, 0) << r.err;
         EXPECT_TRUE(fileHolds(pure->hostPath("/tree/" + longName), content));
     }
@@ -229,13 +205,13 @@ TEST(TransferCli, TransfersToFromAndBetweenFtpServers) {
     EXPECT_TRUE(fileHolds(pure->hostPath("/tree/link"), "alpha"));
     EXPECT_TRUE(fs::is_directory(pure->hostPath("/tree/empty/deeper")));
 
-    auto across = runQuillon({"cp", "-r", ftpUrl(*pure, "/tree"), ftpUrl(*pro, "/")});
+    auto across = runQuillon({"cp", "-r", pure->url("/tree"), pro->url("/")});
     ASSERT_EQ(across.exitCode, 0) << across.err;
     EXPECT_TRUE(fileHolds(pro->hostPath("/tree/a.txt"), "alpha"));
     EXPECT_TRUE(fs::is_directory(pro->hostPath("/tree/empty/deeper")));
 
     fs::create_directories(dir / "back");
-    auto down = runQuillon({"cp", "-r", "--json", ftpUrl(*pro, "/tree"), dir / "back"});
+    auto down = runQuillon({"cp", "-r", "--json", pro->url("/tree"), dir / "back"});
     ASSERT_EQ(down.exitCode, 0) << down.err;
     EXPECT_TRUE(fileHolds(dir / "back/tree/.hidden", "h"));
     EXPECT_TRUE(fileHolds(dir / "back/tree/" + longName, "longer"));
@@ -243,10 +219,10 @@ TEST(TransferCli, TransfersToFromAndBetweenFtpServers) {
     EXPECT_TRUE(contains(down.out, "\"state\":\"completed\"")) << down.out;
 
     // A move between two servers deletes the source once the copy is checked.
-    auto move = runQuillon({"mv", ftpUrl(*pro, "/tree"), ftpUrl(*pure, "/empty-target")});
+    auto move = runQuillon({"mv", pro->url("/tree"), pure->url("/empty-target")});
     EXPECT_EQ(move.exitCode, 1);  // the target folder does not exist
     pure->makeDir("/moved");
-    move = runQuillon({"mv", ftpUrl(*pro, "/tree"), ftpUrl(*pure, "/moved")});
+    move = runQuillon({"mv", pro->url("/tree"), pure->url("/moved")});
     ASSERT_EQ(move.exitCode, 0) << move.err;
     EXPECT_TRUE(fileHolds(pure->hostPath("/moved/tree/a.txt"), "alpha"));
     EXPECT_FALSE(fs::exists(pro->hostPath("/tree")));
@@ -285,12 +261,12 @@ TEST(TransferCli, KilledCopyOrMoveLeavesNoTornFileAndTheNextRunCopiesIt) {
          [&] { return holdsSomething(dir / "local"); },
          std::chrono::milliseconds(20),
          "copied"},
-        {{"cp", dir / "big.bin", ftpUrl(*server, "/")},
+        {{"cp", dir / "big.bin", server->url("/")},
          server->root(),
          [&] { return holdsSomething(server->root()); },
          std::chrono::milliseconds(80),
          "copied"},
-        {{"cp", ftpUrl(*server, "/big.bin"), dir / "down"},
+        {{"cp", server->url("/big.bin"), dir / "down"},
          dir / "down",
          [&] { return hasFileWithData(temp); },
          std::chrono::milliseconds(40),
@@ -329,7 +305,7 @@ TEST(TransferCli, KilledCopyOrMoveLeavesNoTornFileAndTheNextRunCopiesIt) {
         EXPECT_EQ(again.exitCode, 0) << again.err;
         EXPECT_TRUE(contains(again.err, c.verb)) << again.err;
         EXPECT_TRUE(fileHolds(arrived, content));
-        EXPECT_EQ(folderEntries(c.folder), std::vector<std::string>{"big.bin"}) << c.args[1];
+        EXPECT_EQ(namesIn(c.folder), std::vector<std::string>{"big.bin"}) << c.args[1];
         EXPECT_TRUE(fs::is_empty(temp, ec)) << c.args[1];
     }
     EXPECT_GT(kills, 0);
@@ -357,11 +333,11 @@ TEST(TransferCli, DeepRemoteTreeEndsInAClearErrorAndKeepGoingFetchesTheRest) {
     };
     std::string stopped = longFolder("stopped"), going = longFolder("going");
 
-    auto r = runQuillon({"cp", "-r", ftpUrl(*server, "/deep"), stopped});
+    auto r = runQuillon({"cp", "-r", server->url("/deep"), stopped});
     EXPECT_EQ(r.exitCode, 1) << r.err;
     EXPECT_TRUE(contains(r.err, "bytes long, longer than this system allows")) << r.err;
 
-    auto rest = runQuillon({"cp", "-r", "--keep-going", ftpUrl(*server, "/deep"), going});
+    auto rest = runQuillon({"cp", "-r", "--keep-going", server->url("/deep"), going});
     EXPECT_EQ(rest.exitCode, 1) << rest.err;
     EXPECT_TRUE(contains(rest.err, "longer than this system allows")) << rest.err;
     EXPECT_TRUE(fileHolds(going + "/deep/top.txt", "t"));
@@ -380,13 +356,13 @@ TEST(TransferCli, FailureStopsTheRestUnlessKeepGoing) {
     writeFile(dir / "second.txt", "2");
 
     auto stopped = runQuillon(
-        {"cp", "--jobs", "1", dir / "first.txt", dir / "second.txt", ftpUrl(*server, "/locked")});
+        {"cp", "--jobs", "1", dir / "first.txt", dir / "second.txt", server->url("/locked")});
     EXPECT_EQ(stopped.exitCode, 1);
     EXPECT_TRUE(contains(stopped.err, "failed")) << stopped.err;
     EXPECT_TRUE(contains(stopped.err, "stopped " + dir / "second.txt")) << stopped.err;
 
     auto going = runQuillon({"cp", "--jobs", "1", "--keep-going", "--json", dir / "first.txt",
-                             dir / "second.txt", ftpUrl(*server, "/locked")});
+                             dir / "second.txt", server->url("/locked")});
     EXPECT_EQ(going.exitCode, 1);
     // Both were tried: two failures, nothing stopped.
     std::size_t failures = 0;
@@ -404,18 +380,18 @@ TEST(TransferCli, FailureStopsTheRestUnlessKeepGoing) {
     writeFile(dir / "names/bad\xff.txt", "ff");
     writeFile(dir / "names/bad\xfe.txt", "fe");
     writeFile(dir / "names/z.txt", "z");
-    auto refused = runQuillon({"cp", "-r", dir / "names", ftpUrl(*py, "/")});
+    auto refused = runQuillon({"cp", "-r", dir / "names", py->url("/")});
     EXPECT_EQ(refused.exitCode, 1);
     EXPECT_TRUE(contains(refused.err, "is not valid UTF-8 text")) << refused.err;
-    for (auto& name : folderEntries(py->hostPath("/names")))
+    for (auto& name : namesIn(py->hostPath("/names")))
         EXPECT_TRUE(name == "a.txt" || name == "z.txt") << name;
     auto rest = runQuillon(
-        {"cp", "-r", "--keep-going", "--on-conflict", "replace", dir / "names", ftpUrl(*py, "/")});
+        {"cp", "-r", "--keep-going", "--on-conflict", "replace", dir / "names", py->url("/")});
     EXPECT_EQ(rest.exitCode, 1);
     EXPECT_TRUE(contains(rest.err, "names/bad'$'\\377''.txt' failed: The name of")) << rest.err;
     EXPECT_TRUE(contains(rest.err, "names/bad'$'\\376''.txt' failed: The name of")) << rest.err;
     EXPECT_TRUE(contains(rest.err, "2 items failed")) << rest.err;
-    EXPECT_EQ(folderEntries(py->hostPath("/names")), (std::vector<std::string>{"a.txt", "z.txt"}));
+    EXPECT_EQ(namesIn(py->hostPath("/names")), (std::vector<std::string>{"a.txt", "z.txt"}));
 }
 
 TEST(TransferCli, CtrlCStopsTransfersRemovesScratchAndExits130) {
@@ -428,7 +404,7 @@ TEST(TransferCli, CtrlCStopsTransfersRemovesScratchAndExits130) {
     ScratchDir dir("cliint");
     fs::create_directories(dir / "target");
     auto log = dir / "out.txt";
-    pid_t pid = spawnQuillon({"cp", ftpUrl(*server, "/huge.bin"), dir / "target"}, log);
+    pid_t pid = spawnQuillon({"cp", server->url("/huge.bin"), dir / "target"}, log);
     ASSERT_GT(pid, 0);
     // Interrupt once the download has produced bytes in its scratch folder.
     auto temp = PathUtils::getAppTempPath();
@@ -470,7 +446,7 @@ TEST(TransferCli, DownloadBiggerThanTheTargetVolumeFailsBeforeAnyByte) {
     ScratchDir dir("clispace");
     fs::create_directories(dir / "small");
     std::string script = "mount -t tmpfs -o size=64m tmpfs '" + dir / "small" + "' && '" +
-                         QUILLON_BINARY + "' cp '" + ftpUrl(*server, "/five.bin") + "' '" +
+                         QUILLON_BINARY + "' cp '" + server->url("/five.bin") + "' '" +
                          dir / "small" + "'; rc=$?; echo \"entries: $(ls -A '" + dir / "small" +
                          "' | wc -l) used: $(df --output=used -B1 '" + dir / "small" +
                          "' | tail -1 | tr -d ' ')\"; exit $rc";

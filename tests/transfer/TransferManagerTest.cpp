@@ -169,7 +169,7 @@ TEST(FileTransferUtils, AnUploadThatArrivesShortFailsAndReplacesNothing) {
     auto replacing = send(losing, "data.bin", true);
     ASSERT_FALSE(replacing);
     EXPECT_EQ(readFile(dir / "dst/data.bin"), "old content");
-    EXPECT_EQ(folderEntries(dir / "dst"), std::vector<std::string>{"data.bin"});
+    EXPECT_EQ(namesIn(dir / "dst"), std::vector<std::string>{"data.bin"});
 
     StandInRemote whole(localServer(), false);
     auto r = send(whole, "data.bin", true);
@@ -304,7 +304,7 @@ TEST(TransferManager, ConflictQuestionsAndApplyToAll) {
         runToEnd(manager);
     }
     EXPECT_EQ(prompts->conflictsAsked.size(), 3u);
-    EXPECT_EQ(folderEntries(dir / "same"),
+    EXPECT_EQ(namesIn(dir / "same"),
               (std::vector<std::string>{"report-1.txt", "report-2.txt", "report.txt"}));
 }
 

@@ -104,47 +104,6 @@ std::shared_ptr<Task> makeTask(const ServerInfoPtr& from, const KvMetadata& item
     return task;
 }
 
-// Pumps until `done` or the limit.
-inline bool pumpUntil(const std::function<bool()>& done,
-                      std::chrono::seconds limit = std::chrono::seconds(60)) {
-    auto deadline = std::chrono::steady_clock::now() + limit;
-    bool ok = true;
-    // A repeating timer keeps runUntil waking up when nothing else is queued.
-    auto timer = MainQueue::shared().scheduleRepeating(std::chrono::milliseconds(5), [] {});
-    MainQueue::shared().runUntil([&] {
-        if (done()) return true;
-        if (std::chrono::steady_clock::now() > deadline) {
-            ok = false;
-            return true;
-        }
-        return false;
-    });
-    MainQueue::shared().cancel(timer);
-    return ok;
-}
-
-// Pumps the main queue until no task of the manager is waiting or running and every queued
-// completion has been delivered. Fails the test after `limit`.
-inline void runToEnd(FileTransferTaskManager& manager,
-                     std::chrono::seconds limit = std::chrono::seconds(120)) {
-    bool ok = pumpUntil([&] { return !manager.hasActiveTasks(); }, limit);
-    // Completions posted by the last tasks.
-    for (int i = 0; i < 5; ++i) {
-        MainQueue::shared().pump();
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    EXPECT_TRUE(ok) << "transfers did not finish in time";
-}
-
-inline std::vector<std::string> folderEntries(const std::string& path) {
-    std::vector<std::string> names;
-    std::error_code ec;
-    for (auto& e : std::filesystem::directory_iterator(path, ec))
-        names.push_back(e.path().filename().string());
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
 // --- FTP servers. Paths in tests are relative to the login folder: vsftpd runs here without a
 // chroot, so its "/" is this machine's root and must never be written to.
 
@@ -208,40 +167,20 @@ inline KvMetadata remoteItem(const ServerInfoPtr& server, const std::string& rel
 // placed there must be listed) before a test writes anything through it.
 inline std::unique_ptr<FtpServer> startFtpServer(FtpServerKind kind,
                                                  const FtpServerOptions& options = {}) {
-    std::string why;
-    auto server = FtpServer::start(kind, options, &why);
-    if (!server) {
-        ADD_FAILURE() << ftpServerKindName(kind) << " did not start: " << why;
-        return nullptr;
-    }
-    server->writeFile("/.quillon-test-root", "");
-    registerBuiltinClients();
+    auto server = FtpServer::start(kind, options);
+    if (!server) return nullptr;
+    server->writeFile("/quillon-test-root", "");
     auto info = server->serverInfo();
-    auto client = WrapperProxy::wrapperWithServerInfo(info);
-    client->setForceIncludesHiddenFiles(true);
-    auto listing = client->contentsOfDirectoryAtPathSync(remoteFolder(info, "/"));
+    auto folder = remoteFolder(info, "/");
+    auto listing = WrapperProxy::wrapperWithServerInfo(info)->contentsOfDirectoryAtPathSync(folder);
     bool found = false;
     if (listing)
-        for (auto& e : *listing) found |= e.nameIgnoreLinkResolve() == ".quillon-test-root";
-    if (!found) {
-        ADD_FAILURE() << ftpServerKindName(kind) << ": the login folder " << loginFolder(info)
-                      << " is not the scratch root " << server->root();
-        return nullptr;
-    }
-    ::unlink(server->hostPath("/.quillon-test-root").c_str());
-    return server;
-}
-
-// True when the file holds exactly `content` (without printing megabytes on failure).
-inline ::testing::AssertionResult fileHolds(const std::string& path, const std::string& content) {
-    std::error_code ec;
-    if (!std::filesystem::exists(path, ec))
-        return ::testing::AssertionFailure() << path << " is missing";
-    auto got = readFile(path);
-    if (got == content) return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure()
-           << path << " holds " << got.size() << " bytes (" << got.substr(0, 40)
-           << "...), expected " << content.size() << " (" << content.substr(0, 40) << "...)";
+        for (auto& e : *listing) found |= e.nameIgnoreLinkResolve() == "quillon-test-root";
+    ::unlink(server->hostPath("/quillon-test-root").c_str());
+    if (found) return server;
+    ADD_FAILURE() << server->name() << ": the login folder is not the scratch root "
+                  << server->root();
+    return nullptr;
 }
 
 }  // namespace quillon::test

@@ -16,68 +16,35 @@
 namespace quillon::test {
 namespace {
 
-// Every program folder of this test program lives in a scratch folder.
-IsolatedHome& isolatedHome() {
-    static IsolatedHome home;
-    return home;
-}
-
-void skipBecause(const std::string& why) {
-    GTEST_SKIP() << why;
-}
-
-struct SharedServer {
-    std::unique_ptr<FtpServer> server;
-    std::string whyNot;
-    bool tried = false;
-};
-
-// One server per target for the whole program; each test gets a fresh folder on it.
-SharedServer& sharedServer(const std::string& key, FtpServerKind kind,
-                           const FtpServerOptions& options) {
-    static std::map<std::string, SharedServer> servers;
-    auto& s = servers[key];
-    if (!s.tried) {
-        s.tried = true;
-        s.server = FtpServer::start(kind, options, &s.whyNot);
-    }
-    return s;
+// One server per target for the whole program; each test gets a fresh folder on it. A server
+// that cannot start fails every test of its target.
+FtpServer* sharedServer(const std::string& key, FtpServerKind kind,
+                        const FtpServerOptions& options) {
+    static std::map<std::string, std::unique_ptr<FtpServer>> servers;
+    if (!servers.contains(key)) servers[key] = FtpServer::start(kind, options);
+    return servers[key].get();
 }
 
 ConformanceTarget ftpTarget(const std::string& name, FtpServerKind kind, FtpServerOptions options,
                             std::string protocol) {
     ConformanceTarget target;
     target.name = name;
-    target.open = [name, kind, options, protocol] {
-        isolatedHome();
+    target.open = [name, kind, options, protocol]() -> ConformanceSession {
+        programHome();
         registerBuiltinClients();
-        auto& shared = sharedServer(name, kind, options);
-        ConformanceSession session;
-        if (!shared.server) {
-            // Skipped in SetUp; the session only has to satisfy its checks.
-            auto dir = std::make_shared<ScratchDir>("ftp-unavailable");
-            session.serverDir = dir->path();
-            session.remoteRoot = "/";
-            session.makeWrapper = [] {
-                return WrapperProxy::wrapperWithServerInfo(std::make_shared<ServerInfo>());
-            };
-            session.close = [dir] {};
-            skipBecause(shared.whyNot);
-            return session;
-        }
+        FtpServer* server = sharedServer(name, kind, options);
+        if (!server) return {};
         static std::atomic<int> counter{0};
         std::string folder = "t" + std::to_string(++counter);
-        FtpServer* server = shared.server.get();
         server->makeDir(folder);
         ::chmod(server->hostPath(folder).c_str(), 0777);
+        ConformanceSession session;
         session.remoteRoot = server->remotePath(folder);
         session.serverDir = server->hostPath(folder);
         auto info = server->serverInfo(protocol);
         session.makeWrapper = [info] { return WrapperProxy::wrapperWithServerInfo(info); };
-        session.close = [] {
-            // Closes the sessions this test left idle in the pool.
-            KvConnectionPool::clearConnectionPool();
-        };
+        // Closes the sessions this test left idle in the pool.
+        session.close = [] { KvConnectionPool::clearConnectionPool(); };
         return session;
     };
     return target;
