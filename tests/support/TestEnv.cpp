@@ -173,6 +173,17 @@ CommandResult runQuillon(const std::vector<std::string>& args, const std::string
     return runProgram(argv, input);
 }
 
+::testing::AssertionResult quillonExits(int status, const std::vector<std::string>& args,
+                                        std::string_view says, const std::string& input) {
+    auto r = runQuillon(args, input);
+    if (r.exitCode == status && (contains(r.out, says) || contains(r.err, says)))
+        return ::testing::AssertionSuccess();
+    auto failure = ::testing::AssertionFailure() << "quillon";
+    for (auto& a : args) failure << " '" << a << "'";
+    return failure << " exited " << r.exitCode << ", not " << status << " with \"" << says
+                   << "\"\nout: " << r.out << "\nerr: " << r.err;
+}
+
 CommandResult curl(const std::vector<std::string>& args) {
     std::vector<std::string> argv{"curl", "-q", "-s", "-S", "--max-time", "60"};
     argv.insert(argv.end(), args.begin(), args.end());

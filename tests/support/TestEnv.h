@@ -81,6 +81,10 @@ struct CommandResult {
 };
 // Runs the built quillon binary with `args`, feeding `input` on standard input.
 CommandResult runQuillon(const std::vector<std::string>& args, const std::string& input = {});
+// Runs quillon; passes when it exits with `status` and its standard output or error holds
+// `says`, and shows both otherwise.
+::testing::AssertionResult quillonExits(int status, const std::vector<std::string>& args,
+                                        std::string_view says = {}, const std::string& input = {});
 // Runs any program (argv[0] looked up on PATH).
 CommandResult runProgram(const std::vector<std::string>& argv, const std::string& input = {});
 // curl without ~/.curlrc, quiet but showing errors, for at most a minute.

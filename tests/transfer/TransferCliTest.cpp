@@ -2,62 +2,30 @@
 // flag, JSON lines, transfers to, from and between real FTP servers by URL, failures with and
 // without --keep-going (names a server cannot hold, a tree deeper than the local path limit),
 // Ctrl-C and kill -9, and a download bigger than its small target volume.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <fmt/format.h>
 
-#include <cctype>
-#include <chrono>
 #include <fstream>
 #include <random>
 #include <thread>
 
 #include "TransferTestKit.h"
 #include "core/PathUtils.h"
+#include "support/ChildProcess.h"
 
 using namespace quillon;
 using namespace quillon::test;
 namespace fs = std::filesystem;
 
-extern char** environ;
-
 namespace {
-
-// Starts quillon in the background with its output in files; returns its process id.
-pid_t spawnQuillon(const std::vector<std::string>& args, const std::string& outFile) {
-    std::vector<std::string> argv{QUILLON_BINARY};
-    argv.insert(argv.end(), args.begin(), args.end());
-    std::vector<char*> cargs;
-    for (auto& a : argv) cargs.push_back(const_cast<char*>(a.c_str()));
-    cargs.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 1, outFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                     0644);
-    posix_spawn_file_actions_adddup2(&actions, 1, 2);
-    pid_t pid = -1;
-    ::posix_spawn(&pid, cargs[0], &actions, nullptr, cargs.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    return pid;
-}
-
-int waitExit(pid_t pid) {
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
 
 // A file whose every 4 KiB block names its number, so that a torn copy never passes for a whole
 // one.
 std::string numberedBlocks(std::size_t blocks) {
     std::string out;
-    out.reserve(blocks * 4096);
     for (std::size_t i = 0; i < blocks; ++i) {
         std::string block = fmt::format("block {:08}\n", i);
         block.resize(4096, '.');
@@ -69,20 +37,14 @@ std::string numberedBlocks(std::size_t blocks) {
 // Runs quillon and kills it (SIGKILL) at a random moment within `spread` after `begun` turned
 // true; false when it ended by itself before.
 bool killAtRandom(const std::vector<std::string>& args, const std::function<bool()>& begun,
-                  std::chrono::milliseconds spread, std::mt19937& rng, const std::string& log) {
-    pid_t pid = spawnQuillon(args, log);
-    if (pid <= 0) return false;
-    int status = 0;
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (!begun() && std::chrono::steady_clock::now() < deadline) {
-        if (::waitpid(pid, &status, WNOHANG) == pid) return false;
-        std::this_thread::sleep_for(std::chrono::microseconds(500));
-    }
-    std::uniform_int_distribution<long> after(0, spread.count() * 1000);
-    std::this_thread::sleep_for(std::chrono::microseconds(after(rng)));
-    ::kill(pid, SIGKILL);
-    ::waitpid(pid, &status, 0);
-    return WIFSIGNALED(status);
+                  std::chrono::milliseconds spread, std::mt19937& rng) {
+    std::vector<std::string> argv{QUILLON_BINARY};
+    argv.insert(argv.end(), args.begin(), args.end());
+    ChildProcess p(argv);
+    if (!waitUntil([&] { return begun() || !p.running(); }) || !p.running()) return false;
+    std::this_thread::sleep_for(std::chrono::microseconds(
+        std::uniform_int_distribution<long>(0, spread.count() * 1000)(rng)));
+    return p.stop(SIGKILL) == 128 + SIGKILL;
 }
 
 bool hasFileWithData(const std::string& folder) {
@@ -90,15 +52,6 @@ bool hasFileWithData(const std::string& folder) {
     for (auto& e : fs::recursive_directory_iterator(folder, ec))
         if (e.is_regular_file(ec) && e.file_size(ec) > 0) return true;
     return false;
-}
-
-bool waitFor(const std::function<bool()>& done, std::chrono::seconds limit) {
-    auto until = std::chrono::steady_clock::now() + limit;
-    while (std::chrono::steady_clock::now() < until) {
-        if (done()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return done();
 }
 
 }  // namespace
@@ -111,66 +64,47 @@ TEST(TransferCli, CopiesAndMovesLocally) {
     fs::create_directories(dir / "src/tree/empty/inner");
     fs::create_directories(dir / "dst");
 
-    auto one = runQuillon({"cp", dir / "src/report.txt", dir / "dst"});
-    ASSERT_EQ(one.exitCode, 0) << one.err;
+    EXPECT_TRUE(quillonExits(0, {"cp", dir / "src/report.txt", dir / "dst"}));
     EXPECT_TRUE(fileHolds(dir / "dst/report.txt", "report"));
 
     // A folder needs -r; into itself is refused.
-    auto noR = runQuillon({"cp", dir / "src/tree", dir / "dst"});
-    EXPECT_EQ(noR.exitCode, 1);
-    EXPECT_TRUE(contains(noR.err, "use -r")) << noR.err;
-    auto itself = runQuillon({"cp", "-r", dir / "src", dir / "src/tree"});
-    EXPECT_EQ(itself.exitCode, 1);
-    EXPECT_TRUE(contains(itself.err, "can’t copy/move an item into itself.")) << itself.err;
-    auto tree = runQuillon({"cp", "-r", dir / "src/tree", dir / "dst"});
-    ASSERT_EQ(tree.exitCode, 0) << tree.err;
+    EXPECT_TRUE(quillonExits(1, {"cp", dir / "src/tree", dir / "dst"}, "use -r"));
+    const std::string intoItself = "can’t copy/move an item into itself.";
+    EXPECT_TRUE(quillonExits(1, {"cp", "-r", dir / "src", dir / "src/tree"}, intoItself));
+    EXPECT_TRUE(quillonExits(0, {"cp", "-r", dir / "src/tree", dir / "dst"}));
     EXPECT_TRUE(fileHolds(dir / "dst/tree/.hidden", "h"));
     EXPECT_TRUE(fs::is_directory(dir / "dst/tree/empty/inner"));
 
     // Without a terminal a conflict is skipped; the flags replace or keep both.
     writeFile(dir / "src/report.txt", "newer");
-    auto skipped = runQuillon({"cp", dir / "src/report.txt", dir / "dst"});
-    EXPECT_EQ(skipped.exitCode, 0);
-    EXPECT_TRUE(contains(skipped.err, "skipped")) << skipped.err;
+    EXPECT_TRUE(quillonExits(0, {"cp", dir / "src/report.txt", dir / "dst"}, "skipped"));
     EXPECT_TRUE(fileHolds(dir / "dst/report.txt", "report"));
     writeFile(dir / "dst/report-1.txt", "one");
-    auto kept =
-        runQuillon({"cp", "--on-conflict", "keep-both", dir / "src/report.txt", dir / "dst"});
-    EXPECT_EQ(kept.exitCode, 0) << kept.err;
+    EXPECT_TRUE(
+        quillonExits(0, {"cp", "--on-conflict", "keep-both", dir / "src/report.txt", dir / "dst"}));
     EXPECT_TRUE(fileHolds(dir / "dst/report-2.txt", "newer"));
-    auto replaced = runQuillon(
-        {"cp", "--on-conflict", "replace", "--json", dir / "src/report.txt", dir / "dst"});
-    EXPECT_EQ(replaced.exitCode, 0) << replaced.err;
+    EXPECT_TRUE(quillonExits(
+        0, {"cp", "--on-conflict", "replace", "--json", dir / "src/report.txt", dir / "dst"},
+        R"("state":"completed","transferred":5,"total":5,"error":null})"));
     EXPECT_TRUE(fileHolds(dir / "dst/report.txt", "newer"));
-    EXPECT_TRUE(contains(replaced.out, "\"event\":\"end\"")) << replaced.out;
-    EXPECT_TRUE(contains(replaced.out, "\"state\":\"completed\"")) << replaced.out;
-    EXPECT_TRUE(contains(replaced.out, "\"error\":null")) << replaced.out;
     // Asking needs a terminal; a move cannot replace.
-    EXPECT_EQ(
-        runQuillon({"cp", "--on-conflict", "ask", dir / "src/report.txt", dir / "dst"}).exitCode,
-        2);
-    EXPECT_EQ(runQuillon({"mv", "--on-conflict", "replace", dir / "src/report.txt", dir / "dst"})
-                  .exitCode,
-              2);
+    EXPECT_TRUE(
+        quillonExits(2, {"cp", "--on-conflict", "ask", dir / "src/report.txt", dir / "dst"}));
+    EXPECT_TRUE(
+        quillonExits(2, {"mv", "--on-conflict", "replace", dir / "src/report.txt", dir / "dst"}));
 
     // Rename within one server when the target is not a folder; never over an existing item.
-    auto renamed = runQuillon({"mv", dir / "dst/report-1.txt", dir / "dst/renamed.txt"});
-    ASSERT_EQ(renamed.exitCode, 0) << renamed.err;
+    EXPECT_TRUE(quillonExits(0, {"mv", dir / "dst/report-1.txt", dir / "dst/renamed.txt"}));
     EXPECT_TRUE(fileHolds(dir / "dst/renamed.txt", "one"));
-    auto over = runQuillon({"mv", dir / "dst/renamed.txt", dir / "dst/report.txt"});
-    EXPECT_EQ(over.exitCode, 1);
+    EXPECT_TRUE(quillonExits(1, {"mv", dir / "dst/renamed.txt", dir / "dst/report.txt"}));
     EXPECT_TRUE(fileHolds(dir / "dst/report.txt", "newer"));
-    auto intoSelf = runQuillon({"mv", dir / "dst/tree", dir / "dst/tree/empty/x"});
-    EXPECT_EQ(intoSelf.exitCode, 1);
-    EXPECT_TRUE(contains(intoSelf.err, "can’t copy/move an item into itself.")) << intoSelf.err;
+    EXPECT_TRUE(quillonExits(1, {"mv", dir / "dst/tree", dir / "dst/tree/empty/x"}, intoItself));
 
     // Several items into a folder: the ones without a conflict move together; a conflict is
     // kept under a new name.
-    fs::create_directories(dir / "moved");
     writeFile(dir / "moved/report.txt", "there");
-    auto moved = runQuillon({"mv", "--on-conflict", "keep-both", dir / "dst/renamed.txt",
-                             dir / "dst/tree", dir / "dst/report.txt", dir / "moved"});
-    ASSERT_EQ(moved.exitCode, 0) << moved.err;
+    EXPECT_TRUE(quillonExits(0, {"mv", "--on-conflict", "keep-both", dir / "dst/renamed.txt",
+                                 dir / "dst/tree", dir / "dst/report.txt", dir / "moved"}));
     EXPECT_EQ(namesIn(dir / "moved"),
               (std::vector<std::string>{"renamed.txt", "report-1.txt", "report.txt", "tree"}));
     EXPECT_TRUE(fileHolds(dir / "moved/report-1.txt", "newer"));
@@ -290,7 +224,7 @@ TEST(TransferCli, KilledCopyOrMoveLeavesNoTornFileAndTheNextRunCopiesIt) {
         };
         for (int trial = 0; trial < 4; ++trial) {
             reset();
-            kills += killAtRandom(c.args, c.begun, c.spread, rng, dir / "kill.log");
+            kills += killAtRandom(c.args, c.begun, c.spread, rng);
             // Either the whole file under its name, or none; a move loses nothing.
             if (fs::exists(arrived)) {
                 EXPECT_TRUE(fileHolds(arrived, content)) << c.args[1];
@@ -403,23 +337,13 @@ TEST(TransferCli, CtrlCStopsTransfersRemovesScratchAndExits130) {
     server->chownTree();
     ScratchDir dir("cliint");
     fs::create_directories(dir / "target");
-    auto log = dir / "out.txt";
-    pid_t pid = spawnQuillon({"cp", server->url("/huge.bin"), dir / "target"}, log);
-    ASSERT_GT(pid, 0);
+    ChildProcess p({QUILLON_BINARY, "cp", server->url("/huge.bin"), dir / "target"});
     // Interrupt once the download has produced bytes in its scratch folder.
     auto temp = PathUtils::getAppTempPath();
-    bool started = waitFor(
-        [&] {
-            std::error_code ec;
-            for (auto& e : fs::recursive_directory_iterator(temp, ec))
-                if (e.is_regular_file(ec) && e.file_size(ec) > 0) return true;
-            return false;
-        },
-        std::chrono::seconds(60));
-    EXPECT_TRUE(started) << readFile(log);
-    ::kill(pid, SIGINT);
-    EXPECT_EQ(waitExit(pid), 130) << readFile(log);
-    EXPECT_TRUE(contains(readFile(log), "stopped")) << readFile(log);
+    EXPECT_TRUE(waitUntil([&] { return hasFileWithData(temp) || !p.running(); }) && p.running())
+        << p.err();
+    EXPECT_EQ(p.stop(SIGINT), 130) << p.err();
+    EXPECT_TRUE(contains(p.err() + p.out(), "stopped")) << p.err();
     EXPECT_TRUE(fs::is_empty(dir / "target"));
     EXPECT_TRUE(fs::is_empty(temp));
 }
