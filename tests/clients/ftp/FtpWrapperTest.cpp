@@ -5,6 +5,7 @@
 #include "clients/ftp/FtpWrapper.h"
 
 #include <arpa/inet.h>
+#include <curl/curl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -55,16 +56,6 @@ class FtpWrapperTest : public ::testing::Test {
     test::IsolatedHome home_;
     test::ScratchDir local_{"ftp-local"};
 };
-
-std::string bytesOf(std::size_t n, unsigned variant) {
-    std::string s(n, '\0');
-    unsigned v = variant;
-    for (auto& c : s) {
-        v = v * 1103515245u + 12345u;
-        c = static_cast<char>(v >> 16);
-    }
-    return s;
-}
 
 TEST_F(FtpWrapperTest, BuildsUrlsAndEscapesPathsInTheServerEncoding) {
     auto info = std::make_shared<ServerInfo>();
@@ -164,7 +155,7 @@ TEST_F(FtpWrapperTest, ResumesACutDownloadTenTimesAtMostSteppingBack10240Bytes) 
     cutTwice.cuts = 2;
     auto server = FtpServer::start(FtpServerKind::Pyftpdlib, cutTwice);
     ASSERT_TRUE(server);
-    const std::string content = bytesOf(100000, 7);
+    const std::string content = test::randomBytes(100000, 7);
     server->writeFile("data.bin", content);
 
     FtpWrapper w(server->serverInfo());
@@ -188,7 +179,7 @@ TEST_F(FtpWrapperTest, ResumesACutDownloadTenTimesAtMostSteppingBack10240Bytes) 
     cutAlways.cutAfterBytes = 20000;
     auto always = FtpServer::start(FtpServerKind::Pyftpdlib, cutAlways);
     ASSERT_TRUE(always);
-    always->writeFile("big.bin", bytesOf(500000, 8));
+    always->writeFile("big.bin", test::randomBytes(500000, 8));
     FtpWrapper a(always->serverInfo());
     a.setRetryDelay(std::chrono::milliseconds(10));
     auto failed = a.downloadSync(item("/big.bin"), local_ / "big.bin", {});
@@ -203,11 +194,11 @@ TEST_F(FtpWrapperTest, ResumesACutDownloadTenTimesAtMostSteppingBack10240Bytes) 
     cutSmall.cuts = 1;
     auto small = FtpServer::start(FtpServerKind::Pyftpdlib, cutSmall);
     ASSERT_TRUE(small);
-    small->writeFile("s.bin", bytesOf(9000, 9));
+    small->writeFile("s.bin", test::randomBytes(9000, 9));
     FtpWrapper s(small->serverInfo());
     s.setRetryDelay(std::chrono::milliseconds(10));
     ASSERT_TRUE(s.downloadSync(item("/s.bin"), local_ / "s.bin", {}));
-    EXPECT_EQ(test::readFile(local_ / "s.bin"), bytesOf(9000, 9));
+    EXPECT_EQ(test::readFile(local_ / "s.bin"), test::randomBytes(9000, 9));
     EXPECT_EQ(small->restOffsets(), std::vector<long long>{}) << "REST 0 is not sent";
 }
 
@@ -314,7 +305,7 @@ TEST_F(FtpWrapperTest, ChmodModificationTimesAndRefusedControlCharacters) {
 TEST_F(FtpWrapperTest, StreamsFromAnOffsetAndStopsWhenTheReaderHasEnough) {
     auto server = FtpServer::start(FtpServerKind::PureFtpd);
     ASSERT_TRUE(server);
-    const std::string content = bytesOf(3 * 1024 * 1024 + 17, 11);
+    const std::string content = test::randomBytes(3 * 1024 * 1024 + 17, 11);
     server->writeFile("movie.bin", content);
 
     FtpWrapper w(server->serverInfo());
@@ -405,18 +396,19 @@ TEST_F(FtpWrapperTest, SurvivesHostileRepliesAndRefusedConnections) {
 TEST_F(FtpWrapperTest, CancellingEndsARequestTheServerLeavesUnanswered) {
     // After the login the server goes silent: without the cancellation the request would wait
     // for libcurl's 30-second reply time-out.
-    ScriptedFtpServer s("220 hi\r\n", ScriptedFtpServer::basics);
-    FtpWrapper w(s.serverInfo());
-    std::thread canceller([&w] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(300));
-        w.cancelOperation();
+    std::atomic<bool> asked{false};
+    ScriptedFtpServer s("220 hi\r\n", [&](const std::string& line) {
+        if (line == "FEAT") asked = true;
+        return ScriptedFtpServer::basics(line);
     });
-    auto start = std::chrono::steady_clock::now();
+    FtpWrapper w(s.serverInfo());
+    std::thread canceller([&] {
+        if (test::waitUntil([&] { return asked.load(); })) w.cancelOperation();
+    });
     auto r = w.signInSync();
-    auto took = std::chrono::steady_clock::now() - start;
     canceller.join();
-    EXPECT_FALSE(r);
-    EXPECT_LT(took, std::chrono::seconds(2));
+    ASSERT_FALSE(r);
+    EXPECT_EQ(r.error().code, CURLE_ABORTED_BY_CALLBACK) << r.error().describe();
     KvConnectionPool::clearConnectionPool();
 }
 
@@ -490,7 +482,7 @@ TEST_F(FtpWrapperTest, NeverConnectsToAPasvAddressOtherThanTheServersAndHealsThe
     info->supportMFMT = false;
     info->supportEPSV = false;  // PASV, whose reply carries the address
     ASSERT_TRUE(ServerInfoService::sharedServerInfoService().saveServerInfo(*info));
-    const std::string content = bytesOf(20000, 3);
+    const std::string content = test::randomBytes(20000, 3);
     test::writeFile(local_ / "up.bin", content);
 
     FtpWrapper w(info);
@@ -624,7 +616,7 @@ TEST_F(FtpWrapperTest, TransfersThatDoNotEndAtTheExpectedSizeAreResumedOrFail) {
     for (auto& c : cases) {
         SCOPED_TRACE(c.what);
         sizeReply = c.sizeReply;
-        body = bytesOf(c.sent, 5);
+        body = test::randomBytes(c.sent, 5);
         FtpWrapper w(info);
         w.setRetryDelay(std::chrono::milliseconds(10));
         auto file = item("/data.bin");
@@ -637,7 +629,7 @@ TEST_F(FtpWrapperTest, TransfersThatDoNotEndAtTheExpectedSizeAreResumedOrFail) {
 
     sizeReply.clear();
     loseTail = true;
-    const std::string content = bytesOf(50000, 6);
+    const std::string content = test::randomBytes(50000, 6);
     test::writeFile(local_ / "up.bin", content);
     FtpWrapper w(info);
     w.setRetryDelay(std::chrono::milliseconds(10));
@@ -654,7 +646,7 @@ TEST_F(FtpWrapperTest, FtpsUploadsOverAReusedSessionArriveWhole) {
     auto py = FtpServer::start(FtpServerKind::Pyftpdlib, implicitTls);
     auto pro = FtpServer::start(FtpServerKind::Proftpd);
     ASSERT_TRUE(py && pro);
-    const std::string content = bytesOf(2 * 1024 * 1024, 13);
+    const std::string content = test::randomBytes(2 * 1024 * 1024, 13);
     test::writeFile(local_ / "big.bin", content);
     for (auto* server : {py.get(), pro.get()}) {
         SCOPED_TRACE(server->name());
