@@ -477,34 +477,29 @@ TEST_F(Archives, ZipNamesInOtherEncodingsExtractWithTheirEncoding) {
 TEST_F(Archives, CommandsZipAndExtractLocallyAndThroughFtp) {
     auto tree = describeTree(src() + "/tree");
     std::string folder = out("cli");
-    auto zip = runQuillon({"zip", src() + "/tree", "-o", folder + "/t.zip", "--password-stdin"},
-                          kSecret + "\n");
-    ASSERT_EQ(zip.exitCode, 0) << zip.err;
-    EXPECT_TRUE(contains(zip.err, "zipped")) << zip.err;
-    auto aes =
-        runQuillon({"zip", src() + "/tree", "-o", folder + "/a.zip", "--password-stdin", "--aes"},
-                   kSecret + "\n");
-    ASSERT_EQ(aes.exitCode, 0) << aes.err;
+    ASSERT_TRUE(quillonExits(0,
+                             {"zip", src() + "/tree", "-o", folder + "/t.zip", "--password-stdin"},
+                             "zipped", kSecret + "\n"));
+    ASSERT_TRUE(quillonExits(
+        0, {"zip", src() + "/tree", "-o", folder + "/a.zip", "--password-stdin", "--aes"}, "",
+        kSecret + "\n"));
     EXPECT_EQ(sh(folder, "unzip -q -P '" + kSecret + "' t.zip -d u").exitCode, 0);
     EXPECT_EQ(describeTree(folder + "/u/tree"), tree);
     EXPECT_EQ(sh(folder, "7zz t -bso0 -bsp0 '-p" + kSecret + "' a.zip").exitCode, 0);
     // AES is not what plain unzip opens.
     EXPECT_NE(sh(folder, "unzip -q -P '" + kSecret + "' a.zip -d v").exitCode, 0);
 
-    auto missing = runQuillon({"extract", folder + "/t.zip"});
-    EXPECT_EQ(missing.exitCode, 1);
-    EXPECT_TRUE(contains(missing.err, "Need Password: Need password to unarchive.")) << missing.err;
-    auto wrong = runQuillon({"extract", folder + "/t.zip", "--password-stdin"}, "nope\n");
-    EXPECT_EQ(wrong.exitCode, 1);
-    EXPECT_TRUE(contains(wrong.err, "Incorrect Password: The password is incorrect.")) << wrong.err;
-    auto right = runQuillon({"extract", folder + "/t.zip", "--password-stdin"}, kSecret + "\n");
-    ASSERT_EQ(right.exitCode, 0) << right.err;
-    EXPECT_TRUE(contains(right.err, "extracted t.zip -> " + folder + "/t")) << right.err;
+    EXPECT_TRUE(quillonExits(1, {"extract", folder + "/t.zip"},
+                             "Need Password: Need password to unarchive."));
+    EXPECT_TRUE(quillonExits(1, {"extract", folder + "/t.zip", "--password-stdin"},
+                             "Incorrect Password: The password is incorrect.", "nope\n"));
+    ASSERT_TRUE(quillonExits(0, {"extract", folder + "/t.zip", "--password-stdin"},
+                             "extracted t.zip -> " + folder + "/t", kSecret + "\n"));
     EXPECT_EQ(describeTree(folder + "/t/tree"), tree);
 
     made("cp866.zip", kEncodedZips);
-    auto enc = runQuillon({"extract", arc() + "/cp866.zip", "--encoding", "cp866", "--to", folder});
-    ASSERT_EQ(enc.exitCode, 0) << enc.err;
+    ASSERT_TRUE(
+        quillonExits(0, {"extract", arc() + "/cp866.zip", "--encoding", "cp866", "--to", folder}));
     EXPECT_EQ(readFile(folder + "/cp866/папка/Привет мир.txt"), "text");
 
     auto server = FtpServer::start(FtpServerKind::Pyftpdlib);
@@ -513,14 +508,16 @@ TEST_F(Archives, CommandsZipAndExtractLocallyAndThroughFtp) {
                       readFile(made("tree.tar.gz", "tar czf ../arc/tree.tar.gz tree")));
     server->makeDir("/dest");
     server->chownTree();
-    auto down = runQuillon({"extract", server->url("/in/tree.tar.gz"), "--to", folder + "/ftp"});
-    EXPECT_NE(down.exitCode, 0);  // --to must name an existing folder
+    // --to must name an existing folder.
+    EXPECT_NE(
+        runQuillon({"extract", server->url("/in/tree.tar.gz"), "--to", folder + "/ftp"}).exitCode,
+        0);
     fs::create_directories(folder + "/ftp");
-    down = runQuillon({"extract", server->url("/in/tree.tar.gz"), "--to", folder + "/ftp"});
-    ASSERT_EQ(down.exitCode, 0) << down.err;
+    ASSERT_TRUE(
+        quillonExits(0, {"extract", server->url("/in/tree.tar.gz"), "--to", folder + "/ftp"}));
     EXPECT_EQ(describeTree(folder + "/ftp/tree.tar/tree"), tree);
-    auto up = runQuillon({"extract", server->url("/in/tree.tar.gz"), "--to", server->url("/dest")});
-    ASSERT_EQ(up.exitCode, 0) << up.err;
+    ASSERT_TRUE(
+        quillonExits(0, {"extract", server->url("/in/tree.tar.gz"), "--to", server->url("/dest")}));
     std::string there = server->hostPath("/dest/tree.tar/tree");
     EXPECT_EQ(readFile(there + "/dir a/sub/data.bin"),
               readFile(src() + "/tree/dir a/sub/data.bin"));
