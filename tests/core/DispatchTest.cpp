@@ -8,6 +8,7 @@
 #include "core/GCD.h"
 #include "core/KvConnectionPool.h"
 #include "core/MainQueue.h"
+#include "support/TestEnv.h"
 
 using namespace quillon;
 using namespace std::chrono_literals;
@@ -47,8 +48,7 @@ TEST(GCD, SignalSemaReleasesEveryWaiter) {
         waiters.emplace_back([&] {
             if (GCD::waitSema(sema, 30.0)) ++released;
         });
-    for (int i = 0; i < 2000 && sema->waiters() < 4; ++i) std::this_thread::sleep_for(1ms);
-    ASSERT_EQ(sema->waiters(), 4);
+    ASSERT_TRUE(test::waitUntil([&] { return sema->waiters() == 4; }));
     GCD::signalSema(sema);
     for (auto& t : waiters) t.join();
     EXPECT_EQ(released, 4);
@@ -71,10 +71,7 @@ TEST(GCD, BackgroundQueueGrowsWhenEveryThreadIsBlocked) {
         });
     std::atomic<bool> sixth{false};
     GCD::doInBackground([&] { sixth = true; });
-    for (int i = 0; i < 5000 && !(sixth && started == 5); ++i) std::this_thread::sleep_for(1ms);
-    EXPECT_TRUE(sixth);
-    EXPECT_EQ(started, 5);
-    for (int i = 0; i < 2000 && gate->waiters() < 5; ++i) std::this_thread::sleep_for(1ms);
+    EXPECT_TRUE(test::waitUntil([&] { return sixth && started == 5 && gate->waiters() == 5; }));
     GCD::signalSema(gate);
 }
 
@@ -176,7 +173,7 @@ TEST(ConnectionPool, EvictsAfter300SecondsIdleAndStopsAndRestartsTheTimer) {
     wall += 1s;
     steady.now += 30s;
     q.pump();  // the tick hands the pass to the background queue
-    for (int i = 0; i < 5000 && pool.timerRunning(); ++i) std::this_thread::sleep_for(1ms);
+    test::waitUntil([&] { return !pool.timerRunning(); });
     EXPECT_EQ(cleaned, 1);
     EXPECT_EQ(pool.idleCount(ftp.serverID), 0u);
     EXPECT_FALSE(pool.timerRunning());
