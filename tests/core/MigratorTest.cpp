@@ -20,26 +20,18 @@ namespace fs = std::filesystem;
 
 namespace {
 
-class MigratorTest : public ::testing::Test {
+class MigratorTest : public test::FreshHome {
   protected:
-    // The shared database is bound to the home of its first use: one home for this program.
-    static test::IsolatedHome& home() {
-        static test::IsolatedHome h;
-        return h;
-    }
     void SetUp() override {
-        home();
-        auto& db = DBManager::sharedDBManager();
-        db.closeDB();
-        fs::remove(db.path());
-        ASSERT_TRUE(db.openDB());
-        fs::remove(UserDefaults::standardUserDefaults().path());
-        auto& prefs = AppPreference::sharedAppPreference();
-        ASSERT_TRUE(prefs.load());
-        prefs.setValue(PlistValue(true), PrefKey::SYS_AUTO_SYNC_CONN);
+        FreshHome::SetUp();
+        AppPreference::sharedAppPreference().setValue(PlistValue(true),
+                                                      PrefKey::SYS_AUTO_SYNC_CONN);
         service().setCloudStore(std::make_shared<FileCloudKeyValueStore>(cloud.path()));
     }
-    void TearDown() override { service().setCloudStore(nullptr); }
+    void TearDown() override {
+        service().setCloudStore(nullptr);
+        FreshHome::TearDown();
+    }
     static ServerInfoService& service() { return ServerInfoService::sharedServerInfoService(); }
 
     ServerInfo stored(std::int32_t type, const std::string& name) {
@@ -114,7 +106,7 @@ TEST_F(MigratorTest, MovesGoogleSignInsOnceWithTheFlagSetBeforeTheWork) {
                      ->valueForKey(ServerProp::GoogleAuthorizationData));
     // Records changed by the migration are not mirrored, and mirroring is on again after it.
     auto cloudFile = cloud / FileCloudKeyValueStore::kFileName;
-    EXPECT_EQ(test::readFile(cloudFile).find(drive.serverID), std::string::npos);
+    EXPECT_FALSE(test::contains(test::readFile(cloudFile), drive.serverID));
     EXPECT_FALSE(service().disableUpdateCloud());
 
     // The second run finds the flag and touches nothing.

@@ -13,20 +13,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
-class ServerInfoStore : public ::testing::Test {
+class ServerInfoStore : public test::FreshHome {
   protected:
-    // The shared database is bound to the home of its first use: one home for this program.
-    static test::IsolatedHome& home() {
-        static test::IsolatedHome h;
-        return h;
-    }
-    void SetUp() override {
-        home();
-        auto& db = DBManager::sharedDBManager();
-        db.closeDB();
-        fs::remove(db.path());
-        ASSERT_TRUE(db.openDB());
-    }
     static ServerInfoService& service() { return ServerInfoService::sharedServerInfoService(); }
     static std::int64_t count(const std::string& sql, const std::string& id) {
         auto rows = DBManager::sharedDBManager().query(sql, {id});
