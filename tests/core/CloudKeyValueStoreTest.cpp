@@ -41,14 +41,6 @@ std::string nameIn(const CloudKeyValueStore& store, const std::string& key) {
     return d ? d->at("SIN").toString() : std::string("<absent>");
 }
 
-// Runs the main queue until `done` or five seconds of real time.
-bool runUntil(const std::function<bool()>& done) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    MainQueue::shared().runUntil(
-        [&] { return done() || std::chrono::steady_clock::now() > deadline; });
-    return done();
-}
-
 }  // namespace
 
 TEST(FileCloudKeyValueStore, SharesValuesThroughOneFileAndReportsOnlyOthersChanges) {
@@ -70,7 +62,7 @@ TEST(FileCloudKeyValueStore, SharesValuesThroughOneFileAndReportsOnlyOthersChang
 
     // Either this call or the watch that the observer started finds the change first.
     ASSERT_TRUE(b.synchronize());
-    ASSERT_TRUE(runUntil([&] { return !seenByB.changes.empty(); }));
+    ASSERT_TRUE(test::pumpUntil([&] { return !seenByB.changes.empty(); }));
     EXPECT_EQ(nameIn(b, "S2-1"), "one");
     EXPECT_EQ(seenByB.changes[0].reason, CloudChangeReason::InitialSyncChange);
     EXPECT_EQ(seenByB.changes[0].keys, (std::vector<std::string>{"S2-1", "S2-2"}));
@@ -86,7 +78,8 @@ TEST(FileCloudKeyValueStore, SharesValuesThroughOneFileAndReportsOnlyOthersChang
     ASSERT_TRUE(a.synchronize());
     ASSERT_TRUE(b.synchronize());
     ASSERT_TRUE(a.synchronize());
-    ASSERT_TRUE(runUntil([&] { return !seenByA.changes.empty() && !seenByB.changes.empty(); }));
+    ASSERT_TRUE(
+        test::pumpUntil([&] { return !seenByA.changes.empty() && !seenByB.changes.empty(); }));
     MainQueue::shared().pump();
     for (auto* s : {&a, &b}) {
         EXPECT_EQ(nameIn(*s, "S2-1"), "one-a");
@@ -110,14 +103,14 @@ TEST(FileCloudKeyValueStore, WatchesTheFileForChangesByAnotherInstallation) {
 
     other.setDictionary(record("live"), "S2-9");
     ASSERT_TRUE(other.synchronize());
-    ASSERT_TRUE(runUntil([&] { return !seen.changes.empty(); }));
+    ASSERT_TRUE(test::pumpUntil([&] { return !seen.changes.empty(); }));
     EXPECT_EQ(seen.changes[0].reason, CloudChangeReason::ServerChange);
     EXPECT_EQ(seen.changes[0].keys, (std::vector<std::string>{"S2-9"}));
     EXPECT_EQ(nameIn(watched, "S2-9"), "live");
 
     other.removeObjectForKey("S2-9");
     ASSERT_TRUE(other.synchronize());
-    ASSERT_TRUE(runUntil([&] { return seen.changes.size() >= 2; }));
+    ASSERT_TRUE(test::pumpUntil([&] { return seen.changes.size() >= 2; }));
     EXPECT_EQ(seen.changes[1].keys, (std::vector<std::string>{"S2-9"}));
     EXPECT_EQ(nameIn(watched, "S2-9"), "<absent>");
 
@@ -187,7 +180,7 @@ TEST(FileCloudKeyValueStore, MissingFileIsRepublishedAndDamagedFileLeftAlone) {
     a.setDictionary(record("two"), "S2-2");
     auto r = a.synchronize();
     ASSERT_FALSE(r);
-    EXPECT_NE(r.error().reason.find(file), std::string::npos);
+    EXPECT_TRUE(test::contains(r.error().reason, file));
     EXPECT_EQ(test::readFile(file), "<plist><dict><key>S2-1");
     // The local change waits for a readable file.
     fs::remove(file);
