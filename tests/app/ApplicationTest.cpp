@@ -119,33 +119,10 @@ struct FakeClock {
     }
 };
 
-// Runs the main queue until `done` or ten seconds of real time.
-bool runUntil(const std::function<bool()>& done) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    MainQueue::shared().runUntil(
-        [&] { return done() || std::chrono::steady_clock::now() > deadline; });
-    return done();
-}
-
-class ApplicationTest : public ::testing::Test {
+// The application opens the database itself.
+class ApplicationTest : public test::FreshHome {
   protected:
-    // The shared database is bound to the home of its first use: one home for this program,
-    // emptied before every test.
-    static test::IsolatedHome& home() {
-        static test::IsolatedHome h;
-        return h;
-    }
-    void SetUp() override {
-        home();
-        DBManager::sharedDBManager().closeDB();
-        std::error_code ec;
-        for (auto& e : fs::directory_iterator(PathUtils::getAppDataFolderPath(), ec))
-            if (e.path().filename() != "db") fs::remove_all(e.path(), ec);
-        for (auto& e : fs::directory_iterator(PathUtils::getDBFolderPath(), ec))
-            fs::remove_all(e.path(), ec);
-        ASSERT_TRUE(AppPreference::sharedAppPreference().load());
-    }
-    void TearDown() override { DBManager::sharedDBManager().closeDB(); }
+    ApplicationTest() : FreshHome(false) {}
 
     static std::optional<ServerInfo> local(const std::string& id) {
         return service().serverInfoWithServerID(id);
@@ -220,16 +197,10 @@ TEST_F(ApplicationTest, CorruptPreferenceFileIsReportedAndKeptAside) {
     Application app(options(Delayed::Skip));
     auto r = app.start();
     ASSERT_FALSE(r);
-    EXPECT_NE(r.error().reason.find("kept as"), std::string::npos) << r.error().reason;
+    EXPECT_TRUE(test::contains(r.error().reason, "kept as")) << r.error().reason;
     EXPECT_FALSE(app.isRunning());
-    int aside = 0;
-    for (auto& e : fs::directory_iterator(PathUtils::getAppDataFolderPath()))
-        if (e.path().filename().string().starts_with("pref.plist.corrupt-")) {
-            ++aside;
-            EXPECT_EQ(test::readFile(e.path()), "{ this is not a property list");
-        }
-    EXPECT_EQ(aside, 1);
-    // The next launch runs on the defaults.
+    // Kept aside (as the preference store's own test checks): the next launch runs on the
+    // defaults.
     ASSERT_TRUE(app.start()) << app.start().error().describe();
     EXPECT_EQ(AppPreference::sharedAppPreference().integerForKey(PrefKey::MaxSimultaneousTransfers),
               3);
@@ -242,7 +213,7 @@ TEST_F(ApplicationTest, CorruptDatabaseIsReportedAndLeftUntouched) {
     Application app(options(Delayed::Skip));
     auto r = app.start();
     ASSERT_FALSE(r);
-    EXPECT_NE(r.error().reason.find(path), std::string::npos) << r.error().reason;
+    EXPECT_TRUE(test::contains(r.error().reason, path)) << r.error().reason;
     EXPECT_EQ(test::readFile(path), garbage);
 }
 
@@ -251,7 +222,7 @@ TEST_F(ApplicationTest, MissingSharedFolderIsAWarningNotAFailure) {
     Application app(options(Delayed::Skip));
     ASSERT_TRUE(app.start()) << app.start().error().describe();
     ASSERT_EQ(app.warnings().size(), 1u);
-    EXPECT_NE(app.warnings()[0].reason.find("not-there"), std::string::npos);
+    EXPECT_TRUE(test::contains(app.warnings()[0].reason, "not-there"));
     EXPECT_FALSE(app.cloudStore());
 }
 
@@ -389,8 +360,8 @@ TEST_F(ApplicationTest, TwoHomesSharingOneCloudFolderConvergeNewerStampWinning) 
     b = runOther(otherHome.path(), "sync");
     EXPECT_FALSE(b.contains(r.serverID));
     EXPECT_TRUE(b.contains(bravo));
-    EXPECT_EQ(test::readFile(cloud / FileCloudKeyValueStore::kFileName).find(r.serverID),
-              std::string::npos);
+    EXPECT_FALSE(
+        test::contains(test::readFile(cloud / FileCloudKeyValueStore::kFileName), r.serverID));
     fullSync();
     EXPECT_FALSE(local(r.serverID));
     EXPECT_EQ(service().remoteServerInfos().size(), b.size());
@@ -410,5 +381,5 @@ TEST_F(ApplicationTest, ChangeByAnotherInstallationArrivesWhileRunning) {
     ASSERT_TRUE(service().saveServerInfo(r));
     auto b = runOther(otherHome.path(), "rename", r.serverID, "Renamed there");
     ASSERT_EQ(b[r.serverID].name, "Renamed there");
-    EXPECT_TRUE(runUntil([&] { return local(r.serverID)->displayName == "Renamed there"; }));
+    EXPECT_TRUE(test::pumpUntil([&] { return local(r.serverID)->displayName == "Renamed there"; }));
 }

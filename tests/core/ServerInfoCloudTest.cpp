@@ -18,29 +18,21 @@ namespace {
 
 using Props = std::map<std::string, std::string>;
 
-// The shared database is bound to the home of its first use: one home for this program, with
-// a fresh database, preference store and cloud folder for every test.
-class ServerInfoCloud : public ::testing::Test {
+// A fresh home, database and cloud folder for every test.
+class ServerInfoCloud : public test::FreshHome {
   protected:
-    static test::IsolatedHome& home() {
-        static test::IsolatedHome h;
-        return h;
-    }
     void SetUp() override {
-        home();
-        auto& db = DBManager::sharedDBManager();
-        db.closeDB();
-        fs::remove(db.path());
-        ASSERT_TRUE(db.openDB());
-        auto& prefs = AppPreference::sharedAppPreference();
-        fs::remove(prefs.prefFilePath());
-        ASSERT_TRUE(prefs.load());
-        prefs.setValue(PlistValue(true), PrefKey::SYS_AUTO_SYNC_CONN);
+        FreshHome::SetUp();
+        AppPreference::sharedAppPreference().setValue(PlistValue(true),
+                                                      PrefKey::SYS_AUTO_SYNC_CONN);
         store = std::make_shared<FileCloudKeyValueStore>(cloud.path());
         service().setCloudStore(store);
         service().setDisableUpdateCloud(false);
     }
-    void TearDown() override { service().setCloudStore(nullptr); }
+    void TearDown() override {
+        service().setCloudStore(nullptr);
+        FreshHome::TearDown();
+    }
 
     static ServerInfoService& service() { return ServerInfoService::sharedServerInfoService(); }
     std::string cloudBytes() const {
@@ -282,16 +274,16 @@ TEST_F(ServerInfoCloud, PasswordNeverReachesTheCloudFileInClear) {
 
     std::string bytes = cloudBytes();
     ASSERT_NE(bytes.find("S2-" + info.serverID), std::string::npos);
-    EXPECT_NE(bytes.find("PW_ENCRYPTED"), std::string::npos);
+    EXPECT_TRUE(test::contains(bytes, "PW_ENCRYPTED"));
     for (auto secret : {"Tr0ub4dor&amp;3-clear", "Tr0ub4dor", "one-time-Pa55", "one-time-user",
                         "TEMP_PASSWORD", "TEMP_USERNAME", "SMB_TEMP_LOGIN_PASSWD_KEY_2"})
-        EXPECT_EQ(bytes.find(secret), std::string::npos) << secret;
+        EXPECT_FALSE(test::contains(bytes, secret)) << secret;
 
     info.setValue("N3w-secret-clear", ServerProp::PASSWORD);
     ASSERT_TRUE(service().updateServerInfo(info));
     bytes = cloudBytes();
-    EXPECT_EQ(bytes.find("N3w-secret"), std::string::npos);
-    EXPECT_EQ(bytes.find("one-time-Pa55"), std::string::npos);
+    EXPECT_FALSE(test::contains(bytes, "N3w-secret"));
+    EXPECT_FALSE(test::contains(bytes, "one-time-Pa55"));
     FileCloudKeyValueStore reader(cloud.path());
     ASSERT_TRUE(reader.synchronize());
     auto copy = ServerInfoService::serverInfoFromCloudDictionary(
@@ -300,7 +292,7 @@ TEST_F(ServerInfoCloud, PasswordNeverReachesTheCloudFileInClear) {
     EXPECT_EQ(copy->valueForKey(ServerProp::PASSWORD).value_or(""), "N3w-secret-clear");
 
     ASSERT_TRUE(service().deleteServerInfo(info));
-    EXPECT_EQ(cloudBytes().find(info.serverID), std::string::npos);
+    EXPECT_FALSE(test::contains(cloudBytes(), info.serverID));
 }
 
 TEST_F(ServerInfoCloud, MirrorIsSkippedWhenDisabledLocalOrSwitchedOff) {
@@ -329,16 +321,16 @@ TEST_F(ServerInfoCloud, MirrorIsSkippedWhenDisabledLocalOrSwitchedOff) {
     AppPreference::sharedAppPreference().setValue(PlistValue(true), PrefKey::SYS_AUTO_SYNC_CONN);
 
     std::string bytes = cloudBytes();
-    EXPECT_EQ(bytes.find(whileMigrating.serverID), std::string::npos);
-    EXPECT_EQ(bytes.find(volume.serverID), std::string::npos);
-    EXPECT_EQ(bytes.find(switchedOff.serverID), std::string::npos);
-    EXPECT_NE(bytes.find(incoming.serverID), std::string::npos);
+    EXPECT_FALSE(test::contains(bytes, whileMigrating.serverID));
+    EXPECT_FALSE(test::contains(bytes, volume.serverID));
+    EXPECT_FALSE(test::contains(bytes, switchedOff.serverID));
+    EXPECT_TRUE(test::contains(bytes, incoming.serverID));
 
     // A full pass later shares the records made meanwhile, and takes the incoming one.
     service().syncServerInfoWithChangedIds({});
     bytes = cloudBytes();
-    EXPECT_NE(bytes.find(whileMigrating.serverID), std::string::npos);
-    EXPECT_NE(bytes.find(switchedOff.serverID), std::string::npos);
+    EXPECT_TRUE(test::contains(bytes, whileMigrating.serverID));
+    EXPECT_TRUE(test::contains(bytes, switchedOff.serverID));
     ASSERT_TRUE(local(incoming.serverID));
     EXPECT_EQ(local(incoming.serverID)->displayName, "incoming");
 }
