@@ -251,18 +251,6 @@ class WrapperConformance : public ::testing::TestWithParam<ConformanceTarget> {
         return ::lstat(path.c_str(), &st) == 0;
     }
 
-    static std::string randomBytes(std::size_t size, std::uint64_t variant) {
-        std::mt19937_64 gen(variant);
-        std::string out(size, '\0');
-        std::size_t i = 0;
-        for (; i + 8 <= size; i += 8) {
-            std::uint64_t v = gen();
-            std::memcpy(out.data() + i, &v, 8);
-        }
-        for (; i < size; ++i) out[i] = static_cast<char>(gen());
-        return out;
-    }
-
     static std::vector<std::string> namesOf(const KvMetadataList& items) {
         std::vector<std::string> names;
         for (auto& item : items) names.push_back(item.nameIgnoreLinkResolve().value_or("(none)"));
