@@ -26,17 +26,11 @@
 namespace quillon {
 namespace {
 
+using test::namesIn;
 using test::RawFtpClient;
 using test::RunningFtpServer;
 using test::ScratchDir;
 namespace fs = std::filesystem;
-
-std::string randomBytes(std::size_t n, unsigned variant) {
-    std::mt19937 rng(variant);
-    std::string s(n, '\0');
-    for (auto& c : s) c = static_cast<char>(rng() & 0xff);
-    return s;
-}
 
 FtpServerOptions userOptions() {
     FtpServerOptions o;
@@ -48,13 +42,6 @@ FtpServerOptions userOptions() {
 
 bool startsWith(const std::string& s, const std::string& prefix) {
     return s.rfind(prefix, 0) == 0;
-}
-
-// curl with no ~/.curlrc, quiet but with errors, and a time limit.
-test::CommandResult curl(std::vector<std::string> args) {
-    std::vector<std::string> argv{"curl", "-q", "-s", "-S", "--max-time", "30"};
-    argv.insert(argv.end(), args.begin(), args.end());
-    return test::runProgram(argv);
 }
 
 // lftp with its home in a scratch folder, one try per command, and a script.
@@ -185,7 +172,7 @@ TEST(FtpServer, AnswersEveryCommandWithItsExactReplyText) {
 
 TEST(FtpServer, ListsAndTransfersOverRawDataConnections) {
     RunningFtpServer srv(userOptions());
-    std::string content = randomBytes(300000, 1);
+    std::string content = test::randomBytes(300000, 1);
     test::writeFile(srv / "data.bin", content);
     fs::create_directory(srv / "folder");
     RawFtpClient c(srv.port());
@@ -198,9 +185,9 @@ TEST(FtpServer, ListsAndTransfersOverRawDataConnections) {
     EXPECT_EQ(c.reply().back(), "150 Accepted data connection");
     auto listing = RawFtpClient::readAll(*data);
     EXPECT_EQ(c.reply().back(), "226 Transfer complete.");
-    EXPECT_NE(listing.find("type=file;size=300000;"), std::string::npos) << listing;
-    EXPECT_NE(listing.find("; data.bin\r\n"), std::string::npos);
-    EXPECT_NE(listing.find("type=dir;"), std::string::npos);
+    EXPECT_TRUE(test::contains(listing, "type=file;size=300000;")) << listing;
+    EXPECT_TRUE(test::contains(listing, "; data.bin\r\n"));
+    EXPECT_TRUE(test::contains(listing, "type=dir;"));
 
     data = c.passive();
     ASSERT_TRUE(data);
@@ -236,56 +223,56 @@ TEST(FtpServer, ListsAndTransfersOverRawDataConnections) {
 TEST(FtpServer, CurlListsDownloadsUploadsResumesAndManagesFiles) {
     RunningFtpServer srv(userOptions());
     ScratchDir local("curl");
-    std::string content = randomBytes(2 * 1024 * 1024 + 17, 2);
+    std::string content = test::randomBytes(2 * 1024 * 1024 + 17, 2);
     test::writeFile(srv / "sub dir/größe data.bin", content);
     std::string user = "bob:s3cret pw";
 
-    auto list = curl({"--user", user, srv.url("/sub%20dir/")});
+    auto list = test::curl({"--user", user, srv.url("/sub%20dir/")});
     EXPECT_EQ(list.exitCode, 0) << list.err;
-    EXPECT_NE(list.out.find("größe data.bin"), std::string::npos) << list.out;
+    EXPECT_TRUE(test::contains(list.out, "größe data.bin")) << list.out;
     EXPECT_TRUE(startsWith(list.out, "-rw-r--r--"));
 
-    auto get = curl(
+    auto get = test::curl(
         {"--user", user, "-o", local / "whole", srv.url("/sub%20dir/gr%C3%B6%C3%9Fe%20data.bin")});
     EXPECT_EQ(get.exitCode, 0) << get.err;
     EXPECT_EQ(test::readFile(local / "whole"), content);
 
     // Resume a download cut off after 1 MiB: curl asks for the rest with REST.
     test::writeFile(local / "partial", content.substr(0, 1024 * 1024));
-    auto resume = curl({"--user", user, "-C", "-", "-o", local / "partial",
-                        srv.url("/sub%20dir/gr%C3%B6%C3%9Fe%20data.bin")});
+    auto resume = test::curl({"--user", user, "-C", "-", "-o", local / "partial",
+                              srv.url("/sub%20dir/gr%C3%B6%C3%9Fe%20data.bin")});
     EXPECT_EQ(resume.exitCode, 0) << resume.err;
     EXPECT_EQ(test::readFile(local / "partial"), content);
 
     // Upload, into a new folder made on the way, with active mode once.
     test::writeFile(local / "up.bin", content);
-    auto put = curl({"--user", user, "-T", local / "up.bin", "--ftp-create-dirs",
-                     srv.url("/new%20folder/uploaded%20%C3%A9.bin")});
+    auto put = test::curl({"--user", user, "-T", local / "up.bin", "--ftp-create-dirs",
+                           srv.url("/new%20folder/uploaded%20%C3%A9.bin")});
     EXPECT_EQ(put.exitCode, 0) << put.err;
     EXPECT_EQ(test::readFile(srv / "new folder/uploaded é.bin"), content);
-    auto active =
-        curl({"--user", user, "-P", "127.0.0.1", "-T", local / "up.bin", srv.url("/active.bin")});
+    auto active = test::curl(
+        {"--user", user, "-P", "127.0.0.1", "-T", local / "up.bin", srv.url("/active.bin")});
     EXPECT_EQ(active.exitCode, 0) << active.err;
     EXPECT_EQ(test::readFile(srv / "active.bin"), content);
 
     // Quote commands after a listing: rename, delete, make and remove a folder.
-    auto quote = curl({"--user", user, "-l", "-Q", "-RNFR active.bin", "-Q", "-RNTO renamed.bin",
-                       "-Q", "-DELE new folder/uploaded é.bin", "-Q", "-MKD made", "-Q",
-                       "-RMD new folder", srv.url("/")});
+    auto quote = test::curl({"--user", user, "-l", "-Q", "-RNFR active.bin", "-Q",
+                             "-RNTO renamed.bin", "-Q", "-DELE new folder/uploaded é.bin", "-Q",
+                             "-MKD made", "-Q", "-RMD new folder", srv.url("/")});
     EXPECT_EQ(quote.exitCode, 0) << quote.err;
     EXPECT_TRUE(fs::exists(srv / "renamed.bin"));
     EXPECT_FALSE(fs::exists(srv / "active.bin"));
     EXPECT_FALSE(fs::exists(srv / "new folder"));
     EXPECT_TRUE(fs::is_directory(srv / "made"));
 
-    auto wrong = curl({"--user", "bob:nope", srv.url("/")});
+    auto wrong = test::curl({"--user", "bob:nope", srv.url("/")});
     EXPECT_NE(wrong.exitCode, 0);
 }
 
 TEST(FtpServer, LftpBrowsesTransfersResumesRenamesAndDeletes) {
     RunningFtpServer srv(userOptions());
     ScratchDir local("lftp");
-    std::string content = randomBytes(1500000, 3);
+    std::string content = test::randomBytes(1500000, 3);
     test::writeFile(srv / "Ordner mit Leerzeichen/日本語 ファイル.bin", content);
     test::writeFile(local / "up load.bin", content);
     test::writeFile(local / "resume.bin", content);
@@ -299,7 +286,7 @@ TEST(FtpServer, LftpBrowsesTransfersResumesRenamesAndDeletes) {
                       "'umbenannt.bin'; mkdir 'neu er'; rmdir 'neu er'; cd ..; put -c resume.bin; "
                       "rm 'Ordner mit Leerzeichen/umbenannt.bin'");
     EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
-    EXPECT_NE(r.out.find("日本語 ファイル.bin"), std::string::npos) << r.out;
+    EXPECT_TRUE(test::contains(r.out, "日本語 ファイル.bin")) << r.out;
     EXPECT_EQ(test::readFile(local / "got.bin"), content);
     EXPECT_EQ(test::readFile(srv / "resume.bin"), content);
     EXPECT_FALSE(fs::exists(srv / "Ordner mit Leerzeichen/hoch geladen.bin"));
@@ -349,15 +336,15 @@ print(f.quit())
 TEST(FtpServer, PythonFtplibUploadsDownloadsAndResumesBothWays) {
     RunningFtpServer srv(userOptions());
     ScratchDir local("ftplib");
-    std::string content = randomBytes(400000, 4);
+    std::string content = test::randomBytes(400000, 4);
     test::writeFile(local / "src.bin", content);
     auto r = test::runPython(kFtplibScript,
                              {std::to_string(srv.port()), "bob", "s3cret pw", local.path()});
     EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
-    EXPECT_NE(r.out.find("230 User bob logged in."), std::string::npos);
-    EXPECT_NE(r.out.find("size 400000"), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("mlsd ['fichier été.bin']"), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("pwd /"), std::string::npos);
+    EXPECT_TRUE(test::contains(r.out, "230 User bob logged in."));
+    EXPECT_TRUE(test::contains(r.out, "size 400000")) << r.out;
+    EXPECT_TRUE(test::contains(r.out, "mlsd ['fichier été.bin']")) << r.out;
+    EXPECT_TRUE(test::contains(r.out, "pwd /"));
     EXPECT_EQ(test::readFile(srv / "Dossier é/entier.bin"), content);
     EXPECT_FALSE(fs::exists(srv / "Dossier é/fichier été.bin"));
     EXPECT_FALSE(fs::exists(srv / "Dossier é/vide"));
@@ -369,10 +356,10 @@ TEST(FtpServer, AnonymousSessionsAreReadOnlyUnlessUploadsAreAllowed) {
     {
         RunningFtpServer srv;  // no user name: anonymous access
         test::writeFile(srv / "pub.txt", "public");
-        auto get = curl({srv.url("/pub.txt")});
+        auto get = test::curl({srv.url("/pub.txt")});
         EXPECT_EQ(get.exitCode, 0) << get.err;
         EXPECT_EQ(get.out, "public");
-        auto put = curl({"-T", local / "f.txt", srv.url("/f.txt")});
+        auto put = test::curl({"-T", local / "f.txt", srv.url("/f.txt")});
         EXPECT_NE(put.exitCode, 0);
         EXPECT_FALSE(fs::exists(srv / "f.txt"));
 
@@ -392,14 +379,14 @@ TEST(FtpServer, AnonymousSessionsAreReadOnlyUnlessUploadsAreAllowed) {
             "print(f.login())\nprint(f.nlst())\n",
             {std::to_string(srv.port())});
         EXPECT_EQ(ftplib.exitCode, 0) << ftplib.err;
-        EXPECT_NE(ftplib.out.find("['pub.txt']"), std::string::npos);
+        EXPECT_TRUE(test::contains(ftplib.out, "['pub.txt']"));
     }
     {
         FtpServerOptions o;
         o.username = "Anonymous";  // the configured name "anonymous" in any case also means anyone
         o.allowAnonymousUploads = true;
         RunningFtpServer srv(o);
-        auto put = curl({"-T", local / "f.txt", srv.url("/f.txt")});
+        auto put = test::curl({"-T", local / "f.txt", srv.url("/f.txt")});
         EXPECT_EQ(put.exitCode, 0) << put.err;
         EXPECT_EQ(test::readFile(srv / "f.txt"), "upload");
     }
@@ -455,17 +442,18 @@ TEST(FtpServer, ConfinesEveryPathToTheSharedFolder) {
     EXPECT_EQ(test::readFile(outside / "secret.txt"), "secret");
 
     // Listings leave the escaping links out; the inside one shows.
-    auto listing = curl({"--user", "bob:s3cret pw", srv.url("/")});
+    auto listing = test::curl({"--user", "bob:s3cret pw", srv.url("/")});
     EXPECT_EQ(listing.exitCode, 0) << listing.err;
-    EXPECT_EQ(listing.out.find("etc-link"), std::string::npos) << listing.out;
-    EXPECT_EQ(listing.out.find("secret-link"), std::string::npos);
-    EXPECT_NE(listing.out.find("inner-link"), std::string::npos);
-    auto passwd = curl({"--user", "bob:s3cret pw", "--path-as-is", srv.url("/../../etc/passwd")});
+    EXPECT_FALSE(test::contains(listing.out, "etc-link")) << listing.out;
+    EXPECT_FALSE(test::contains(listing.out, "secret-link"));
+    EXPECT_TRUE(test::contains(listing.out, "inner-link"));
+    auto passwd =
+        test::curl({"--user", "bob:s3cret pw", "--path-as-is", srv.url("/../../etc/passwd")});
     EXPECT_NE(passwd.exitCode, 0);
-    EXPECT_EQ(passwd.out.find("root:"), std::string::npos);
-    auto viaLink = curl({"--user", "bob:s3cret pw", srv.url("/etc-link/passwd")});
+    EXPECT_FALSE(test::contains(passwd.out, "root:"));
+    auto viaLink = test::curl({"--user", "bob:s3cret pw", srv.url("/etc-link/passwd")});
     EXPECT_NE(viaLink.exitCode, 0);
-    EXPECT_EQ(viaLink.out.find("root:"), std::string::npos);
+    EXPECT_FALSE(test::contains(viaLink.out, "root:"));
 }
 
 TEST(FtpServer, RefusesPortAndEprtToAnotherAddressAndDropsForeignPassiveConnections) {
@@ -637,20 +625,9 @@ TEST(FtpServer, ClosesIdleSessions) {
     EXPECT_EQ(srv.server().connectionCount(), 0u);
 }
 
-// Whether the file holds exactly `expected`; on failure the sizes and the first difference, not
-// the (binary) contents.
-testing::AssertionResult holds(const std::string& path, const std::string& expected) {
-    auto got = test::readFile(path);
-    if (got == expected) return testing::AssertionSuccess();
-    auto at = std::mismatch(got.begin(), got.end(), expected.begin(), expected.end());
-    return testing::AssertionFailure()
-           << path << " holds " << got.size() << " bytes, not " << expected.size()
-           << "; first difference at byte " << (at.first - got.begin());
-}
-
 TEST(FtpServer, InterruptedUploadKeepsWhatArrivedAndResumesFromSize) {
     RunningFtpServer srv(userOptions());
-    std::string content = randomBytes(1000000, 5);
+    std::string content = test::randomBytes(1000000, 5);
     RawFtpClient c(srv.port());
     ASSERT_TRUE(c.login("bob", "s3cret pw"));
     int port = c.passivePort();
@@ -676,7 +653,7 @@ TEST(FtpServer, InterruptedUploadKeepsWhatArrivedAndResumesFromSize) {
     auto have = std::stoul(size.substr(4));
     EXPECT_LE(have, 300000u);
     EXPECT_EQ(fs::file_size(srv / "cut.bin"), have);  // SIZE tells what is on disk
-    EXPECT_TRUE(holds(srv / "cut.bin", content.substr(0, have)));
+    EXPECT_TRUE(test::fileHolds(srv / "cut.bin", content.substr(0, have)));
 
     EXPECT_EQ(c.ask("REST " + std::to_string(have)), "350 Command successful.");
     auto data = c.passive();
@@ -687,24 +664,16 @@ TEST(FtpServer, InterruptedUploadKeepsWhatArrivedAndResumesFromSize) {
     data->shutdown(asio::socket_base::shutdown_send);
     data->close();
     EXPECT_EQ(c.reply().back(), "226 Transfer complete.");
-    EXPECT_TRUE(holds(srv / "cut.bin", content));
+    EXPECT_TRUE(test::fileHolds(srv / "cut.bin", content));
     // A resume past the end is refused before anything is opened: no empty file either.
     EXPECT_EQ(c.ask("REST 2000000"), "350 Command successful.");
     c.passive();
     EXPECT_EQ(c.ask("STOR cut.bin"), "554 Restart offset beyond end of file.");
-    EXPECT_TRUE(holds(srv / "cut.bin", content));
+    EXPECT_TRUE(test::fileHolds(srv / "cut.bin", content));
     EXPECT_EQ(c.ask("REST 5"), "350 Command successful.");
     c.passive();
     EXPECT_EQ(c.ask("STOR missing.bin"), "554 Restart offset beyond end of file.");
     EXPECT_FALSE(fs::exists(srv / "missing.bin"));
-}
-
-// The names in a folder, sorted.
-std::vector<std::string> namesIn(const std::string& folder) {
-    std::vector<std::string> names;
-    for (const auto& e : fs::directory_iterator(folder)) names.push_back(e.path().filename());
-    std::sort(names.begin(), names.end());
-    return names;
 }
 
 // Sends `bytes` as an upload of `name` (PASV, STOR, data, clean end); the final reply.
@@ -726,7 +695,7 @@ std::string upload(RawFtpClient& c, const std::string& name, const std::string& 
 TEST(FtpServer, UploadsOverAFileReplaceItOnlyWhenComplete) {
     RunningFtpServer srv(userOptions());
     const std::string old = "the old content, which must survive";
-    std::string content = randomBytes(600000, 6);
+    std::string content = test::randomBytes(600000, 6);
     test::writeFile(srv / "keep.txt", old);
     RawFtpClient c(srv.port());
     ASSERT_TRUE(c.login("bob", "s3cret pw"));
@@ -734,7 +703,7 @@ TEST(FtpServer, UploadsOverAFileReplaceItOnlyWhenComplete) {
     // No data connection prepared: nothing is opened, let alone truncated or created.
     EXPECT_EQ(c.ask("STOR keep.txt"), "425 Can't open data connection.");
     EXPECT_EQ(c.ask("STOR new.txt"), "425 Can't open data connection.");
-    EXPECT_TRUE(holds(srv / "keep.txt", old));
+    EXPECT_TRUE(test::fileHolds(srv / "keep.txt", old));
     EXPECT_EQ(namesIn(srv.rootPath()), std::vector<std::string>{"keep.txt"});
 
     // The client resets the data connection in the middle of the upload.
@@ -752,7 +721,7 @@ TEST(FtpServer, UploadsOverAFileReplaceItOnlyWhenComplete) {
     data->set_option(asio::socket_base::linger(true, 0));
     data->close();
     EXPECT_EQ(c.reply().back(), "426 Connection closed; transfer aborted.");
-    EXPECT_TRUE(holds(srv / "keep.txt", old));
+    EXPECT_TRUE(test::fileHolds(srv / "keep.txt", old));
     EXPECT_EQ(namesIn(srv.rootPath()), std::vector<std::string>{"keep.txt"});
 
     // The disk fills up (here: the file-size limit) in the middle of the upload.
@@ -767,13 +736,13 @@ TEST(FtpServer, UploadsOverAFileReplaceItOnlyWhenComplete) {
         ::signal(SIGXFSZ, previous);
         EXPECT_EQ(full, "451 Requested action aborted: local error in processing.");
     }
-    EXPECT_TRUE(holds(srv / "keep.txt", old));
+    EXPECT_TRUE(test::fileHolds(srv / "keep.txt", old));
     EXPECT_EQ(namesIn(srv.rootPath()), std::vector<std::string>{"keep.txt"});
 
     // A complete upload takes the old file's place, with its permissions.
     fs::permissions(srv / "keep.txt", fs::perms(0640));
     EXPECT_EQ(upload(c, "keep.txt", content), "226 Transfer complete.");
-    EXPECT_TRUE(holds(srv / "keep.txt", content));
+    EXPECT_TRUE(test::fileHolds(srv / "keep.txt", content));
     EXPECT_EQ(fs::status(srv / "keep.txt").permissions(), fs::perms(0640));
     EXPECT_EQ(namesIn(srv.rootPath()), std::vector<std::string>{"keep.txt"});
 
@@ -788,7 +757,7 @@ TEST(FtpServer, UploadsOverAFileReplaceItOnlyWhenComplete) {
     d.send("STOR keep.txt");
     EXPECT_EQ(d.reply().back(), "150 Opening BINARY mode data connection for 'keep.txt'.");
     EXPECT_EQ(d.reply().back(), "425 Can't open data connection.");
-    EXPECT_TRUE(holds(impatient / "keep.txt", old));
+    EXPECT_TRUE(test::fileHolds(impatient / "keep.txt", old));
     EXPECT_EQ(namesIn(impatient.rootPath()), std::vector<std::string>{"keep.txt"});
 }
 
@@ -903,7 +872,7 @@ TEST(FtpServer, NoCommandReachesOutsideWhileALinkIsSwappedInUnderIt) {
             ASSERT_TRUE(data);
             c.send("NLST d");
             if (startsWith(c.reply().back(), "150 ")) {
-                EXPECT_EQ(RawFtpClient::readAll(*data).find("only-outside"), std::string::npos);
+                EXPECT_FALSE(test::contains(RawFtpClient::readAll(*data), "only-outside"));
                 c.reply();
             }
         }
@@ -918,7 +887,8 @@ TEST(FtpServer, ReportsChangedFoldersToTheNotificationObject) {
     ScratchDir local("notify");
     test::writeFile(local / "f.txt", "x");
     fs::create_directory(srv / "sub");
-    auto put = curl({"--user", "bob:s3cret pw", "-T", local / "f.txt", srv.url("/sub/f.txt")});
+    auto put =
+        test::curl({"--user", "bob:s3cret pw", "-T", local / "f.txt", srv.url("/sub/f.txt")});
     ASSERT_EQ(put.exitCode, 0) << put.err;
     RawFtpClient c(srv.port());
     ASSERT_TRUE(c.login("bob", "s3cret pw"));
@@ -941,7 +911,7 @@ TEST(FtpServer, SendsThumbnailsFromTheProviderForThumbnailNames) {
     RunningFtpServer srv(o);
     test::writeFile(srv / "photo.raw", "RAWDATA");
     test::writeFile(srv / "other.raw", "RAWDATA");
-    auto thumb = curl({"--user", "bob:s3cret pw", srv.url("/photo.raw::thumbnail")});
+    auto thumb = test::curl({"--user", "bob:s3cret pw", srv.url("/photo.raw::thumbnail")});
     EXPECT_EQ(thumb.exitCode, 0) << thumb.err;
     EXPECT_EQ(thumb.out, "JPEGDATA");
     RawFtpClient c(srv.port());
