@@ -37,16 +37,6 @@ using namespace std::chrono_literals;
 
 const std::string kPeer = QUILLON_SOURCE_DIR "/tests/nearby/nearby_peer.py";
 
-// Runs the main queue until `done` or the time-out; the last value of `done`.
-bool pumpUntil(const std::function<bool()>& done, std::chrono::seconds timeout) {
-    auto& queue = MainQueue::shared();
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    auto tick = queue.scheduleRepeating(100ms, [] {});
-    queue.runUntil([&] { return done() || std::chrono::steady_clock::now() > deadline; });
-    queue.cancel(tick);
-    return done();
-}
-
 class NearbyNetwork {
   public:
     struct Side {
@@ -253,10 +243,9 @@ TEST_F(NearbyTest, TreeArrivesWithBlanksSubfoldersTimesAndUniqueNames) {
     EXPECT_EQ(readFile(inbox + "/exact.bin"), "already here");
     EXPECT_EQ(readFile(inbox + "/exact-1.bin"), exact);
     EXPECT_EQ(mtime(inbox + "/exact-1.bin"), 1234567);  // whole seconds travel
-    EXPECT_NE(receiver->out().find("received exact.bin -> " + inbox + "/exact-1.bin"),
-              std::string::npos)
+    EXPECT_TRUE(test::contains(receiver->out(), "received exact.bin -> " + inbox + "/exact-1.bin"))
         << receiver->out();
-    EXPECT_NE(sent.out.find("sent Photos/2019/a   b.txt"), std::string::npos) << sent.out;
+    EXPECT_TRUE(test::contains(sent.out, "sent Photos/2019/a   b.txt")) << sent.out;
     EXPECT_TRUE(tree(PathUtils::getAppTempPath()).empty());
 }
 
@@ -306,8 +295,8 @@ TEST_F(NearbyTest, SenderSpeaksTheWireFormatAndStopsAtARefusal) {
         std::vector<std::string> expected{*port, "STORE STORE 2 1234567000 a  b.txt"};
         if (refuse) {
             EXPECT_EQ(sent.exitCode, 1);
-            EXPECT_NE(sent.err.find("Failed to send file! (Nearby File Transfer 10002)"),
-                      std::string::npos)
+            EXPECT_TRUE(
+                test::contains(sent.err, "Failed to send file! (Nearby File Transfer 10002)"))
                 << sent.err;
             expected.push_back("CLOSED");  // no further STORE, no DISCONNECT
         } else {
@@ -331,14 +320,14 @@ TEST_F(NearbyTest, SenderStillAnnouncesAFileItCannotOpen) {
     sender->connectHost(
         {asio::ip::make_address("127.0.0.1"), static_cast<unsigned short>(std::stoi(*port))},
         [&](const Status& s) { MainQueue::shared().post([&, s] { connected = s; }); });
-    ASSERT_TRUE(pumpUntil([&] { return connected.has_value(); }, 30s));
+    ASSERT_TRUE(test::pumpUntil([&] { return connected.has_value(); }));
     ASSERT_TRUE(*connected) << connected->error().describe();
     NearbyTransferMetadata gone{"gone.txt", dir / "gone.txt", std::nullopt, 0, 0, 0};
     sender->startToSendFile(gone, [&](const std::optional<Error>& e) {
         MainQueue::shared().post([&, e] { completions.push_back(e); });
     });
     // At once "Cannot open file!", then the receiver's answer to the empty data phase.
-    ASSERT_TRUE(pumpUntil([&] { return completions.size() == 2; }, 30s));
+    ASSERT_TRUE(test::pumpUntil([&] { return completions.size() == 2; }));
     ASSERT_TRUE(completions[0]);
     EXPECT_EQ(completions[0]->code, ErrorCode::NoPermission);
     EXPECT_EQ(completions[0]->reason, "Cannot open file!");
@@ -486,8 +475,7 @@ TEST_F(NearbyTest, DiscoveryListsResolvesAndDropsPeersBetweenTwoNamespaces) {
     // Without a daemon, discovery says so (sending to an address does not need it).
     auto noDaemon = test::runQuillon({"nearby", "peers"});
     EXPECT_EQ(noDaemon.exitCode, 1);
-    EXPECT_NE(noDaemon.err.find("no Avahi daemon can be reached"), std::string::npos)
-        << noDaemon.err;
+    EXPECT_TRUE(test::contains(noDaemon.err, "no Avahi daemon can be reached")) << noDaemon.err;
     NearbyNetwork net(dir / "net");
     ASSERT_TRUE(net.failure.empty()) << net.failure;
 
@@ -502,7 +490,7 @@ TEST_F(NearbyTest, DiscoveryListsResolvesAndDropsPeersBetweenTwoNamespaces) {
     fs::create_directories(dir / "own");
     ASSERT_TRUE(controller->startReceiving({dir / "own", "127.0.0.1", 0, true, false}));
     ASSERT_TRUE(controller->startBrowsing());
-    ASSERT_TRUE(pumpUntil([&] { return !controller->devices().empty(); }, 30s));
+    ASSERT_TRUE(test::pumpUntil([&] { return !controller->devices().empty(); }));
     auto alphaItem = controller->devices().front();
     EXPECT_EQ(alphaItem.hostname, "qnearby-alpha Wi-Fi");
     ASSERT_TRUE(alphaItem.netService && !alphaItem.netService->addresses.empty());
@@ -513,11 +501,11 @@ TEST_F(NearbyTest, DiscoveryListsResolvesAndDropsPeersBetweenTwoNamespaces) {
     auto peers = test::runProgram(
         net.inside(net.a, "qnearby-gamma", {QUILLON_BINARY, "nearby", "peers", "--json"}));
     EXPECT_EQ(peers.exitCode, 0) << peers.err;
-    EXPECT_NE(peers.out.find("{\"name\":\"qnearby-alpha Wi-Fi\",\"host\":\"" + net.a.ns +
-                             ".local\",\"addresses\":[\"10.213.7.1:4713\"]}"),
-              std::string::npos)
+    EXPECT_TRUE(test::contains(peers.out, "{\"name\":\"qnearby-alpha Wi-Fi\",\"host\":\"" +
+                                              net.a.ns +
+                                              ".local\",\"addresses\":[\"10.213.7.1:4713\"]}"))
         << peers.out;
-    EXPECT_NE(peers.out.find("\"addresses\":[\"10.213.7.2:"), std::string::npos) << peers.out;
+    EXPECT_TRUE(test::contains(peers.out, "\"addresses\":[\"10.213.7.2:")) << peers.out;
     EXPECT_EQ(controller->devices().size(), 1u);  // our own service stays out of our list
 
     // Beta sends to alpha by its device name.
@@ -530,7 +518,7 @@ TEST_F(NearbyTest, DiscoveryListsResolvesAndDropsPeersBetweenTwoNamespaces) {
 
     // Alpha stops: it leaves the list.
     EXPECT_EQ(alpha.stop(SIGTERM), 0) << alpha.err();
-    EXPECT_TRUE(pumpUntil([&] { return controller->devices().empty(); }, 30s));
+    EXPECT_TRUE(test::pumpUntil([&] { return controller->devices().empty(); }));
     controller->stopReceiving();
 }
 
