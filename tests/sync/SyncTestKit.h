@@ -190,37 +190,21 @@ struct SyncRun {
     }
 };
 
-inline bool isFinal(TransferTaskState s) {
-    return s == TransferTaskState::Completed || s == TransferTaskState::Stopped ||
-           s == TransferTaskState::Failed;
-}
-
-// Pumps the main queue until every task is final and its completion delivered.
+// Pumps the main queue until every task is final and its completion delivered: the manager lets
+// go of a task (its delegate) when the completion reaches it.
 inline bool pumpUntilDone(FileTransferTaskManager& manager,
                           const std::vector<std::shared_ptr<SyncTask>>& tasks,
                           std::chrono::seconds limit = std::chrono::seconds(180)) {
-    auto deadline = std::chrono::steady_clock::now() + limit;
-    auto& queue = MainQueue::shared();
-    auto timer = queue.scheduleRepeating(std::chrono::milliseconds(5), [] {});
-    bool ok = true;
-    queue.runUntil([&] {
-        bool done = !manager.hasActiveTasks();
-        for (auto& t : tasks)
-            done = done && (t->runFinished() ||
-                            (t->state() == TransferTaskState::Stopped && !t->startTime()));
-        if (done) return true;
-        if (std::chrono::steady_clock::now() > deadline) {
-            ok = false;
+    return pumpUntil(
+        [&] {
+            if (manager.hasActiveTasks()) return false;
+            for (auto& t : tasks)
+                if (t->startTime() ? !t->runFinished() || t->delegate()
+                                   : t->state() != TransferTaskState::Stopped)
+                    return false;
             return true;
-        }
-        return false;
-    });
-    queue.cancel(timer);
-    for (int i = 0; i < 5; ++i) {
-        queue.pump();
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return ok;
+        },
+        limit);
 }
 
 // Runs the pair's sync to its end. `onDecision` runs on the task's thread before each action.
