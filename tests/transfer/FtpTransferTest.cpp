@@ -26,10 +26,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::unique_ptr<FtpServer> startOrSkip(FtpServerKind kind, const FtpServerOptions& options = {}) {
-    return startFtpServer(kind, options);
-}
-
 void makeLocalTree(const std::string& root) {
     writeFile(root + "/a.txt", "alpha");
     writeFile(root + "/.hidden", "secret");
@@ -96,7 +92,7 @@ TEST(FtpTransfer, UploadsTreeAndDownloadsItBack) {
     IsolatedHome home;
     for (auto kind : {FtpServerKind::Vsftpd, FtpServerKind::PureFtpd}) {
         SCOPED_TRACE(std::string(ftpServerKindName(kind)));
-        auto server = startOrSkip(kind);
+        auto server = startFtpServer(kind);
         if (!server) continue;
         auto ftp = server->serverInfo();
         ScratchDir dir("ftptree");
@@ -129,7 +125,7 @@ TEST(FtpTransfer, UploadsTreeAndDownloadsItBack) {
 TEST(FtpTransfer, DownloadedLinkIsAFileNamedAfterItsTarget) {
     IsolatedHome home;
     // vsftpd lists links with their targets ("name -> target").
-    auto server = startOrSkip(FtpServerKind::Vsftpd);
+    auto server = startFtpServer(FtpServerKind::Vsftpd);
     if (!server) return;
     server->writeFile("/elsewhere/target.txt", "pointed at");
     server->makeDir("/box");
@@ -148,8 +144,8 @@ TEST(FtpTransfer, DownloadedLinkIsAFileNamedAfterItsTarget) {
 
 TEST(FtpTransfer, CrossCopyBetweenTwoDifferentServers) {
     IsolatedHome home;
-    auto from = startOrSkip(FtpServerKind::PureFtpd);
-    auto to = startOrSkip(FtpServerKind::Vsftpd);
+    auto from = startFtpServer(FtpServerKind::PureFtpd);
+    auto to = startFtpServer(FtpServerKind::Vsftpd);
     if (!from || !to) return;
     from->writeFile("/tree/a.txt", "alpha");
     from->writeFile("/tree/.hidden", "secret");
@@ -187,7 +183,7 @@ TEST(FtpTransfer, CrossCopyBetweenTwoDifferentServers) {
 
 TEST(FtpTransfer, KeepBothAndReplaceOnTheServer) {
     IsolatedHome home;
-    auto server = startOrSkip(FtpServerKind::PureFtpd);
+    auto server = startFtpServer(FtpServerKind::PureFtpd);
     if (!server) return;
     server->writeFile("/docs/report.txt", "first");
     server->writeFile("/docs/report-1.txt", "second");
@@ -227,7 +223,7 @@ TEST(FtpTransfer, KeepBothAndReplaceOnTheServer) {
 
 TEST(FtpTransfer, CancelledDownloadLeavesTargetFolderUntouched) {
     IsolatedHome home;
-    auto server = startOrSkip(FtpServerKind::Vsftpd);
+    auto server = startFtpServer(FtpServerKind::Vsftpd);
     if (!server) return;
     makeSparseFile(server->hostPath("/huge.bin"), 3ull << 30);
     server->chownTree();
@@ -255,7 +251,7 @@ TEST(FtpTransfer, CancelledDownloadLeavesTargetFolderUntouched) {
 
 TEST(FtpTransfer, ServerKilledMidDownloadFailsWithoutPartialTarget) {
     IsolatedHome home;
-    auto server = startOrSkip(FtpServerKind::Pyftpdlib);
+    auto server = startFtpServer(FtpServerKind::Pyftpdlib);
     if (!server) return;
     makeSparseFile(server->hostPath("/huge.bin"), 3ull << 30);
     server->chownTree();
@@ -283,7 +279,7 @@ TEST(FtpTransfer, ServerKilledMidDownloadFailsWithoutPartialTarget) {
 
 TEST(FtpTransfer, DownloadLargerThanFreeSpaceFailsBeforeAnyByte) {
     IsolatedHome home;
-    auto server = startOrSkip(FtpServerKind::Pyftpdlib);
+    auto server = startFtpServer(FtpServerKind::Pyftpdlib);
     if (!server) return;
     // Larger than every volume of this machine can hold, so no mount is needed for the check
     // itself; the command-line test runs the same case onto a small tmpfs.
