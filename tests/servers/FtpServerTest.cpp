@@ -40,10 +40,6 @@ FtpServerOptions userOptions() {
     return o;
 }
 
-bool startsWith(const std::string& s, const std::string& prefix) {
-    return s.rfind(prefix, 0) == 0;
-}
-
 // lftp with its home in a scratch folder, one try per command, and a script.
 test::CommandResult lftp(const std::string& home, int port, const std::string& login,
                          const std::string& script) {
@@ -127,7 +123,7 @@ TEST(FtpServer, AnswersEveryCommandWithItsExactReplyText) {
     EXPECT_EQ(c.ask("REST -1"), "501 Invalid REST parameter.");
     EXPECT_EQ(c.ask("LPRT 4,4,127,0,0,1,2,4,1"),
               "228 Entering Long Passive Mode     (af, hal, h1, h2, h3,..., pal, p1, p2...)");
-    EXPECT_TRUE(startsWith(c.ask("PASV"), "227 Entering Passive Mode (127,0,0,1,"));
+    EXPECT_TRUE(c.ask("PASV").starts_with("227 Entering Passive Mode (127,0,0,1,"));
     auto epsv = c.ask("EPSV");
     EXPECT_TRUE(
         std::regex_match(epsv, std::regex(R"(229 Entering Extended Passive Mode \(\|\|\|\d+\|\))")))
@@ -200,7 +196,7 @@ TEST(FtpServer, ListsAndTransfersOverRawDataConnections) {
     ASSERT_TRUE(data);
     c.send("MLST data.bin");
     EXPECT_EQ(c.reply().back(), "150 Opening BINARY mode data connection for 'data.bin'.");
-    EXPECT_TRUE(startsWith(RawFtpClient::readAll(*data), "type=file;size=300000;"));
+    EXPECT_TRUE(RawFtpClient::readAll(*data).starts_with("type=file;size=300000;"));
     EXPECT_EQ(c.reply().back(), "226 Transfer complete.");
 
     EXPECT_EQ(c.ask("REST 100000"), "350 Command successful.");
@@ -230,7 +226,7 @@ TEST(FtpServer, CurlListsDownloadsUploadsResumesAndManagesFiles) {
     auto list = test::curl({"--user", user, srv.url("/sub%20dir/")});
     EXPECT_EQ(list.exitCode, 0) << list.err;
     EXPECT_TRUE(test::contains(list.out, "größe data.bin")) << list.out;
-    EXPECT_TRUE(startsWith(list.out, "-rw-r--r--"));
+    EXPECT_TRUE(list.out.starts_with("-rw-r--r--"));
 
     auto get = test::curl(
         {"--user", user, "-o", local / "whole", srv.url("/sub%20dir/gr%C3%B6%C3%9Fe%20data.bin")});
@@ -512,7 +508,7 @@ TEST(FtpServer, HonoursTheSessionLimitUnderTwoHundredParallelSessions) {
     for (int i = 0; i < 200; ++i) clients.push_back(std::make_unique<RawFtpClient>(srv.port()));
     for (auto& c : clients) {
         auto banner = c->line();
-        if (startsWith(banner, "220 "))
+        if (banner.starts_with("220 "))
             ++welcomed;
         else if (banner == "421 Too many connections, try again later.")
             ++refused;
@@ -529,7 +525,7 @@ TEST(FtpServer, HonoursTheSessionLimitUnderTwoHundredParallelSessions) {
     // Closing is noticed asynchronously; once the server has, a newcomer gets in.
     ASSERT_TRUE(test::waitUntil([&] { return srv.server().connectionCount() == 0; }));
     RawFtpClient late(srv.port());
-    EXPECT_TRUE(startsWith(late.line(), "220 "));
+    EXPECT_TRUE(late.line().starts_with("220 "));
 }
 
 TEST(FtpServer, ClosesOnOverlongLinesAndAnswersJunkWithoutCrashing) {
@@ -619,7 +615,7 @@ TEST(FtpServer, ClosesIdleSessions) {
     o.idleTimeout = std::chrono::milliseconds(300);
     RunningFtpServer srv(o);
     RawFtpClient c(srv.port());
-    EXPECT_TRUE(startsWith(c.line(), "220 "));
+    EXPECT_TRUE(c.line().starts_with("220 "));
     EXPECT_EQ(c.line(), "421 Timeout: closing control connection.");
     EXPECT_TRUE(c.closedByServer());
     EXPECT_EQ(srv.server().connectionCount(), 0u);
@@ -649,7 +645,7 @@ TEST(FtpServer, InterruptedUploadKeepsWhatArrivedAndResumesFromSize) {
     }
     EXPECT_EQ(c.reply().back(), "426 Connection closed; transfer aborted.");
     auto size = c.ask("SIZE cut.bin");
-    ASSERT_TRUE(startsWith(size, "213 "));
+    ASSERT_TRUE(size.starts_with("213 "));
     auto have = std::stoul(size.substr(4));
     EXPECT_LE(have, 300000u);
     EXPECT_EQ(fs::file_size(srv / "cut.bin"), have);  // SIZE tells what is on disk
@@ -682,7 +678,7 @@ std::string upload(RawFtpClient& c, const std::string& name, const std::string& 
     if (!data) return "no data connection";
     c.send("STOR " + name);
     auto first = c.reply();
-    if (first.empty() || !startsWith(first.back(), "150 "))
+    if (first.empty() || !first.back().starts_with("150 "))
         return first.empty() ? "" : first.back();
     asio::error_code ec;
     asio::write(*data, asio::buffer(bytes), ec);
@@ -753,7 +749,7 @@ TEST(FtpServer, UploadsOverAFileReplaceItOnlyWhenComplete) {
     test::writeFile(impatient / "keep.txt", old);
     RawFtpClient d(impatient.port());
     ASSERT_TRUE(d.login("bob", "s3cret pw"));
-    ASSERT_TRUE(startsWith(d.ask("PASV"), "227 "));
+    ASSERT_TRUE(d.ask("PASV").starts_with("227 "));
     d.send("STOR keep.txt");
     EXPECT_EQ(d.reply().back(), "150 Opening BINARY mode data connection for 'keep.txt'.");
     EXPECT_EQ(d.reply().back(), "425 Can't open data connection.");
@@ -847,7 +843,7 @@ TEST(FtpServer, NoCommandReachesOutsideWhileALinkIsSwappedInUnderIt) {
             auto data = c.passive();
             ASSERT_TRUE(data);
             c.send("RETR d/f");
-            if (startsWith(c.reply().back(), "150 ")) {
+            if (c.reply().back().starts_with("150 ")) {
                 auto got = RawFtpClient::readAll(*data);
                 EXPECT_NE(got, canary) << "served the file outside";
                 served += got == "inside";
@@ -871,7 +867,7 @@ TEST(FtpServer, NoCommandReachesOutsideWhileALinkIsSwappedInUnderIt) {
             data = c.passive();
             ASSERT_TRUE(data);
             c.send("NLST d");
-            if (startsWith(c.reply().back(), "150 ")) {
+            if (c.reply().back().starts_with("150 ")) {
                 EXPECT_FALSE(test::contains(RawFtpClient::readAll(*data), "only-outside"));
                 c.reply();
             }
