@@ -28,15 +28,6 @@ int freeLoopbackPort() {
     return a.local_endpoint().port();
 }
 
-// Runs the main queue until `done` or ten seconds passed.
-void pumpUntil(const std::function<bool()>& done) {
-    bool timedOut = false;
-    auto timer =
-        MainQueue::shared().postAfter(std::chrono::seconds(10), [&timedOut] { timedOut = true; });
-    MainQueue::shared().runUntil([&] { return done() || timedOut; });
-    MainQueue::shared().cancel(timer);
-}
-
 TEST(FtpServerService, StartsFromThePreferencesPostsRefreshesAndStops) {
     test::IsolatedHome home;
     ScratchDir root("svcroot");
@@ -81,11 +72,10 @@ TEST(FtpServerService, StartsFromThePreferencesPostsRefreshesAndStops) {
     EXPECT_FALSE(service.startServer());  // already running
 
     std::string url = "ftp://127.0.0.1:" + std::to_string(port) + "/";
-    auto put = test::runProgram({"curl", "-q", "-s", "-S", "--max-time", "20", "--user",
-                                 "alice:pa ss", "-T", local / "up.txt", url + "up.txt"});
+    auto put = test::curl({"--user", "alice:pa ss", "-T", local / "up.txt", url + "up.txt"});
     EXPECT_EQ(put.exitCode, 0) << put.err;
     EXPECT_EQ(test::readFile(root / "up.txt"), "uploaded");
-    pumpUntil([&] { return !refreshed.empty(); });
+    EXPECT_TRUE(test::pumpUntil([&] { return !refreshed.empty(); }));
     EXPECT_EQ(refreshed, std::vector<std::string>{*FtpPath::canonical(root.path())});
 
     service.stopServer();
