@@ -74,7 +74,9 @@ void FreshHome::SetUp() {
     for (fs::directory_iterator it(home.path(), ec), end; !ec && it != end; it.increment(ec))
         fs::remove_all(it->path(), ec);
     ASSERT_TRUE(AppPreference::sharedAppPreference().load());
-    if (openDatabase_) ASSERT_TRUE(db.openDB());
+    if (openDatabase_) {
+        ASSERT_TRUE(db.openDB());
+    }
 }
 
 void FreshHome::TearDown() {
