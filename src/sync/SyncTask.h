@@ -29,6 +29,7 @@
 #include "sync/SyncDBManager.h"
 #include "sync/SyncInfo.h"
 #include "sync/SyncLocalService.h"
+#include "sync/SyncPlanner.h"
 #include "sync/SyncRemoteService.h"
 #include "transfer/FileTransferTask.h"
 
@@ -193,12 +194,12 @@ class SyncTask : public FileTransferTask {
 
     Result<std::shared_ptr<Listing>> listRemote(const KvMetadata& folder, bool exists);
     Result<std::shared_ptr<Listing>> listLocal(const KvMetadata& folder, bool exists);
-    Status syncRemoteFile(const KvMetadata& r, const KvMetadata* l, const KvMetadata& remoteFolder,
-                          const KvMetadata& localFolder);
-    Status syncRemoteSubfolder(const KvMetadata& r, const KvMetadata* l,
-                               const KvMetadata& localFolder);
-    Status syncLocalOnlyFile(const KvMetadata& l, const KvMetadata& remoteFolder);
-    Status syncLocalOnlySubfolder(const KvMetadata& l, const KvMetadata& remoteFolder);
+    // The planner's time comparisons, with exact server times where the listing is coarse.
+    SyncTimeRules timeRules();
+    Status carryOutRemoteItem(const SyncItemPlan& plan, const SyncItemState& item,
+                              const KvMetadata& remoteFolder, const KvMetadata& localFolder);
+    Status carryOutLocalOnlyItem(const SyncItemPlan& plan, const SyncItemState& item,
+                                 const KvMetadata& remoteFolder);
     Status runPlan();
     Status runPasses();
 
@@ -277,6 +278,8 @@ class SyncTask : public FileTransferTask {
     std::int64_t doneBytes_ = 0;
     std::atomic<std::uint64_t> transferGeneration_{0};
     int lockFd_ = -1;
+    // Another run holds the pair: this one leaves the pair's stored state alone.
+    bool refusedBusy_ = false;
     std::atomic<bool> runFinished_{false};
 };
 
