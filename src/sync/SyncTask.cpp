@@ -868,11 +868,10 @@ Status SyncTask::carryOutLocalOnlyItem(const SyncItemPlan& plan, const SyncItemS
         ++summary_.remoteFoldersCreated;
     }
     // The server's own record of the new folder (cloud drives give it its identifier).
-    if (auto listing = contentsOfDirectory(remoteFolder))
-        if (auto created = getMetadataByName(name, *listing)) {
-            created->parentFolderMeta = std::make_shared<const KvMetadata>(remoteFolder);
-            rm = *created;
-        }
+    if (auto created = w->metadataOfItemSync(rm)) {
+        created->parentFolderMeta = std::make_shared<const KvMetadata>(remoteFolder);
+        rm = *created;
+    }
     if (auto s = storeRecords(rm, l, sr, sl); !s) return s;
     return syncLocalFolder(l, rm);
 }
@@ -1062,13 +1061,13 @@ Status SyncTask::upload(const KvMetadata& l, const std::optional<KvMetadata>& r,
     if (!running()) return {};
     // The records hold the server's own size and time of the file.
     std::string name = nameOf(l);
-    auto listing = contentsOfDirectory(remoteFolder);
-    if (!listing) return std::unexpected(listing.error());
-    auto uploaded = getMetadataByName(name, *listing);
-    if (!uploaded)
+    auto uploaded =
+        wrapper()->metadataOfItemSync(RemoteUpload::itemInFolder(remoteFolder, name, false));
+    if (!uploaded && uploaded.error().is(ErrorKind::NotFound))
         return KvError::fail(
             ErrorDomain::FileTransfer, ErrorCode::TransferFailed,
             fmt::format("\"{}\" is missing on the server after its upload.", name));
+    if (!uploaded) return std::unexpected(uploaded.error());
     uploaded->parentFolderMeta = std::make_shared<const KvMetadata>(remoteFolder);
     std::optional<TimePoint> exact;
     if (coarseRemoteTimes()) exact = exactRemoteTime(*uploaded);

@@ -3,10 +3,42 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+
+#include "clients/local/LocalWrapper.h"
+#include "core/WrapperProxy.h"
 #include "sync/SyncTestKit.h"
 
 namespace quillon::test {
 namespace {
+
+// The local client, counting the folder listings a sync asks of it; a lookup of one item is
+// not counted as one, whatever the client does for it.
+class CountingLocalClient : public LocalWrapper {
+  public:
+    using LocalWrapper::LocalWrapper;
+    static inline std::atomic<int> listings{0};
+    Result<KvMetadataList> contentsOfDirectoryAtPathSync(const KvMetadata& folder) override {
+        if (!lookingUp_) ++listings;
+        return LocalWrapper::contentsOfDirectoryAtPathSync(folder);
+    }
+    Result<KvMetadata> metadataOfItemSync(const KvMetadata& item) override {
+        lookingUp_ = true;
+        auto found = LocalWrapper::metadataOfItemSync(item);
+        lookingUp_ = false;
+        return found;
+    }
+
+  private:
+    bool lookingUp_ = false;
+};
+
+void useLocalClient(bool counting) {
+    WrapperProxy::registerClass("LocalWrapper", [counting](ServerInfoPtr info) -> WrapperPtr {
+        if (counting) return std::make_shared<CountingLocalClient>(std::move(info));
+        return std::make_shared<LocalWrapper>(std::move(info));
+    });
+}
 
 TEST(SyncRun, ARunRefusedBecauseThePairIsBusyLeavesTheRunningPairsStateAlone) {
     ScratchDir remote{"syncbusy"};
@@ -46,6 +78,26 @@ TEST(SyncRun, ARunRefusedBecauseThePairIsBusyLeavesTheRunningPairsStateAlone) {
     EXPECT_EQ(run.stored.status, SyncStatus::Succeeded);
     EXPECT_GT(secondsOf(*run.stored.lastSyncDate), 1700000001.0);
     EXPECT_EQ(readFile(local + "/a.txt"), "a");
+}
+
+TEST(SyncRun, NewFilesInOneFolderCostNoListingEach) {
+    ScratchDir remote{"synccount"};
+    SyncInfo info = addPair(localFileSystem(), remote.path(), "count");
+    std::string local = SyncUtils::getSyncFolderPath("count");
+    for (int i = 0; i < 30; ++i) writeFile(local + "/sub/f" + std::to_string(i) + ".txt", "x");
+    CountingLocalClient::listings = 0;
+    useLocalClient(true);
+    auto run = runSync(info);
+    useLocalClient(false);
+    ASSERT_EQ(run.state(), TransferTaskState::Completed);
+    EXPECT_EQ(run.summary().uploaded, 30);
+    EXPECT_EQ(run.summary().remoteFoldersCreated, 1);
+    EXPECT_EQ(readFile(remote / "sub/f29.txt"), "x");
+    // The ability check, the plan and the new folder; not one per upload.
+    EXPECT_LT(CountingLocalClient::listings.load(), 10);
+    PairRecords records(info);
+    EXPECT_TRUE(records.hasRemote(remote / "sub/f0.txt"));
+    EXPECT_TRUE(records.hasRemote(remote / "sub", true));
 }
 
 }  // namespace
