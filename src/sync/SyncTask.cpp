@@ -110,6 +110,48 @@ std::string_view syncActionName(SyncAction action) {
     return "unknown";
 }
 
+SyncSummary summarizeDecisions(const std::vector<SyncDecision>& decisions) {
+    SyncSummary s;
+    for (auto& d : decisions) {
+        switch (d.action) {
+            case SyncAction::Download:
+                ++s.downloaded;
+                s.bytesDownloaded += static_cast<std::int64_t>(d.size);
+                break;
+            case SyncAction::Upload:
+                ++s.uploaded;
+                s.bytesUploaded += static_cast<std::int64_t>(d.size);
+                break;
+            case SyncAction::DeleteRemote:
+                ++s.deletedRemote;
+                break;
+            case SyncAction::DeleteLocal:
+                ++s.deletedLocal;
+                break;
+            case SyncAction::CreateLocalFolder:
+                ++s.localFoldersCreated;
+                break;
+            case SyncAction::CreateRemoteFolder:
+                ++s.remoteFoldersCreated;
+                break;
+            case SyncAction::DeleteRemoteFolder:
+                ++s.remoteFoldersDeleted;
+                break;
+            case SyncAction::DeleteLocalFolder:
+                ++s.localFoldersDeleted;
+                break;
+            case SyncAction::Keep:
+                ++s.kept;
+                break;
+            case SyncAction::Skip:
+                ++s.skipped;
+                break;
+        }
+        if (d.conflict) ++s.conflicts;
+    }
+    return s;
+}
+
 bool SyncSummary::nothingChanged() const {
     return downloaded == 0 && uploaded == 0 && deletedLocal == 0 && deletedRemote == 0 &&
            localFoldersCreated == 0 && remoteFoldersCreated == 0 && localFoldersDeleted == 0 &&
@@ -300,48 +342,26 @@ bool SyncTask::isRemoteRoot(const KvMetadata& folder) const {
 void SyncTask::decide(SyncDecision decision) {
     if (planning_) {
         std::lock_guard lock(mutex_);
-        switch (decision.action) {
-            case SyncAction::Download:
-                ++summary_.downloaded;
-                break;
-            case SyncAction::Upload:
-                ++summary_.uploaded;
-                break;
-            case SyncAction::DeleteRemote:
-                ++summary_.deletedRemote;
-                break;
-            case SyncAction::DeleteLocal:
-                ++summary_.deletedLocal;
-                break;
-            case SyncAction::CreateLocalFolder:
-                ++summary_.localFoldersCreated;
-                break;
-            case SyncAction::CreateRemoteFolder:
-                ++summary_.remoteFoldersCreated;
-                break;
-            case SyncAction::DeleteRemoteFolder:
-                ++summary_.remoteFoldersDeleted;
-                break;
-            case SyncAction::DeleteLocalFolder:
-                ++summary_.localFoldersDeleted;
-                break;
-            case SyncAction::Keep:
-                ++summary_.kept;
-                break;
-            case SyncAction::Skip:
-                ++summary_.skipped;
-                break;
-        }
-        if (decision.conflict) ++summary_.conflicts;
-        if (decision.action == SyncAction::Download)
-            summary_.bytesDownloaded += static_cast<std::int64_t>(decision.size);
-        if (decision.action == SyncAction::Upload)
-            summary_.bytesUploaded += static_cast<std::int64_t>(decision.size);
+        plan_.push_back(decision);
     } else if (decision.action == SyncAction::Keep || decision.action == SyncAction::Skip) {
         std::lock_guard lock(mutex_);
         ++(decision.action == SyncAction::Keep ? summary_.kept : summary_.skipped);
     }
     if (decisionHandler && !(planning_ && !options_.dryRun)) decisionHandler(decision);
+}
+
+std::vector<SyncDecision> SyncTask::plannedDecisions() const {
+    std::lock_guard lock(mutex_);
+    return plan_;
+}
+
+SyncSummary SyncTask::takePlanSummary() {
+    std::lock_guard lock(mutex_);
+    SyncSummary counted = summarizeDecisions(plan_);
+    counted.localFiles = summary_.localFiles;
+    counted.remoteFiles = summary_.remoteFiles;
+    summary_ = {};
+    return counted;
 }
 
 void SyncTask::countFiles(Side side, const KvMetadataList& entries) {
@@ -414,6 +434,7 @@ void SyncTask::startTransfer() {
     {
         std::lock_guard lock(mutex_);
         summary_ = {};
+        plan_.clear();
     }
     delRemoteFolders.clear();
     delLocalFolders.clear();
@@ -517,6 +538,9 @@ void SyncTask::startTransfer() {
     if (options_.dryRun) {
         planning_ = true;
         result = runPasses();
+        auto planned = takePlanSummary();
+        std::lock_guard lock(mutex_);
+        summary_ = planned;
     } else {
         if (options_.maxDeletePercent) result = runPlan();
         if (result) result = runPasses();
@@ -541,12 +565,8 @@ Status SyncTask::runPlan() {
     planning_ = true;
     auto planned = runPasses();
     planning_ = false;
-    SyncSummary plan;
-    {
-        std::lock_guard lock(mutex_);
-        plan = summary_;
-        summary_ = {};
-    }
+    // The deletion limit reads the plan; the run that acts counts what it does.
+    SyncSummary plan = takePlanSummary();
     delRemoteFolders.clear();
     delLocalFolders.clear();
     delRemoteFolderTwins_.clear();

@@ -87,6 +87,9 @@ struct SyncSummary {
     bool nothingChanged() const;
 };
 
+// The counts of a list of decisions (the files seen are not among them).
+SyncSummary summarizeDecisions(const std::vector<SyncDecision>& decisions);
+
 struct SyncOptions {
     // Decide and report every action without touching either side or the pair's records.
     bool dryRun = false;
@@ -123,6 +126,8 @@ class SyncTask : public FileTransferTask {
     SyncInfo syncInfo() const;
     const SyncOptions& options() const { return options_; }
     SyncSummary summary() const;
+    // The decisions of the planning pass (a dry run, or the pass the delete limit reads).
+    std::vector<SyncDecision> plannedDecisions() const;
     // True once the run has ended and handed its completion to the main queue (a stopped task
     // reaches state 3 before its thread is done).
     bool runFinished() const { return runFinished_.load(); }
@@ -240,6 +245,8 @@ class SyncTask : public FileTransferTask {
     Result<std::string> moveAsideAsOriginal(const KvMetadata& file);
 
     void decide(SyncDecision decision);
+    // The plan's counts with the files the planning pass saw; the running counts start over.
+    SyncSummary takePlanSummary();
     std::string relativeLocalPath(const std::string& localPath) const;
     KvMetadata localChild(const KvMetadata& folder, const std::string& name, bool isDir) const;
     bool isRemoteRoot(const KvMetadata& folder) const;
@@ -258,6 +265,7 @@ class SyncTask : public FileTransferTask {
     std::string localRootPrefix_;
     bool planning_ = false;
     SyncSummary summary_;
+    std::vector<SyncDecision> plan_;
     // Listings of the remote pass, reused by the local pass (keyed by local folder path).
     std::unordered_map<std::string, std::shared_ptr<PairListing>> listings_;
     // The other side's path of each folder in delRemoteFolders and delLocalFolders.
