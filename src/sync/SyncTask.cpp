@@ -54,10 +54,7 @@ double seconds(const std::optional<TimePoint>& t) {
     return std::chrono::duration<double>(t->time_since_epoch()).count();
 }
 
-// "if L's time is not later than R's, download R over L; else upload L over R"
-bool localIsNewer(const KvMetadata& l, const KvMetadata& r) {
-    return seconds(l.timestamp) > seconds(r.timestamp);
-}
+using SyncPlanner::localIsNewer;
 
 bool isWholeMinute(TimePoint t) {
     return t == std::chrono::floor<std::chrono::minutes>(t);
@@ -111,6 +108,48 @@ std::string_view syncActionName(SyncAction action) {
             return "skip";
     }
     return "unknown";
+}
+
+SyncSummary summarizeDecisions(const std::vector<SyncDecision>& decisions) {
+    SyncSummary s;
+    for (auto& d : decisions) {
+        switch (d.action) {
+            case SyncAction::Download:
+                ++s.downloaded;
+                s.bytesDownloaded += static_cast<std::int64_t>(d.size);
+                break;
+            case SyncAction::Upload:
+                ++s.uploaded;
+                s.bytesUploaded += static_cast<std::int64_t>(d.size);
+                break;
+            case SyncAction::DeleteRemote:
+                ++s.deletedRemote;
+                break;
+            case SyncAction::DeleteLocal:
+                ++s.deletedLocal;
+                break;
+            case SyncAction::CreateLocalFolder:
+                ++s.localFoldersCreated;
+                break;
+            case SyncAction::CreateRemoteFolder:
+                ++s.remoteFoldersCreated;
+                break;
+            case SyncAction::DeleteRemoteFolder:
+                ++s.remoteFoldersDeleted;
+                break;
+            case SyncAction::DeleteLocalFolder:
+                ++s.localFoldersDeleted;
+                break;
+            case SyncAction::Keep:
+                ++s.kept;
+                break;
+            case SyncAction::Skip:
+                ++s.skipped;
+                break;
+        }
+        if (d.conflict) ++s.conflicts;
+    }
+    return s;
 }
 
 bool SyncSummary::nothingChanged() const {
@@ -202,22 +241,11 @@ std::optional<KvMetadata> SyncTask::getMetadataByName(const std::string& name,
 }
 
 bool SyncTask::remoteChanged(const KvMetadata& item, const KvMetadata& record) {
-    if (!item.timestamp && !record.timestamp) return false;
-    if (SyncUtils::fuzzyCompareDate(item.timestamp, record.timestamp)) return false;
-    if (item.timestamp && record.timestamp) {
-        // Servers list files older than half a year with the day only: the same file then
-        // shows midnight of the day it was recorded with.
-        auto day = std::chrono::floor<std::chrono::days>(*item.timestamp);
-        if (*item.timestamp == day &&
-            std::chrono::floor<std::chrono::days>(*record.timestamp) == day)
-            return false;
-    }
-    return true;
+    return SyncPlanner::remoteChanged(item, record);
 }
 
 bool SyncTask::localChanged(const KvMetadata& item, const KvMetadata& record) {
-    if (!item.timestamp && !record.timestamp) return false;
-    return !SyncUtils::fuzzyCompareDate(item.timestamp, record.timestamp);
+    return SyncPlanner::localChanged(item, record);
 }
 
 bool SyncTask::isExactRecordedTime(TimePoint recorded) {
@@ -314,48 +342,26 @@ bool SyncTask::isRemoteRoot(const KvMetadata& folder) const {
 void SyncTask::decide(SyncDecision decision) {
     if (planning_) {
         std::lock_guard lock(mutex_);
-        switch (decision.action) {
-            case SyncAction::Download:
-                ++summary_.downloaded;
-                break;
-            case SyncAction::Upload:
-                ++summary_.uploaded;
-                break;
-            case SyncAction::DeleteRemote:
-                ++summary_.deletedRemote;
-                break;
-            case SyncAction::DeleteLocal:
-                ++summary_.deletedLocal;
-                break;
-            case SyncAction::CreateLocalFolder:
-                ++summary_.localFoldersCreated;
-                break;
-            case SyncAction::CreateRemoteFolder:
-                ++summary_.remoteFoldersCreated;
-                break;
-            case SyncAction::DeleteRemoteFolder:
-                ++summary_.remoteFoldersDeleted;
-                break;
-            case SyncAction::DeleteLocalFolder:
-                ++summary_.localFoldersDeleted;
-                break;
-            case SyncAction::Keep:
-                ++summary_.kept;
-                break;
-            case SyncAction::Skip:
-                ++summary_.skipped;
-                break;
-        }
-        if (decision.conflict) ++summary_.conflicts;
-        if (decision.action == SyncAction::Download)
-            summary_.bytesDownloaded += static_cast<std::int64_t>(decision.size);
-        if (decision.action == SyncAction::Upload)
-            summary_.bytesUploaded += static_cast<std::int64_t>(decision.size);
+        plan_.push_back(decision);
     } else if (decision.action == SyncAction::Keep || decision.action == SyncAction::Skip) {
         std::lock_guard lock(mutex_);
         ++(decision.action == SyncAction::Keep ? summary_.kept : summary_.skipped);
     }
     if (decisionHandler && !(planning_ && !options_.dryRun)) decisionHandler(decision);
+}
+
+std::vector<SyncDecision> SyncTask::plannedDecisions() const {
+    std::lock_guard lock(mutex_);
+    return plan_;
+}
+
+SyncSummary SyncTask::takePlanSummary() {
+    std::lock_guard lock(mutex_);
+    SyncSummary counted = summarizeDecisions(plan_);
+    counted.localFiles = summary_.localFiles;
+    counted.remoteFiles = summary_.remoteFiles;
+    summary_ = {};
+    return counted;
 }
 
 void SyncTask::countFiles(Side side, const KvMetadataList& entries) {
@@ -424,9 +430,11 @@ Result<std::shared_ptr<SyncTask::Listing>> SyncTask::listLocal(const KvMetadata&
 
 void SyncTask::startTransfer() {
     beginTransfer();
+    refusedBusy_ = false;
     {
         std::lock_guard lock(mutex_);
         summary_ = {};
+        plan_.clear();
     }
     delRemoteFolders.clear();
     delLocalFolders.clear();
@@ -449,11 +457,6 @@ void SyncTask::startTransfer() {
     }
     taskTempFolderPath = *temp;
 
-    if (!options_.dryRun) {
-        std::lock_guard lock(mutex_);
-        info_.status = SyncStatus::Running;
-        (void)SyncInfoService::sharedInstance().updateSyncStatus(info_);
-    }
     if (!info_.hasSafeLocalName()) {
         // A damaged or hostile database: the pair's folder would lie outside the sync folder.
         finish(KvError::errorWithDomain(
@@ -497,6 +500,7 @@ void SyncTask::startTransfer() {
 
     if (options_.dryRun && SyncUtils::isSyncRunning(localPath)) {
         // Its records are held by the running sync and change under a reader.
+        refusedBusy_ = true;
         finish(KvError::errorWithDomain(ErrorDomain::FileSync, kErrorBusy,
                                         "Another sync of this pair is running."));
         return;
@@ -506,10 +510,17 @@ void SyncTask::startTransfer() {
             ::open(join(localPath, kLockFileName).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
         if (lockFd_ < 0 || ::flock(lockFd_, LOCK_EX | LOCK_NB) != 0) {
             bool busy = errno == EWOULDBLOCK;
+            // The pair's status and time belong to the run that holds the lock.
+            refusedBusy_ = busy;
             finish(busy ? KvError::errorWithDomain(ErrorDomain::FileSync, kErrorBusy,
                                                    "Another sync of this pair is running.")
                         : localError(errno, join(localPath, kLockFileName)).error());
             return;
+        }
+        {
+            std::lock_guard lock(mutex_);
+            info_.status = SyncStatus::Running;
+            (void)SyncInfoService::sharedInstance().updateSyncStatus(info_);
         }
         if (!checkSyncCondition()) return;
     }
@@ -527,6 +538,9 @@ void SyncTask::startTransfer() {
     if (options_.dryRun) {
         planning_ = true;
         result = runPasses();
+        auto planned = takePlanSummary();
+        std::lock_guard lock(mutex_);
+        summary_ = planned;
     } else {
         if (options_.maxDeletePercent) result = runPlan();
         if (result) result = runPasses();
@@ -551,12 +565,8 @@ Status SyncTask::runPlan() {
     planning_ = true;
     auto planned = runPasses();
     planning_ = false;
-    SyncSummary plan;
-    {
-        std::lock_guard lock(mutex_);
-        plan = summary_;
-        summary_ = {};
-    }
+    // The deletion limit reads the plan; the run that acts counts what it does.
+    SyncSummary plan = takePlanSummary();
     delRemoteFolders.clear();
     delLocalFolders.clear();
     delRemoteFolderTwins_.clear();
@@ -626,7 +636,7 @@ void SyncTask::finish(std::optional<Error> error) {
 
 void SyncTask::completeFileTransfer(std::optional<Error> error) {
     if (!taskTempFolderPath.empty()) FileTransferUtils::removeTaskTempFolder(taskTempFolderPath);
-    if (!options_.dryRun) {
+    if (!options_.dryRun && !refusedBusy_) {
         SyncInfo info;
         {
             std::lock_guard lock(mutex_);
@@ -713,6 +723,17 @@ Status SyncTask::checkSyncCondition() {
 
 // --- Remote pass
 
+SyncTimeRules SyncTask::timeRules() {
+    SyncTimeRules rules;
+    rules.remoteChanged = [this](const KvMetadata& r, const KvMetadata& sr) {
+        return remoteChangedSince(r, sr);
+    };
+    rules.localIsNewer = [this](const KvMetadata& l, const KvMetadata& r) {
+        return localIsNewerThan(l, r);
+    };
+    return rules;
+}
+
 Status SyncTask::syncRemoteFolder(const KvMetadata& remoteFolder, const KvMetadata& localFolder) {
     auto remote = listRemote(remoteFolder, true);
     if (!remote) return std::unexpected(remote.error());
@@ -723,45 +744,60 @@ Status SyncTask::syncRemoteFolder(const KvMetadata& remoteFolder, const KvMetada
     // Kept small for the local pass, so that the listings themselves go when this folder is done.
     listings_[localFolder.pathOrEmpty()] = std::make_shared<PairListing>(**local, **remote);
 
+    auto rules = timeRules();
     for (auto& r : (*remote)->entries) {
         if (!running()) return {};
-        std::string name = nameOf(r);
-        const KvMetadata* l = (*local)->find(name);
-        if (r.isSymbolLink || (l && l->isSymbolLink)) {
-            decide({SyncAction::Skip, false, r.isDir, r.isSymbolLink,
-                    relativeLocalPath(join(localFolder.pathOrEmpty(), name)),
-                    "links are not synced"});
-            continue;
-        }
-        if (l && l->isDir != r.isDir) {
-            decide({SyncAction::Skip, false, r.isDir, true,
-                    relativeLocalPath(join(localFolder.pathOrEmpty(), name)),
-                    r.isDir ? "a folder on the server, a file here"
-                            : "a file on the server, a folder here"});
-            continue;
-        }
-        Status s = r.isDir ? syncRemoteSubfolder(r, l, localFolder)
-                           : syncRemoteFile(r, l, remoteFolder, localFolder);
-        if (!s) return s;
+        const KvMetadata* l = (*local)->find(nameOf(r));
+        SyncItemState item;
+        item.remote = r;
+        if (l) item.local = *l;
+        item.remoteRecord = remoteService_->getRemoteItemByRemoteMeta(r);
+        item.localRecord = localService_->getLocalItemByRemoteMeta(r);
+        auto plan = SyncPlanner::planRemoteItem(item, rules);
+        if (auto s = carryOutRemoteItem(plan, item, remoteFolder, localFolder); !s) return s;
     }
     return {};
 }
 
-Status SyncTask::syncRemoteSubfolder(const KvMetadata& r, const KvMetadata* l,
-                                     const KvMetadata& localFolder) {
-    auto sr = remoteService_->getRemoteItemByRemoteMeta(r);
-    auto sl = localService_->getLocalItemByRemoteMeta(r);
-    KvMetadata lm = l ? *l : localChild(localFolder, nameOf(r), true);
-    if (sr && !l) {
-        // Deleted locally since the last sync (or its deletion was interrupted): removed at the
-        // end, after both passes.
-        delRemoteFolders.push_back(r);
-        delRemoteFolderTwins_.push_back(lm.pathOrEmpty());
-        return {};
+Status SyncTask::carryOutRemoteItem(const SyncItemPlan& plan, const SyncItemState& item,
+                                    const KvMetadata& remoteFolder, const KvMetadata& localFolder) {
+    const KvMetadata& r = *item.remote;
+    const auto& l = item.local;
+    const auto& sr = item.remoteRecord;
+    const auto& sl = item.localRecord;
+    std::string localPath = join(localFolder.pathOrEmpty(), nameOf(r));
+    switch (plan.verdict) {
+        case SyncVerdict::Nothing:
+            return {};
+        case SyncVerdict::Skip: {
+            // A link lies on the side that holds it; a file facing a folder is the server's.
+            bool link = r.isSymbolLink || (l && l->isSymbolLink);
+            decide({SyncAction::Skip, false, r.isDir, link ? r.isSymbolLink : true,
+                    relativeLocalPath(localPath), plan.reason});
+            return {};
+        }
+        case SyncVerdict::Download:
+            return download(r, l, sr, sl, localFolder, plan.conflict, plan.keepLocalCopy,
+                            plan.reason);
+        case SyncVerdict::Upload:
+            return upload(*l, r, sr, sl, remoteFolder, plan.conflict, plan.reason);
+        case SyncVerdict::DeleteRemote:
+            return deleteRemoteFile(r, sr, sl, localPath, plan.reason);
+        case SyncVerdict::DeleteRemoteFolder:
+            // Removed at the end, after both passes.
+            delRemoteFolders.push_back(r);
+            delRemoteFolderTwins_.push_back(localPath);
+            return {};
+        case SyncVerdict::CreateLocalFolder:
+        case SyncVerdict::EnterFolder:
+            break;
+        default:
+            return {};
     }
-    if (!l) {
+    KvMetadata lm = l ? *l : localChild(localFolder, nameOf(r), true);
+    if (plan.verdict == SyncVerdict::CreateLocalFolder) {
         decide({SyncAction::CreateLocalFolder, false, true, false,
-                relativeLocalPath(lm.pathOrEmpty()), sr ? "no local record" : "new on the server"});
+                relativeLocalPath(lm.pathOrEmpty()), plan.reason});
         if (!planning_) {
             std::error_code ec;
             std::filesystem::create_directories(lm.pathOrEmpty(), ec);
@@ -778,56 +814,13 @@ Status SyncTask::syncRemoteSubfolder(const KvMetadata& r, const KvMetadata* l,
     return syncRemoteFolder(r, lm);
 }
 
-Status SyncTask::syncRemoteFile(const KvMetadata& r, const KvMetadata* l,
-                                const KvMetadata& remoteFolder, const KvMetadata& localFolder) {
-    auto sr = remoteService_->getRemoteItemByRemoteMeta(r);
-    auto sl = localService_->getLocalItemByRemoteMeta(r);
-    std::optional<KvMetadata> lo;
-    if (l) lo = *l;
-    // The local version that loses is kept beside the winner as "<name>.original" (unless it
-    // holds the same bytes), whether or not the pair was synced before.
-    auto newerWins = [&](const std::string& why) -> Status {
-        if (!localIsNewerThan(*l, r))
-            return download(r, lo, sr, sl, localFolder, true, true,
-                            why + "; the server's is newer");
-        return upload(*l, r, sr, sl, remoteFolder, true, why + "; the local one is newer");
-    };
-    if (!sr) {
-        if (!l) return download(r, lo, sr, sl, localFolder, false, false, "new on the server");
-        return newerWins("on both sides, never synced");
-    }
-    if (remoteChangedSince(r, *sr)) {
-        if (l && sl) {
-            if (!localChanged(*l, *sl))
-                return download(r, lo, sr, sl, localFolder, false, false, "changed on the server");
-            return newerWins("changed on both sides");
-        }
-        if (!l)
-            return download(r, lo, sr, sl, localFolder, false, false,
-                            "changed on the server since it was deleted here");
-        return newerWins("changed on the server, no local record");
-    }
-    if (!l) {
-        std::string localPath = join(localFolder.pathOrEmpty(), nameOf(r));
-        return deleteRemoteFile(
-            r, sr, sl, localPath,
-            sl ? "deleted here" : "deleted here (finishing an interrupted run)");
-    }
-    if (sl) {
-        if (localChanged(*l, *sl))
-            return upload(*l, r, sr, sl, remoteFolder, false, "changed here");
-        return {};
-    }
-    return newerWins("no local record");
-}
-
 // --- Local pass
 
 Status SyncTask::syncLocalFolder(const KvMetadata& localFolder, const KvMetadata& remoteFolder) {
-    std::shared_ptr<PairListing> plan;
+    std::shared_ptr<PairListing> pairListing;
     auto cached = listings_.find(localFolder.pathOrEmpty());
     if (cached != listings_.end()) {
-        plan = cached->second;
+        pairListing = cached->second;
     } else {
         auto local = listLocal(localFolder, true);
         if (!local) return std::unexpected(local.error());
@@ -836,53 +829,54 @@ Status SyncTask::syncLocalFolder(const KvMetadata& localFolder, const KvMetadata
             !planning_ || !plannedRemoteFolders_.contains(SyncUtils::getFullPath(remoteFolder));
         auto remote = listRemote(remoteFolder, remoteExists);
         if (!remote) return std::unexpected(remote.error());
-        plan = std::make_shared<PairListing>(**local, **remote);
+        pairListing = std::make_shared<PairListing>(**local, **remote);
     }
-    for (auto& step : plan->steps) {
+    for (auto& step : pairListing->steps) {
         if (!running()) return {};
         const KvMetadata& l = step.local;
         if (step.remoteFolder) {
             if (auto s = syncLocalFolder(l, *step.remoteFolder); !s) return s;
             continue;
         }
-        if (l.isSymbolLink) {
-            decide({SyncAction::Skip, false, l.isDir, false, relativeLocalPath(l.pathOrEmpty()),
-                    "links are not synced"});
-            continue;
-        }
-        Status s =
-            l.isDir ? syncLocalOnlySubfolder(l, remoteFolder) : syncLocalOnlyFile(l, remoteFolder);
-        if (!s) return s;
+        SyncItemState item;
+        item.local = l;
+        item.localRecord = localService_->getLocalItemByLocalMeta(l);
+        item.remoteRecord = remoteService_->getRemoteItemByLocalMeta(l);
+        auto plan = SyncPlanner::planLocalOnlyItem(item);
+        if (auto s = carryOutLocalOnlyItem(plan, item, remoteFolder); !s) return s;
     }
     return {};
 }
 
-Status SyncTask::syncLocalOnlyFile(const KvMetadata& l, const KvMetadata& remoteFolder) {
-    auto sl = localService_->getLocalItemByLocalMeta(l);
-    auto sr = remoteService_->getRemoteItemByLocalMeta(l);
-    if (!sl) return upload(l, std::nullopt, sr, sl, remoteFolder, false, "new here");
-    if (!localChanged(l, *sl))
-        return deleteLocalFile(
-            l, sl, sr,
-            sr ? "deleted on the server" : "deleted on the server (finishing an interrupted run)");
-    return upload(l, std::nullopt, sr, sl, remoteFolder, false,
-                  "changed here since it was deleted on the server");
-}
-
-Status SyncTask::syncLocalOnlySubfolder(const KvMetadata& l, const KvMetadata& remoteFolder) {
-    auto sl = localService_->getLocalItemByLocalMeta(l);
-    auto sr = remoteService_->getRemoteItemByLocalMeta(l);
+Status SyncTask::carryOutLocalOnlyItem(const SyncItemPlan& plan, const SyncItemState& item,
+                                       const KvMetadata& remoteFolder) {
+    const KvMetadata& l = *item.local;
+    const auto& sr = item.remoteRecord;
+    const auto& sl = item.localRecord;
+    switch (plan.verdict) {
+        case SyncVerdict::Skip:
+            decide({SyncAction::Skip, false, l.isDir, false, relativeLocalPath(l.pathOrEmpty()),
+                    plan.reason});
+            return {};
+        case SyncVerdict::Upload:
+            return upload(l, std::nullopt, sr, sl, remoteFolder, false, plan.reason);
+        case SyncVerdict::DeleteLocal:
+            return deleteLocalFile(l, sl, sr, plan.reason);
+        case SyncVerdict::DeleteLocalFolder:
+            // Removed at the end.
+            delLocalFolders.push_back(l);
+            delLocalFolderTwins_.push_back(
+                RemoteUpload::itemInFolder(remoteFolder, nameOf(l), true));
+            return {};
+        case SyncVerdict::CreateRemoteFolder:
+            break;
+        default:
+            return {};
+    }
     std::string name = nameOf(l);
     KvMetadata rm = RemoteUpload::itemInFolder(remoteFolder, name, true);
-    if (sl) {
-        // Deleted on the server since the last sync (or its deletion was interrupted): removed
-        // at the end.
-        delLocalFolders.push_back(l);
-        delLocalFolderTwins_.push_back(rm);
-        return {};
-    }
     decide({SyncAction::CreateRemoteFolder, false, true, false, relativeLocalPath(l.pathOrEmpty()),
-            sl ? "no remote record" : "new here"});
+            plan.reason});
     if (planning_) {
         plannedRemoteFolders_.insert(SyncUtils::getFullPath(rm));
         return syncLocalFolder(l, rm);
@@ -894,11 +888,10 @@ Status SyncTask::syncLocalOnlySubfolder(const KvMetadata& l, const KvMetadata& r
         ++summary_.remoteFoldersCreated;
     }
     // The server's own record of the new folder (cloud drives give it its identifier).
-    if (auto listing = contentsOfDirectory(remoteFolder))
-        if (auto created = getMetadataByName(name, *listing)) {
-            created->parentFolderMeta = std::make_shared<const KvMetadata>(remoteFolder);
-            rm = *created;
-        }
+    if (auto created = w->metadataOfItemSync(rm)) {
+        created->parentFolderMeta = std::make_shared<const KvMetadata>(remoteFolder);
+        rm = *created;
+    }
     if (auto s = storeRecords(rm, l, sr, sl); !s) return s;
     return syncLocalFolder(l, rm);
 }
@@ -1088,13 +1081,13 @@ Status SyncTask::upload(const KvMetadata& l, const std::optional<KvMetadata>& r,
     if (!running()) return {};
     // The records hold the server's own size and time of the file.
     std::string name = nameOf(l);
-    auto listing = contentsOfDirectory(remoteFolder);
-    if (!listing) return std::unexpected(listing.error());
-    auto uploaded = getMetadataByName(name, *listing);
-    if (!uploaded)
+    auto uploaded =
+        wrapper()->metadataOfItemSync(RemoteUpload::itemInFolder(remoteFolder, name, false));
+    if (!uploaded && uploaded.error().is(ErrorKind::NotFound))
         return KvError::fail(
             ErrorDomain::FileTransfer, ErrorCode::TransferFailed,
             fmt::format("\"{}\" is missing on the server after its upload.", name));
+    if (!uploaded) return std::unexpected(uploaded.error());
     uploaded->parentFolderMeta = std::make_shared<const KvMetadata>(remoteFolder);
     std::optional<TimePoint> exact;
     if (coarseRemoteTimes()) exact = exactRemoteTime(*uploaded);

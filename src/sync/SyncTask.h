@@ -29,6 +29,7 @@
 #include "sync/SyncDBManager.h"
 #include "sync/SyncInfo.h"
 #include "sync/SyncLocalService.h"
+#include "sync/SyncPlanner.h"
 #include "sync/SyncRemoteService.h"
 #include "transfer/FileTransferTask.h"
 
@@ -86,6 +87,9 @@ struct SyncSummary {
     bool nothingChanged() const;
 };
 
+// The counts of a list of decisions (the files seen are not among them).
+SyncSummary summarizeDecisions(const std::vector<SyncDecision>& decisions);
+
 struct SyncOptions {
     // Decide and report every action without touching either side or the pair's records.
     bool dryRun = false;
@@ -122,6 +126,8 @@ class SyncTask : public FileTransferTask {
     SyncInfo syncInfo() const;
     const SyncOptions& options() const { return options_; }
     SyncSummary summary() const;
+    // The decisions of the planning pass (a dry run, or the pass the delete limit reads).
+    std::vector<SyncDecision> plannedDecisions() const;
     // True once the run has ended and handed its completion to the main queue (a stopped task
     // reaches state 3 before its thread is done).
     bool runFinished() const { return runFinished_.load(); }
@@ -193,12 +199,12 @@ class SyncTask : public FileTransferTask {
 
     Result<std::shared_ptr<Listing>> listRemote(const KvMetadata& folder, bool exists);
     Result<std::shared_ptr<Listing>> listLocal(const KvMetadata& folder, bool exists);
-    Status syncRemoteFile(const KvMetadata& r, const KvMetadata* l, const KvMetadata& remoteFolder,
-                          const KvMetadata& localFolder);
-    Status syncRemoteSubfolder(const KvMetadata& r, const KvMetadata* l,
-                               const KvMetadata& localFolder);
-    Status syncLocalOnlyFile(const KvMetadata& l, const KvMetadata& remoteFolder);
-    Status syncLocalOnlySubfolder(const KvMetadata& l, const KvMetadata& remoteFolder);
+    // The planner's time comparisons, with exact server times where the listing is coarse.
+    SyncTimeRules timeRules();
+    Status carryOutRemoteItem(const SyncItemPlan& plan, const SyncItemState& item,
+                              const KvMetadata& remoteFolder, const KvMetadata& localFolder);
+    Status carryOutLocalOnlyItem(const SyncItemPlan& plan, const SyncItemState& item,
+                                 const KvMetadata& remoteFolder);
     Status runPlan();
     Status runPasses();
 
@@ -239,6 +245,8 @@ class SyncTask : public FileTransferTask {
     Result<std::string> moveAsideAsOriginal(const KvMetadata& file);
 
     void decide(SyncDecision decision);
+    // The plan's counts with the files the planning pass saw; the running counts start over.
+    SyncSummary takePlanSummary();
     std::string relativeLocalPath(const std::string& localPath) const;
     KvMetadata localChild(const KvMetadata& folder, const std::string& name, bool isDir) const;
     bool isRemoteRoot(const KvMetadata& folder) const;
@@ -257,6 +265,7 @@ class SyncTask : public FileTransferTask {
     std::string localRootPrefix_;
     bool planning_ = false;
     SyncSummary summary_;
+    std::vector<SyncDecision> plan_;
     // Listings of the remote pass, reused by the local pass (keyed by local folder path).
     std::unordered_map<std::string, std::shared_ptr<PairListing>> listings_;
     // The other side's path of each folder in delRemoteFolders and delLocalFolders.
@@ -277,6 +286,8 @@ class SyncTask : public FileTransferTask {
     std::int64_t doneBytes_ = 0;
     std::atomic<std::uint64_t> transferGeneration_{0};
     int lockFd_ = -1;
+    // Another run holds the pair: this one leaves the pair's stored state alone.
+    bool refusedBusy_ = false;
     std::atomic<bool> runFinished_{false};
 };
 

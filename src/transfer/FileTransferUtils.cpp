@@ -167,22 +167,24 @@ Status checkUploadedSize(Wrapper& wrapper, const std::string& localPath, const K
                          const std::string& name) {
     struct stat st {};
     if (wrapper.capabilities().checksUploadSize || ::stat(localPath.c_str(), &st) != 0) return {};
-    // Uploads may go up under a hidden name first.
-    bool hidden = wrapper.forceIncludesHiddenFiles();
-    wrapper.setForceIncludesHiddenFiles(true);
-    auto listing = wrapper.contentsOfDirectoryAtPathSync(folder);
-    wrapper.setForceIncludesHiddenFiles(hidden);
-    if (!listing) return std::unexpected(listing.error());
-    auto expected = static_cast<std::uint64_t>(st.st_size);
-    for (auto& item : *listing) {
-        if (item.isDir || itemName(item) != name || !item.fileSizeInBytes ||
-            *item.fileSizeInBytes == expected)
-            continue;
-        return KvError::fail(ErrorDomain::FileTransfer, ErrorCode::UploadFailed,
-                             fmt::format("{} arrived with {} of its {} bytes", name,
-                                         *item.fileSizeInBytes, expected));
+    // One lookup, not a listing of the folder: n uploads into a folder stay O(n).
+    KvMetadata uploaded(
+        StringUtils::stringByAppendingPathComponentDirectly(folder.pathOrEmpty(), name));
+    uploaded.setName(name);
+    uploaded.serverID = folder.serverID;
+    uploaded.protocolType = folder.protocolType;
+    uploaded.parentFolderMeta = std::make_shared<KvMetadata>(folder);
+    if (folder.protocolType == 0) uploaded.localPath = uploaded.path();
+    auto item = wrapper.metadataOfItemSync(uploaded);
+    if (!item) {
+        if (item.error().is(ErrorKind::NotFound)) return {};
+        return std::unexpected(item.error());
     }
-    return {};
+    auto expected = static_cast<std::uint64_t>(st.st_size);
+    if (item->isDir || !item->fileSizeInBytes || *item->fileSizeInBytes == expected) return {};
+    return KvError::fail(
+        ErrorDomain::FileTransfer, ErrorCode::UploadFailed,
+        fmt::format("{} arrived with {} of its {} bytes", name, *item->fileSizeInBytes, expected));
 }
 
 std::string parentPath(std::string_view path) {
