@@ -7,7 +7,6 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <map>
@@ -17,10 +16,12 @@
 #include <vector>
 
 #include "app/cli/Cli.h"
-#include "app/cli/Location.h"
 #include "app/cli/ProgressView.h"
+#include "app/cli/StopSignals.h"
+#include "archives/ArchiveTask.h"
 #include "archives/FileCompressor.h"
 #include "core/FileService.h"
+#include "core/Location.h"
 #include "core/MainQueue.h"
 #include "core/PathUtils.h"
 #include "core/StringEncoding.h"
@@ -35,68 +36,11 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Ctrl-C (or SIGTERM, SIGHUP): the first stops the work and removes its partial output, a
-// second ends the process at once.
-std::atomic<int> gInterrupts{0};
-
-void onInterrupt(int sig) {
-    if (gInterrupts.fetch_add(1) >= 1) ::_exit(128 + sig);
-}
-
-class InterruptGuard {
-  public:
-    InterruptGuard() {
-        gInterrupts = 0;
-        struct sigaction sa {};
-        sa.sa_handler = onInterrupt;
-        sigemptyset(&sa.sa_mask);
-        for (int i = 0; i < 3; ++i) ::sigaction(kSignals[i], &sa, &previous_[i]);
-    }
-    ~InterruptGuard() {
-        for (int i = 0; i < 3; ++i) ::sigaction(kSignals[i], &previous_[i], nullptr);
-    }
-    InterruptGuard(const InterruptGuard&) = delete;
-    InterruptGuard& operator=(const InterruptGuard&) = delete;
-
-  private:
-    static constexpr int kSignals[3] = {SIGINT, SIGTERM, SIGHUP};
-    struct sigaction previous_[3]{};
-};
-
 std::string errorText(const Error& error) {
     if (error.domain == ErrorDomain::Archive)
         return ArchiveError::title(error) + ": " + error.reason;
     return error.describe();
 }
-
-// One FileCompressor run as a transfer task: its bytes are the task's progress, and a stop
-// cancels it (which removes its partial output).
-class ArchiveTask : public FileTransferTask {
-  public:
-    using Work = std::function<Status(FileCompressor&)>;
-    ArchiveTask(unsigned long encoding, Work work) : compressor(encoding), work_(std::move(work)) {}
-
-    void startTransfer() override {
-        beginTransfer();
-        compressor.progressHandler = [this](int, std::int64_t done, std::int64_t total) {
-            setTotalBytes(total);
-            raiseTransferredBytes(done);
-            reportProgress();
-        };
-        auto result = work_(compressor);
-        completeFileTransfer(result ? std::nullopt : std::optional<Error>(result.error()));
-    }
-    void cancelTransfer() override {
-        setState(TransferTaskState::Stopped);
-        compressor.cancelOperation();
-    }
-    std::string_view taskClassName() const override { return "ArchiveTask"; }
-
-    FileCompressor compressor;
-
-  private:
-    Work work_;
-};
 
 // Answers the manager's questions without asking: one conflict choice for every item, and a
 // failure never stops the other tasks (each is reported on its own).
@@ -106,8 +50,8 @@ class FixedPrompts : public UserPrompts {
     void resolveConflict(const ResolveConflictItem&, ConflictAnswer answer) override {
         answer(action_, true);
     }
-    FailureChoice alertTaskFailure(const std::string&, bool) override {
-        return FailureChoice::Ignore;
+    void alertTaskFailure(const std::string&, bool, FailureAnswer answer) override {
+        answer(FailureChoice::Ignore);
     }
 
   private:
@@ -125,24 +69,8 @@ class ArchiveConsole : public ProgressView {
         ProgressView::add(task, std::move(label));
         doneTexts_[task.get()] = std::move(doneText);
     }
-    bool isDisplayed() const override { return true; }
-    void updateProgress(FileTransferTask& task, std::int64_t done, std::int64_t total) override {
-        Row* row = find(task);
-        if (!row) return;
-        if (task.delegate() == nullptr && task.state() != TransferTaskState::Running &&
-            task.state() != TransferTaskState::Waiting) {
-            if (!row->ended) report(*row);
-            return;
-        }
-        ProgressView::updateProgress(task, done, total);
-    }
-    bool allDone() const {
-        for (auto& row : rows_) {
-            auto s = row.task->state();
-            if (s == TransferTaskState::Waiting || s == TransferTaskState::Running) return false;
-            if (row.task->delegate() != nullptr) return false;
-        }
-        return true;
+    void taskEnded(FileTransferTask& task) override {
+        if (Row* row = find(task); row && !row->ended) report(*row);
     }
     void reportRest() {
         for (auto& row : rows_)
@@ -179,23 +107,17 @@ bool runTasks(const std::shared_ptr<ArchiveConsole>& console,
     if (tasks.empty()) return true;
     auto& manager = FileTransferTaskManager::sharedInstance();
     manager.setUserPrompts(std::make_shared<FixedPrompts>(onConflict));
-    manager.setFileTransferView(console);
-    bool stopping = false;
-    auto timer = MainQueue::shared().scheduleRepeating(std::chrono::milliseconds(100), [&] {
-        if (gInterrupts > 0 && !stopping) {
-            stopping = true;
-            manager.stopAllTasks();
-        }
-        console->tick();
-    });
+    manager.addObserver(console);
+    auto timer = MainQueue::shared().scheduleRepeating(std::chrono::milliseconds(100),
+                                                       [&] { console->tick(); });
     for (auto& t : tasks) manager.addTask(t);
     manager.start();
     MainQueue::shared().runUntil([&] { return console->allDone(); });
     MainQueue::shared().cancel(timer);
     console->reportRest();
-    manager.setFileTransferView(nullptr);
+    manager.removeObserver(console);
     manager.setUserPrompts(nullptr);
-    bool ok = gInterrupts == 0;
+    bool ok = !StopSignals::stopRequested();
     for (auto& t : tasks) ok = ok && t->state() == TransferTaskState::Completed;
     return ok;
 }
@@ -213,7 +135,7 @@ void keepTimeZone() {
 }
 
 int interruptedOr(int rc) {
-    return gInterrupts > 0 ? 128 + SIGINT : rc;
+    return StopSignals::stopRequested() ? 128 + SIGINT : rc;
 }
 
 Result<std::optional<std::string>> passwordOption(bool fromStdin) {
@@ -264,7 +186,10 @@ int runZip(const ZipOptions& opt) {
         return fmt::format("zipped {} -> {}  {}", formatBytes(task->totalBytes()), zipPath,
                            formatBytes(ec ? 0 : static_cast<std::int64_t>(size)));
     });
-    InterruptGuard interrupts;
+    // Ctrl-C (or SIGTERM, SIGHUP) stops the work and removes its partial output; a second one
+    // ends the process at once.
+    StopSignals signals(StopSignals::Second::Exit,
+                        [](int) { FileTransferTaskManager::sharedInstance().stopAllTasks(); });
     bool ok = runTasks(console, {task}, ConflictAction::Replace);
     return interruptedOr(ok ? kExitOk : kExitError);
 }
@@ -361,7 +286,8 @@ int runExtract(const ExtractOptions& opt) {
     if (planned.empty()) return rc;
 
     auto console = std::make_shared<ArchiveConsole>();
-    InterruptGuard interrupts;
+    StopSignals signals(StopSignals::Second::Exit,
+                        [](int) { FileTransferTaskManager::sharedInstance().stopAllTasks(); });
     // Archives on servers come into the cache first; a copy there from before is replaced.
     std::vector<FileTransferTaskPtr> downloads;
     for (auto& p : planned) {
@@ -380,7 +306,7 @@ int runExtract(const ExtractOptions& opt) {
         downloads.push_back(task);
     }
     if (!runTasks(console, downloads, ConflictAction::Replace)) rc = kExitError;
-    if (gInterrupts > 0) return interruptedOr(rc);
+    if (StopSignals::stopRequested()) return interruptedOr(rc);
 
     std::vector<FileTransferTaskPtr> extractions;
     for (auto& p : planned) {
@@ -404,7 +330,7 @@ int runExtract(const ExtractOptions& opt) {
         extractions.push_back(p.extraction);
     }
     if (!runTasks(console, extractions, ConflictAction::Replace)) rc = kExitError;
-    if (gInterrupts > 0 || scratch.empty()) return interruptedOr(rc);
+    if (StopSignals::stopRequested() || scratch.empty()) return interruptedOr(rc);
 
     // Into the server: each output folder is uploaded; a name taken there keeps both.
     std::vector<FileTransferTaskPtr> uploads;
