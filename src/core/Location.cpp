@@ -89,6 +89,8 @@ std::optional<ParsedUrl> parseUrl(const std::string& text) {
     for (unsigned char c : u.scheme)
         if (!std::isalnum(c) && c != '+' && c != '-' && c != '.') return std::nullopt;
     std::string_view rest = std::string_view(text).substr(sep + 3);
+    // A third slash is taken as part of "//", as browsers do.
+    if (rest.starts_with('/')) rest.remove_prefix(1);
     auto authorityEnd = rest.find_first_of("/?#");
     std::string_view authority = rest.substr(0, authorityEnd);
     std::string_view tail =
