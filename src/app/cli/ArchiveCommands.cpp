@@ -19,16 +19,14 @@
 #include "app/cli/ProgressView.h"
 #include "app/cli/StopSignals.h"
 #include "archives/ArchiveTask.h"
+#include "archives/ExtractionPlan.h"
 #include "archives/FileCompressor.h"
-#include "core/FileService.h"
 #include "core/Location.h"
 #include "core/MainQueue.h"
 #include "core/PathUtils.h"
 #include "core/StringEncoding.h"
 #include "core/StringUtils.h"
-#include "transfer/DownloadTask.h"
 #include "transfer/FileTransferTaskManager.h"
-#include "transfer/UploadTask.h"
 
 namespace quillon::cli {
 
@@ -201,15 +199,6 @@ struct ExtractOptions {
     std::string encoding;
 };
 
-// One archive of `quillon extract` on its way through download, extraction and upload.
-struct Planned {
-    Location source;
-    KvMetadata item;
-    std::string localPath;  // the archive on this computer (in the cache for a server's)
-    std::string parent;     // the local folder its output folder goes into
-    std::shared_ptr<ArchiveTask> extraction;
-};
-
 int runExtract(const ExtractOptions& opt) {
     keepTimeZone();
     unsigned long encoding = StringEncoding::UTF8;
@@ -226,134 +215,60 @@ int runExtract(const ExtractOptions& opt) {
     if (!opt.to.empty()) {
         auto loc = resolveLocation(opt.to);
         if (!loc) return reportError(loc.error());
-        auto item = statLocation(*loc);
-        if (!item) return reportError(item.error());
-        if (!item->isDir) return reportMessage(loc->display() + " is not a folder.");
         target = *loc;
     }
-    // A server target: extract into a scratch folder of our own, then upload.
-    std::string scratch;
-    if (target && !target->isLocal()) {
-        scratch = PathUtils::getAppTempPath() + "/extract-" + makeUUID();
-        if (!PathUtils::ensureFolder(scratch))
-            return reportMessage("cannot create the scratch folder " + scratch + ".");
-    }
-    struct ScratchGuard {
-        std::string path;
-        ~ScratchGuard() {
-            std::error_code ec;
-            if (!path.empty()) fs::remove_all(path, ec);
-        }
-    } scratchGuard{scratch};
+    auto plan = ExtractionPlan::into(target, absoluteCurrentFolder(), encoding, *password);
+    if (!plan) return reportRefusal(plan.error());
 
     int rc = kExitOk;
-    std::vector<Planned> planned;
     for (auto& text : opt.archives) {
         auto loc = resolveLocation(text);
         if (!loc) {
             rc = reportError(loc.error());
             continue;
         }
-        auto name = StringUtils::lastPathComponent(loc->path);
-        if (!FileCompressor::canDecompress(name)) {
-            rc = reportMessage(loc->display() + " is not an archive that can be extracted here.");
-            continue;
-        }
-        auto item = statLocation(*loc);
-        if (!item) {
-            rc = reportError(item.error());
-            continue;
-        }
-        if (item->isDir) {
-            rc = reportMessage(loc->display() + " is a folder.");
-            continue;
-        }
-        Planned p{*loc, *item, loc->path, {}, nullptr};
-        if (!loc->isLocal()) {
-            auto cached = FileService::sharedService().cachePathForMetadata(*item, *loc->server);
-            p.localPath = fs::path(cached).parent_path().string() + "/" + name;
-        }
-        if (!scratch.empty())
-            p.parent = scratch;
-        else if (target)
-            p.parent = target->path;
-        else if (loc->isLocal())
-            p.parent = fs::path(loc->path).parent_path().string();
-        else
-            p.parent = absoluteCurrentFolder();
-        planned.push_back(std::move(p));
+        if (auto refusal = plan->add(*loc)) rc = reportRefusal(*refusal);
     }
-    if (planned.empty()) return rc;
+    if (plan->empty()) return rc;
 
     auto console = std::make_shared<ArchiveConsole>();
     StopSignals signals(StopSignals::Second::Exit,
                         [](int) { FileTransferTaskManager::sharedInstance().stopAllTasks(); });
-    // Archives on servers come into the cache first; a copy there from before is replaced.
-    std::vector<FileTransferTaskPtr> downloads;
-    for (auto& p : planned) {
-        if (p.source.isLocal()) continue;
-        std::string folder = fs::path(p.localPath).parent_path().string();
-        PathUtils::ensureFolder(folder);
-        auto local = resolveLocation(folder);
-        if (!local) return reportError(local.error());
-        auto task = std::make_shared<DownloadTask>();
-        task->sourceServerInfo = p.source.server;
-        task->targetServerInfo = local->server;
-        task->sourceItems = {p.item};
-        task->sourceMetadata = p.item;
-        task->targetMetadata = local->metadata(true);
-        console->add(task, p.source.display(), nullptr);
-        downloads.push_back(task);
+    auto downloads = plan->downloadTasks();
+    if (!downloads) return reportError(downloads.error());
+    std::vector<FileTransferTaskPtr> tasks;
+    for (auto& d : *downloads) {
+        console->add(d.task, d.label, nullptr);
+        tasks.push_back(d.task);
     }
-    if (!runTasks(console, downloads, ConflictAction::Replace)) rc = kExitError;
+    if (!runTasks(console, tasks, ConflictAction::Replace)) rc = kExitError;
     if (StopSignals::stopRequested()) return interruptedOr(rc);
 
-    std::vector<FileTransferTaskPtr> extractions;
-    for (auto& p : planned) {
-        std::error_code ec;
-        if (!p.source.isLocal() && !fs::is_regular_file(p.localPath, ec)) continue;  // not fetched
-        std::string archive = p.localPath, parent = p.parent;
-        p.extraction = std::make_shared<ArchiveTask>(
-            encoding, [archive, parent, password = *password](FileCompressor& c) {
-                return c.decompressFile(archive, parent, password);
-            });
-        auto* task = p.extraction.get();
-        task->sourceMetadata = p.source.metadata(false);
-        task->targetMetadata = KvMetadata(parent);
-        std::string label = StringUtils::lastPathComponent(p.localPath);
-        bool uploading = !scratch.empty();
-        console->add(p.extraction, label, [task, label, uploading] {
+    tasks.clear();
+    bool uploading = plan->uploads();
+    for (auto& [task, label] : plan->extractionTasks()) {
+        console->add(task, label, [task = task.get(), label, uploading] {
             if (uploading) return std::string();
             return fmt::format("extracted {} -> {}", label,
                                task->compressor.decompressOutputFolder());
         });
-        extractions.push_back(p.extraction);
+        tasks.push_back(task);
     }
-    if (!runTasks(console, extractions, ConflictAction::Replace)) rc = kExitError;
-    if (StopSignals::stopRequested() || scratch.empty()) return interruptedOr(rc);
+    if (!runTasks(console, tasks, ConflictAction::Replace)) rc = kExitError;
+    if (StopSignals::stopRequested() || !uploading) return interruptedOr(rc);
 
     // Into the server: each output folder is uploaded; a name taken there keeps both.
-    std::vector<FileTransferTaskPtr> uploads;
-    KvMetadata targetFolder = target->metadata(true);
-    for (auto& p : planned) {
-        if (!p.extraction || p.extraction->state() != TransferTaskState::Completed) continue;
-        auto output = resolveLocation(p.extraction->compressor.decompressOutputFolder());
-        if (!output) return reportError(output.error());
-        auto item = statLocation(*output);
-        if (!item) return reportError(item.error());
-        auto task = std::make_shared<UploadTask>();
-        task->sourceServerInfo = output->server;
-        task->targetServerInfo = target->server;
-        task->sourceItems = {*item};
-        task->sourceMetadata = *item;
-        task->targetMetadata = targetFolder;
-        std::string label = StringUtils::lastPathComponent(p.localPath);
-        std::string where = target->display();
-        console->add(task, label,
-                     [label, where] { return fmt::format("extracted {} -> {}", label, where); });
-        uploads.push_back(task);
+    auto uploads = plan->uploadTasks();
+    if (!uploads) return reportError(uploads.error());
+    tasks.clear();
+    std::string where = target->display();
+    for (auto& u : *uploads) {
+        console->add(u.task, u.label, [label = u.label, where] {
+            return fmt::format("extracted {} -> {}", label, where);
+        });
+        tasks.push_back(u.task);
     }
-    if (!runTasks(console, uploads, ConflictAction::KeepBoth)) rc = kExitError;
+    if (!runTasks(console, tasks, ConflictAction::KeepBoth)) rc = kExitError;
     return interruptedOr(rc);
 }
 
