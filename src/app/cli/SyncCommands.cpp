@@ -221,9 +221,11 @@ int runPairs(const RunOptions& opts) {
         if (opts.dryRun || opts.verbose) {
             std::int64_t id = info.syncInfoID;
             // Decisions are printed on the main thread, where the progress line is drawn too.
-            task->decisionHandler = [id, view](const SyncDecision& d) {
-                GCD::doInForeground([id, view, d] {
-                    view->clearBlock();
+            // The view holds the task: the task holds the view weakly, or neither would go.
+            std::weak_ptr<ProgressView> weakView = view;
+            task->decisionHandler = [id, weakView](const SyncDecision& d) {
+                GCD::doInForeground([id, weakView, d] {
+                    if (auto v = weakView.lock()) v->clearBlock();
                     std::string what(syncActionName(d.action));
                     if (d.conflict) what = "conflict: " + what;
                     fmt::print("[{}] {:<18} {}{}  ({})\n", id, what, d.path, d.isDir ? "/" : "",
