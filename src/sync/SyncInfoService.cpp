@@ -1,8 +1,13 @@
 #include "sync/SyncInfoService.h"
 
+#include <fmt/format.h>
+#include <unistd.h>
+
 #include <chrono>
 
 #include "core/ServerInfoService.h"
+#include "core/StringUtils.h"
+#include "sync/SyncDBManager.h"
 #include "sync/SyncUtils.h"
 
 namespace quillon {
@@ -125,6 +130,89 @@ Status SyncInfoService::deleteSyncInfo(const SyncInfo& info) {
             return r;
         return db_.execute("DELETE FROM sync_info_props WHERE sync_info_id=?", {info.syncInfoID});
     });
+}
+
+bool SyncInfoService::isValidNewLocalName(const std::string& name) {
+    return SyncInfo::isSafeLocalName(name) && name.front() != '.';
+}
+
+std::string SyncInfoService::statusText(const SyncInfo& info) {
+    if (!info.hasSafeLocalName()) return "refused";
+    if (info.status == SyncStatus::Running &&
+        !SyncUtils::isSyncRunning(info.localFolderMeta.pathOrEmpty()))
+        return "interrupted";
+    return std::string(syncStatusName(info.status));
+}
+
+void SyncInfoService::removePairRecords(const std::string& folder) {
+    if (folder.empty()) return;
+    for (auto suffix : {"", "-wal", "-shm", "-journal"})
+        ::unlink((folder + "/" + SyncDBManager::kFileName + suffix).c_str());
+    ::unlink((folder + "/" + SyncUtils::kLockFileName).c_str());
+}
+
+std::expected<SyncInfo, Refusal> SyncInfoService::addPair(const Location& loc,
+                                                          const std::string& localName) {
+    auto refuse = [](std::string message) {
+        return std::unexpected(Refusal::because(std::move(message)));
+    };
+    if (!isValidNewLocalName(localName)) {
+        auto r = Refusal::because("LOCAL_NAME must be a plain folder name (no \"/\", not hidden).");
+        r.badRequest = true;
+        return std::unexpected(r);
+    }
+    if (loc.server->boolValueForKey(ServerProp::QUICK_CONNECT))
+        return refuse(
+            "A sync pair needs a configured server: add it with `quillon server "
+            "add` and give the folder as NAME:/path.");
+    auto item = statLocation(loc);
+    if (!item) return std::unexpected(Refusal::failed(item.error()));
+    if (!item->isDir) return refuse(loc.display() + " is not a folder.");
+
+    auto local = SyncInfo::localFolderMetaForName(localName);
+    std::string localPath = local.pathOrEmpty();
+    for (auto& other : getAllSyncInfo()) {
+        if (other.localFolderMeta.nameOrEmpty() == localName)
+            return refuse(fmt::format("The local folder \"{}\" already belongs to sync pair {}.",
+                                      localName, other.syncInfoID));
+        if (other.serverUUID == loc.server->serverID &&
+            other.remoteFolderMeta.pathOrEmpty() == loc.path)
+            return refuse(fmt::format("{} is already paired (sync pair {}).", loc.display(),
+                                      other.syncInfoID));
+    }
+    if (loc.isLocal()) {
+        // A folder synced with itself, or with a folder inside it, would never settle.
+        std::string a = loc.path == "/" ? "/" : loc.path + "/";
+        std::string b = localPath + "/";
+        if (a.starts_with(b) || b.starts_with(a))
+            return refuse("The folder overlaps its own sync folder " + localPath + ".");
+    }
+
+    SyncInfo info;
+    info.serverInfo = loc.server;
+    info.serverUUID = loc.server->serverID;
+    std::string remoteName = loc.path == "/" ? "/" : StringUtils::lastPathComponent(loc.path);
+    info.remoteFolderMeta = SyncInfo::remoteFolderMetaFor(remoteName, loc.path, info.serverUUID,
+                                                          loc.server->protocolType, std::nullopt);
+    info.localFolderMeta = local;
+    info.status = SyncStatus::NeverSynced;
+    if (auto r = saveSyncInfo(info); !r) return std::unexpected(Refusal::failed(r.error()));
+    // Records left by a forgotten pair of the same name would be read as this pair's history.
+    removePairRecords(SyncUtils::getSyncFolderPath(localName));
+    return info;
+}
+
+std::expected<SyncInfo, Refusal> SyncInfoService::removePair(std::int64_t id) {
+    auto info = getSyncInfoByID(id);
+    if (!info) return std::unexpected(Refusal::because(fmt::format("No sync pair {}.", id)));
+    std::string localPath = info->localFolderMeta.pathOrEmpty();
+    if (!localPath.empty() && SyncUtils::isSyncRunning(localPath))
+        return std::unexpected(Refusal::because(
+            fmt::format("Sync pair {} is syncing now; try again when it is done.", id)));
+    if (auto r = deleteSyncInfo(*info); !r) return std::unexpected(Refusal::failed(r.error()));
+    // The pair's own records go with it; the user's files stay where they are.
+    removePairRecords(localPath);
+    return *info;
 }
 
 }  // namespace quillon

@@ -138,6 +138,7 @@ void FileTransferTaskManager::runTask(const FileTransferTaskPtr& task) {
     task->setState(TransferTaskState::Running);
     task->setDelegate(this);
     task->setManager(this);
+    for (auto& o : observers()) o->taskStarted(*task);
     GCD::doInBackground([this, task] {
         if (task->state() != TransferTaskState::Running) {
             // Stopped before its thread started: the run ends at once as stopped.
@@ -230,6 +231,21 @@ std::shared_ptr<FileTransferView> FileTransferTaskManager::getFileTransferView()
     return view_;
 }
 
+void FileTransferTaskManager::addObserver(std::shared_ptr<TransferObserver> observer) {
+    std::lock_guard lock(stateMutex_);
+    observers_.push_back(std::move(observer));
+}
+
+void FileTransferTaskManager::removeObserver(const std::shared_ptr<TransferObserver>& observer) {
+    std::lock_guard lock(stateMutex_);
+    std::erase(observers_, observer);
+}
+
+std::vector<std::shared_ptr<TransferObserver>> FileTransferTaskManager::observers() const {
+    std::lock_guard lock(stateMutex_);
+    return observers_;
+}
+
 bool FileTransferTaskManager::applyAll() const {
     std::lock_guard lock(stateMutex_);
     return applyAll_;
@@ -258,25 +274,31 @@ void FileTransferTaskManager::updateTask(FileTransferTask& task, std::int64_t tr
                                          std::int64_t totalBytes) {
     if (auto view = getFileTransferView(); view && view->isDisplayed())
         view->updateProgress(task, transferredBytes, totalBytes);
+    for (auto& o : observers()) o->taskProgressed(task, transferredBytes, totalBytes);
 }
 
 void FileTransferTaskManager::didCompleteTask(FileTransferTask& task,
                                               const std::optional<Error>& error) {
     task.setDelegate(nullptr);
-    auto view = getFileTransferView();
-    if (view && view->isDisplayed())
+    if (auto view = getFileTransferView(); view && view->isDisplayed())
         view->updateProgress(task, task.transferredBytes(), task.totalBytes());
+    for (auto& o : observers()) o->taskEnded(task);
     if (!error || task.state() == TransferTaskState::Stopped) {
-        runNextTask();
-    } else {
-        bool waiting = countInState(TransferTaskState::Waiting) > 0;
-        auto choice = prompts()->alertTaskFailure(
-            error->reason.empty() ? error->describe() : error->reason, waiting);
-        if (choice == FailureChoice::Ignore)
-            runNextTask();
-        else
-            stopAllTasks();
+        afterTaskEnded(false);
+        return;
     }
+    bool waiting = countInState(TransferTaskState::Waiting) > 0;
+    prompts()->alertTaskFailure(
+        error->reason.empty() ? error->describe() : error->reason, waiting,
+        [this](FailureChoice choice) { afterTaskEnded(choice != FailureChoice::Ignore); });
+}
+
+void FileTransferTaskManager::afterTaskEnded(bool stopAll) {
+    if (stopAll)
+        stopAllTasks();
+    else
+        runNextTask();
+    auto view = getFileTransferView();
     if (!hasActiveTasks() && view && view->isDisplayed()) view->close();
 }
 

@@ -26,6 +26,21 @@ class FileTransferView {
     virtual void close() = 0;
 };
 
+// What a transfer list follows: every face (the command line's progress lines, a window's
+// list) hears of each task's start, progress and end instead of polling the tasks. Called on the
+// main thread.
+class TransferObserver {
+  public:
+    virtual ~TransferObserver() = default;
+    // The manager started the task (it is running; a name conflict may still be settled).
+    virtual void taskStarted(FileTransferTask&) {}
+    virtual void taskProgressed(FileTransferTask&, std::int64_t /*transferredBytes*/,
+                                std::int64_t /*totalBytes*/) {}
+    // A started task's run ended: completed, failed or stopped. A task stopped before it started
+    // never ends this way; it is Stopped without having started.
+    virtual void taskEnded(FileTransferTask&) {}
+};
+
 class FileTransferTaskManager : public FileTransferTaskDelegate {
   public:
     // The process-wide manager, created on first use.
@@ -62,6 +77,8 @@ class FileTransferTaskManager : public FileTransferTaskDelegate {
     void setUserPrompts(std::shared_ptr<UserPrompts> prompts);
     void setFileTransferView(std::shared_ptr<FileTransferView> view);
     std::shared_ptr<FileTransferView> getFileTransferView() const;
+    void addObserver(std::shared_ptr<TransferObserver> observer);
+    void removeObserver(const std::shared_ptr<TransferObserver>& observer);
 
     bool applyAll() const;
     ConflictAction fileConflict() const;
@@ -80,6 +97,9 @@ class FileTransferTaskManager : public FileTransferTaskDelegate {
     bool sameFolder(const FileTransferTask& task) const;
     std::shared_ptr<UserPrompts> prompts() const;
     std::size_t countInState(TransferTaskState state) const;
+    std::vector<std::shared_ptr<TransferObserver>> observers() const;
+    // After a task's end was told: the next tasks, or the end of all of them.
+    void afterTaskEnded(bool stopAll);
 
     mutable std::recursive_mutex listLock_;
     std::vector<FileTransferTaskPtr> tasks_;
@@ -89,6 +109,7 @@ class FileTransferTaskManager : public FileTransferTaskDelegate {
     std::optional<int> limitOverride_;
     std::shared_ptr<UserPrompts> prompts_;
     std::shared_ptr<FileTransferView> view_;
+    std::vector<std::shared_ptr<TransferObserver>> observers_;
 };
 
 }  // namespace quillon

@@ -25,14 +25,17 @@ class UserPrompts {
   public:
     // Replace, KeepBoth or Skip, and whether the answer holds for every later conflict.
     using ConflictAnswer = std::function<void(ConflictAction action, bool applyToAll)>;
+    using FailureAnswer = std::function<void(FailureChoice choice)>;
 
     virtual ~UserPrompts() = default;
     // Asks about an existing target. Called on the main thread; `answer` must be called once,
     // on the main thread, now or later. Several questions may be open at once.
     virtual void resolveConflict(const ResolveConflictItem& item, ConflictAnswer answer) = 0;
-    // A modal alert with the error's text and the buttons "Stop" and, when `offerIgnore`,
-    // "Ignore". Called on the main thread; returns the button chosen.
-    virtual FailureChoice alertTaskFailure(const std::string& message, bool offerIgnore) = 0;
+    // An alert with the error's text and the buttons "Stop" and, when `offerIgnore`, "Ignore".
+    // Called on the main thread; `answer` must be called once, on the main thread, now or later
+    // (a window's dialog answers when it is closed, never blocking the main queue).
+    virtual void alertTaskFailure(const std::string& message, bool offerIgnore,
+                                  FailureAnswer answer) = 0;
 };
 
 // Prompts for a program without a user: conflicts are skipped, failures stop everything.
@@ -41,8 +44,8 @@ class UnattendedPrompts : public UserPrompts {
     void resolveConflict(const ResolveConflictItem&, ConflictAnswer answer) override {
         answer(ConflictAction::Skip, false);
     }
-    FailureChoice alertTaskFailure(const std::string&, bool) override {
-        return FailureChoice::Stop;
+    void alertTaskFailure(const std::string&, bool, FailureAnswer answer) override {
+        answer(FailureChoice::Stop);
     }
 };
 

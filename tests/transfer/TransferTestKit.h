@@ -49,12 +49,15 @@ class ScriptedPrompts : public UserPrompts {
         }
         answer(a.action, a.applyToAll);
     }
-    FailureChoice alertTaskFailure(const std::string& message, bool offerIgnore) override {
+    void alertTaskFailure(const std::string& message, bool offerIgnore,
+                          FailureAnswer answer) override {
         failuresShown.emplace_back(message, offerIgnore);
-        if (failureAnswers.empty()) return FailureChoice::Stop;
-        auto c = failureAnswers.front();
-        failureAnswers.pop_front();
-        return c;
+        auto c = FailureChoice::Stop;
+        if (!failureAnswers.empty()) {
+            c = failureAnswers.front();
+            failureAnswers.pop_front();
+        }
+        answer(c);
     }
 };
 

@@ -7,7 +7,6 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <map>
@@ -17,17 +16,17 @@
 #include <vector>
 
 #include "app/cli/Cli.h"
-#include "app/cli/Location.h"
 #include "app/cli/ProgressView.h"
+#include "app/cli/StopSignals.h"
+#include "archives/ArchiveTask.h"
+#include "archives/ExtractionPlan.h"
 #include "archives/FileCompressor.h"
-#include "core/FileService.h"
+#include "core/Location.h"
 #include "core/MainQueue.h"
 #include "core/PathUtils.h"
 #include "core/StringEncoding.h"
 #include "core/StringUtils.h"
-#include "transfer/DownloadTask.h"
 #include "transfer/FileTransferTaskManager.h"
-#include "transfer/UploadTask.h"
 
 namespace quillon::cli {
 
@@ -35,68 +34,11 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Ctrl-C (or SIGTERM, SIGHUP): the first stops the work and removes its partial output, a
-// second ends the process at once.
-std::atomic<int> gInterrupts{0};
-
-void onInterrupt(int sig) {
-    if (gInterrupts.fetch_add(1) >= 1) ::_exit(128 + sig);
-}
-
-class InterruptGuard {
-  public:
-    InterruptGuard() {
-        gInterrupts = 0;
-        struct sigaction sa {};
-        sa.sa_handler = onInterrupt;
-        sigemptyset(&sa.sa_mask);
-        for (int i = 0; i < 3; ++i) ::sigaction(kSignals[i], &sa, &previous_[i]);
-    }
-    ~InterruptGuard() {
-        for (int i = 0; i < 3; ++i) ::sigaction(kSignals[i], &previous_[i], nullptr);
-    }
-    InterruptGuard(const InterruptGuard&) = delete;
-    InterruptGuard& operator=(const InterruptGuard&) = delete;
-
-  private:
-    static constexpr int kSignals[3] = {SIGINT, SIGTERM, SIGHUP};
-    struct sigaction previous_[3]{};
-};
-
 std::string errorText(const Error& error) {
     if (error.domain == ErrorDomain::Archive)
         return ArchiveError::title(error) + ": " + error.reason;
     return error.describe();
 }
-
-// One FileCompressor run as a transfer task: its bytes are the task's progress, and a stop
-// cancels it (which removes its partial output).
-class ArchiveTask : public FileTransferTask {
-  public:
-    using Work = std::function<Status(FileCompressor&)>;
-    ArchiveTask(unsigned long encoding, Work work) : compressor(encoding), work_(std::move(work)) {}
-
-    void startTransfer() override {
-        beginTransfer();
-        compressor.progressHandler = [this](int, std::int64_t done, std::int64_t total) {
-            setTotalBytes(total);
-            raiseTransferredBytes(done);
-            reportProgress();
-        };
-        auto result = work_(compressor);
-        completeFileTransfer(result ? std::nullopt : std::optional<Error>(result.error()));
-    }
-    void cancelTransfer() override {
-        setState(TransferTaskState::Stopped);
-        compressor.cancelOperation();
-    }
-    std::string_view taskClassName() const override { return "ArchiveTask"; }
-
-    FileCompressor compressor;
-
-  private:
-    Work work_;
-};
 
 // Answers the manager's questions without asking: one conflict choice for every item, and a
 // failure never stops the other tasks (each is reported on its own).
@@ -106,8 +48,8 @@ class FixedPrompts : public UserPrompts {
     void resolveConflict(const ResolveConflictItem&, ConflictAnswer answer) override {
         answer(action_, true);
     }
-    FailureChoice alertTaskFailure(const std::string&, bool) override {
-        return FailureChoice::Ignore;
+    void alertTaskFailure(const std::string&, bool, FailureAnswer answer) override {
+        answer(FailureChoice::Ignore);
     }
 
   private:
@@ -125,24 +67,8 @@ class ArchiveConsole : public ProgressView {
         ProgressView::add(task, std::move(label));
         doneTexts_[task.get()] = std::move(doneText);
     }
-    bool isDisplayed() const override { return true; }
-    void updateProgress(FileTransferTask& task, std::int64_t done, std::int64_t total) override {
-        Row* row = find(task);
-        if (!row) return;
-        if (task.delegate() == nullptr && task.state() != TransferTaskState::Running &&
-            task.state() != TransferTaskState::Waiting) {
-            if (!row->ended) report(*row);
-            return;
-        }
-        ProgressView::updateProgress(task, done, total);
-    }
-    bool allDone() const {
-        for (auto& row : rows_) {
-            auto s = row.task->state();
-            if (s == TransferTaskState::Waiting || s == TransferTaskState::Running) return false;
-            if (row.task->delegate() != nullptr) return false;
-        }
-        return true;
+    void taskEnded(FileTransferTask& task) override {
+        if (Row* row = find(task); row && !row->ended) report(*row);
     }
     void reportRest() {
         for (auto& row : rows_)
@@ -179,23 +105,17 @@ bool runTasks(const std::shared_ptr<ArchiveConsole>& console,
     if (tasks.empty()) return true;
     auto& manager = FileTransferTaskManager::sharedInstance();
     manager.setUserPrompts(std::make_shared<FixedPrompts>(onConflict));
-    manager.setFileTransferView(console);
-    bool stopping = false;
-    auto timer = MainQueue::shared().scheduleRepeating(std::chrono::milliseconds(100), [&] {
-        if (gInterrupts > 0 && !stopping) {
-            stopping = true;
-            manager.stopAllTasks();
-        }
-        console->tick();
-    });
+    manager.addObserver(console);
+    auto timer = MainQueue::shared().scheduleRepeating(std::chrono::milliseconds(100),
+                                                       [&] { console->tick(); });
     for (auto& t : tasks) manager.addTask(t);
     manager.start();
     MainQueue::shared().runUntil([&] { return console->allDone(); });
     MainQueue::shared().cancel(timer);
     console->reportRest();
-    manager.setFileTransferView(nullptr);
+    manager.removeObserver(console);
     manager.setUserPrompts(nullptr);
-    bool ok = gInterrupts == 0;
+    bool ok = !StopSignals::stopRequested();
     for (auto& t : tasks) ok = ok && t->state() == TransferTaskState::Completed;
     return ok;
 }
@@ -213,7 +133,7 @@ void keepTimeZone() {
 }
 
 int interruptedOr(int rc) {
-    return gInterrupts > 0 ? 128 + SIGINT : rc;
+    return StopSignals::stopRequested() ? 128 + SIGINT : rc;
 }
 
 Result<std::optional<std::string>> passwordOption(bool fromStdin) {
@@ -264,7 +184,10 @@ int runZip(const ZipOptions& opt) {
         return fmt::format("zipped {} -> {}  {}", formatBytes(task->totalBytes()), zipPath,
                            formatBytes(ec ? 0 : static_cast<std::int64_t>(size)));
     });
-    InterruptGuard interrupts;
+    // Ctrl-C (or SIGTERM, SIGHUP) stops the work and removes its partial output; a second one
+    // ends the process at once.
+    StopSignals signals(StopSignals::Second::Exit,
+                        [](int) { FileTransferTaskManager::sharedInstance().stopAllTasks(); });
     bool ok = runTasks(console, {task}, ConflictAction::Replace);
     return interruptedOr(ok ? kExitOk : kExitError);
 }
@@ -274,15 +197,6 @@ struct ExtractOptions {
     std::string to;
     bool passwordStdin = false;
     std::string encoding;
-};
-
-// One archive of `quillon extract` on its way through download, extraction and upload.
-struct Planned {
-    Location source;
-    KvMetadata item;
-    std::string localPath;  // the archive on this computer (in the cache for a server's)
-    std::string parent;     // the local folder its output folder goes into
-    std::shared_ptr<ArchiveTask> extraction;
 };
 
 int runExtract(const ExtractOptions& opt) {
@@ -301,133 +215,60 @@ int runExtract(const ExtractOptions& opt) {
     if (!opt.to.empty()) {
         auto loc = resolveLocation(opt.to);
         if (!loc) return reportError(loc.error());
-        auto item = statLocation(*loc);
-        if (!item) return reportError(item.error());
-        if (!item->isDir) return reportMessage(loc->display() + " is not a folder.");
         target = *loc;
     }
-    // A server target: extract into a scratch folder of our own, then upload.
-    std::string scratch;
-    if (target && !target->isLocal()) {
-        scratch = PathUtils::getAppTempPath() + "/extract-" + makeUUID();
-        if (!PathUtils::ensureFolder(scratch))
-            return reportMessage("cannot create the scratch folder " + scratch + ".");
-    }
-    struct ScratchGuard {
-        std::string path;
-        ~ScratchGuard() {
-            std::error_code ec;
-            if (!path.empty()) fs::remove_all(path, ec);
-        }
-    } scratchGuard{scratch};
+    auto plan = ExtractionPlan::into(target, absoluteCurrentFolder(), encoding, *password);
+    if (!plan) return reportRefusal(plan.error());
 
     int rc = kExitOk;
-    std::vector<Planned> planned;
     for (auto& text : opt.archives) {
         auto loc = resolveLocation(text);
         if (!loc) {
             rc = reportError(loc.error());
             continue;
         }
-        auto name = StringUtils::lastPathComponent(loc->path);
-        if (!FileCompressor::canDecompress(name)) {
-            rc = reportMessage(loc->display() + " is not an archive that can be extracted here.");
-            continue;
-        }
-        auto item = statLocation(*loc);
-        if (!item) {
-            rc = reportError(item.error());
-            continue;
-        }
-        if (item->isDir) {
-            rc = reportMessage(loc->display() + " is a folder.");
-            continue;
-        }
-        Planned p{*loc, *item, loc->path, {}, nullptr};
-        if (!loc->isLocal()) {
-            auto cached = FileService::sharedService().cachePathForMetadata(*item, *loc->server);
-            p.localPath = fs::path(cached).parent_path().string() + "/" + name;
-        }
-        if (!scratch.empty())
-            p.parent = scratch;
-        else if (target)
-            p.parent = target->path;
-        else if (loc->isLocal())
-            p.parent = fs::path(loc->path).parent_path().string();
-        else
-            p.parent = absoluteCurrentFolder();
-        planned.push_back(std::move(p));
+        if (auto refusal = plan->add(*loc)) rc = reportRefusal(*refusal);
     }
-    if (planned.empty()) return rc;
+    if (plan->empty()) return rc;
 
     auto console = std::make_shared<ArchiveConsole>();
-    InterruptGuard interrupts;
-    // Archives on servers come into the cache first; a copy there from before is replaced.
-    std::vector<FileTransferTaskPtr> downloads;
-    for (auto& p : planned) {
-        if (p.source.isLocal()) continue;
-        std::string folder = fs::path(p.localPath).parent_path().string();
-        PathUtils::ensureFolder(folder);
-        auto local = resolveLocation(folder);
-        if (!local) return reportError(local.error());
-        auto task = std::make_shared<DownloadTask>();
-        task->sourceServerInfo = p.source.server;
-        task->targetServerInfo = local->server;
-        task->sourceItems = {p.item};
-        task->sourceMetadata = p.item;
-        task->targetMetadata = local->metadata(true);
-        console->add(task, p.source.display(), nullptr);
-        downloads.push_back(task);
+    StopSignals signals(StopSignals::Second::Exit,
+                        [](int) { FileTransferTaskManager::sharedInstance().stopAllTasks(); });
+    auto downloads = plan->downloadTasks();
+    if (!downloads) return reportError(downloads.error());
+    std::vector<FileTransferTaskPtr> tasks;
+    for (auto& d : *downloads) {
+        console->add(d.task, d.label, nullptr);
+        tasks.push_back(d.task);
     }
-    if (!runTasks(console, downloads, ConflictAction::Replace)) rc = kExitError;
-    if (gInterrupts > 0) return interruptedOr(rc);
+    if (!runTasks(console, tasks, ConflictAction::Replace)) rc = kExitError;
+    if (StopSignals::stopRequested()) return interruptedOr(rc);
 
-    std::vector<FileTransferTaskPtr> extractions;
-    for (auto& p : planned) {
-        std::error_code ec;
-        if (!p.source.isLocal() && !fs::is_regular_file(p.localPath, ec)) continue;  // not fetched
-        std::string archive = p.localPath, parent = p.parent;
-        p.extraction = std::make_shared<ArchiveTask>(
-            encoding, [archive, parent, password = *password](FileCompressor& c) {
-                return c.decompressFile(archive, parent, password);
-            });
-        auto* task = p.extraction.get();
-        task->sourceMetadata = p.source.metadata(false);
-        task->targetMetadata = KvMetadata(parent);
-        std::string label = StringUtils::lastPathComponent(p.localPath);
-        bool uploading = !scratch.empty();
-        console->add(p.extraction, label, [task, label, uploading] {
+    tasks.clear();
+    bool uploading = plan->uploads();
+    for (auto& [task, label] : plan->extractionTasks()) {
+        console->add(task, label, [task = task.get(), label, uploading] {
             if (uploading) return std::string();
             return fmt::format("extracted {} -> {}", label,
                                task->compressor.decompressOutputFolder());
         });
-        extractions.push_back(p.extraction);
+        tasks.push_back(task);
     }
-    if (!runTasks(console, extractions, ConflictAction::Replace)) rc = kExitError;
-    if (gInterrupts > 0 || scratch.empty()) return interruptedOr(rc);
+    if (!runTasks(console, tasks, ConflictAction::Replace)) rc = kExitError;
+    if (StopSignals::stopRequested() || !uploading) return interruptedOr(rc);
 
     // Into the server: each output folder is uploaded; a name taken there keeps both.
-    std::vector<FileTransferTaskPtr> uploads;
-    KvMetadata targetFolder = target->metadata(true);
-    for (auto& p : planned) {
-        if (!p.extraction || p.extraction->state() != TransferTaskState::Completed) continue;
-        auto output = resolveLocation(p.extraction->compressor.decompressOutputFolder());
-        if (!output) return reportError(output.error());
-        auto item = statLocation(*output);
-        if (!item) return reportError(item.error());
-        auto task = std::make_shared<UploadTask>();
-        task->sourceServerInfo = output->server;
-        task->targetServerInfo = target->server;
-        task->sourceItems = {*item};
-        task->sourceMetadata = *item;
-        task->targetMetadata = targetFolder;
-        std::string label = StringUtils::lastPathComponent(p.localPath);
-        std::string where = target->display();
-        console->add(task, label,
-                     [label, where] { return fmt::format("extracted {} -> {}", label, where); });
-        uploads.push_back(task);
+    auto uploads = plan->uploadTasks();
+    if (!uploads) return reportError(uploads.error());
+    tasks.clear();
+    std::string where = target->display();
+    for (auto& u : *uploads) {
+        console->add(u.task, u.label, [label = u.label, where] {
+            return fmt::format("extracted {} -> {}", label, where);
+        });
+        tasks.push_back(u.task);
     }
-    if (!runTasks(console, uploads, ConflictAction::KeepBoth)) rc = kExitError;
+    if (!runTasks(console, tasks, ConflictAction::KeepBoth)) rc = kExitError;
     return interruptedOr(rc);
 }
 

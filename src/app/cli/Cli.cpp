@@ -21,6 +21,11 @@ int reportMessage(const std::string& message, int code) {
     return code;
 }
 
+int reportRefusal(const Refusal& refusal) {
+    if (refusal.error) return reportError(*refusal.error);
+    return reportMessage(refusal.message, refusal.badRequest ? kExitUsage : kExitError);
+}
+
 namespace {
 // The one application object of a command-line run; started by the first command that needs it.
 std::unique_ptr<Application>& application() {

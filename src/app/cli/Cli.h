@@ -9,6 +9,7 @@
 #include <string>
 
 #include "core/Error.h"
+#include "core/Refusal.h"
 
 namespace quillon::cli {
 
@@ -27,6 +28,9 @@ struct Cli {
 int reportError(const Error& error);
 // Prints "quillon: <message>" on standard error and returns `code`.
 int reportMessage(const std::string& message, int code = kExitError);
+// Prints a refused request as an error or a message; returns kExitUsage for a malformed request,
+// else kExitError.
+int reportRefusal(const Refusal& refusal);
 
 // Prepares the program for a command that uses servers, preferences or files: preferences,
 // the database, the storage clients. Fails with a clear error (a corrupt file, say).

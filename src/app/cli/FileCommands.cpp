@@ -7,8 +7,8 @@
 
 #include "app/cli/Cli.h"
 #include "app/cli/Json.h"
-#include "app/cli/Location.h"
 #include "core/FileTypeUtils.h"
+#include "core/Location.h"
 #include "core/StringUtils.h"
 
 namespace quillon::cli {

@@ -10,15 +10,15 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <deque>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "app/cli/Cli.h"
 #include "app/cli/Json.h"
-#include "app/cli/Location.h"
 #include "app/cli/ProgressView.h"
+#include "app/cli/StopSignals.h"
+#include "core/Location.h"
 #include "core/MainQueue.h"
 #include "core/NotificationCenter.h"
 #include "nearby/NearbyController.h"
@@ -28,32 +28,6 @@ namespace quillon::cli {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-// SIGINT, SIGTERM and SIGHUP end the command at the next turn of the main queue.
-std::atomic<int> gStopSignal{0};
-void onStopSignal(int sig) {
-    gStopSignal = sig;
-}
-
-class StopSignals {
-  public:
-    StopSignals() {
-        gStopSignal = 0;
-        struct sigaction sa {};
-        sa.sa_handler = onStopSignal;
-        sigemptyset(&sa.sa_mask);
-        for (std::size_t i = 0; i < 3; ++i) ::sigaction(kSignals[i], &sa, &previous_[i]);
-    }
-    ~StopSignals() {
-        for (std::size_t i = 0; i < 3; ++i) ::sigaction(kSignals[i], &previous_[i], nullptr);
-    }
-    StopSignals(const StopSignals&) = delete;
-    StopSignals& operator=(const StopSignals&) = delete;
-
-  private:
-    static constexpr int kSignals[3] = {SIGINT, SIGTERM, SIGHUP};
-    struct sigaction previous_[3]{};
-};
 
 // Observes one controller's notifications for the life of the object.
 class NearbyEvents {
@@ -100,12 +74,10 @@ class NearbyConsole {
         auto now = Clock::now();
         if (&item != current_) {
             current_ = &item;
-            samples_.clear();
+            rate_.reset();
             lastPlain_ = now;  // a plain line only for a file that takes a while
         }
-        samples_.emplace_back(now, item.transferredBytes);
-        while (samples_.size() > 2 && now - samples_.front().first > std::chrono::seconds(5))
-            samples_.pop_front();
+        rate_.sample(item.transferredBytes, now);
         name_ = item.name;
         done_ = item.transferredBytes;
         total_ = item.fileSize;
@@ -126,7 +98,7 @@ class NearbyConsole {
         if (!terminal_) {
             if (now - lastPlain_ < std::chrono::seconds(2)) return;
             lastPlain_ = now;
-            fmt::print(stderr, "{}\n", progressLine(name_, done_, total_, rate(), 0));
+            fmt::print(stderr, "{}\n", progressLine(name_, done_, total_, rate_.rate(), 0));
             std::fflush(stderr);
             return;
         }
@@ -134,20 +106,12 @@ class NearbyConsole {
         struct winsize ws {};
         if (::ioctl(STDERR_FILENO, TIOCGWINSZ, &ws) == 0 && ws.ws_col > 0) width = ws.ws_col;
         clear();
-        fmt::print(stderr, "{}\n", progressLine(name_, done_, total_, rate(), width));
+        fmt::print(stderr, "{}\n", progressLine(name_, done_, total_, rate_.rate(), width));
         drawn_ = true;
         std::fflush(stderr);
     }
 
   private:
-    double rate() const {
-        if (samples_.size() < 2) return 0;
-        double dt =
-            std::chrono::duration<double>(samples_.back().first - samples_.front().first).count();
-        return dt > 0.05
-                   ? static_cast<double>(samples_.back().second - samples_.front().second) / dt
-                   : 0;
-    }
     void clear() {
         if (!drawn_) return;
         fmt::print(stderr, "\x1b[1F\x1b[J");
@@ -159,7 +123,7 @@ class NearbyConsole {
     const NearbyTransferMetadata* current_ = nullptr;
     std::string name_;
     std::int64_t done_ = 0, total_ = 0;
-    std::deque<std::pair<Clock::time_point, std::int64_t>> samples_;
+    RateEstimator rate_;
     Clock::time_point lastPlain_{};
 };
 
@@ -168,7 +132,7 @@ void runWithConsole(NearbyConsole& console, const std::function<bool()>& done) {
     auto& queue = MainQueue::shared();
     auto timer =
         queue.scheduleRepeating(std::chrono::milliseconds(100), [&console] { console.tick(); });
-    queue.runUntil([&] { return done() || gStopSignal.load() != 0; });
+    queue.runUntil([&] { return done() || StopSignals::stopRequested(); });
     queue.cancel(timer);
 }
 
@@ -245,7 +209,8 @@ int runReceive(const ReceiveOptions& o) {
                   endError = error;
               });
 
-    StopSignals signals;
+    // SIGINT, SIGTERM and SIGHUP end the command at the next turn of the main queue.
+    StopSignals signals(StopSignals::Second::Ignore);
     NearbyReceiveOptions options;
     options.folder = o.folder;
     options.bindAddress = o.bind;
@@ -275,12 +240,13 @@ int runPeers(bool json, double seconds) {
         NEARBY_DISCOVERY_FAILED_NOTIFICATION,
         [&](const NearbyTransferMetadata*, const std::optional<Error>& error) { failure = error; });
     if (auto r = controller->startBrowsing(); !r) return reportError(r.error());
-    StopSignals signals;
+    // SIGINT, SIGTERM and SIGHUP end the command at the next turn of the main queue.
+    StopSignals signals(StopSignals::Second::Ignore);
     auto deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(
                                        std::chrono::duration<double>(seconds));
     auto wake = MainQueue::shared().postAfter(deadline - Clock::now(), [] {});
     MainQueue::shared().runUntil(
-        [&] { return failure || gStopSignal.load() || Clock::now() >= deadline; });
+        [&] { return failure || StopSignals::stopRequested() || Clock::now() >= deadline; });
     MainQueue::shared().cancel(wake);
     if (failure) return reportError(*failure);
     auto addressText = [](const asio::ip::tcp::endpoint& e) {
@@ -350,13 +316,14 @@ int runSend(const std::string& target, const std::vector<std::string>& paths) {
                   ended = true;
                   batchError = error;
               });
-    StopSignals signals;
+    // SIGINT, SIGTERM and SIGHUP end the command at the next turn of the main queue.
+    StopSignals signals(StopSignals::Second::Ignore);
     if (auto r = controller->sendItems(items, target); !r) return reportError(r.error());
     runWithConsole(console, [&] { return ended; });
     console.ended();
     if (!ended) {
         controller->stopBatch();
-        return 128 + gStopSignal.load();
+        return 128 + StopSignals::signal();
     }
     if (batchError) return reportError(*batchError);
     return kExitOk;

@@ -10,24 +10,6 @@
 
 namespace quillon::cli {
 
-std::string formatBytes(std::int64_t bytes) {
-    static const char* units[] = {"B", "kB", "MB", "GB", "TB"};
-    double v = static_cast<double>(bytes);
-    int unit = 0;
-    while (v >= 1000.0 && unit < 4) {
-        v /= 1000.0;
-        ++unit;
-    }
-    if (unit == 0) return fmt::format("{} B", bytes);
-    return fmt::format("{:.1f} {}", v, units[unit]);
-}
-
-std::string formatDuration(double seconds) {
-    auto s = static_cast<long long>(std::max(0.0, seconds) + 0.5);
-    if (s >= 3600) return fmt::format("{}:{:02}:{:02}", s / 3600, s / 60 % 60, s % 60);
-    return fmt::format("{}:{:02}", s / 60, s % 60);
-}
-
 std::string progressLine(const std::string& name, std::int64_t done, std::int64_t total,
                          double rate, std::size_t width) {
     std::string counts = formatBytes(done);
@@ -61,24 +43,25 @@ ProgressView::Row* ProgressView::find(const FileTransferTask& task) {
     return nullptr;
 }
 
-void ProgressView::takeSample(Row& row, std::int64_t done) {
-    auto now = Clock::now();
-    row.samples.emplace_back(now, done);
-    while (row.samples.size() > 2 && now - row.samples.front().first > std::chrono::seconds(5))
-        row.samples.pop_front();
+void ProgressView::taskStarted(FileTransferTask& task) {
+    if (auto* row = find(task)) row->started = true;
 }
 
-double ProgressView::rateOf(const Row& row) {
-    if (row.samples.size() < 2) return 0;
-    auto& [t0, b0] = row.samples.front();
-    auto& [t1, b1] = row.samples.back();
-    double dt = std::chrono::duration<double>(t1 - t0).count();
-    return dt > 0.05 ? static_cast<double>(b1 - b0) / dt : 0;
-}
-
-void ProgressView::updateProgress(FileTransferTask& task, std::int64_t transferredBytes,
+void ProgressView::taskProgressed(FileTransferTask& task, std::int64_t transferredBytes,
                                   std::int64_t) {
-    if (auto* row = find(task)) takeSample(*row, transferredBytes);
+    if (auto* row = find(task)) row->rate.sample(transferredBytes);
+}
+
+void ProgressView::taskEnded(FileTransferTask& task) {
+    if (auto* row = find(task)) row->ended = true;
+}
+
+bool ProgressView::allDone() const {
+    return std::all_of(rows_.begin(), rows_.end(), [](const Row& row) {
+        auto s = row.task->state();
+        if (s == TransferTaskState::Waiting || s == TransferTaskState::Running) return false;
+        return row.ended || !row.started;
+    });
 }
 
 std::string ProgressView::nameOf(const Row& row) const {
@@ -91,7 +74,7 @@ std::string ProgressView::nameOf(const Row& row) const {
 
 std::string ProgressView::lineOf(const Row& row, std::size_t width) const {
     auto& task = *row.task;
-    return progressLine(nameOf(row), task.transferredBytes(), task.totalBytes(), rateOf(row),
+    return progressLine(nameOf(row), task.transferredBytes(), task.totalBytes(), row.rate.rate(),
                         width);
 }
 
@@ -106,7 +89,7 @@ void ProgressView::tick() {
         lastPlain_ = now;
         // Plain lines only for tasks that have reported progress on a known total.
         for (auto& row : rows_)
-            if (live(row) && !row.samples.empty() && row.task->totalBytes() > 0)
+            if (live(row) && row.rate.hasSamples() && row.task->totalBytes() > 0)
                 fmt::print(out_, "{}\n", lineOf(row, 0));
         std::fflush(out_);
         return;

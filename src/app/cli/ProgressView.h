@@ -7,23 +7,19 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
-#include <deque>
 #include <string>
 #include <vector>
 
 #include "transfer/FileTransferTaskManager.h"
+#include "transfer/TransferEstimate.h"
 
 namespace quillon::cli {
 
-// "1.5 MB", "730 B" (decimal units, as file managers show them).
-std::string formatBytes(std::int64_t bytes);
-// "m:ss", or "h:mm:ss" from an hour on.
-std::string formatDuration(double seconds);
 // One live line; `rate` in bytes per second (0: unknown); cut below `width` when it is not 0.
 std::string progressLine(const std::string& name, std::int64_t done, std::int64_t total,
                          double rate, std::size_t width);
 
-class ProgressView : public FileTransferView {
+class ProgressView : public TransferObserver {
   public:
     using Clock = std::chrono::steady_clock;
 
@@ -33,12 +29,15 @@ class ProgressView : public FileTransferView {
     // Shows `task` as `label` while it runs.
     void add(const FileTransferTaskPtr& task, std::string label);
 
-    bool isDisplayed() const override { return !quiet_; }
-    void reloadContent() override {}
+    void taskStarted(FileTransferTask& task) override;
     // Takes a sample for the task's rate.
-    void updateProgress(FileTransferTask& task, std::int64_t transferredBytes,
+    void taskProgressed(FileTransferTask& task, std::int64_t transferredBytes,
                         std::int64_t totalBytes) override;
-    void close() override { clearBlock(); }
+    // Marks the row ended; a face that reports ends does so here.
+    void taskEnded(FileTransferTask& task) override;
+
+    // Every task has ended, or was stopped before it started.
+    bool allDone() const;
 
     // Redraws the live lines (call it from a repeating timer, ten times a second).
     void tick();
@@ -50,14 +49,11 @@ class ProgressView : public FileTransferView {
         FileTransferTaskPtr task;
         int id = 0;  // 1, 2, ... in the order the tasks were added
         std::string label;
+        bool started = false;
         bool ended = false;  // its end was reported: no live line any more
-        std::deque<std::pair<Clock::time_point, std::int64_t>> samples;
+        RateEstimator rate;
     };
     Row* find(const FileTransferTask& task);
-    // Adds a sample of the bytes done; the last five seconds of them give the rate.
-    static void takeSample(Row& row, std::int64_t done);
-    // Bytes per second over the samples (0: not known yet).
-    static double rateOf(const Row& row);
     // The name at the start of a row's line: the label, then the file being moved.
     virtual std::string nameOf(const Row& row) const;
 

@@ -1,21 +1,18 @@
-// quillon serve ftp: shares a local folder over FTP until SIGINT or SIGTERM.
+// quillon serve ftp: shares a local folder over FTP until SIGINT, SIGTERM or SIGHUP.
 
 #include <fmt/chrono.h>
 #include <fmt/format.h>
-#include <pthread.h>
-#include <signal.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <ctime>
 #include <filesystem>
 #include <memory>
 #include <mutex>
-#include <thread>
 
 #include "app/cli/Cli.h"
+#include "app/cli/StopSignals.h"
 #include "core/MainQueue.h"
 #include "servers/ftpserver/FtpServerService.h"
 
@@ -51,20 +48,6 @@ void logLine(const std::string& line) {
     std::fflush(stderr);
 }
 
-// Waits on a thread of its own for SIGINT or SIGTERM (blocked everywhere else) and tells the
-// main queue; a signal handler could not take the queue's lock safely.
-std::thread waitForStopSignal(std::atomic<bool>& stop, sigset_t signals) {
-    return std::thread([&stop, signals] {
-        int received = 0;
-        ::sigwait(&signals, &received);
-        MainQueue::shared().post([&stop, received] {
-            logLine(
-                fmt::format("received {}, stopping", received == SIGINT ? "SIGINT" : "SIGTERM"));
-            stop = true;
-        });
-    });
-}
-
 int runServeFtp(ServeFtpOptions& o) {
     FtpServerService service;
     service.loadSettings();
@@ -92,20 +75,12 @@ int runServeFtp(ServeFtpOptions& o) {
     service.allowAnonymousUploads = o.allowAnonymousUpload;
     service.logHandler = logLine;
 
-    // Block the stop signals before any thread starts, so that only the waiting thread sees them.
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    sigset_t previous;
-    ::pthread_sigmask(SIG_BLOCK, &signals, &previous);
-
-    if (auto started = service.startServer(); !started) {
-        ::pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-        return reportError(started.error());
-    }
-    std::atomic<bool> stop = false;
-    auto waiter = waitForStopSignal(stop, signals);
+    bool stop = false;
+    StopSignals signals(StopSignals::Second::Exit, [&stop](int sig) {
+        logLine(fmt::format("received {}, stopping", StopSignals::name(sig)));
+        stop = true;
+    });
+    if (auto started = service.startServer(); !started) return reportError(started.error());
 
     bool anonymous = service.username.empty() || service.username == "anonymous";
     std::string host = o.bind;
@@ -124,10 +99,8 @@ int runServeFtp(ServeFtpOptions& o) {
         fmt::print("Log in as {}; press Ctrl-C to stop.\n", service.username);
     std::fflush(stdout);
 
-    MainQueue::shared().runUntil([&stop] { return stop.load(); });
+    MainQueue::shared().runUntil([&stop] { return stop; });
     service.stopServer();
-    waiter.join();
-    ::pthread_sigmask(SIG_SETMASK, &previous, nullptr);
     return kExitOk;
 }
 

@@ -6,7 +6,7 @@
 
 #include "app/cli/Cli.h"
 #include "app/cli/Json.h"
-#include "app/cli/Location.h"
+#include "core/Location.h"
 #include "core/ServerInfoService.h"
 #include "core/StringEncoding.h"
 #include "core/WrapperProxy.h"

@@ -1,21 +1,18 @@
-// quillon stream: serves one file to media players over HTTP on 127.0.0.1 until SIGINT or
-// SIGTERM; players seek with byte ranges, and what was fetched is read again from the disk cache.
+// quillon stream: serves one file to media players over HTTP on 127.0.0.1 until SIGINT, SIGTERM
+// or SIGHUP; players seek with byte ranges, and what was fetched is read again from the disk cache.
 
 #include <fmt/chrono.h>
 #include <fmt/format.h>
-#include <pthread.h>
-#include <signal.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <ctime>
 #include <memory>
 #include <mutex>
-#include <thread>
 
 #include "app/cli/Cli.h"
-#include "app/cli/Location.h"
+#include "app/cli/StopSignals.h"
+#include "core/Location.h"
 #include "core/MainQueue.h"
 #include "core/StreamingSupport.h"
 #include "core/StringUtils.h"
@@ -43,18 +40,11 @@ void logLine(const std::string& line) {
 }
 
 int runStream(const StreamOptions& o) {
-    // Only the thread that waits for them sees the stop signals; every thread started from here
-    // on inherits the mask.
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    sigset_t previous;
-    ::pthread_sigmask(SIG_BLOCK, &signals, &previous);
-    struct RestoreMask {
-        sigset_t mask;
-        ~RestoreMask() { ::pthread_sigmask(SIG_SETMASK, &mask, nullptr); }
-    } restore{previous};
+    bool stop = false;
+    StopSignals signals(StopSignals::Second::Exit, [&stop](int sig) {
+        logLine(fmt::format("received {}, stopping", StopSignals::name(sig)));
+        stop = true;
+    });
 
     if (auto r = startApplication(); !r) return reportError(r.error());
     auto loc = resolveLocation(o.location);
@@ -87,18 +77,7 @@ int runStream(const StreamOptions& o) {
         loc->display(), item->fileSizeInBytes.value_or(0), *url);
     std::fflush(stdout);
 
-    std::atomic<bool> stop = false;
-    std::thread waiter([&stop, signals] {
-        int received = 0;
-        ::sigwait(&signals, &received);
-        MainQueue::shared().post([&stop, received] {
-            logLine(
-                fmt::format("received {}, stopping", received == SIGINT ? "SIGINT" : "SIGTERM"));
-            stop = true;
-        });
-    });
-    MainQueue::shared().runUntil([&stop] { return stop.load(); });
-    waiter.join();
+    MainQueue::shared().runUntil([&stop] { return stop; });
     service.stopServer();
     StreamingLog::setHandler(nullptr);
     return kExitOk;

@@ -3,22 +3,19 @@
 
 #include <fmt/chrono.h>
 #include <fmt/format.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <csignal>
 #include <cstdio>
 #include <filesystem>
 #include <mutex>
 
 #include "app/cli/Cli.h"
 #include "app/cli/Json.h"
-#include "app/cli/Location.h"
 #include "app/cli/ProgressView.h"
+#include "app/cli/StopSignals.h"
 #include "core/GCD.h"
+#include "core/Location.h"
 #include "core/MainQueue.h"
-#include "core/StringUtils.h"
-#include "sync/SyncDBManager.h"
 #include "sync/SyncInfoService.h"
 #include "sync/SyncTask.h"
 #include "sync/SyncUtils.h"
@@ -28,20 +25,14 @@ namespace quillon::cli {
 
 namespace {
 
-volatile std::sig_atomic_t interrupted = 0;
-
-void onInterrupt(int) {
-    interrupted = 1;
-}
-
 // A failed pair does not stop the others: the failure is reported with the summary.
 class SyncPrompts : public UserPrompts {
   public:
     void resolveConflict(const ResolveConflictItem&, ConflictAnswer answer) override {
         answer(ConflictAction::Skip, false);
     }
-    FailureChoice alertTaskFailure(const std::string&, bool offerIgnore) override {
-        return offerIgnore ? FailureChoice::Ignore : FailureChoice::Stop;
+    void alertTaskFailure(const std::string&, bool offerIgnore, FailureAnswer answer) override {
+        answer(offerIgnore ? FailureChoice::Ignore : FailureChoice::Stop);
     }
 };
 
@@ -51,16 +42,6 @@ std::string timeText(const std::optional<TimePoint>& t) {
     std::tm tm{};
     localtime_r(&tt, &tm);
     return fmt::format("{:%Y-%m-%d %H:%M:%S}", tm);
-}
-
-// The status as a user reads it: a pair left "running" by a process that is gone was
-// interrupted.
-std::string statusText(const SyncInfo& info) {
-    if (!info.hasSafeLocalName()) return "refused";
-    if (info.status == SyncStatus::Running &&
-        !SyncUtils::isSyncRunning(info.localFolderMeta.pathOrEmpty()))
-        return "interrupted";
-    return std::string(syncStatusName(info.status));
 }
 
 std::string serverText(const SyncInfo& info) {
@@ -75,73 +56,25 @@ std::string remoteText(const SyncInfo& info) {
     return serverText(info) + ":" + path;
 }
 
-// New pairs get visible folders; the names read back are checked by SyncInfo again.
-bool validLocalName(const std::string& name) {
-    return SyncInfo::isSafeLocalName(name) && name.front() != '.';
-}
-
 // The local folder as shown: its path, or the stored name of a refused pair.
 std::string localText(const SyncInfo& info) {
     if (info.hasSafeLocalName()) return info.localFolderMeta.pathOrEmpty();
     return fmt::format("(refused local name \"{}\")", info.localFolderMeta.nameOrEmpty());
 }
 
-void removePairDatabase(const std::string& folder) {
-    if (folder.empty()) return;
-    for (auto suffix : {"", "-wal", "-shm", "-journal"})
-        ::unlink((folder + "/" + SyncDBManager::kFileName + suffix).c_str());
-    ::unlink((folder + "/" + SyncUtils::kLockFileName).c_str());
-}
-
 int addPair(const std::string& locationText, const std::string& localName) {
     if (auto r = startApplication(); !r) return reportError(r.error());
-    if (!validLocalName(localName))
+    auto& service = SyncInfoService::sharedInstance();
+    // Checked before the location is resolved, which may save a quick-connect record.
+    if (!SyncInfoService::isValidNewLocalName(localName))
         return reportMessage("LOCAL_NAME must be a plain folder name (no \"/\", not hidden).",
                              kExitUsage);
     auto loc = resolveLocation(locationText);
     if (!loc) return reportError(loc.error());
-    if (loc->server->boolValueForKey(ServerProp::QUICK_CONNECT))
-        return reportMessage(
-            "A sync pair needs a configured server: add it with `quillon server "
-            "add` and give the folder as NAME:/path.");
-    auto item = statLocation(*loc);
-    if (!item) return reportError(item.error());
-    if (!item->isDir) return reportMessage(loc->display() + " is not a folder.");
-
-    auto& service = SyncInfoService::sharedInstance();
-    auto local = SyncInfo::localFolderMetaForName(localName);
-    std::string localPath = local.pathOrEmpty();
-    for (auto& other : service.getAllSyncInfo()) {
-        if (other.localFolderMeta.nameOrEmpty() == localName)
-            return reportMessage(
-                fmt::format("The local folder \"{}\" already belongs to sync pair {}.", localName,
-                            other.syncInfoID));
-        if (other.serverUUID == loc->server->serverID &&
-            other.remoteFolderMeta.pathOrEmpty() == loc->path)
-            return reportMessage(fmt::format("{} is already paired (sync pair {}).", loc->display(),
-                                             other.syncInfoID));
-    }
-    if (loc->isLocal()) {
-        // A folder synced with itself, or with a folder inside it, would never settle.
-        std::string a = loc->path == "/" ? "/" : loc->path + "/";
-        std::string b = localPath + "/";
-        if (a.starts_with(b) || b.starts_with(a))
-            return reportMessage("The folder overlaps its own sync folder " + localPath + ".");
-    }
-
-    SyncInfo info;
-    info.serverInfo = loc->server;
-    info.serverUUID = loc->server->serverID;
-    std::string remoteName = loc->path == "/" ? "/" : StringUtils::lastPathComponent(loc->path);
-    info.remoteFolderMeta = SyncInfo::remoteFolderMetaFor(remoteName, loc->path, info.serverUUID,
-                                                          loc->server->protocolType, std::nullopt);
-    info.localFolderMeta = local;
-    info.status = SyncStatus::NeverSynced;
-    if (auto r = service.saveSyncInfo(info); !r) return reportError(r.error());
-    std::string made = SyncUtils::getSyncFolderPath(localName);
-    // Records left by a forgotten pair of the same name would be read as this pair's history.
-    removePairDatabase(made);
-    fmt::print("Added sync pair {}: {} <-> {}\n", info.syncInfoID, loc->display(), made);
+    auto info = service.addPair(*loc, localName);
+    if (!info) return reportRefusal(info.error());
+    fmt::print("Added sync pair {}: {} <-> {}\n", info->syncInfoID, loc->display(),
+               SyncUtils::getSyncFolderPath(localName));
     return kExitOk;
 }
 
@@ -160,7 +93,7 @@ int listPairs(bool json) {
                 jsonString(p.remoteFolderMeta.pathOrEmpty()),
                 jsonString(p.localFolderMeta.nameOrEmpty()),
                 jsonString(p.localFolderMeta.pathOrEmpty()), jsonTime(p.lastSyncDate),
-                jsonString(statusText(p)), p.status);
+                jsonString(SyncInfoService::statusText(p)), p.status);
         }
         out += pairs.empty() ? "]\n" : "\n]\n";
         std::fwrite(out.data(), 1, out.size(), stdout);
@@ -172,23 +105,16 @@ int listPairs(bool json) {
     }
     fmt::print("{:>4}  {:<11}  {:<19}  {}\n", "ID", "STATUS", "LAST SYNC", "FOLDERS");
     for (auto& p : pairs)
-        fmt::print("{:>4}  {:<11}  {:<19}  {} <-> {}\n", p.syncInfoID, statusText(p),
-                   timeText(p.lastSyncDate), remoteText(p), localText(p));
+        fmt::print("{:>4}  {:<11}  {:<19}  {} <-> {}\n", p.syncInfoID,
+                   SyncInfoService::statusText(p), timeText(p.lastSyncDate), remoteText(p),
+                   localText(p));
     return kExitOk;
 }
 
 int removePair(std::int64_t id) {
     if (auto r = startApplication(); !r) return reportError(r.error());
-    auto& service = SyncInfoService::sharedInstance();
-    auto info = service.getSyncInfoByID(id);
-    if (!info) return reportMessage(fmt::format("No sync pair {}.", id));
-    std::string localPath = info->localFolderMeta.pathOrEmpty();
-    if (!localPath.empty() && SyncUtils::isSyncRunning(localPath))
-        return reportMessage(
-            fmt::format("Sync pair {} is syncing now; try again when it is done.", id));
-    if (auto r = service.deleteSyncInfo(*info); !r) return reportError(r.error());
-    // The pair's own records go with it; the user's files stay where they are.
-    removePairDatabase(localPath);
+    auto info = SyncInfoService::sharedInstance().removePair(id);
+    if (!info) return reportRefusal(info.error());
     fmt::print("Removed sync pair {}; the files in {} and in {} are kept.\n", id, localText(*info),
                remoteText(*info));
     return kExitOk;
@@ -287,7 +213,7 @@ int runPairs(const RunOptions& opts) {
     auto view = std::make_shared<ProgressView>(stderr, opts.dryRun);
     auto& manager = FileTransferTaskManager::sharedInstance();
     manager.setUserPrompts(std::make_shared<SyncPrompts>());
-    manager.setFileTransferView(view);
+    manager.addObserver(view);
 
     std::vector<std::shared_ptr<SyncTask>> tasks;
     for (auto& info : chosen) {
@@ -295,9 +221,11 @@ int runPairs(const RunOptions& opts) {
         if (opts.dryRun || opts.verbose) {
             std::int64_t id = info.syncInfoID;
             // Decisions are printed on the main thread, where the progress line is drawn too.
-            task->decisionHandler = [id, view](const SyncDecision& d) {
-                GCD::doInForeground([id, view, d] {
-                    view->clearBlock();
+            // The view holds the task: the task holds the view weakly, or neither would go.
+            std::weak_ptr<ProgressView> weakView = view;
+            task->decisionHandler = [id, weakView](const SyncDecision& d) {
+                GCD::doInForeground([id, weakView, d] {
+                    if (auto v = weakView.lock()) v->clearBlock();
                     std::string what(syncActionName(d.action));
                     if (d.conflict) what = "conflict: " + what;
                     fmt::print("[{}] {:<18} {}{}  ({})\n", id, what, d.path, d.isDir ? "/" : "",
@@ -311,24 +239,10 @@ int runPairs(const RunOptions& opts) {
         manager.addTask(task);
     }
 
-    interrupted = 0;
-    struct sigaction sa {
-    }, oldInt{}, oldTerm{};
-    sa.sa_handler = onInterrupt;
-    sigemptyset(&sa.sa_mask);
-    ::sigaction(SIGINT, &sa, &oldInt);
-    ::sigaction(SIGTERM, &sa, &oldTerm);
-    bool stopping = false;
+    // A stop signal stops the syncs between items, and they record it.
+    StopSignals signals(StopSignals::Second::Ignore, [&](int) { manager.stopAllTasks(); });
     auto& queue = MainQueue::shared();
-    // Redraws the progress, and notices an interrupt: the syncs then stop between items and
-    // record it.
-    auto timer = queue.scheduleRepeating(std::chrono::milliseconds(100), [&] {
-        if (interrupted && !stopping) {
-            stopping = true;
-            manager.stopAllTasks();
-        }
-        view->tick();
-    });
+    auto timer = queue.scheduleRepeating(std::chrono::milliseconds(100), [&] { view->tick(); });
     manager.start();
     auto finished = [&] {
         return std::all_of(tasks.begin(), tasks.end(), [](const std::shared_ptr<SyncTask>& t) {
@@ -342,9 +256,8 @@ int runPairs(const RunOptions& opts) {
     // Decisions and completions already queued.
     while (queue.pump() > 0) {
     }
-    view->close();
-    ::sigaction(SIGINT, &oldInt, nullptr);
-    ::sigaction(SIGTERM, &oldTerm, nullptr);
+    view->clearBlock();
+    manager.removeObserver(view);
 
     int rc = kExitOk;
     for (auto& t : tasks) {

@@ -8,12 +8,9 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
-#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
-#include <deque>
 #include <map>
 #include <memory>
 #include <optional>
@@ -22,56 +19,18 @@
 
 #include "app/cli/Cli.h"
 #include "app/cli/Json.h"
-#include "app/cli/Location.h"
 #include "app/cli/ProgressView.h"
+#include "app/cli/StopSignals.h"
+#include "core/Location.h"
 #include "core/MainQueue.h"
 #include "core/StringUtils.h"
-#include "transfer/CopyTask.h"
-#include "transfer/CrossCopyTask.h"
-#include "transfer/CrossMoveTask.h"
-#include "transfer/DownloadTask.h"
 #include "transfer/FileTransferTaskManager.h"
 #include "transfer/FileTransferUtils.h"
-#include "transfer/MoveTask.h"
-#include "transfer/UploadTask.h"
+#include "transfer/TransferPlanner.h"
 
 namespace quillon::cli {
 
 namespace {
-
-// Ctrl-C (and a polite SIGTERM or SIGHUP): the first stops every task, a second one ends the
-// process at once.
-std::atomic<int> gInterrupts{0};
-std::atomic<int> gSignal{0};
-
-void onInterrupt(int sig) {
-    if (gInterrupts.fetch_add(1) >= 1) ::_exit(128 + (gSignal.load() ? gSignal.load() : sig));
-    gSignal = sig;
-}
-
-class InterruptGuard {
-  public:
-    InterruptGuard() {
-        gInterrupts = 0;
-        gSignal = 0;
-        struct sigaction sa {};
-        sa.sa_handler = onInterrupt;
-        sigemptyset(&sa.sa_mask);
-        sa.sa_flags = 0;  // no SA_RESTART: a pending terminal question returns at once
-        for (std::size_t i = 0; i < kSignals.size(); ++i)
-            ::sigaction(kSignals[i], &sa, &previous_[i]);
-    }
-    ~InterruptGuard() {
-        for (std::size_t i = 0; i < kSignals.size(); ++i)
-            ::sigaction(kSignals[i], &previous_[i], nullptr);
-    }
-    InterruptGuard(const InterruptGuard&) = delete;
-    InterruptGuard& operator=(const InterruptGuard&) = delete;
-
-  private:
-    static constexpr std::array<int, 3> kSignals{SIGINT, SIGTERM, SIGHUP};
-    std::array<struct sigaction, 3> previous_{};
-};
 
 enum class ConflictPolicy { Ask, Replace, KeepBoth, Skip };
 
@@ -94,20 +53,10 @@ class TransferConsole : public ProgressView {
     TransferConsole(bool json, bool moving)
         : ProgressView(stderr, /*quiet=*/json), json_(json), moving_(moving) {}
 
-    // Progress and ends are wanted in every mode, JSON included.
-    bool isDisplayed() const override { return true; }
-
-    void updateProgress(FileTransferTask& task, std::int64_t done, std::int64_t total) override {
+    void taskProgressed(FileTransferTask& task, std::int64_t done, std::int64_t total) override {
         Row* row = find(task);
-        if (!row) return;
-        auto state = task.state();
-        bool final = state == TransferTaskState::Completed || state == TransferTaskState::Failed ||
-                     (state == TransferTaskState::Stopped && task.delegate() == nullptr);
-        if (final) {
-            if (!row->ended) report(*row);
-            return;
-        }
-        takeSample(*row, done);
+        if (!row || row->ended) return;
+        row->rate.sample(done);
         if (json_) {
             auto now = Clock::now();
             auto& last = lastJson_[row->id];
@@ -116,6 +65,10 @@ class TransferConsole : public ProgressView {
                 emitJsonProgress(*row, done, total);
             }
         }
+    }
+
+    void taskEnded(FileTransferTask& task) override {
+        if (Row* row = find(task); row && !row->ended) report(*row);
     }
 
     void message(const std::string& text) {
@@ -129,16 +82,6 @@ class TransferConsole : public ProgressView {
         clearBlock();
         fmt::print(stderr, "{}", text);
         std::fflush(stderr);
-    }
-
-    // Every task has ended (or never started) and its end was delivered.
-    bool allDone() const {
-        for (auto& row : rows_) {
-            auto s = row.task->state();
-            if (s == TransferTaskState::Waiting || s == TransferTaskState::Running) return false;
-            if (row.task->delegate() != nullptr) return false;
-        }
-        return true;
     }
 
     // Reports the tasks that ended without a completion (stopped while waiting).
@@ -165,12 +108,11 @@ class TransferConsole : public ProgressView {
 
   private:
     void emitJsonProgress(const Row& row, std::int64_t done, std::int64_t total) {
-        double rate = rateOf(row);
+        double rate = row.rate.rate();
         std::string current = "null";
         if (auto meta = row.task->transferringFileMeta()) current = jsonString(itemName(*meta));
-        std::string eta = rate > 0 && total > done
-                              ? fmt::format("{:.1f}", static_cast<double>(total - done) / rate)
-                              : "null";
+        auto left = row.rate.secondsLeft(done, total);
+        std::string eta = left ? fmt::format("{:.1f}", *left) : "null";
         fmt::print(stdout,
                    "{{\"event\":\"progress\",\"id\":{},\"source\":{},\"file\":{},"
                    "\"transferred\":{},\"total\":{},\"percent\":{},\"rate\":{},\"eta\":{}}}\n",
@@ -266,7 +208,7 @@ class TerminalPrompts : public UserPrompts {
             case ConflictPolicy::Ask:
                 break;
         }
-        if (!interactive_ || gInterrupts > 0) {
+        if (!interactive_ || StopSignals::stopRequested()) {
             answer(ConflictAction::Skip, false);
             return;
         }
@@ -301,10 +243,16 @@ class TerminalPrompts : public UserPrompts {
         }
     }
 
-    FailureChoice alertTaskFailure(const std::string&, bool offerIgnore) override {
+    void alertTaskFailure(const std::string&, bool offerIgnore, FailureAnswer answer) override {
+        answer(askAfterFailure(offerIgnore));
+    }
+
+  private:
+    FailureChoice askAfterFailure(bool offerIgnore) {
         // The error itself was printed with the task's end.
         if (keepGoing_) return FailureChoice::Ignore;
-        if (!offerIgnore || !interactive_ || gInterrupts > 0) return FailureChoice::Stop;
+        if (!offerIgnore || !interactive_ || StopSignals::stopRequested())
+            return FailureChoice::Stop;
         while (true) {
             console_->ask("[s]top all transfers, or [i]gnore and go on? ");
             auto line = readLine();
@@ -316,7 +264,6 @@ class TerminalPrompts : public UserPrompts {
         }
     }
 
-  private:
     // A line from standard input; absent at the end of input or when Ctrl-C interrupts.
     static std::optional<std::string> readLine() {
         std::string line;
@@ -345,52 +292,6 @@ std::optional<ConflictPolicy> parsePolicy(const std::string& text, bool interact
     return std::nullopt;
 }
 
-bool isLocalServer(const ServerInfoPtr& s) {
-    return s && s->protocolType == ProtocolType::Local;
-}
-
-// The parent folder's record of a located item.
-KvMetadata parentRecord(const Location& loc) {
-    Location parent = loc;
-    parent.path = FileTransferUtils::parentPath(loc.path);
-    return parent.metadata(true);
-}
-
-FileTransferTaskPtr makeTaskFor(bool moving, const Location& src, const Location& dst) {
-    bool srcLocal = isLocalServer(src.server), dstLocal = isLocalServer(dst.server);
-    if (moving) {
-        // The local disk is one place, whatever volume an item is on.
-        bool sameServer = src.server->serverID == dst.server->serverID || (srcLocal && dstLocal);
-        if (sameServer) return std::make_shared<MoveTask>();
-        return std::make_shared<CrossMoveTask>();
-    }
-    if (srcLocal && dstLocal) return std::make_shared<CopyTask>();
-    if (dstLocal) return std::make_shared<DownloadTask>();
-    if (srcLocal) return std::make_shared<UploadTask>();
-    return std::make_shared<CrossCopyTask>();
-}
-
-// `quillon mv OLD NEW` within one server when NEW is not an existing folder.
-int renameItem(const Location& src, const KvMetadata& item, const Location& dst) {
-    bool sameServer = src.server->serverID == dst.server->serverID ||
-                      (isLocalServer(src.server) && isLocalServer(dst.server));
-    if (!sameServer)
-        return reportMessage(dst.display() +
-                             " is not a folder: moving to a new name works within one server.");
-    if (dst.path == src.path) return kExitOk;
-    if (item.isDir && FileTransferUtils::isCopyIntoItself(src.path, dst.path))
-        return reportMessage(FileTransferUtils::copyIntoItselfMessage());
-    if (auto existing = statLocation(dst)) return reportMessage(dst.display() + " already exists.");
-    Location parent = dst;
-    parent.path = FileTransferUtils::parentPath(dst.path);
-    auto folder = statLocation(parent);
-    if (!folder || !folder->isDir) return reportMessage(parent.display() + " is not a folder.");
-    auto client = isLocalServer(dst.server) ? dst.client : src.client;
-    if (auto r = client->moveSync(item, dst.metadata(item.isDir)); !r)
-        return reportError(r.error());
-    return kExitOk;
-}
-
 int runTransfer(const Options& opt, bool moving) {
     bool interactive = ::isatty(STDIN_FILENO) == 1;
     auto policy = parsePolicy(opt.onConflict, interactive);
@@ -412,19 +313,15 @@ int runTransfer(const Options& opt, bool moving) {
         if (!src) return reportError(src.error());
         auto item = statLocation(*src);
         if (!item) return reportError(item.error());
-        return renameItem(*src, *item, *dst);
+        if (auto r = TransferPlanner::rename(*src, *item, *dst); !r)
+            return reportRefusal(r.error());
+        return kExitOk;
     }
-    if (!dstItem) return reportError(dstItem.error());
-    if (!dstItem->isDir) return reportMessage(dst->display() + " is not a folder.");
-    KvMetadata folder = dst->metadata(true);
+    auto planner = TransferPlanner::into(*dst, dstItem, moving, opt.recursive);
+    if (!planner) return reportRefusal(planner.error());
 
     auto console = std::make_shared<TransferConsole>(opt.json, moving);
     int rc = kExitOk;
-    struct Planned {
-        Location src;
-        KvMetadata item;
-    };
-    std::vector<Planned> planned;
     for (auto& text : opt.sources) {
         auto src = resolveLocation(text);
         if (!src) {
@@ -436,94 +333,40 @@ int runTransfer(const Options& opt, bool moving) {
             rc = reportError(item.error());
             continue;
         }
-        if (item->isDir && !item->isSymbolLink && !moving && !opt.recursive) {
-            rc = reportMessage(src->display() + " is a folder: use -r to copy it.");
-            continue;
-        }
-        bool sameServer = src->server->serverID == dst->server->serverID ||
-                          (isLocalServer(src->server) && isLocalServer(dst->server));
-        if (sameServer && item->isDir && !item->isSymbolLink &&
-            FileTransferUtils::isCopyIntoItself(src->path, dst->path)) {
-            rc = reportMessage(FileTransferUtils::copyIntoItselfMessage());
-            continue;
-        }
-        // Moving an item into the folder it is in changes nothing.
-        if (moving && sameServer && FileTransferUtils::parentPath(src->path) == dst->path) continue;
-        item->parentFolderMeta = std::make_shared<KvMetadata>(parentRecord(*src));
-        planned.push_back({*src, *item});
+        if (auto refusal = planner->add(*src, *item)) rc = reportRefusal(*refusal);
     }
-    KvMetadataList allItems;
-    for (auto& p : planned) allItems.push_back(p.item);
-
-    auto& manager = FileTransferTaskManager::sharedInstance();
+    auto planned = planner->tasks();
+    if (planned.empty()) return rc;
     std::vector<FileTransferTaskPtr> tasks;
-    auto addTask = [&](const FileTransferTaskPtr& task, const Planned& p, KvMetadataList items) {
-        std::string label = p.src.display();
-        if (items.size() > 1 && dynamic_cast<MoveTask*>(task.get()))
-            label += fmt::format(" (and {} more)", items.size() - 1);
-        task->sourceServerInfo = p.src.server;
-        task->targetServerInfo = dst->server;
-        task->sourceItems = std::move(items);
-        task->sourceMetadata = p.item;
-        task->targetMetadata = folder;
-        task->continueAfterItemFailure = opt.keepGoing;
-        console->add(task, label);
-        tasks.push_back(task);
-    };
-
-    // Items moved within one server without a name conflict go in one request.
-    std::vector<const Planned*> batch;
-    std::optional<KvMetadataList> targetListing;
     for (auto& p : planned) {
-        auto task = makeTaskFor(moving, p.src, *dst);
-        if (!dynamic_cast<MoveTask*>(task.get())) {
-            addTask(task, p, allItems);
-            continue;
-        }
-        if (!targetListing) {
-            dst->client->setForceIncludesHiddenFiles(true);
-            auto listing = dst->client->contentsOfDirectoryAtPathSync(folder);
-            targetListing = listing ? *listing : KvMetadataList{};
-        }
-        bool conflict =
-            std::any_of(targetListing->begin(), targetListing->end(),
-                        [&](const KvMetadata& e) { return itemName(e) == itemName(p.item); });
-        if (conflict)
-            addTask(task, p, {p.item});
-        else
-            batch.push_back(&p);
+        p.task->continueAfterItemFailure = opt.keepGoing;
+        console->add(p.task, p.label);
+        tasks.push_back(p.task);
     }
-    if (!batch.empty()) {
-        KvMetadataList items;
-        for (auto* p : batch) items.push_back(p->item);
-        addTask(std::make_shared<MoveTask>(), *batch.front(), std::move(items));
-    }
-    if (tasks.empty()) return rc;
+    auto& manager = FileTransferTaskManager::sharedInstance();
 
     auto prompts = std::make_shared<TerminalPrompts>(*policy, opt.keepGoing, interactive, console);
     manager.setUserPrompts(prompts);
-    manager.setFileTransferView(console);
+    manager.addObserver(console);
     if (opt.jobs > 0) manager.setMaxSimultaneousTransfers(opt.jobs);
 
-    InterruptGuard interrupts;
-    bool stopping = false;
-    auto timer = MainQueue::shared().scheduleRepeating(std::chrono::milliseconds(200), [&] {
-        if (gInterrupts > 0 && !stopping) {
-            stopping = true;
-            console->message("Stopping transfers...");
-            manager.stopAllTasks();
-        }
-        console->tick();
+    // Ctrl-C (and a polite SIGTERM or SIGHUP) stops every task; a second one ends the process.
+    StopSignals signals(StopSignals::Second::Exit, [&](int) {
+        console->message("Stopping transfers...");
+        manager.stopAllTasks();
     });
+    auto timer = MainQueue::shared().scheduleRepeating(std::chrono::milliseconds(200),
+                                                       [&] { console->tick(); });
     for (auto& t : tasks) manager.addTask(t);
     manager.start();
     MainQueue::shared().runUntil([&] { return console->allDone(); });
     MainQueue::shared().cancel(timer);
     console->reportRest();
     console->clearBlock();
-    manager.setFileTransferView(nullptr);
+    manager.removeObserver(console);
     manager.setUserPrompts(nullptr);
-    if (gInterrupts > 0) return 128 + (gSignal.load() ? gSignal.load() : SIGINT);
+    if (StopSignals::stopRequested())
+        return 128 + (StopSignals::signal() ? StopSignals::signal() : SIGINT);
     if (console->anyFailed()) return kExitError;
     return rc;
 }

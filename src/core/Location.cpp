@@ -1,19 +1,20 @@
-#include "app/cli/Location.h"
+#include "core/Location.h"
 
-#include <curl/curl.h>
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <climits>
 #include <cstdlib>
 #include <filesystem>
+#include <string_view>
 
 #include "core/PathUtils.h"
 #include "core/ServerInfoService.h"
 #include "core/StringUtils.h"
 #include "core/WrapperProxy.h"
 
-namespace quillon::cli {
+namespace quillon {
 
 KvMetadata Location::metadata(bool isDir) const {
     KvMetadata m(path);
@@ -56,27 +57,82 @@ struct ParsedUrl {
     std::string scheme, user, password, host, port, path;
 };
 
-std::optional<ParsedUrl> parseUrl(const std::string& text) {
-    CURLU* h = curl_url();
-    if (!h) return std::nullopt;
-    std::optional<ParsedUrl> result;
-    if (curl_url_set(h, CURLUPART_URL, text.c_str(), CURLU_NON_SUPPORT_SCHEME) == CURLUE_OK) {
-        ParsedUrl u;
-        auto get = [&](CURLUPart part, std::string& out, unsigned flags) {
-            char* v = nullptr;
-            if (curl_url_get(h, part, &v, flags) == CURLUE_OK && v) out = v;
-            curl_free(v);
-        };
-        get(CURLUPART_SCHEME, u.scheme, 0);
-        get(CURLUPART_USER, u.user, CURLU_URLDECODE);
-        get(CURLUPART_PASSWORD, u.password, CURLU_URLDECODE);
-        get(CURLUPART_HOST, u.host, 0);
-        get(CURLUPART_PORT, u.port, 0);
-        get(CURLUPART_PATH, u.path, CURLU_URLDECODE);
-        result = u;
+// %XX escapes decoded; a control character among the results leaves nothing (a user name, a
+// password or a path cannot hold one).
+std::string percentDecoded(std::string_view text) {
+    std::string out;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '%' && i + 2 < text.size() &&
+            std::isxdigit(static_cast<unsigned char>(text[i + 1])) &&
+            std::isxdigit(static_cast<unsigned char>(text[i + 2]))) {
+            out += static_cast<char>(std::stoi(std::string(text.substr(i + 1, 2)), nullptr, 16));
+            i += 2;
+        } else {
+            out += text[i];
+        }
     }
-    curl_url_cleanup(h);
-    return result;
+    for (unsigned char c : out)
+        if (c < 0x20) return {};
+    return out;
+}
+
+// scheme://[user[:password]@]host[:port][/path][?query][#fragment]; none when the text is not
+// such a URL (no scheme, no host, a bad port, a blank or control character, a bad host name).
+std::optional<ParsedUrl> parseUrl(const std::string& text) {
+    for (unsigned char c : text)
+        if (c <= 0x20 || c == 0x7f) return std::nullopt;
+    auto sep = text.find("://");
+    if (sep == std::string::npos || sep == 0 || !std::isalpha(static_cast<unsigned char>(text[0])))
+        return std::nullopt;
+    ParsedUrl u;
+    u.scheme = text.substr(0, sep);
+    for (unsigned char c : u.scheme)
+        if (!std::isalnum(c) && c != '+' && c != '-' && c != '.') return std::nullopt;
+    std::string_view rest = std::string_view(text).substr(sep + 3);
+    // A third slash is taken as part of "//", as browsers do.
+    if (rest.starts_with('/')) rest.remove_prefix(1);
+    auto authorityEnd = rest.find_first_of("/?#");
+    std::string_view authority = rest.substr(0, authorityEnd);
+    std::string_view tail =
+        authorityEnd == std::string_view::npos ? std::string_view{} : rest.substr(authorityEnd);
+    std::string_view path = tail.substr(0, tail.find_first_of("?#"));
+    u.path = path.empty() ? "/" : percentDecoded(path);
+    if (auto at = authority.find('@'); at != std::string_view::npos) {
+        std::string_view login = authority.substr(0, at);
+        authority = authority.substr(at + 1);
+        auto colon = login.find(':');
+        u.user = percentDecoded(login.substr(0, colon));
+        if (colon != std::string_view::npos) u.password = percentDecoded(login.substr(colon + 1));
+    }
+    std::string_view port;
+    if (authority.starts_with('[')) {
+        auto close = authority.find(']');
+        if (close == std::string_view::npos) return std::nullopt;
+        for (char c : authority.substr(1, close - 1))
+            if (!std::isxdigit(static_cast<unsigned char>(c)) && c != ':' && c != '.')
+                return std::nullopt;
+        u.host = std::string(authority.substr(0, close + 1));
+        std::string_view after = authority.substr(close + 1);
+        if (!after.empty()) {
+            if (after[0] != ':') return std::nullopt;
+            port = after.substr(1);
+        }
+    } else {
+        auto colon = authority.find(':');
+        u.host = std::string(authority.substr(0, colon));
+        if (colon != std::string_view::npos) port = authority.substr(colon + 1);
+        static constexpr std::string_view bad = " /:#?!@{}[]\\$'\"^`*<>=;,+&()%";
+        if (u.host.find_first_of(bad) != std::string::npos) return std::nullopt;
+    }
+    if (u.host.empty()) return std::nullopt;
+    if (!port.empty()) {
+        if (port.size() > 5) return std::nullopt;
+        for (char c : port)
+            if (!std::isdigit(static_cast<unsigned char>(c))) return std::nullopt;
+        if (std::stoi(std::string(port)) > 65535) return std::nullopt;
+        u.port = std::to_string(std::stoi(std::string(port)));
+    }
+    return u;
 }
 
 // A quick-connect record for the URL; an earlier one for the same place is reused.
@@ -200,4 +256,4 @@ Result<KvMetadata> statLocation(const Location& loc) {
     return loc.client->metadataOfItemSync(loc.metadata(false));
 }
 
-}  // namespace quillon::cli
+}  // namespace quillon

@@ -1,16 +1,17 @@
 #pragma once
-// Locations on the command line: a local path, NAME:/path for a configured server (display name
-// or server id), or a URL such as ftp://user@host:2121/path, which creates a quick-connect record
-// that the next launch deletes.
+// Locations as a user types them (the command line, a window's "Go to" field): a local path,
+// NAME:/path for a configured server (display name or server id), or a URL such as
+// ftp://user@host:2121/path, which creates a quick-connect record that the next launch deletes.
 
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "core/KvMetadata.h"
 #include "core/ServerInfo.h"
 #include "core/Wrapper.h"
 
-namespace quillon::cli {
+namespace quillon {
 
 struct Location {
     ServerInfoPtr server;
@@ -29,8 +30,8 @@ std::optional<ServerInfo> findServer(const std::string& nameOrId);
 // Parses a location and makes its client.
 Result<Location> resolveLocation(const std::string& text);
 
-// The record of the item at the location, found by listing its parent (the top folder is the
-// client's root folder). Fails with 10008 "File not found!" when it does not exist.
+// The record of the item at the location (the top folder is the client's root folder). Fails
+// with kind NotFound, 10008 "File not found!", when it does not exist.
 Result<KvMetadata> statLocation(const Location& loc);
 
-}  // namespace quillon::cli
+}  // namespace quillon
