@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <map>
 
 #include "clients/ftp/FtpWrapper.h"
 #include "core/LocalizedUtils.h"
@@ -86,11 +87,41 @@ std::string percentEscape(std::string_view bytes) {
 
 }  // namespace
 
+std::unique_lock<std::recursive_mutex> FtpWrapper::lockRecord() const {
+    struct Entry {
+        std::weak_ptr<ServerInfo> record;
+        std::shared_ptr<std::recursive_mutex> mutex;
+    };
+    static std::mutex registryMutex;
+    static std::map<const ServerInfo*, Entry> registry;
+    const auto& info = serverInfo();
+    std::shared_ptr<std::recursive_mutex> mutex;
+    {
+        std::lock_guard guard(registryMutex);
+        auto& entry = registry[info.get()];
+        // A record at the address of one that is gone gets a lock of its own.
+        if (!entry.mutex || entry.record.expired() || entry.record.lock() != info) {
+            entry.record = info;
+            entry.mutex = std::make_shared<std::recursive_mutex>();
+            std::erase_if(registry, [](const auto& e) { return e.second.record.expired(); });
+        }
+        mutex = registry[info.get()].mutex;
+    }
+    // The record keeps its entry, and so the mutex, alive while this client holds it.
+    return std::unique_lock(*mutex);
+}
+
+FtpWrapper::Features FtpWrapper::features() const {
+    auto lock = lockRecord();
+    const auto& info = *serverInfo();
+    return {info.supportMLSD.value_or(false), info.supportMFMT.value_or(false),
+            info.supportUTF8.value_or(false), info.supportEPSV.value_or(false)};
+}
+
 Result<std::shared_ptr<CURLConnection>> FtpWrapper::retrieveFTPConnection() {
     auto conn = std::dynamic_pointer_cast<CURLConnection>(
         KvConnectionPool::sharedInstance().retrieveConnection(*serverInfo()));
-    if (!conn || !conn->curl())
-        return KvError::fail(ErrorDomain::FTP, 60001, "No connection available");
+    if (!conn || !conn->curl()) return ftpFailure(kNoConnection, "No connection available");
     connection_ = conn;
     return conn;
 }
@@ -132,6 +163,7 @@ void FtpWrapper::resetCURL(CURL* curl) {
     dataHeader_.reserve(1024);
     dataConnectionNext_ = false;
 
+    auto recordLock = lockRecord();
     const ServerInfo& info = *serverInfo();
     auto nonEmpty = [&](std::string_view preferred, std::string_view fallback) {
         auto v = info.valueForKey(preferred);
@@ -224,6 +256,7 @@ int FtpWrapper::runCurlEasyPerform(CURLConnection& connection) {
     rc = connection.perform(stopWhenCancelled());
     triedAfterTimeout_ = true;
     if (rc != CURLE_OK) return rc;
+    auto recordLock = lockRecord();
     auto& info = *serverInfo();
     info.setValue(std::string("TRUE"), kFtpSkipPasvIp);
     (void)ServerInfoService::sharedServerInfoService().saveOrUpdateServerInfo(info);
@@ -231,6 +264,7 @@ int FtpWrapper::runCurlEasyPerform(CURLConnection& connection) {
 }
 
 std::string FtpWrapper::FTPUrlString(const std::string& path) const {
+    auto recordLock = lockRecord();
     const ServerInfo& info = *serverInfo();
     std::string host = StringUtils::trim(info.valueForKey(ServerProp::ADDR).value_or(""));
     if (StringUtils::startsWithIgnoreCase(host, "ftp://"))
@@ -249,6 +283,7 @@ std::string FtpWrapper::FTPUrlString(const std::string& path) const {
 }
 
 unsigned long FtpWrapper::nsEncodingFromSetting() const {
+    auto recordLock = lockRecord();
     return StringEncoding::encodingFromProperty(
         serverInfo()->valueForKey(ServerProp::SERVER_ENCODING));
 }
@@ -294,8 +329,7 @@ std::string FtpWrapper::cStringForURL(const std::optional<std::string>& path) co
 }
 
 bool FtpWrapper::canSendUTF8Command() const {
-    return nsEncodingFromSetting() == StringEncoding::UTF8 &&
-           serverInfo()->supportUTF8.value_or(false);
+    return nsEncodingFromSetting() == StringEncoding::UTF8 && features().utf8;
 }
 
 int FtpWrapper::sendUTF8Command() {
@@ -330,11 +364,7 @@ int FtpWrapper::sendUTF8Command(CURLConnection& connection) {
 void FtpWrapper::sendFEATCommand() {
     auto reply = curl_runCommandWithoutBody("FEAT", baseServerPath());
     if (!reply || cancelled()) return;
-    auto& info = *serverInfo();
-    info.supportMLSD = false;
-    info.supportMFMT = false;
-    info.supportUTF8 = false;
-    info.supportEPSV = false;
+    Features found;
     std::size_t pos = 0;
     const std::string& text = *reply;
     while (pos < text.size()) {
@@ -343,14 +373,22 @@ void FtpWrapper::sendFEATCommand() {
             pos, nl == std::string::npos ? std::string::npos : nl - pos));
         pos = nl == std::string::npos ? text.size() : nl + 1;
         if (StringUtils::equalsIgnoreCase(line, "MLSD") || StringUtils::startsWith(line, "MLST"))
-            info.supportMLSD = true;
+            found.mlsd = true;
         else if (StringUtils::equalsIgnoreCase(line, "UTF8"))
-            info.supportUTF8 = true;
+            found.utf8 = true;
         else if (line == "MFMT")
-            info.supportMFMT = true;
+            found.mfmt = true;
         else if (line == "EPSV")
-            info.supportEPSV = true;
+            found.epsv = true;
     }
+    // One set, at once: a client on another thread sees the features before or after, never
+    // half of them.
+    auto recordLock = lockRecord();
+    auto& info = *serverInfo();
+    info.supportMLSD = found.mlsd;
+    info.supportMFMT = found.mfmt;
+    info.supportUTF8 = found.utf8;
+    info.supportEPSV = found.epsv;
 }
 
 Result<std::string> FtpWrapper::curl_runCommandWithoutBody(const std::string& command,
@@ -364,8 +402,8 @@ Result<std::string> FtpWrapper::curl_runCommandWithoutBodyWithCommandList(
     // choosing.
     for (auto& c : commands)
         if (hasControlCharacters(c))
-            return KvError::fail(ErrorDomain::FTP, CURLE_BAD_FUNCTION_ARGUMENT,
-                                 "The name holds a line break or NUL and cannot be sent");
+            return ftpFailure(CURLE_BAD_FUNCTION_ARGUMENT,
+                              "The name holds a line break or NUL and cannot be sent");
     if (auto s = refuseUnsafe(path); !s) return std::unexpected(s.error());
     auto conn = retrieveFTPConnection();
     if (!conn) return std::unexpected(conn.error());
@@ -403,7 +441,51 @@ Error FtpWrapper::curlError(int code, const char* errorBuffer, bool forListing) 
     if (text.empty()) text = parseErrorInMessage(stringForHeaderResp());
     long reported = code;
     if (forListing && (code == CURLE_LOGIN_DENIED || code == 69)) reported = 13;
-    return KvError::errorWithDomain(ErrorDomain::FTP, reported, text);
+    return KvError::errorWithDomain(ErrorDomain::FTP, reported, text, kindOfCurlCode(code));
+}
+
+ErrorKind FtpWrapper::kindOfCurlCode(long code) {
+    switch (code) {
+        case ErrorCode::NotFound:
+        case CURLE_REMOTE_FILE_NOT_FOUND:
+            return ErrorKind::NotFound;
+        case CURLE_ABORTED_BY_CALLBACK:
+            return ErrorKind::Cancelled;
+        case CURLE_REMOTE_ACCESS_DENIED:
+        case CURLE_LOGIN_DENIED:
+        case CURLE_TFTP_PERM:
+            return ErrorKind::PermissionDenied;
+        case CURLE_REMOTE_FILE_EXISTS:
+            return ErrorKind::AlreadyExists;
+        case CURLE_REMOTE_DISK_FULL:
+            return ErrorKind::NoSpace;
+        case CURLE_UNSUPPORTED_PROTOCOL:
+        case CURLE_NOT_BUILT_IN:
+        case CURLE_USE_SSL_FAILED:
+            return ErrorKind::Unsupported;
+        case kNoConnection:
+        case CURLE_COULDNT_RESOLVE_PROXY:
+        case CURLE_COULDNT_RESOLVE_HOST:
+        case CURLE_COULDNT_CONNECT:
+        case CURLE_FTP_ACCEPT_FAILED:
+        case CURLE_FTP_ACCEPT_TIMEOUT:
+        case CURLE_FTP_WEIRD_PASV_REPLY:
+        case CURLE_FTP_WEIRD_227_FORMAT:
+        case CURLE_FTP_CANT_GET_HOST:
+        case CURLE_FTP_PORT_FAILED:
+        case CURLE_OPERATION_TIMEDOUT:
+        case CURLE_SSL_CONNECT_ERROR:
+        case CURLE_GOT_NOTHING:
+        case CURLE_SEND_ERROR:
+        case CURLE_RECV_ERROR:
+            return ErrorKind::Connection;
+        default:
+            return ErrorKind::Other;
+    }
+}
+
+std::unexpected<Error> FtpWrapper::ftpFailure(long code, std::string_view reason) {
+    return KvError::fail(ErrorDomain::FTP, code, reason, kindOfCurlCode(code));
 }
 
 std::string FtpWrapper::decodeFromServer(const std::string& bytes) const {
@@ -473,8 +555,8 @@ bool FtpWrapper::hasControlCharacters(const std::string& s) {
 
 Status FtpWrapper::refuseUnsafe(const std::string& path) const {
     if (hasControlCharacters(path))
-        return KvError::fail(ErrorDomain::FTP, CURLE_BAD_FUNCTION_ARGUMENT,
-                             "The name holds a line break or NUL and cannot be sent");
+        return ftpFailure(CURLE_BAD_FUNCTION_ARGUMENT,
+                          "The name holds a line break or NUL and cannot be sent");
     return {};
 }
 

@@ -6,8 +6,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <ctime>
 #include <cctype>
+#include <charconv>
+#include <ctime>
 #include <map>
 #include <thread>
 
@@ -83,18 +84,19 @@ bool FtpWrapper::includesHiddenFiles() const {
 }
 
 Status FtpWrapper::probe(bool forListing) {
-    auto& info = *serverInfo();
-    if (forListing ? !info.supportMLSD : !info.supportUTF8) {
+    bool probed;
+    {
+        auto recordLock = lockRecord();
+        auto& info = *serverInfo();
+        probed = forListing ? info.supportMLSD.has_value() : info.supportUTF8.has_value();
+    }
+    if (!probed) {
         sendFEATCommand();
-        if (cancelled())
-            return KvError::fail(ErrorDomain::FTP, CURLE_ABORTED_BY_CALLBACK,
-                                 "Operation cancelled");
+        if (cancelled()) return ftpFailure(CURLE_ABORTED_BY_CALLBACK, "Operation cancelled");
     }
     if (canSendUTF8Command()) {
         sendUTF8Command();
-        if (cancelled())
-            return KvError::fail(ErrorDomain::FTP, CURLE_ABORTED_BY_CALLBACK,
-                                 "Operation cancelled");
+        if (cancelled()) return ftpFailure(CURLE_ABORTED_BY_CALLBACK, "Operation cancelled");
     }
     return {};
 }
@@ -113,6 +115,7 @@ void FtpWrapper::cancelOperation() {
 }
 
 KvMetadata FtpWrapper::rootFolder() {
+    auto recordLock = lockRecord();
     auto& info = *serverInfo();
     std::string path = StringUtils::trim(info.valueForKey(ServerProp::PATH).value_or(""));
     // An empty setting means the login folder; the first listing learns its name from PWD.
@@ -130,15 +133,86 @@ KvMetadata FtpWrapper::rootFolder() {
 Result<KvMetadataList> FtpWrapper::contentsOfDirectoryAtPathSync(const KvMetadata& folder) {
     (void)probe(true);
     if (cancelled()) return KvMetadataList{};
-    auto result = serverInfo()->supportMLSD.value_or(false) ? mlsdCmd(folder) : listCmd(folder);
+    auto result = features().mlsd ? mlsdCmd(folder) : listCmd(folder);
     if (!result) {
-        if (result.error().code == CURLE_REMOTE_ACCESS_DENIED && isMissing(folder))
+        if (result.error().code == CURLE_REMOTE_ACCESS_DENIED && isMissing(folder)) {
             result.error().code = ErrorCode::NotFound;
+            result.error().kind = ErrorKind::NotFound;
+        }
         return result;
     }
     if (cancelled()) return KvMetadataList{};
     folderList_ = *result;
     return result;
+}
+
+Result<KvMetadata> FtpWrapper::metadataOfItemSync(const KvMetadata& item) {
+    std::string path = item.pathOrEmpty();
+    while (path.size() > 1 && path.back() == '/') path.pop_back();
+    if (path.empty() || path == "/") return rootFolder();
+    if (auto s = probe(true); !s) return std::unexpected(s.error());
+    auto record = [&](KvMetadata m) {
+        m.setPath(path);
+        m.setName(StringUtils::lastPathComponent(path));
+        m.serverID = serverInfo()->serverID;
+        m.protocolType = ProtocolType::FTP;
+        return m;
+    };
+    if (features().mlsd) {
+        auto reply = curl_runCommandWithoutBody("MLST " + path, baseServerPath());
+        if (cancelled()) return ftpFailure(CURLE_ABORTED_BY_CALLBACK, "Operation cancelled");
+        if (reply) {
+            // "250-..." then one line of facts, led by a blank, then "250 ...".
+            std::optional<KvMetadata> found;
+            std::string_view text = *reply;
+            bool inReply = false;
+            while (!text.empty()) {
+                auto nl = text.find('\n');
+                auto line = text.substr(0, nl);
+                text = nl == std::string_view::npos ? std::string_view{} : text.substr(nl + 1);
+                if (line.starts_with("250-")) {
+                    inReply = true;
+                } else if (inReply && line.starts_with(' ')) {
+                    // The item itself may be typed as the current folder.
+                    std::string facts(line.substr(1));
+                    auto lowered = StringUtils::toLower(facts);
+                    if (auto at = lowered.find("type=cdir;"); at != std::string::npos)
+                        facts.replace(at, 10, "type=dir;");
+                    found = FTPDirListParser::parseMlsdLine(facts);
+                    inReply = false;
+                } else {
+                    inReply = false;
+                }
+            }
+            if (found) return record(*found);
+        }
+    } else {
+        auto size = curl_runCommandWithoutBody("SIZE " + path, baseServerPath());
+        if (cancelled()) return ftpFailure(CURLE_ABORTED_BY_CALLBACK, "Operation cancelled");
+        std::optional<std::uint64_t> bytes;
+        if (size) {
+            auto at = size->rfind("213 ");
+            if (at != std::string::npos) {
+                std::uint64_t n = 0;
+                auto digits = std::string_view(*size).substr(at + 4);
+                auto [end, ec] = std::from_chars(digits.data(), digits.data() + digits.size(), n);
+                if (ec == std::errc() && end != digits.data()) bytes = n;
+            }
+        }
+        if (bytes) {
+            // Servers answer SIZE for files only.
+            KvMetadata m;
+            m.fileSizeInBytes = *bytes;
+            KvMetadata file(path);
+            if (auto when = modificationTimeSync(file); when && *when) m.timestamp = **when;
+            if (cancelled()) return ftpFailure(CURLE_ABORTED_BY_CALLBACK, "Operation cancelled");
+            return record(std::move(m));
+        }
+    }
+    // Folders, missing items and servers that answer neither: the parent's listing decides.
+    auto listed = Wrapper::metadataOfItemSync(item);
+    if (cancelled()) return ftpFailure(CURLE_ABORTED_BY_CALLBACK, "Operation cancelled");
+    return listed;
 }
 
 bool FtpWrapper::isMissing(const KvMetadata& item) {
@@ -151,7 +225,7 @@ bool FtpWrapper::isMissing(const KvMetadata& item) {
     parent.isDir = true;
     bool previous = forceIncludesHiddenFiles();
     setForceIncludesHiddenFiles(true);
-    auto siblings = serverInfo()->supportMLSD.value_or(false) ? mlsdCmd(parent) : listCmd(parent);
+    auto siblings = features().mlsd ? mlsdCmd(parent) : listCmd(parent);
     setForceIncludesHiddenFiles(previous);
     if (!siblings) return false;
     std::string name = StringUtils::lastPathComponent(path);
@@ -196,8 +270,13 @@ Result<KvMetadataList> FtpWrapper::listDir(const KvMetadata& folder, const char*
     // before libcurl changes folder, so the server is still in the folder just listed.
     std::optional<std::string> pwd;
     auto& info = *serverInfo();
+    bool needPwd;
+    {
+        auto recordLock = lockRecord();
+        needPwd = info.needRunPWD;
+    }
     if ((rc == CURLE_OK || rc == CURLE_REMOTE_FILE_NOT_FOUND) && !cancelled() &&
-        (info.needRunPWD || path.empty() || path[0] != '/')) {
+        (needPwd || path.empty() || path[0] != '/')) {
         resetCURL(curl);
         std::string base = cStringForURL(FTPUrlString(baseServerPath()));
         curl_slist* list = curl_slist_append(nullptr, "PWD");
@@ -218,6 +297,7 @@ Result<KvMetadataList> FtpWrapper::listDir(const KvMetadata& folder, const char*
         }
         curl_easy_setopt(curl, CURLOPT_QUOTE, nullptr);
         curl_slist_free_all(list);
+        auto recordLock = lockRecord();
         info.needRunPWD = false;
     }
     recycleFTPConnection(*conn, rc);
@@ -285,11 +365,8 @@ void FtpWrapper::postProgress(std::int64_t done, std::int64_t total) {
 
 Status FtpWrapper::downloadSync(const KvMetadata& file, const std::string& saveTo,
                                 const ProgressHandler& progress) {
-    if (file.isDir)
-        return KvError::fail(ErrorDomain::FTP, ErrorCode::DownloadFailed,
-                             "Internal Error: download folder");
-    if (cancelled())
-        return KvError::fail(ErrorDomain::FTP, CURLE_ABORTED_BY_CALLBACK, "Download Canncelled");
+    if (file.isDir) return ftpFailure(ErrorCode::DownloadFailed, "Internal Error: download folder");
+    if (cancelled()) return ftpFailure(CURLE_ABORTED_BY_CALLBACK, "Download Canncelled");
     if (auto s = probe(false); !s) return s;
     downloadProgressHandler_ = progress;
     auto result = downloadFile(file, saveTo, 0);
@@ -335,9 +412,7 @@ Status FtpWrapper::downloadFile(const KvMetadata& file, const std::string& saveT
         resumeFrom = 0;
         f = std::fopen(saveTo.c_str(), "wb");
     }
-    if (!f)
-        return KvError::fail(ErrorDomain::FTP, ErrorCode::DownloadFailed,
-                             "Cannot open file to write");
+    if (!f) return ftpFailure(ErrorCode::DownloadFailed, "Cannot open file to write");
     file_ = f;
     currentProgress_ = -1;
     totalDlSize_ = -1;
@@ -394,8 +469,7 @@ Status FtpWrapper::downloadFile(const KvMetadata& file, const std::string& saveT
     file_ = nullptr;
     direction_ = Direction::None;
 
-    if (cancelled())
-        return KvError::fail(ErrorDomain::FTP, CURLE_ABORTED_BY_CALLBACK, "Download Canncelled");
+    if (cancelled()) return ftpFailure(CURLE_ABORTED_BY_CALLBACK, "Download Canncelled");
     if (rc == CURLE_OK) {
         curl_off_t got = 0;
         curl_easy_getinfo(curl, CURLINFO_SIZE_DOWNLOAD_T, &got);
@@ -403,8 +477,7 @@ Status FtpWrapper::downloadFile(const KvMetadata& file, const std::string& saveT
         return {};
     }
     if (rc == CURLE_REMOTE_FILE_NOT_FOUND)
-        return KvError::fail(ErrorDomain::FTP, ErrorCode::NotFound,
-                             "File not found, check permission");
+        return ftpFailure(ErrorCode::NotFound, "File not found, check permission");
     return std::unexpected(curlError(rc, errorBuffer));
 }
 
@@ -412,8 +485,7 @@ Status FtpWrapper::downloadFile(const KvMetadata& file, const std::string& saveT
 
 Status FtpWrapper::uploadSync(const KvMetadata& localFile, const KvMetadata& toFolder,
                               const ProgressHandler& progress) {
-    if (cancelled())
-        return KvError::fail(ErrorDomain::FTP, CURLE_ABORTED_BY_CALLBACK, "Upload Cancelled");
+    if (cancelled()) return ftpFailure(CURLE_ABORTED_BY_CALLBACK, "Upload Cancelled");
     if (auto s = probe(false); !s) return s;
     uploadProgressHandler_ = progress;
     return uploadFileForFTP(localFile, toFolder, std::nullopt, 0);
@@ -435,8 +507,7 @@ Status FtpWrapper::uploadFileForFTP(const KvMetadata& localFile, const KvMetadat
     std::string target = FTPDirListParser::childPath(toFolder.pathOrEmpty(), name);
     if (auto s = refuseUnsafe(target); !s) return s;
     std::FILE* f = std::fopen(localPath.c_str(), "rb");
-    if (!f)
-        return KvError::fail(ErrorDomain::FTP, ErrorCode::UploadFailed, "Cannot open file to read");
+    if (!f) return ftpFailure(ErrorCode::UploadFailed, "Cannot open file to read");
     struct stat st {};
     std::int64_t size = ::fstat(::fileno(f), &st) == 0 ? static_cast<std::int64_t>(st.st_size) : -1;
     file_ = f;
@@ -499,7 +570,7 @@ Status FtpWrapper::uploadFileForFTP(const KvMetadata& localFile, const KvMetadat
             (void)curl_runCommandWithoutBody("DELE " + target, baseServerPath());
             cleaningUp_ = false;
         }
-        return KvError::fail(ErrorDomain::FTP, CURLE_ABORTED_BY_CALLBACK, "Upload Cancelled");
+        return ftpFailure(CURLE_ABORTED_BY_CALLBACK, "Upload Cancelled");
     }
     if (rc != CURLE_OK) {
         direction_ = Direction::None;
@@ -510,7 +581,7 @@ Status FtpWrapper::uploadFileForFTP(const KvMetadata& localFile, const KvMetadat
     }
     finishProgress(size);
     direction_ = Direction::None;
-    if (serverInfo()->supportMFMT.value_or(false)) {
+    if (features().mfmt) {
         struct stat ls {};
         if (::stat(localPath.c_str(), &ls) == 0)
             (void)modifyDateTime(std::chrono::system_clock::from_time_t(ls.st_mtime), target);
@@ -565,12 +636,10 @@ Result<std::string> FtpWrapper::currentWorkingDirectory() {
     auto at = reply->rfind("257 ");
     if (at == std::string::npos) at = reply->rfind("257-");
     if (at == std::string::npos)
-        return KvError::fail(ErrorDomain::FTP, CURLE_WEIRD_SERVER_REPLY,
-                             parseErrorInMessage(*reply));
+        return ftpFailure(CURLE_WEIRD_SERVER_REPLY, parseErrorInMessage(*reply));
     auto q1 = reply->find('"', at);
     auto q2 = q1 == std::string::npos ? q1 : reply->find('"', q1 + 1);
-    if (q2 == std::string::npos)
-        return KvError::fail(ErrorDomain::FTP, CURLE_WEIRD_SERVER_REPLY, "Unknown error!");
+    if (q2 == std::string::npos) return ftpFailure(CURLE_WEIRD_SERVER_REPLY, "Unknown error!");
     return reply->substr(q1 + 1, q2 - q1 - 1);
 }
 
@@ -614,8 +683,7 @@ Result<std::optional<std::chrono::system_clock::time_point>> FtpWrapper::modific
                                      std::chrono::day(day)};
     if (year < 0 || month < 0 || day < 0 || hour < 0 || hour > 23 || minute < 0 || minute > 59 ||
         second < 0 || second > 60 || !date.ok())
-        return KvError::fail(ErrorDomain::FTP, CURLE_WEIRD_SERVER_REPLY,
-                             "Unreadable MDTM reply: " + answer);
+        return ftpFailure(CURLE_WEIRD_SERVER_REPLY, "Unreadable MDTM reply: " + answer);
     auto when = std::chrono::sys_days(date) + std::chrono::hours(hour) +
                 std::chrono::minutes(minute) + std::chrono::seconds(second);
     std::chrono::system_clock::time_point t(
@@ -666,7 +734,7 @@ Status FtpWrapper::removeSync(const KvMetadataList& items) {
 }
 
 Result<KvMetadataList> FtpWrapper::listing(const KvMetadata& folder, bool forDelete) {
-    if (serverInfo()->supportMLSD.value_or(false)) return mlsdCmd(folder);
+    if (features().mlsd) return mlsdCmd(folder);
     if (forDelete) {
         // Many LIST servers hide dot files unless asked with "-a"; a server that reads "-a" as a
         // name fails, and the plain LIST is used.
@@ -682,8 +750,7 @@ Status FtpWrapper::deleteFolder(const KvMetadata& folder) {
     auto entries = listing(folder, true);
     setForceIncludesHiddenFiles(previous);
     if (!entries) return std::unexpected(entries.error());
-    if (cancelled())
-        return KvError::fail(ErrorDomain::FTP, CURLE_ABORTED_BY_CALLBACK, "Operation cancelled");
+    if (cancelled()) return ftpFailure(CURLE_ABORTED_BY_CALLBACK, "Operation cancelled");
     std::vector<std::string> commands;
     for (auto& entry : *entries) {
         if (entry.isDir) {
@@ -723,9 +790,7 @@ std::optional<std::string> FtpWrapper::loadStreamableURLForFileSync(const KvMeta
 }
 
 Status FtpWrapper::initStreamFileMeta(const KvMetadata& file) {
-    if (file.isDir)
-        return KvError::fail(ErrorDomain::FTP, ErrorCode::DownloadFailed,
-                             "Internal Error: download folder");
+    if (file.isDir) return ftpFailure(ErrorCode::DownloadFailed, "Internal Error: download folder");
     if (auto s = refuseUnsafe(file.pathOrEmpty()); !s) return s;
     streamFile_ = file;
     offset_ = 0;
@@ -782,9 +847,7 @@ std::size_t FtpWrapper::onStreamData(const char* data, std::size_t size) {
 
 Status FtpWrapper::readRange(std::uint64_t from, std::optional<std::uint64_t> length,
                              const std::function<bool(const Bytes&)>& handler) {
-    if (!streamFile_)
-        return KvError::fail(ErrorDomain::FTP, ErrorCode::DownloadFailed,
-                             "No file opened for streaming");
+    if (!streamFile_) return ftpFailure(ErrorCode::DownloadFailed, "No file opened for streaming");
     auto conn = retrieveFTPConnection();
     if (!conn) return std::unexpected(conn.error());
     CURL* curl = (*conn)->curl();
@@ -812,13 +875,11 @@ Status FtpWrapper::readRange(std::uint64_t from, std::optional<std::uint64_t> le
     int rc = runCurlEasyPerform(**conn);
     recievedDataHandler_ = nullptr;
     recycleFTPConnection(*conn, rc);
-    if (cancelled())
-        return KvError::fail(ErrorDomain::FTP, CURLE_ABORTED_BY_CALLBACK, "Download Canncelled");
+    if (cancelled()) return ftpFailure(CURLE_ABORTED_BY_CALLBACK, "Download Canncelled");
     // A reader that had enough stops the transfer on purpose.
     if (rc == CURLE_OK || (rc == CURLE_WRITE_ERROR && streamStopped_)) return {};
     if (rc == CURLE_REMOTE_FILE_NOT_FOUND)
-        return KvError::fail(ErrorDomain::FTP, ErrorCode::NotFound,
-                             "File not found, check permission");
+        return ftpFailure(ErrorCode::NotFound, "File not found, check permission");
     return std::unexpected(curlError(rc, errorBuffer));
 }
 

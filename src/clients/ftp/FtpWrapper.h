@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -36,6 +37,9 @@ class FtpWrapper : public Wrapper {
     // MLSD or LIST of the folder. Errors: libcurl's text (code 13 for a refused login).
     [[nodiscard]] Result<KvMetadataList> contentsOfDirectoryAtPathSync(
         const KvMetadata& folder) override;
+    // MLST when the server offers it, else SIZE (and MDTM) for a file; a folder, a missing
+    // item, or a server that answers neither is looked up in its parent's listing.
+    [[nodiscard]] Result<KvMetadata> metadataOfItemSync(const KvMetadata& item) override;
     // RETR into `saveTo`, resuming a broken transfer up to ten attempts. A missing file fails
     // with "File not found, check permission" (code 78).
     [[nodiscard]] Status downloadSync(const KvMetadata& file, const std::string& saveTo,
@@ -158,6 +162,23 @@ class FtpWrapper : public Wrapper {
   protected:
     // Completions of the asynchronous forms run on the worker that did the work.
     void deliverCompletion(std::function<void()> fn) override;
+
+    // The kind of an error of this client's code space (libcurl's codes and the shared ones).
+    static ErrorKind kindOfCurlCode(long code);
+    // An error of domain "FTP" whose kind follows from the code.
+    static std::unexpected<Error> ftpFailure(long code, std::string_view reason);
+    static constexpr long kNoConnection = 60001;
+
+    // What FEAT reported for a server.
+    struct Features {
+        bool mlsd = false, mfmt = false, utf8 = false, epsv = false;
+    };
+    // The server record is shared by every client of the server, on any thread (the tasks of
+    // one transfer run side by side): its FEAT results, the login folder's name, the PASV
+    // work-around and every setting the clients read are only touched under the record's lock.
+    std::unique_lock<std::recursive_mutex> lockRecord() const;
+    // The features the record holds now (false where never probed).
+    Features features() const;
 
   private:
     enum class Direction { None, Download, Upload };
