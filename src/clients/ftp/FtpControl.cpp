@@ -120,7 +120,8 @@ FtpWrapper::Features FtpWrapper::features() const {
 
 Result<std::shared_ptr<CURLConnection>> FtpWrapper::retrieveFTPConnection() {
     auto conn = std::dynamic_pointer_cast<CURLConnection>(
-        KvConnectionPool::sharedInstance().retrieveConnection(*serverInfo()));
+        KvConnectionPool::sharedInstance().retrieveConnection(
+            *serverInfo(), [] { return std::make_shared<CURLConnection>(); }));
     if (!conn || !conn->curl()) return ftpFailure(kNoConnection, "No connection available");
     connection_ = conn;
     return conn;

@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "core/KvConnectionPool.h"
+#include "clients/ftp/CURLConnection.h"
 #include "core/Wrapper.h"
 
 struct sockaddr;
