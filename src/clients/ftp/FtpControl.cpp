@@ -26,7 +26,8 @@ constexpr std::string_view kFtpSkipPasvIp = "FTP_SKIP_PASV_IP";
 constexpr std::size_t kMaxReplyBytes = 4 * 1024 * 1024;
 
 size_t headerTrampoline(char* data, size_t size, size_t n, void* self) {
-    return static_cast<FtpWrapper*>(self)->onHeader(data, size * n);
+    auto* op = static_cast<FtpWrapper::Operation*>(self);
+    return op->client->onHeader(*op, data, size * n);
 }
 
 size_t refuseBytes(char*, size_t, size_t, void*) {
@@ -34,8 +35,8 @@ size_t refuseBytes(char*, size_t, size_t, void*) {
 }
 
 curl_socket_t openSocketTrampoline(void* self, curlsocktype purpose, curl_sockaddr* address) {
-    if (purpose == CURLSOCKTYPE_IPCXN && self &&
-        !static_cast<FtpWrapper*>(self)->mayConnect(&address->addr))
+    auto* op = static_cast<FtpWrapper::Operation*>(self);
+    if (purpose == CURLSOCKTYPE_IPCXN && op && !op->client->mayConnect(*op, &address->addr))
         return CURL_SOCKET_BAD;
     return ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
 }
@@ -123,7 +124,6 @@ Result<std::shared_ptr<CURLConnection>> FtpWrapper::retrieveFTPConnection() {
         KvConnectionPool::sharedInstance().retrieveConnection(
             *serverInfo(), [] { return std::make_shared<CURLConnection>(); }));
     if (!conn || !conn->curl()) return ftpFailure(kNoConnection, "No connection available");
-    connection_ = conn;
     return conn;
 }
 
@@ -152,17 +152,17 @@ void FtpWrapper::recycleFTPConnection(const std::shared_ptr<CURLConnection>& con
         connection->cleanup();
     else
         KvConnectionPool::sharedInstance().recycleConnection(connection);
-    if (connection_ == connection) connection_.reset();
 }
 
-void FtpWrapper::resetCURL(CURL* curl) {
+void FtpWrapper::resetCURL(Operation& op) {
+    CURL* curl = op.connection->curl();
     curl_easy_reset(curl);
-    currentProgress_ = -1;
-    data_ = std::string();
-    data_.reserve(1024);
-    dataHeader_ = std::string();
-    dataHeader_.reserve(1024);
-    dataConnectionNext_ = false;
+    op.currentProgress_ = -1;
+    op.data_ = std::string();
+    op.data_.reserve(1024);
+    op.dataHeader_ = std::string();
+    op.dataHeader_.reserve(1024);
+    op.dataConnectionNext_ = false;
 
     auto recordLock = lockRecord();
     const ServerInfo& info = *serverInfo();
@@ -222,24 +222,25 @@ void FtpWrapper::resetCURL(CURL* curl) {
     curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, 1L);
     curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, static_cast<long>(stallLimit_.count()));
     curl_easy_setopt(curl, CURLOPT_OPENSOCKETFUNCTION, openSocketTrampoline);
-    curl_easy_setopt(curl, CURLOPT_OPENSOCKETDATA, this);
+    curl_easy_setopt(curl, CURLOPT_OPENSOCKETDATA, &op);
 }
 
-bool FtpWrapper::mayConnect(const sockaddr* address) {
-    if (!dataConnectionNext_) return true;
-    dataConnectionNext_ = false;
+bool FtpWrapper::mayConnect(Operation& op, const sockaddr* address) {
+    if (!op.dataConnectionNext_) return true;
+    op.dataConnectionNext_ = false;
     // A passive data connection goes to the control connection's peer only: a PASV reply that
     // names another host would make us send a file to (or read from) a service of the server's
     // choosing. The refusal fails the request as "could not connect", which turns on the one
     // retry that ignores the PASV address.
     char* peer = nullptr;
-    if (!connection_ ||
-        curl_easy_getinfo(connection_->curl(), CURLINFO_PRIMARY_IP, &peer) != CURLE_OK)
+    if (!op.connection ||
+        curl_easy_getinfo(op.connection->curl(), CURLINFO_PRIMARY_IP, &peer) != CURLE_OK)
         return false;
     return sameAddress(address, peer);
 }
 
-int FtpWrapper::runCurlEasyPerform(CURLConnection& connection) {
+int FtpWrapper::runCurlEasyPerform(Operation& op) {
+    CURLConnection& connection = *op.connection;
     CURL* curl = connection.curl();
     auto rc = connection.perform(stopWhenCancelled());
     if (rc != CURLE_COULDNT_CONNECT && rc != CURLE_OPERATION_TIMEDOUT &&
@@ -249,10 +250,10 @@ int FtpWrapper::runCurlEasyPerform(CURLConnection& connection) {
     // Servers behind NAT advertise a private address in their PASV reply: try once more with
     // the control connection's host.
     curl_easy_setopt(curl, CURLOPT_FTP_SKIP_PASV_IP, 1L);
-    if (file_ && direction_ == Direction::Download) {
+    if (op.file_ && op.direction_ == Direction::Download) {
         // A time-out may strike in the middle of a transfer: start the attempt over.
-        std::fflush(file_);
-        std::fseek(file_, static_cast<long>(finishedDlSize_), SEEK_SET);
+        std::fflush(op.file_);
+        std::fseek(op.file_, static_cast<long>(op.finishedDlSize_), SEEK_SET);
     }
     rc = connection.perform(stopWhenCancelled());
     triedAfterTimeout_ = true;
@@ -336,14 +337,15 @@ bool FtpWrapper::canSendUTF8Command() const {
 int FtpWrapper::sendUTF8Command() {
     auto conn = retrieveFTPConnection();
     if (!conn) return CURLE_FAILED_INIT;
-    int rc = sendUTF8Command(**conn);
+    Operation op{this, *conn};
+    int rc = sendUTF8Command(op);
     recycleFTPConnection(*conn, rc);
     return rc;
 }
 
-int FtpWrapper::sendUTF8Command(CURLConnection& connection) {
-    CURL* curl = connection.curl();
-    resetCURL(curl);
+int FtpWrapper::sendUTF8Command(Operation& op) {
+    CURL* curl = op.connection->curl();
+    resetCURL(op);
     std::string url = cStringForURL(FTPUrlString(baseServerPath()));
     curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
     // The leading "*" tells libcurl that a refusal is no failure: servers that list UTF8 in FEAT
@@ -352,9 +354,9 @@ int FtpWrapper::sendUTF8Command(CURLConnection& connection) {
     curl_slist* list = curl_slist_append(nullptr, ("*" + cStringForCmd("OPTS UTF8 ON")).c_str());
     curl_easy_setopt(curl, CURLOPT_QUOTE, list);
     curl_easy_setopt(curl, CURLOPT_NOBODY, 1L);
-    curl_easy_setopt(curl, CURLOPT_HEADERDATA, this);
+    curl_easy_setopt(curl, CURLOPT_HEADERDATA, &op);
     curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, headerTrampoline);
-    int rc = runCurlEasyPerform(connection);
+    int rc = runCurlEasyPerform(op);
     curl_slist_free_all(list);
     curl_easy_setopt(curl, CURLOPT_QUOTE, nullptr);
     curl_easy_setopt(curl, CURLOPT_HEADERDATA, nullptr);
@@ -398,7 +400,7 @@ Result<std::string> FtpWrapper::curl_runCommandWithoutBody(const std::string& co
 }
 
 Result<std::string> FtpWrapper::curl_runCommandWithoutBodyWithCommandList(
-    const std::vector<std::string>& commands, const std::string& path) {
+    const std::vector<std::string>& commands, const std::string& path, std::string* replies) {
     // A line break or NUL would end the command early and start another one of the name's
     // choosing.
     for (auto& c : commands)
@@ -408,8 +410,9 @@ Result<std::string> FtpWrapper::curl_runCommandWithoutBodyWithCommandList(
     if (auto s = refuseUnsafe(path); !s) return std::unexpected(s.error());
     auto conn = retrieveFTPConnection();
     if (!conn) return std::unexpected(conn.error());
+    Operation op{this, *conn};
     CURL* curl = (*conn)->curl();
-    resetCURL(curl);
+    resetCURL(op);
     curl_slist* list = nullptr;
     for (auto& c : commands) list = curl_slist_append(list, cStringForCmd(c).c_str());
     std::string url = cStringForURL(FTPUrlString(path));
@@ -419,17 +422,19 @@ Result<std::string> FtpWrapper::curl_runCommandWithoutBodyWithCommandList(
     curl_easy_setopt(curl, CURLOPT_NOBODY, 1L);
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, refuseBytes);
     curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, errorBuffer);
-    curl_easy_setopt(curl, CURLOPT_HEADERDATA, this);
+    curl_easy_setopt(curl, CURLOPT_HEADERDATA, &op);
     curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, headerTrampoline);
-    int rc = runCurlEasyPerform(**conn);
+    int rc = runCurlEasyPerform(op);
     curl_easy_setopt(curl, CURLOPT_QUOTE, nullptr);
     curl_slist_free_all(list);
     recycleFTPConnection(*conn, rc);
-    if (rc == CURLE_OK) return stringForHeaderResp();
-    return std::unexpected(curlError(rc, errorBuffer));
+    if (replies) *replies = stringForHeaderResp(op);
+    if (rc == CURLE_OK) return stringForHeaderResp(op);
+    return std::unexpected(curlError(rc, errorBuffer, op));
 }
 
-Error FtpWrapper::curlError(int code, const char* errorBuffer, bool forListing) const {
+Error FtpWrapper::curlError(int code, const char* errorBuffer, const Operation& op,
+                            bool forListing) const {
     std::string text = errorBuffer ? errorBuffer : "";
     if (StringUtils::contains(text, "550"))
         text = "Permission denied";
@@ -439,7 +444,7 @@ Error FtpWrapper::curlError(int code, const char* errorBuffer, bool forListing) 
         text = LocalizedUtils::localizedStringForKey("trans.operation.timeout", "");
         if (text == "trans.operation.timeout") text = "Operation Time Out";
     }
-    if (text.empty()) text = parseErrorInMessage(stringForHeaderResp());
+    if (text.empty()) text = parseErrorInMessage(stringForHeaderResp(op));
     long reported = code;
     if (forListing && (code == CURLE_LOGIN_DENIED || code == 69)) reported = 13;
     return KvError::errorWithDomain(ErrorDomain::FTP, reported, text, kindOfCurlCode(code));
@@ -516,11 +521,8 @@ std::string FtpWrapper::decodeFromServer(const std::string& bytes) const {
     return out;
 }
 
-std::string FtpWrapper::stringForHeaderResp() const {
-    return decodeFromServer(dataHeader_);
-}
-std::string FtpWrapper::stringForBodyResp() const {
-    return decodeFromServer(data_);
+std::string FtpWrapper::stringForHeaderResp(const Operation& op) const {
+    return decodeFromServer(op.dataHeader_);
 }
 
 std::string FtpWrapper::parseErrorInMessage(const std::string& message) {
@@ -561,13 +563,13 @@ Status FtpWrapper::refuseUnsafe(const std::string& path) const {
     return {};
 }
 
-std::size_t FtpWrapper::onHeader(const char* data, std::size_t size) {
+std::size_t FtpWrapper::onHeader(Operation& op, const char* data, std::size_t size) {
     // The next socket opened after a PASV or EPSV reply is the data connection.
     if (size >= 4 && (std::memcmp(data, "227 ", 4) == 0 || std::memcmp(data, "229 ", 4) == 0))
-        dataConnectionNext_ = true;
+        op.dataConnectionNext_ = true;
     // A hostile server may send replies without end: keep the first few MiB only.
-    if (dataHeader_.size() < kMaxReplyBytes)
-        dataHeader_.append(data, std::min(size, kMaxReplyBytes - dataHeader_.size()));
+    if (op.dataHeader_.size() < kMaxReplyBytes)
+        op.dataHeader_.append(data, std::min(size, kMaxReplyBytes - op.dataHeader_.size()));
     return size;
 }
 

@@ -27,23 +27,26 @@ constexpr int kMaxAttempts = 10;
 constexpr std::int64_t kFineProgressAbove = 524288000;  // 500 MiB: 1000 steps instead of 100
 constexpr int kStreamingPort = 21901;
 
+FtpWrapper::Operation& opOf(void* self) {
+    return *static_cast<FtpWrapper::Operation*>(self);
+}
 size_t headerCb(char* d, size_t s, size_t n, void* self) {
-    return static_cast<FtpWrapper*>(self)->onHeader(d, s * n);
+    return opOf(self).client->onHeader(opOf(self), d, s * n);
 }
 size_t bodyCb(char* d, size_t s, size_t n, void* self) {
-    return static_cast<FtpWrapper*>(self)->onBody(d, s * n);
+    return opOf(self).client->onBody(opOf(self), d, s * n);
 }
 size_t fileWriteCb(char* d, size_t s, size_t n, void* self) {
-    return static_cast<FtpWrapper*>(self)->onFileWrite(d, s * n);
+    return opOf(self).client->onFileWrite(opOf(self), d, s * n);
 }
 size_t fileReadCb(char* d, size_t s, size_t n, void* self) {
-    return static_cast<FtpWrapper*>(self)->onFileRead(d, s * n);
+    return opOf(self).client->onFileRead(opOf(self), d, s * n);
 }
 size_t streamCb(char* d, size_t s, size_t n, void* self) {
-    return static_cast<FtpWrapper*>(self)->onStreamData(d, s * n);
+    return opOf(self).client->onStreamData(opOf(self), d, s * n);
 }
 int progressCb(void* self, curl_off_t dt, curl_off_t dn, curl_off_t ut, curl_off_t un) {
-    return static_cast<FtpWrapper*>(self)->onProgress(dt, dn, ut, un);
+    return opOf(self).client->onProgress(opOf(self), dt, dn, ut, un);
 }
 int seekCb(void* stream, curl_off_t offset, int origin) {
     return ::fseeko(static_cast<std::FILE*>(stream), offset, origin) == 0 ? CURL_SEEKFUNC_OK
@@ -61,10 +64,7 @@ std::string parentPath(const std::string& path) {
 
 FtpWrapper::FtpWrapper(ServerInfoPtr serverInfo) : Wrapper(std::move(serverInfo)) {}
 
-FtpWrapper::~FtpWrapper() {
-    if (connection_) recycleFTPConnection(connection_, CURLE_OK);
-    if (file_) std::fclose(file_);
-}
+FtpWrapper::~FtpWrapper() = default;
 
 WrapperCapabilities FtpWrapper::capabilities() const {
     WrapperCapabilities c;
@@ -247,24 +247,25 @@ Result<KvMetadataList> FtpWrapper::listDir(const KvMetadata& folder, const char*
     if (auto s = refuseUnsafe(path); !s) return std::unexpected(s.error());
     auto conn = retrieveFTPConnection();
     if (!conn) return std::unexpected(conn.error());
+    Operation op{this, *conn};
     CURL* curl = (*conn)->curl();
-    resetCURL(curl);
+    resetCURL(op);
     // A trailing "/" makes libcurl list the folder instead of fetching a file of that name.
     std::string urlPath = path;
     if (!urlPath.empty() && urlPath.back() != '/') urlPath += '/';
     std::string url = cStringForURL(FTPUrlString(urlPath));
     char errorBuffer[CURL_ERROR_SIZE] = {0};
     curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
-    curl_easy_setopt(curl, CURLOPT_WRITEDATA, this);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &op);
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, bodyCb);
-    curl_easy_setopt(curl, CURLOPT_HEADERDATA, this);
+    curl_easy_setopt(curl, CURLOPT_HEADERDATA, &op);
     curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, headerCb);
     curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 1L);
     curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, errorBuffer);
     if (customRequest) curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, customRequest);
-    direction_ = Direction::None;
-    int rc = runCurlEasyPerform(**conn);
-    std::string body = std::move(data_);
+    op.direction_ = Direction::None;
+    int rc = runCurlEasyPerform(op);
+    std::string body = std::move(op.data_);
 
     // The folder's absolute name, asked on the same control connection: the quoted PWD runs
     // before libcurl changes folder, so the server is still in the folder just listed.
@@ -277,17 +278,17 @@ Result<KvMetadataList> FtpWrapper::listDir(const KvMetadata& folder, const char*
     }
     if ((rc == CURLE_OK || rc == CURLE_REMOTE_FILE_NOT_FOUND) && !cancelled() &&
         (needPwd || path.empty() || path[0] != '/')) {
-        resetCURL(curl);
+        resetCURL(op);
         std::string base = cStringForURL(FTPUrlString(baseServerPath()));
         curl_slist* list = curl_slist_append(nullptr, "PWD");
         curl_easy_setopt(curl, CURLOPT_URL, base.c_str());
         curl_easy_setopt(curl, CURLOPT_QUOTE, list);
         curl_easy_setopt(curl, CURLOPT_NOBODY, 1L);
-        curl_easy_setopt(curl, CURLOPT_HEADERDATA, this);
+        curl_easy_setopt(curl, CURLOPT_HEADERDATA, &op);
         curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, headerCb);
         if ((*conn)->perform(stopWhenCancelled()) == CURLE_OK) {
             // The last 257 line is the reply to our PWD (libcurl runs one of its own at login).
-            auto text = stringForHeaderResp();
+            auto text = stringForHeaderResp(op);
             auto at = text.rfind("257 ");
             if (at != std::string::npos) {
                 auto q1 = text.find('"', at);
@@ -303,7 +304,7 @@ Result<KvMetadataList> FtpWrapper::listDir(const KvMetadata& folder, const char*
     recycleFTPConnection(*conn, rc);
     if (cancelled()) return KvMetadataList{};
     if (rc != CURLE_OK && rc != CURLE_REMOTE_FILE_NOT_FOUND)
-        return std::unexpected(curlError(rc, errorBuffer, true));
+        return std::unexpected(curlError(rc, errorBuffer, op, true));
 
     std::string folderPath = path;
     if (pwd && !pwd->empty() && *pwd != path) folderPath = *pwd;
@@ -317,46 +318,45 @@ Result<KvMetadataList> FtpWrapper::listDir(const KvMetadata& folder, const char*
     return FTPDirListParser::parse(text, options);
 }
 
-std::size_t FtpWrapper::onBody(const char* data, std::size_t size) {
+std::size_t FtpWrapper::onBody(Operation& op, const char* data, std::size_t size) {
     if (cancelled()) return 0;
-    data_.append(data, size);
+    op.data_.append(data, size);
     return size;
 }
 
 // --- Progress
 
-int FtpWrapper::onProgress(std::int64_t dltotal, std::int64_t dlnow, std::int64_t ultotal,
-                           std::int64_t ulnow) {
+int FtpWrapper::onProgress(Operation& op, std::int64_t dltotal, std::int64_t dlnow,
+                           std::int64_t ultotal, std::int64_t ulnow) {
     if (cancelled()) return 1;
-    std::int64_t total = direction_ == Direction::Upload ? ultotal : dltotal;
-    std::int64_t now = direction_ == Direction::Upload ? ulnow : dlnow;
+    std::int64_t total = op.direction_ == Direction::Upload ? ultotal : dltotal;
+    std::int64_t now = op.direction_ == Direction::Upload ? ulnow : dlnow;
     if (total == 0 || now == total) return 0;
-    if (skipProgressUpdate_) return 0;
-    if (totalDlSize_ == -1) totalDlSize_ = total + finishedDlSize_;
-    if (totalDlSize_ <= 0) return 0;
-    std::int64_t scale = totalDlSize_ > kFineProgressAbove ? 1000 : 100;
-    std::int64_t done = finishedDlSize_ + now;
-    int step = static_cast<int>(scale * done / totalDlSize_);
-    if (step != currentProgress_) {
-        currentProgress_ = step;
-        postProgress(done, totalDlSize_);
+    if (op.skipProgressUpdate_) return 0;
+    if (op.totalDlSize_ == -1) op.totalDlSize_ = total + op.finishedDlSize_;
+    if (op.totalDlSize_ <= 0) return 0;
+    std::int64_t scale = op.totalDlSize_ > kFineProgressAbove ? 1000 : 100;
+    std::int64_t done = op.finishedDlSize_ + now;
+    int step = static_cast<int>(scale * done / op.totalDlSize_);
+    if (step != op.currentProgress_) {
+        op.currentProgress_ = step;
+        postProgress(op, done, op.totalDlSize_);
     }
     return 0;
 }
 
-void FtpWrapper::finishProgress(std::int64_t total) {
-    if (total <= 0 || skipProgressUpdate_) return;
+void FtpWrapper::finishProgress(Operation& op, std::int64_t total) {
+    if (total <= 0 || op.skipProgressUpdate_) return;
     std::int64_t scale = total > kFineProgressAbove ? 1000 : 100;
     // libcurl's last report comes with done equal to total, which the callback passes over: the
     // final step is reported here, once the transfer is known to be complete.
-    if (currentProgress_ == static_cast<int>(scale)) return;
-    currentProgress_ = static_cast<int>(scale);
-    postProgress(total, total);
+    if (op.currentProgress_ == static_cast<int>(scale)) return;
+    op.currentProgress_ = static_cast<int>(scale);
+    postProgress(op, total, total);
 }
 
-void FtpWrapper::postProgress(std::int64_t done, std::int64_t total) {
-    auto handler =
-        direction_ == Direction::Upload ? uploadProgressHandler_ : downloadProgressHandler_;
+void FtpWrapper::postProgress(Operation& op, std::int64_t done, std::int64_t total) {
+    auto handler = op.progress_;
     if (!handler) return;
     GCD::doInForeground([handler, done, total] { handler(done, total); });
 }
@@ -368,24 +368,24 @@ Status FtpWrapper::downloadSync(const KvMetadata& file, const std::string& saveT
     if (file.isDir) return ftpFailure(ErrorCode::DownloadFailed, "Internal Error: download folder");
     if (cancelled()) return ftpFailure(CURLE_ABORTED_BY_CALLBACK, "Download Canncelled");
     if (auto s = probe(false); !s) return s;
-    downloadProgressHandler_ = progress;
-    auto result = downloadFile(file, saveTo, 0);
+    auto result = downloadFile(file, saveTo, 0, progress);
     // A file that did not arrive whole must not look as if it had.
     if (!result) ::unlink(saveTo.c_str());
     return result;
 }
 
-std::size_t FtpWrapper::onFileWrite(const char* data, std::size_t size) {
-    if (cancelled() || !file_) return 0;
-    return std::fwrite(data, 1, size, file_);
+std::size_t FtpWrapper::onFileWrite(Operation& op, const char* data, std::size_t size) {
+    if (cancelled() || !op.file_) return 0;
+    return std::fwrite(data, 1, size, op.file_);
 }
 
-void FtpWrapper::watchTransfer(CURL* curl, char* errorBuffer) {
+void FtpWrapper::watchTransfer(Operation& op, char* errorBuffer) {
+    CURL* curl = op.connection->curl();
     curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, errorBuffer);
-    curl_easy_setopt(curl, CURLOPT_HEADERDATA, this);
+    curl_easy_setopt(curl, CURLOPT_HEADERDATA, &op);
     curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, headerCb);
     curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
-    curl_easy_setopt(curl, CURLOPT_XFERINFODATA, this);
+    curl_easy_setopt(curl, CURLOPT_XFERINFODATA, &op);
     curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, progressCb);
 }
 
@@ -397,7 +397,9 @@ bool FtpWrapper::pauseBeforeRetry() {
 }
 
 Status FtpWrapper::downloadFile(const KvMetadata& file, const std::string& saveTo,
-                                std::int64_t resumeFrom) {
+                                std::int64_t resumeFrom, const ProgressHandler& progress) {
+    Operation op{this, nullptr};
+    op.progress_ = progress;
     std::string path = file.pathOrEmpty();
     if (auto s = refuseUnsafe(path); !s) return s;
     std::FILE* f = nullptr;
@@ -413,27 +415,28 @@ Status FtpWrapper::downloadFile(const KvMetadata& file, const std::string& saveT
         f = std::fopen(saveTo.c_str(), "wb");
     }
     if (!f) return ftpFailure(ErrorCode::DownloadFailed, "Cannot open file to write");
-    file_ = f;
-    currentProgress_ = -1;
-    totalDlSize_ = -1;
-    finishedDlSize_ = resumeFrom;
+    op.file_ = f;
+    op.currentProgress_ = -1;
+    op.totalDlSize_ = -1;
+    op.finishedDlSize_ = resumeFrom;
 
     auto conn = retrieveFTPConnection();
     if (!conn) {
-        std::fclose(file_);
-        file_ = nullptr;
+        std::fclose(op.file_);
+        op.file_ = nullptr;
         return std::unexpected(conn.error());
     }
+    op.connection = *conn;
     CURL* curl = (*conn)->curl();
-    resetCURL(curl);
+    resetCURL(op);
     std::string url = cStringForURL(FTPUrlString(path));
     char errorBuffer[CURL_ERROR_SIZE] = {0};
     curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
     curl_easy_setopt(curl, CURLOPT_RESUME_FROM_LARGE, static_cast<curl_off_t>(resumeFrom));
-    curl_easy_setopt(curl, CURLOPT_WRITEDATA, this);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &op);
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, fileWriteCb);
-    watchTransfer(curl, errorBuffer);
-    direction_ = Direction::Download;
+    watchTransfer(op, errorBuffer);
+    op.direction_ = Direction::Download;
 
     // The listed size is what the file must come to: a server may end the transfer early, or
     // answer SIZE wrongly, and still report success. A short file is resumed like a broken
@@ -443,42 +446,42 @@ Status FtpWrapper::downloadFile(const KvMetadata& file, const std::string& saveT
         expected = static_cast<std::int64_t>(*file.fileSizeInBytes);
     auto checked = [&](int rc) -> int {
         if (rc != CURLE_OK || !expected || cancelled()) return rc;
-        std::fflush(file_);
-        std::int64_t got = ::ftello(file_);
+        std::fflush(op.file_);
+        std::int64_t got = ::ftello(op.file_);
         if (got == *expected) return rc;
         std::snprintf(errorBuffer, CURL_ERROR_SIZE, "Received %lld bytes of the %lld listed",
                       static_cast<long long>(got), static_cast<long long>(*expected));
         return got < *expected ? CURLE_PARTIAL_FILE : CURLE_FILESIZE_EXCEEDED;
     };
-    int rc = checked(runCurlEasyPerform(**conn));
+    int rc = checked(runCurlEasyPerform(op));
     int attempts = 1;
     while (rc == CURLE_PARTIAL_FILE && attempts < kMaxAttempts && !cancelled()) {
         // Re-fetch the last 10 KB written, on the chance that they were damaged.
-        std::fflush(file_);
-        std::int64_t pos = std::max<std::int64_t>(0, ::ftello(file_) - kResumeStepBack);
-        ::fseeko(file_, pos, SEEK_SET);
-        if (::ftruncate(::fileno(file_), pos) != 0) break;
-        finishedDlSize_ = pos;
+        std::fflush(op.file_);
+        std::int64_t pos = std::max<std::int64_t>(0, ::ftello(op.file_) - kResumeStepBack);
+        ::fseeko(op.file_, pos, SEEK_SET);
+        if (::ftruncate(::fileno(op.file_), pos) != 0) break;
+        op.finishedDlSize_ = pos;
         if (!pauseBeforeRetry()) break;
         curl_easy_setopt(curl, CURLOPT_RESUME_FROM_LARGE, static_cast<curl_off_t>(pos));
-        rc = checked(runCurlEasyPerform(**conn));
+        rc = checked(runCurlEasyPerform(op));
         ++attempts;
     }
     recycleFTPConnection(*conn, rc);
-    std::fclose(file_);
-    file_ = nullptr;
-    direction_ = Direction::None;
+    std::fclose(op.file_);
+    op.file_ = nullptr;
+    op.direction_ = Direction::None;
 
     if (cancelled()) return ftpFailure(CURLE_ABORTED_BY_CALLBACK, "Download Canncelled");
     if (rc == CURLE_OK) {
         curl_off_t got = 0;
         curl_easy_getinfo(curl, CURLINFO_SIZE_DOWNLOAD_T, &got);
-        finishProgress(totalDlSize_ > 0 ? totalDlSize_ : finishedDlSize_ + got);
+        finishProgress(op, op.totalDlSize_ > 0 ? op.totalDlSize_ : op.finishedDlSize_ + got);
         return {};
     }
     if (rc == CURLE_REMOTE_FILE_NOT_FOUND)
         return ftpFailure(ErrorCode::NotFound, "File not found, check permission");
-    return std::unexpected(curlError(rc, errorBuffer));
+    return std::unexpected(curlError(rc, errorBuffer, op));
 }
 
 // --- Upload
@@ -487,21 +490,22 @@ Status FtpWrapper::uploadSync(const KvMetadata& localFile, const KvMetadata& toF
                               const ProgressHandler& progress) {
     if (cancelled()) return ftpFailure(CURLE_ABORTED_BY_CALLBACK, "Upload Cancelled");
     if (auto s = probe(false); !s) return s;
-    uploadProgressHandler_ = progress;
-    return uploadFileForFTP(localFile, toFolder, std::nullopt, 0);
+    return uploadFileForFTP(localFile, toFolder, std::nullopt, 0, progress);
 }
 
-std::size_t FtpWrapper::onFileRead(char* buffer, std::size_t size) {
+std::size_t FtpWrapper::onFileRead(Operation& op, char* buffer, std::size_t size) {
     if (cancelled()) return CURL_READFUNC_ABORT;
-    if (!file_) return CURL_READFUNC_ABORT;
-    std::size_t n = std::fread(buffer, 1, size, file_);
-    if (n == 0 && std::ferror(file_)) return CURL_READFUNC_ABORT;
+    if (!op.file_) return CURL_READFUNC_ABORT;
+    std::size_t n = std::fread(buffer, 1, size, op.file_);
+    if (n == 0 && std::ferror(op.file_)) return CURL_READFUNC_ABORT;
     return n;
 }
 
 Status FtpWrapper::uploadFileForFTP(const KvMetadata& localFile, const KvMetadata& toFolder,
                                     const std::optional<std::string>& serverFileName,
-                                    std::int64_t resumeFrom) {
+                                    std::int64_t resumeFrom, const ProgressHandler& progress) {
+    Operation op{this, nullptr};
+    op.progress_ = progress;
     std::string localPath = localFile.pathOrEmpty();
     std::string name = serverFileName.value_or(StringUtils::lastPathComponent(localPath));
     std::string target = FTPDirListParser::childPath(toFolder.pathOrEmpty(), name);
@@ -510,39 +514,39 @@ Status FtpWrapper::uploadFileForFTP(const KvMetadata& localFile, const KvMetadat
     if (!f) return ftpFailure(ErrorCode::UploadFailed, "Cannot open file to read");
     struct stat st {};
     std::int64_t size = ::fstat(::fileno(f), &st) == 0 ? static_cast<std::int64_t>(st.st_size) : -1;
-    file_ = f;
-    currentProgress_ = -1;
-    totalDlSize_ = size;
-    finishedDlSize_ = 0;
+    op.file_ = f;
+    op.currentProgress_ = -1;
+    op.totalDlSize_ = size;
+    op.finishedDlSize_ = 0;
 
     auto conn = retrieveFTPConnection();
     if (!conn) {
-        std::fclose(file_);
-        file_ = nullptr;
+        std::fclose(op.file_);
+        op.file_ = nullptr;
         return std::unexpected(conn.error());
     }
+    op.connection = *conn;
     CURL* curl = (*conn)->curl();
     std::string url = cStringForURL(FTPUrlString(target));
     char errorBuffer[CURL_ERROR_SIZE] = {0};
     auto send = [&](curl_off_t from) -> int {
-        resetCURL(curl);
+        resetCURL(op);
         curl_easy_setopt(curl, CURLOPT_UPLOAD, 1L);
         curl_easy_setopt(curl, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(size));
         curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
         curl_easy_setopt(curl, CURLOPT_RESUME_FROM_LARGE, from);
-        curl_easy_setopt(curl, CURLOPT_READDATA, this);
+        curl_easy_setopt(curl, CURLOPT_READDATA, &op);
         curl_easy_setopt(curl, CURLOPT_READFUNCTION, fileReadCb);
-        curl_easy_setopt(curl, CURLOPT_SEEKDATA, file_);
+        curl_easy_setopt(curl, CURLOPT_SEEKDATA, op.file_);
         curl_easy_setopt(curl, CURLOPT_SEEKFUNCTION, seekCb);
-        watchTransfer(curl, errorBuffer);
-        direction_ = Direction::Upload;
-        int rc = runCurlEasyPerform(**conn);
+        watchTransfer(op, errorBuffer);
+        op.direction_ = Direction::Upload;
+        int rc = runCurlEasyPerform(op);
         if (rc != CURLE_OK || cancelled() || size < 0) return rc;
         // A server may answer 226 for a data connection that ended early: what counts is the
         // size it holds. A short file is resumed like a broken transfer.
         std::int64_t held = -1;
-        if (querySize(**conn, target, nullptr, held) != CURLE_OK || held < 0 || held == size)
-            return rc;
+        if (querySize(op, target, nullptr, held) != CURLE_OK || held < 0 || held == size) return rc;
         std::snprintf(errorBuffer, CURL_ERROR_SIZE, "The server holds %lld of the %lld bytes sent",
                       static_cast<long long>(held), static_cast<long long>(size));
         return held < size ? CURLE_PARTIAL_FILE : CURLE_FILESIZE_EXCEEDED;
@@ -558,11 +562,11 @@ Status FtpWrapper::uploadFileForFTP(const KvMetadata& localFile, const KvMetadat
         ++attempts;
     }
     recycleFTPConnection(*conn, rc);
-    std::fclose(file_);
-    file_ = nullptr;
+    std::fclose(op.file_);
+    op.file_ = nullptr;
 
     if (cancelled()) {
-        direction_ = Direction::None;
+        op.direction_ = Direction::None;
         // What arrived of a cancelled upload is not the file: take it away again.
         if (resumeFrom == 0) {
             // This clean-up is the one request that must run although the wrapper is cancelled.
@@ -573,14 +577,14 @@ Status FtpWrapper::uploadFileForFTP(const KvMetadata& localFile, const KvMetadat
         return ftpFailure(CURLE_ABORTED_BY_CALLBACK, "Upload Cancelled");
     }
     if (rc != CURLE_OK) {
-        direction_ = Direction::None;
+        op.direction_ = Direction::None;
         std::string text = errorBuffer;
-        auto e = curlError(rc, errorBuffer);
-        if (text.empty()) e.reason = parseErrorInMessage(stringForHeaderResp());
+        auto e = curlError(rc, errorBuffer, op);
+        if (text.empty()) e.reason = parseErrorInMessage(stringForHeaderResp(op));
         return std::unexpected(e);
     }
-    finishProgress(size);
-    direction_ = Direction::None;
+    finishProgress(op, size);
+    op.direction_ = Direction::None;
     if (features().mfmt) {
         struct stat ls {};
         if (::stat(localPath.c_str(), &ls) == 0)
@@ -646,10 +650,12 @@ Result<std::string> FtpWrapper::currentWorkingDirectory() {
 Result<std::optional<std::chrono::system_clock::time_point>> FtpWrapper::modificationTimeSync(
     const KvMetadata& file) {
     if (auto s = probe(false); !s) return std::unexpected(s.error());
-    auto reply = curl_runCommandWithoutBody("MDTM " + file.pathOrEmpty(), baseServerPath());
+    std::string replies;
+    auto reply = curl_runCommandWithoutBodyWithCommandList({"MDTM " + file.pathOrEmpty()},
+                                                           baseServerPath(), &replies);
     // Other replies of the request (folder changes, a login) come around the one to MDTM:
     // "213 yyyyMMddHHmmss[.fff]", or a refusal.
-    std::string text = reply ? *reply : stringForHeaderResp();
+    const std::string& text = replies;
     std::string answer, refusal;
     for (std::size_t pos = 0; pos < text.size();) {
         auto nl = text.find('\n', pos);
@@ -804,28 +810,29 @@ Status FtpWrapper::initStreamFileMeta(const KvMetadata& file) {
     if (!conn) return std::unexpected(conn.error());
     char errorBuffer[CURL_ERROR_SIZE] = {0};
     std::int64_t length = -1;
-    int rc = querySize(**conn, file.pathOrEmpty(), errorBuffer, length);
+    Operation op{this, *conn};
+    int rc = querySize(op, file.pathOrEmpty(), errorBuffer, length);
     recycleFTPConnection(*conn, rc);
-    if (rc != CURLE_OK) return std::unexpected(curlError(rc, errorBuffer));
+    if (rc != CURLE_OK) return std::unexpected(curlError(rc, errorBuffer, op));
     contentLength_ = length > 0 ? static_cast<std::uint64_t>(length) : 0;
     return {};
 }
 
-int FtpWrapper::querySize(CURLConnection& connection, const std::string& path, char* errorBuffer,
+int FtpWrapper::querySize(Operation& op, const std::string& path, char* errorBuffer,
                           std::int64_t& length) {
     // SIZE, through a request without a body; libcurl hands the size over as a made-up header
     // through the body callback too.
-    CURL* curl = connection.curl();
-    resetCURL(curl);
+    CURL* curl = op.connection->curl();
+    resetCURL(op);
     std::string url = cStringForURL(FTPUrlString(path));
     curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
     curl_easy_setopt(curl, CURLOPT_NOBODY, 1L);
-    curl_easy_setopt(curl, CURLOPT_WRITEDATA, this);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &op);
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, bodyCb);
     curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, errorBuffer);
-    curl_easy_setopt(curl, CURLOPT_HEADERDATA, this);
+    curl_easy_setopt(curl, CURLOPT_HEADERDATA, &op);
     curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, headerCb);
-    int rc = runCurlEasyPerform(connection);
+    int rc = runCurlEasyPerform(op);
     curl_off_t got = -1;
     if (rc == CURLE_OK) curl_easy_getinfo(curl, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &got);
     length = got;
@@ -833,13 +840,13 @@ int FtpWrapper::querySize(CURLConnection& connection, const std::string& path, c
     return rc;
 }
 
-std::size_t FtpWrapper::onStreamData(const char* data, std::size_t size) {
-    if (cancelled() || streamStopped_) return 0;
-    if (!recievedDataHandler_) return size;
+std::size_t FtpWrapper::onStreamData(Operation& op, const char* data, std::size_t size) {
+    if (cancelled() || op.streamStopped_) return 0;
+    if (!op.recievedDataHandler_) return size;
     Bytes chunk(reinterpret_cast<const std::uint8_t*>(data),
                 reinterpret_cast<const std::uint8_t*>(data) + size);
-    if (!recievedDataHandler_(chunk)) {
-        streamStopped_ = true;
+    if (!op.recievedDataHandler_(chunk)) {
+        op.streamStopped_ = true;
         return 0;
     }
     return size;
@@ -850,8 +857,9 @@ Status FtpWrapper::readRange(std::uint64_t from, std::optional<std::uint64_t> le
     if (!streamFile_) return ftpFailure(ErrorCode::DownloadFailed, "No file opened for streaming");
     auto conn = retrieveFTPConnection();
     if (!conn) return std::unexpected(conn.error());
+    Operation op{this, *conn};
     CURL* curl = (*conn)->curl();
-    resetCURL(curl);
+    resetCURL(op);
     curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, 5L);
     curl_easy_setopt(curl, CURLOPT_FTP_RESPONSE_TIMEOUT, 10L);
     std::string url = cStringForURL(FTPUrlString(streamFile_->pathOrEmpty()));
@@ -864,23 +872,23 @@ Status FtpWrapper::readRange(std::uint64_t from, std::optional<std::uint64_t> le
     else
         curl_easy_setopt(curl, CURLOPT_RESUME_FROM_LARGE,
                          static_cast<curl_off_t>(offsetStreaming_));
-    curl_easy_setopt(curl, CURLOPT_WRITEDATA, this);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &op);
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, streamCb);
     curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, errorBuffer);
-    curl_easy_setopt(curl, CURLOPT_HEADERDATA, this);
+    curl_easy_setopt(curl, CURLOPT_HEADERDATA, &op);
     curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, headerCb);
-    recievedDataHandler_ = handler;
-    streamStopped_ = false;
-    direction_ = Direction::None;
-    int rc = runCurlEasyPerform(**conn);
-    recievedDataHandler_ = nullptr;
+    op.recievedDataHandler_ = handler;
+    op.streamStopped_ = false;
+    op.direction_ = Direction::None;
+    int rc = runCurlEasyPerform(op);
+    op.recievedDataHandler_ = nullptr;
     recycleFTPConnection(*conn, rc);
     if (cancelled()) return ftpFailure(CURLE_ABORTED_BY_CALLBACK, "Download Canncelled");
     // A reader that had enough stops the transfer on purpose.
-    if (rc == CURLE_OK || (rc == CURLE_WRITE_ERROR && streamStopped_)) return {};
+    if (rc == CURLE_OK || (rc == CURLE_WRITE_ERROR && op.streamStopped_)) return {};
     if (rc == CURLE_REMOTE_FILE_NOT_FOUND)
         return ftpFailure(ErrorCode::NotFound, "File not found, check permission");
-    return std::unexpected(curlError(rc, errorBuffer));
+    return std::unexpected(curlError(rc, errorBuffer, op));
 }
 
 Result<Bytes> FtpWrapper::readDataOfLength(std::uint64_t length) {
