@@ -29,6 +29,7 @@
 #include <filesystem>
 #include <functional>
 #include <future>
+#include <latch>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -680,7 +681,11 @@ TEST_P(WrapperConformance, TwoClientsOfOneRecordAtOnce) {
     auto second = session_.makeWrapper();
     ASSERT_EQ(first->serverInfo(), second->serverInfo()) << "the clients must share the record";
     std::vector<std::string> problems[2];
+    // Both start together, so that their first requests (and what they learn of the server
+    // there) overlap.
+    std::latch start(2);
     auto work = [&](const WrapperPtr& client, int side) {
+        start.arrive_and_wait();
         auto& found = problems[side];
         std::string name = "side" + std::to_string(side) + ".bin";
         KvMetadata folder = remote("side" + std::to_string(side), true);
