@@ -14,11 +14,10 @@
 #include "core/MainQueue.h"
 #include "core/ServerInfo.h"
 
-typedef void CURL;
-typedef void CURLM;
-
 namespace quillon {
 
+// A pooled session of any client: the pool keeps it idle between requests and closes it when
+// it has been idle too long.
 class KvConnection {
   public:
     virtual ~KvConnection() = default;
@@ -29,45 +28,25 @@ class KvConnection {
 };
 using KvConnectionPtr = std::shared_ptr<KvConnection>;
 
-// One libcurl easy handle, driven through a multi handle of its own that keeps the session
-// (the control connection of FTP) between requests.
-class CURLConnection : public KvConnection {
-  public:
-    CURLConnection();
-    ~CURLConnection() override;
-    CURL* curl() const { return curl_; }
-    // Runs the request configured on the handle to its end; libcurl's result code.
-    // curl_easy_perform is not used: on a reused FTP connection it can leave libcurl with no
-    // socket to wait on between PASV and its reply, and each such request then stalls for a
-    // full second. `shouldStop`, asked at least every 250 ms, ends the request early with
-    // CURLE_ABORTED_BY_CALLBACK (42), also while a server keeps silent.
-    int perform(const std::function<bool()>& shouldStop = nullptr);
-    // Refuses further reply bytes (write and header callbacks that take nothing), then frees the
-    // handle and closes its session.
-    void cleanup() override;
-
-  private:
-    CURL* curl_ = nullptr;
-    CURLM* multi_ = nullptr;
-};
-
 class KvConnectionPool {
   public:
     static KvConnectionPool& sharedInstance();
     // A fresh pool, for tests.
     KvConnectionPool();
 
-    // The oldest idle connection of the server (not tested for liveness), a new CURLConnection
-    // for FTP and SFTP servers, or none.
-    KvConnectionPtr retrieveConnection(const ServerInfo& server);
+    // The oldest idle connection of the server (not tested for liveness), else a new one from
+    // `makeNew` (the client's kind of session; its serverInfo is set to a copy of `server`), or
+    // none without it.
+    KvConnectionPtr retrieveConnection(const ServerInfo& server,
+                                       const std::function<KvConnectionPtr()>& makeNew = {});
     // Hands a connection back: stamps it, appends it to its server's list, starts the timer.
     void recycleConnection(const KvConnectionPtr& connection);
     // Drops every idle connection without cleaning them up.
     static void clearConnectionPool();
     void clear();
 
-    // One eviction pass: connections idle for more than 300 s are cleaned up; the timer stops
-    // when nothing is left.
+    // One eviction pass: connections idle for more than 300 s leave the pool and are cleaned up
+    // after the pool's lock is released; the timer stops when nothing is left.
     void manageConnectionPool();
     void startTimer();
     void stopTimer();

@@ -31,7 +31,14 @@ Result<KvMetadata> Wrapper::metadataOfItemSync(const KvMetadata& item) {
     setForceIncludesHiddenFiles(true);
     auto listing = contentsOfDirectoryAtPathSync(folder);
     setForceIncludesHiddenFiles(wasForced);
-    if (!listing) return std::unexpected(listing.error());
+    auto missing = [&] {
+        return KvError::fail(errorDomain(), ErrorCode::NotFound, "File not found!",
+                             ErrorKind::NotFound);
+    };
+    // A missing parent is a missing item, reported the same way.
+    if (!listing)
+        return listing.error().is(ErrorKind::NotFound) ? missing()
+                                                       : std::unexpected(listing.error());
     auto name = StringUtils::lastPathComponent(path);
     for (auto& entry : *listing) {
         if (entry.nameIgnoreLinkResolve().value_or("") == name ||
@@ -40,8 +47,7 @@ Result<KvMetadata> Wrapper::metadataOfItemSync(const KvMetadata& item) {
             return entry;
         }
     }
-    return KvError::fail(errorDomain(), ErrorCode::NotFound, "File not found!",
-                         ErrorKind::NotFound);
+    return missing();
 }
 
 Status Wrapper::initStreamFileMeta(const KvMetadata&) {

@@ -252,7 +252,7 @@ Result<std::string> NearbyController::saveReceivedFile(const std::string& filePa
             NotificationCenter::defaultCenter().post(REFRESH_FOLDER_NOTIFICATION, info);
             return target;
         }
-        if (moved.error().code != EEXIST) return std::unexpected(moved.error());
+        if (!moved.error().is(ErrorKind::AlreadyExists)) return std::unexpected(moved.error());
     }
     return KvError::fail(ErrorDomain::Local, EEXIST,
                          fmt::format("{}: no free name for {}", folder, name));

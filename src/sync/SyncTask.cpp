@@ -75,7 +75,7 @@ bool sameContents(const std::string& a, const std::string& b) {
 }
 
 bool isNotFound(const Error& e) {
-    return e.code == ErrorCode::NotFound;
+    return e.is(ErrorKind::NotFound);
 }
 
 Status localError(int err, const std::string& path) {

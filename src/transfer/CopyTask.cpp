@@ -30,7 +30,7 @@ std::unexpected<Error> cannotCreate(const std::string& path, int err = errno) {
 
 }  // namespace
 
-bool CopyTask::fileExists() {
+Result<bool> CopyTask::fileExists() {
     struct stat st {};
     auto path = join(targetMetadata.pathOrEmpty(), itemName(sourceMetadata));
     return ::lstat(path.c_str(), &st) == 0;

@@ -13,7 +13,7 @@ class CopyTask : public FileTransferTask {
   public:
     void startTransfer() override;
     // The target folder holds an item of the source's name.
-    bool fileExists() override;
+    [[nodiscard]] Result<bool> fileExists() override;
     void cancelTransfer() override;
     std::string_view taskClassName() const override { return "CopyTask"; }
 

@@ -32,8 +32,8 @@ std::string CrossCopyTask::taskTempFolderPath() const {
     return taskTempFolderPath_;
 }
 
-bool CrossCopyTask::fileExists() {
-    return targetEntryWithSourceName().has_value();
+Result<bool> CrossCopyTask::fileExists() {
+    return targetHasSourceName();
 }
 
 void CrossCopyTask::cancelTransfer() {

@@ -15,8 +15,8 @@ namespace quillon {
 class CrossCopyTask : public FileTransferTask {
   public:
     void startTransfer() override;
-    // The target server's folder lists an entry of the source's name.
-    bool fileExists() override;
+    // The target server's folder holds an item of the source's name.
+    [[nodiscard]] Result<bool> fileExists() override;
     void cancelTransfer() override;
     std::string_view taskClassName() const override { return "CrossCopyTask"; }
 

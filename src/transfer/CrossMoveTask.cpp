@@ -20,8 +20,8 @@ const KvMetadata* findEntry(const KvMetadataList& listing, const std::string& na
 
 }  // namespace
 
-bool CrossMoveTask::fileExists() {
-    return targetEntryWithSourceName().has_value();
+Result<bool> CrossMoveTask::fileExists() {
+    return targetHasSourceName();
 }
 
 void CrossMoveTask::cancelTransfer() {

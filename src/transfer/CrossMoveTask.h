@@ -13,7 +13,7 @@ namespace quillon {
 class CrossMoveTask : public FileTransferTask, private FileTransferTaskDelegate {
   public:
     void startTransfer() override;
-    bool fileExists() override;
+    [[nodiscard]] Result<bool> fileExists() override;
     void cancelTransfer() override;
     std::string_view taskClassName() const override { return "CrossMoveTask"; }
     bool isMoveTask() const override { return true; }

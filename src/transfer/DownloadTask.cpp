@@ -51,7 +51,7 @@ std::string DownloadTask::taskTempFolderPath() const {
     return taskTempFolderPath_;
 }
 
-bool DownloadTask::fileExists() {
+Result<bool> DownloadTask::fileExists() {
     return existsLocally(join(targetMetadata.pathOrEmpty(), localName(sourceMetadata)));
 }
 

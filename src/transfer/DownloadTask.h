@@ -23,7 +23,7 @@ class DownloadTask : public FileTransferTask {
 
     void startTransfer() override;
     // The local target folder holds an item of the source's name.
-    bool fileExists() override;
+    [[nodiscard]] Result<bool> fileExists() override;
     void cancelTransfer() override;
     std::string_view taskClassName() const override { return "DownloadTask"; }
 

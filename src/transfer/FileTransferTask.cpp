@@ -277,16 +277,27 @@ bool FileTransferTask::openBothSides() {
     return true;
 }
 
-std::optional<KvMetadata> FileTransferTask::targetEntryWithSourceName() const {
+Result<std::optional<KvMetadata>> FileTransferTask::targetEntryWithSourceName() const {
     auto client = WrapperProxy::clientForServerInfo(targetServerInfo);
-    if (!client) return std::nullopt;
+    if (!client) return std::unexpected(client.error());
     (*client)->setForceIncludesHiddenFiles(true);
-    auto listing = (*client)->contentsOfDirectoryAtPathSync(targetMetadata);
-    if (!listing) return std::nullopt;
-    auto name = FileTransferUtils::itemName(sourceMetadata);
-    for (auto& entry : *listing)
-        if (FileTransferUtils::itemName(entry) == name) return entry;
-    return std::nullopt;
+    auto target =
+        FileTransferUtils::targetMetadataWithSourceMetadata(sourceMetadata, targetMetadata);
+    auto found = (*client)->metadataOfItemSync(target);
+    if (found) return std::optional<KvMetadata>(std::move(*found));
+    if (found.error().is(ErrorKind::NotFound)) return std::optional<KvMetadata>();
+    return std::unexpected(found.error());
+}
+
+Result<bool> FileTransferTask::targetHasSourceName() const {
+    auto entry = targetEntryWithSourceName();
+    if (!entry) return std::unexpected(entry.error());
+    return entry->has_value();
+}
+
+void FileTransferTask::failBeforeStart(const Error& error) {
+    beginTransfer();
+    completeFileTransfer(error);
 }
 
 }  // namespace quillon

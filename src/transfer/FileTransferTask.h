@@ -66,8 +66,13 @@ class FileTransferTask : public std::enable_shared_from_this<FileTransferTask> {
 
     // Does the whole transfer on the calling thread, then completes (state 2, 3 or 4).
     virtual void startTransfer() = 0;
-    // Whether the target item already exists (may ask the target server).
-    virtual bool fileExists() { return false; }
+    // Whether the target item already exists (may ask the target server). A lookup that fails
+    // is a failure, never taken for "not there": a move onto a server whose rename replaces
+    // would otherwise overwrite the item without asking.
+    [[nodiscard]] virtual Result<bool> fileExists() { return false; }
+    // Ends a run that cannot start because its name-conflict check failed: state failed with
+    // that error, reported like any other end.
+    void failBeforeStart(const Error& error);
     // Stops a running transfer: state 3, and the wrappers' current requests are cancelled.
     virtual void cancelTransfer() = 0;
     // The class name ("CopyTask", ...), for display and for "another task of the same class".
@@ -154,9 +159,11 @@ class FileTransferTask : public std::enable_shared_from_this<FileTransferTask> {
     // returns false, when the task is to be skipped or was stopped or a side has no client;
     // otherwise sourceProxy_ and targetProxy_ are set, list hidden items and are tracked.
     bool openBothSides();
-    // The entry of the target folder that bears the source item's name; none when there is no
-    // such entry or the folder cannot be listed.
-    std::optional<KvMetadata> targetEntryWithSourceName() const;
+    // The record of the target folder's item that bears the source item's name; none when
+    // there is no such item; the lookup's error when the target cannot be asked.
+    Result<std::optional<KvMetadata>> targetEntryWithSourceName() const;
+    // Whether that item exists; the lookup's error when the target cannot be asked.
+    Result<bool> targetHasSourceName() const;
     WrapperPtr sourceProxy_;
     WrapperPtr targetProxy_;
 

@@ -145,7 +145,12 @@ void FileTransferTaskManager::runTask(const FileTransferTaskPtr& task) {
             task->startTransfer();
             return;
         }
-        if (!task->fileExists()) {
+        auto exists = task->fileExists();
+        if (!exists) {
+            task->failBeforeStart(exists.error());
+            return;
+        }
+        if (!*exists) {
             task->startTransfer();
             return;
         }

@@ -24,11 +24,12 @@ std::optional<KvMetadata> MoveTask::conflictMeta() const {
     return conflictMeta_;
 }
 
-bool MoveTask::fileExists() {
+Result<bool> MoveTask::fileExists() {
     auto entry = targetEntryWithSourceName();
-    if (!entry) return false;
+    if (!entry) return std::unexpected(entry.error());
+    if (!*entry) return false;
     std::lock_guard lock(mutex_);
-    conflictMeta_ = std::move(entry);
+    conflictMeta_ = std::move(*entry);
     return true;
 }
 

@@ -13,8 +13,8 @@ namespace quillon {
 class MoveTask : public FileTransferTask {
   public:
     void startTransfer() override;
-    // The target folder lists an entry of the source's name; it is kept as the conflict entry.
-    bool fileExists() override;
+    // The target folder holds an item of the source's name; it is kept as the conflict entry.
+    [[nodiscard]] Result<bool> fileExists() override;
     void cancelTransfer() override;
     std::string_view taskClassName() const override { return "MoveTask"; }
     bool isMoveTask() const override { return true; }

@@ -60,22 +60,8 @@ Result<KvMetadataList> listLocalFolder(const KvMetadata& folder) {
     return entries;
 }
 
-WrapperPtr UploadTask::makeTargetWrapper() {
-    auto client = WrapperProxy::clientForServerInfo(targetServerInfo);
-    if (!client) return nullptr;
-    (*client)->setForceIncludesHiddenFiles(true);
-    return *client;
-}
-
-bool UploadTask::fileExists() {
-    auto wrapper = makeTargetWrapper();
-    if (!wrapper) return false;
-    auto listing = wrapper->contentsOfDirectoryAtPathSync(targetMetadata);
-    if (!listing) return false;
-    auto name = itemName(sourceMetadata);
-    for (auto& entry : *listing)
-        if (itemName(entry) == name) return true;
-    return false;
+Result<bool> UploadTask::fileExists() {
+    return targetHasSourceName();
 }
 
 void UploadTask::cancelTransfer() {

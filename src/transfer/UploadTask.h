@@ -13,15 +13,14 @@ namespace quillon {
 class UploadTask : public FileTransferTask {
   public:
     void startTransfer() override;
-    // The server's target folder lists an entry of the source's name (case-sensitive).
-    bool fileExists() override;
+    // The server's target folder holds an item of the source's name.
+    [[nodiscard]] Result<bool> fileExists() override;
     void cancelTransfer() override;
     std::string_view taskClassName() const override { return "UploadTask"; }
 
   private:
     Status contentsOfDirectory(const FileTransferNode::Ptr& node);
     Status transferFiles();
-    WrapperPtr makeTargetWrapper();
 
     WrapperPtr targetWrapper_;
     std::vector<FileTransferNode::Ptr> fileNodes_;

@@ -22,12 +22,11 @@ ConformanceTarget localTarget() {
         ConformanceSession session;
         session.remoteRoot = dir->path();
         session.serverDir = dir->path();
-        session.makeWrapper = [] {
-            auto info = std::make_shared<ServerInfo>();
-            info->protocolType = ProtocolType::Local;
-            info->rootFolderPath = "/";
-            return WrapperProxy::wrapperWithServerInfo(info);
-        };
+        // Every client of the session shares one record, as the tasks of one transfer do.
+        auto info = std::make_shared<ServerInfo>();
+        info->protocolType = ProtocolType::Local;
+        info->rootFolderPath = "/";
+        session.makeWrapper = [info] { return WrapperProxy::wrapperWithServerInfo(info); };
         session.close = [dir] {};
         return session;
     };

@@ -12,6 +12,7 @@
 // Scenarios a server cannot pass are listed in the target's knownFailures with the reason; they
 // are reported as skipped with that reason, never as passed.
 
+#include <fcntl.h>
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -21,12 +22,14 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <expected>
 #include <filesystem>
 #include <functional>
 #include <future>
+#include <latch>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -527,11 +530,13 @@ TEST_P(WrapperConformance, CancellationLeavesNoPartialFile) {
     auto cancelled = session_.makeWrapper();
     cancelled->cancelOperation();
     auto down = cancelled->downloadSync(remote("big.bin"), localPath("never.bin"), {});
-    EXPECT_FALSE(down) << "a cancelled download reported success";
+    ASSERT_FALSE(down) << "a cancelled download reported success";
+    EXPECT_TRUE(down.error().is(ErrorKind::Cancelled)) << down.error().describe();
     EXPECT_FALSE(localHas(localPath("never.bin"))) << "a cancelled download left a file";
     writeFile(localPath("other/big.bin"), "different content");
     auto up = cancelled->uploadSync(localRecord(localPath("other/big.bin")), remoteRoot(), {});
-    EXPECT_FALSE(up) << "a cancelled upload reported success";
+    ASSERT_FALSE(up) << "a cancelled upload reported success";
+    EXPECT_TRUE(up.error().is(ErrorKind::Cancelled)) << up.error().describe();
     EXPECT_TRUE(readServerFile("big.bin") == content) << "a cancelled upload damaged the file";
     MainQueue::shared().pump();
 
@@ -600,10 +605,104 @@ TEST_P(WrapperConformance, MissingItemsReport10008) {
     auto listing = client_->contentsOfDirectoryAtPathSync(remote("absent", true));
     ASSERT_FALSE(listing);
     EXPECT_EQ(listing.error().code, 10008) << listing.error().describe();
+    EXPECT_TRUE(listing.error().is(ErrorKind::NotFound));
     auto down = client_->downloadSync(remote("absent.txt"), localPath("got.txt"), {});
     ASSERT_FALSE(down);
     EXPECT_EQ(down.error().code, 10008) << down.error().describe();
+    EXPECT_TRUE(down.error().is(ErrorKind::NotFound));
     MainQueue::shared().pump();
+}
+
+TEST_P(WrapperConformance, LooksUpOneItem) {
+    putServerFile("one.txt", "12345");
+    putServerFile(".hidden", "h");
+    putServerFile("folder/inner.bin", randomBytes(1000, 6));
+    ::utimensat(AT_FDCWD, serverPath("one.txt").c_str(), nullptr, 0);
+
+    auto file = client_->metadataOfItemSync(remote("one.txt"));
+    ASSERT_TRUE(file) << file.error().describe();
+    EXPECT_FALSE(file->isDir);
+    EXPECT_EQ(file->fileSizeInBytes, 5u);
+    EXPECT_EQ(file->nameIgnoreLinkResolve(), "one.txt");
+    EXPECT_EQ(file->pathOrEmpty(), remote("one.txt").pathOrEmpty());
+    ASSERT_TRUE(file->timestamp.has_value());
+    auto age = std::chrono::abs(std::chrono::system_clock::now() - *file->timestamp);
+    EXPECT_LT(age, std::chrono::minutes(3)) << "the item's time is off";
+
+    // Hidden items are found whether or not listings show them; folders are folders.
+    auto hidden = client_->metadataOfItemSync(remote(".hidden"));
+    ASSERT_TRUE(hidden) << hidden.error().describe();
+    EXPECT_EQ(hidden->fileSizeInBytes, 1u);
+    auto folder = client_->metadataOfItemSync(remote("folder", true));
+    ASSERT_TRUE(folder) << folder.error().describe();
+    EXPECT_TRUE(folder->isDir);
+    EXPECT_EQ(folder->nameIgnoreLinkResolve(), "folder");
+    auto inner = client_->metadataOfItemSync(remote("folder/inner.bin"));
+    ASSERT_TRUE(inner) << inner.error().describe();
+    EXPECT_EQ(inner->fileSizeInBytes, 1000u);
+    EXPECT_FALSE(inner->isDir);
+
+    // Missing items, also below a missing folder, fail the one way the contract names.
+    auto down = client_->downloadSync(remote("absent.txt"), localPath("got.txt"), {});
+    ASSERT_FALSE(down);
+    for (auto rel : {"absent.txt", "absent/child.txt", "folder/absent"}) {
+        auto missing = client_->metadataOfItemSync(remote(rel));
+        ASSERT_FALSE(missing) << rel << " was found";
+        EXPECT_TRUE(missing.error().is(ErrorKind::NotFound)) << missing.error().describe();
+        EXPECT_EQ(missing.error().code, 10008) << rel;
+        EXPECT_EQ(missing.error().reason, "File not found!") << rel;
+        EXPECT_EQ(missing.error().domain, down.error().domain) << rel;
+    }
+    MainQueue::shared().pump();
+}
+
+// Two clients of one server record at once, as the tasks of one transfer run: neither sees the
+// other's requests, and what they learn of the server they learn together.
+TEST_P(WrapperConformance, TwoClientsOfOneRecordAtOnce) {
+    constexpr int kRounds = 3;
+    std::vector<std::string> contents;
+    for (int side = 0; side < 2; ++side) {
+        contents.push_back(randomBytes(200000 + static_cast<std::size_t>(side), 7 + side));
+        writeFile(localPath("side" + std::to_string(side) + ".bin"), contents.back());
+        makeServerFolder("side" + std::to_string(side));
+    }
+    auto first = session_.makeWrapper();
+    auto second = session_.makeWrapper();
+    ASSERT_EQ(first->serverInfo(), second->serverInfo()) << "the clients must share the record";
+    std::vector<std::string> problems[2];
+    // Both start together, so that their first requests (and what they learn of the server
+    // there) overlap.
+    std::latch start(2);
+    auto work = [&](const WrapperPtr& client, int side) {
+        start.arrive_and_wait();
+        auto& found = problems[side];
+        std::string name = "side" + std::to_string(side) + ".bin";
+        KvMetadata folder = remote("side" + std::to_string(side), true);
+        for (int round = 0; round < kRounds && found.empty(); ++round) {
+            auto listing = client->contentsOfDirectoryAtPathSync(remoteRoot());
+            if (!listing || !findNamed(*listing, "side" + std::to_string(side)))
+                found.push_back("the listing failed or missed the folder");
+            auto up = client->uploadSync(localRecord(localPath(name)), folder, {});
+            if (!up) found.push_back("upload: " + up.error().describe());
+            auto item =
+                client->metadataOfItemSync(remote("side" + std::to_string(side) + "/" + name));
+            if (!item || item->fileSizeInBytes != contents[side].size())
+                found.push_back("the uploaded file was not found with its size");
+            std::string copy = localPath("copy" + std::to_string(side) + ".bin");
+            auto down =
+                client->downloadSync(remote("side" + std::to_string(side) + "/" + name), copy, {});
+            if (!down)
+                found.push_back("download: " + down.error().describe());
+            else if (readFile(copy) != contents[side])
+                found.push_back("the downloaded bytes differ");
+        }
+    };
+    std::thread other([&] { work(second, 1); });
+    work(first, 0);
+    other.join();
+    MainQueue::shared().pump();
+    for (auto& side : problems)
+        for (auto& problem : side) ADD_FAILURE() << problem;
 }
 
 TEST_P(WrapperConformance, RefusedPermissionFails) {

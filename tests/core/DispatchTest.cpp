@@ -120,8 +120,10 @@ TEST(MainQueue, CompletionsFromWorkersArriveOnTheMainThread) {
     EXPECT_TRUE(onMain);
 }
 
-TEST(ConnectionPool, OldestFirstAndOnlyFtpAndSftpGetNewConnections) {
+TEST(ConnectionPool, OldestFirstAndNewConnectionsOnlyFromTheClientsMaker) {
     KvConnectionPool pool;
+    std::atomic<int> cleaned{0};
+    auto maker = [&] { return std::make_shared<CountingConnection>(cleaned); };
     ServerInfo ftp;
     ftp.protocolType = ProtocolType::FTP;
     ServerInfo smb;
@@ -129,20 +131,21 @@ TEST(ConnectionPool, OldestFirstAndOnlyFtpAndSftpGetNewConnections) {
     EXPECT_EQ(pool.retrieveConnection(smb), nullptr);
     ServerInfo sftp;
     sftp.protocolType = ProtocolType::SFTP;
-    auto fresh = pool.retrieveConnection(sftp);
+    auto fresh = pool.retrieveConnection(sftp, maker);
     ASSERT_NE(fresh, nullptr);
-    EXPECT_NE(std::dynamic_pointer_cast<CURLConnection>(fresh)->curl(), nullptr);
+    EXPECT_NE(std::dynamic_pointer_cast<CountingConnection>(fresh), nullptr);
     // A new connection enters the pool only when handed back.
     EXPECT_EQ(pool.idleCount(sftp.serverID), 0u);
 
-    auto a = pool.retrieveConnection(ftp);
-    auto b = pool.retrieveConnection(ftp);
+    auto a = pool.retrieveConnection(ftp, maker);
+    auto b = pool.retrieveConnection(ftp, maker);
     ASSERT_NE(a, b);
     pool.recycleConnection(a);
     pool.recycleConnection(b);
     EXPECT_EQ(pool.idleCount(ftp.serverID), 2u);
-    EXPECT_EQ(pool.retrieveConnection(ftp), a);
-    EXPECT_EQ(pool.retrieveConnection(ftp), b);
+    EXPECT_EQ(pool.retrieveConnection(ftp, maker), a);
+    EXPECT_EQ(pool.retrieveConnection(ftp, maker), b);
+    EXPECT_EQ(cleaned, 0);
     pool.stopTimer();
 }
 

@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <map>
 
 #include "clients/ftp/FtpWrapper.h"
 #include "core/LocalizedUtils.h"
@@ -25,7 +26,8 @@ constexpr std::string_view kFtpSkipPasvIp = "FTP_SKIP_PASV_IP";
 constexpr std::size_t kMaxReplyBytes = 4 * 1024 * 1024;
 
 size_t headerTrampoline(char* data, size_t size, size_t n, void* self) {
-    return static_cast<FtpWrapper*>(self)->onHeader(data, size * n);
+    auto* op = static_cast<FtpWrapper::Operation*>(self);
+    return op->client->onHeader(*op, data, size * n);
 }
 
 size_t refuseBytes(char*, size_t, size_t, void*) {
@@ -33,8 +35,8 @@ size_t refuseBytes(char*, size_t, size_t, void*) {
 }
 
 curl_socket_t openSocketTrampoline(void* self, curlsocktype purpose, curl_sockaddr* address) {
-    if (purpose == CURLSOCKTYPE_IPCXN && self &&
-        !static_cast<FtpWrapper*>(self)->mayConnect(&address->addr))
+    auto* op = static_cast<FtpWrapper::Operation*>(self);
+    if (purpose == CURLSOCKTYPE_IPCXN && op && !op->client->mayConnect(*op, &address->addr))
         return CURL_SOCKET_BAD;
     return ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
 }
@@ -86,12 +88,42 @@ std::string percentEscape(std::string_view bytes) {
 
 }  // namespace
 
+std::unique_lock<std::recursive_mutex> FtpWrapper::lockRecord() const {
+    struct Entry {
+        std::weak_ptr<ServerInfo> record;
+        std::shared_ptr<std::recursive_mutex> mutex;
+    };
+    static std::mutex registryMutex;
+    static std::map<const ServerInfo*, Entry> registry;
+    const auto& info = serverInfo();
+    std::shared_ptr<std::recursive_mutex> mutex;
+    {
+        std::lock_guard guard(registryMutex);
+        auto& entry = registry[info.get()];
+        // A record at the address of one that is gone gets a lock of its own.
+        if (!entry.mutex || entry.record.expired() || entry.record.lock() != info) {
+            entry.record = info;
+            entry.mutex = std::make_shared<std::recursive_mutex>();
+            std::erase_if(registry, [](const auto& e) { return e.second.record.expired(); });
+        }
+        mutex = registry[info.get()].mutex;
+    }
+    // The record keeps its entry, and so the mutex, alive while this client holds it.
+    return std::unique_lock(*mutex);
+}
+
+FtpWrapper::Features FtpWrapper::features() const {
+    auto lock = lockRecord();
+    const auto& info = *serverInfo();
+    return {info.supportMLSD.value_or(false), info.supportMFMT.value_or(false),
+            info.supportUTF8.value_or(false), info.supportEPSV.value_or(false)};
+}
+
 Result<std::shared_ptr<CURLConnection>> FtpWrapper::retrieveFTPConnection() {
     auto conn = std::dynamic_pointer_cast<CURLConnection>(
-        KvConnectionPool::sharedInstance().retrieveConnection(*serverInfo()));
-    if (!conn || !conn->curl())
-        return KvError::fail(ErrorDomain::FTP, 60001, "No connection available");
-    connection_ = conn;
+        KvConnectionPool::sharedInstance().retrieveConnection(
+            *serverInfo(), [] { return std::make_shared<CURLConnection>(); }));
+    if (!conn || !conn->curl()) return ftpFailure(kNoConnection, "No connection available");
     return conn;
 }
 
@@ -120,18 +152,19 @@ void FtpWrapper::recycleFTPConnection(const std::shared_ptr<CURLConnection>& con
         connection->cleanup();
     else
         KvConnectionPool::sharedInstance().recycleConnection(connection);
-    if (connection_ == connection) connection_.reset();
 }
 
-void FtpWrapper::resetCURL(CURL* curl) {
+void FtpWrapper::resetCURL(Operation& op) {
+    CURL* curl = op.connection->curl();
     curl_easy_reset(curl);
-    currentProgress_ = -1;
-    data_ = std::string();
-    data_.reserve(1024);
-    dataHeader_ = std::string();
-    dataHeader_.reserve(1024);
-    dataConnectionNext_ = false;
+    op.currentProgress_ = -1;
+    op.data_ = std::string();
+    op.data_.reserve(1024);
+    op.dataHeader_ = std::string();
+    op.dataHeader_.reserve(1024);
+    op.dataConnectionNext_ = false;
 
+    auto recordLock = lockRecord();
     const ServerInfo& info = *serverInfo();
     auto nonEmpty = [&](std::string_view preferred, std::string_view fallback) {
         auto v = info.valueForKey(preferred);
@@ -189,24 +222,25 @@ void FtpWrapper::resetCURL(CURL* curl) {
     curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, 1L);
     curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, static_cast<long>(stallLimit_.count()));
     curl_easy_setopt(curl, CURLOPT_OPENSOCKETFUNCTION, openSocketTrampoline);
-    curl_easy_setopt(curl, CURLOPT_OPENSOCKETDATA, this);
+    curl_easy_setopt(curl, CURLOPT_OPENSOCKETDATA, &op);
 }
 
-bool FtpWrapper::mayConnect(const sockaddr* address) {
-    if (!dataConnectionNext_) return true;
-    dataConnectionNext_ = false;
+bool FtpWrapper::mayConnect(Operation& op, const sockaddr* address) {
+    if (!op.dataConnectionNext_) return true;
+    op.dataConnectionNext_ = false;
     // A passive data connection goes to the control connection's peer only: a PASV reply that
     // names another host would make us send a file to (or read from) a service of the server's
     // choosing. The refusal fails the request as "could not connect", which turns on the one
     // retry that ignores the PASV address.
     char* peer = nullptr;
-    if (!connection_ ||
-        curl_easy_getinfo(connection_->curl(), CURLINFO_PRIMARY_IP, &peer) != CURLE_OK)
+    if (!op.connection ||
+        curl_easy_getinfo(op.connection->curl(), CURLINFO_PRIMARY_IP, &peer) != CURLE_OK)
         return false;
     return sameAddress(address, peer);
 }
 
-int FtpWrapper::runCurlEasyPerform(CURLConnection& connection) {
+int FtpWrapper::runCurlEasyPerform(Operation& op) {
+    CURLConnection& connection = *op.connection;
     CURL* curl = connection.curl();
     auto rc = connection.perform(stopWhenCancelled());
     if (rc != CURLE_COULDNT_CONNECT && rc != CURLE_OPERATION_TIMEDOUT &&
@@ -216,14 +250,15 @@ int FtpWrapper::runCurlEasyPerform(CURLConnection& connection) {
     // Servers behind NAT advertise a private address in their PASV reply: try once more with
     // the control connection's host.
     curl_easy_setopt(curl, CURLOPT_FTP_SKIP_PASV_IP, 1L);
-    if (file_ && direction_ == Direction::Download) {
+    if (op.file_ && op.direction_ == Direction::Download) {
         // A time-out may strike in the middle of a transfer: start the attempt over.
-        std::fflush(file_);
-        std::fseek(file_, static_cast<long>(finishedDlSize_), SEEK_SET);
+        std::fflush(op.file_);
+        std::fseek(op.file_, static_cast<long>(op.finishedDlSize_), SEEK_SET);
     }
     rc = connection.perform(stopWhenCancelled());
     triedAfterTimeout_ = true;
     if (rc != CURLE_OK) return rc;
+    auto recordLock = lockRecord();
     auto& info = *serverInfo();
     info.setValue(std::string("TRUE"), kFtpSkipPasvIp);
     (void)ServerInfoService::sharedServerInfoService().saveOrUpdateServerInfo(info);
@@ -231,6 +266,7 @@ int FtpWrapper::runCurlEasyPerform(CURLConnection& connection) {
 }
 
 std::string FtpWrapper::FTPUrlString(const std::string& path) const {
+    auto recordLock = lockRecord();
     const ServerInfo& info = *serverInfo();
     std::string host = StringUtils::trim(info.valueForKey(ServerProp::ADDR).value_or(""));
     if (StringUtils::startsWithIgnoreCase(host, "ftp://"))
@@ -249,6 +285,7 @@ std::string FtpWrapper::FTPUrlString(const std::string& path) const {
 }
 
 unsigned long FtpWrapper::nsEncodingFromSetting() const {
+    auto recordLock = lockRecord();
     return StringEncoding::encodingFromProperty(
         serverInfo()->valueForKey(ServerProp::SERVER_ENCODING));
 }
@@ -294,21 +331,21 @@ std::string FtpWrapper::cStringForURL(const std::optional<std::string>& path) co
 }
 
 bool FtpWrapper::canSendUTF8Command() const {
-    return nsEncodingFromSetting() == StringEncoding::UTF8 &&
-           serverInfo()->supportUTF8.value_or(false);
+    return nsEncodingFromSetting() == StringEncoding::UTF8 && features().utf8;
 }
 
 int FtpWrapper::sendUTF8Command() {
     auto conn = retrieveFTPConnection();
     if (!conn) return CURLE_FAILED_INIT;
-    int rc = sendUTF8Command(**conn);
+    Operation op{this, *conn};
+    int rc = sendUTF8Command(op);
     recycleFTPConnection(*conn, rc);
     return rc;
 }
 
-int FtpWrapper::sendUTF8Command(CURLConnection& connection) {
-    CURL* curl = connection.curl();
-    resetCURL(curl);
+int FtpWrapper::sendUTF8Command(Operation& op) {
+    CURL* curl = op.connection->curl();
+    resetCURL(op);
     std::string url = cStringForURL(FTPUrlString(baseServerPath()));
     curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
     // The leading "*" tells libcurl that a refusal is no failure: servers that list UTF8 in FEAT
@@ -317,9 +354,9 @@ int FtpWrapper::sendUTF8Command(CURLConnection& connection) {
     curl_slist* list = curl_slist_append(nullptr, ("*" + cStringForCmd("OPTS UTF8 ON")).c_str());
     curl_easy_setopt(curl, CURLOPT_QUOTE, list);
     curl_easy_setopt(curl, CURLOPT_NOBODY, 1L);
-    curl_easy_setopt(curl, CURLOPT_HEADERDATA, this);
+    curl_easy_setopt(curl, CURLOPT_HEADERDATA, &op);
     curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, headerTrampoline);
-    int rc = runCurlEasyPerform(connection);
+    int rc = runCurlEasyPerform(op);
     curl_slist_free_all(list);
     curl_easy_setopt(curl, CURLOPT_QUOTE, nullptr);
     curl_easy_setopt(curl, CURLOPT_HEADERDATA, nullptr);
@@ -330,11 +367,7 @@ int FtpWrapper::sendUTF8Command(CURLConnection& connection) {
 void FtpWrapper::sendFEATCommand() {
     auto reply = curl_runCommandWithoutBody("FEAT", baseServerPath());
     if (!reply || cancelled()) return;
-    auto& info = *serverInfo();
-    info.supportMLSD = false;
-    info.supportMFMT = false;
-    info.supportUTF8 = false;
-    info.supportEPSV = false;
+    Features found;
     std::size_t pos = 0;
     const std::string& text = *reply;
     while (pos < text.size()) {
@@ -343,14 +376,22 @@ void FtpWrapper::sendFEATCommand() {
             pos, nl == std::string::npos ? std::string::npos : nl - pos));
         pos = nl == std::string::npos ? text.size() : nl + 1;
         if (StringUtils::equalsIgnoreCase(line, "MLSD") || StringUtils::startsWith(line, "MLST"))
-            info.supportMLSD = true;
+            found.mlsd = true;
         else if (StringUtils::equalsIgnoreCase(line, "UTF8"))
-            info.supportUTF8 = true;
+            found.utf8 = true;
         else if (line == "MFMT")
-            info.supportMFMT = true;
+            found.mfmt = true;
         else if (line == "EPSV")
-            info.supportEPSV = true;
+            found.epsv = true;
     }
+    // One set, at once: a client on another thread sees the features before or after, never
+    // half of them.
+    auto recordLock = lockRecord();
+    auto& info = *serverInfo();
+    info.supportMLSD = found.mlsd;
+    info.supportMFMT = found.mfmt;
+    info.supportUTF8 = found.utf8;
+    info.supportEPSV = found.epsv;
 }
 
 Result<std::string> FtpWrapper::curl_runCommandWithoutBody(const std::string& command,
@@ -359,18 +400,19 @@ Result<std::string> FtpWrapper::curl_runCommandWithoutBody(const std::string& co
 }
 
 Result<std::string> FtpWrapper::curl_runCommandWithoutBodyWithCommandList(
-    const std::vector<std::string>& commands, const std::string& path) {
+    const std::vector<std::string>& commands, const std::string& path, std::string* replies) {
     // A line break or NUL would end the command early and start another one of the name's
     // choosing.
     for (auto& c : commands)
         if (hasControlCharacters(c))
-            return KvError::fail(ErrorDomain::FTP, CURLE_BAD_FUNCTION_ARGUMENT,
-                                 "The name holds a line break or NUL and cannot be sent");
+            return ftpFailure(CURLE_BAD_FUNCTION_ARGUMENT,
+                              "The name holds a line break or NUL and cannot be sent");
     if (auto s = refuseUnsafe(path); !s) return std::unexpected(s.error());
     auto conn = retrieveFTPConnection();
     if (!conn) return std::unexpected(conn.error());
+    Operation op{this, *conn};
     CURL* curl = (*conn)->curl();
-    resetCURL(curl);
+    resetCURL(op);
     curl_slist* list = nullptr;
     for (auto& c : commands) list = curl_slist_append(list, cStringForCmd(c).c_str());
     std::string url = cStringForURL(FTPUrlString(path));
@@ -380,17 +422,19 @@ Result<std::string> FtpWrapper::curl_runCommandWithoutBodyWithCommandList(
     curl_easy_setopt(curl, CURLOPT_NOBODY, 1L);
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, refuseBytes);
     curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, errorBuffer);
-    curl_easy_setopt(curl, CURLOPT_HEADERDATA, this);
+    curl_easy_setopt(curl, CURLOPT_HEADERDATA, &op);
     curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, headerTrampoline);
-    int rc = runCurlEasyPerform(**conn);
+    int rc = runCurlEasyPerform(op);
     curl_easy_setopt(curl, CURLOPT_QUOTE, nullptr);
     curl_slist_free_all(list);
     recycleFTPConnection(*conn, rc);
-    if (rc == CURLE_OK) return stringForHeaderResp();
-    return std::unexpected(curlError(rc, errorBuffer));
+    if (replies) *replies = stringForHeaderResp(op);
+    if (rc == CURLE_OK) return stringForHeaderResp(op);
+    return std::unexpected(curlError(rc, errorBuffer, op));
 }
 
-Error FtpWrapper::curlError(int code, const char* errorBuffer, bool forListing) const {
+Error FtpWrapper::curlError(int code, const char* errorBuffer, const Operation& op,
+                            bool forListing) const {
     std::string text = errorBuffer ? errorBuffer : "";
     if (StringUtils::contains(text, "550"))
         text = "Permission denied";
@@ -400,10 +444,54 @@ Error FtpWrapper::curlError(int code, const char* errorBuffer, bool forListing) 
         text = LocalizedUtils::localizedStringForKey("trans.operation.timeout", "");
         if (text == "trans.operation.timeout") text = "Operation Time Out";
     }
-    if (text.empty()) text = parseErrorInMessage(stringForHeaderResp());
+    if (text.empty()) text = parseErrorInMessage(stringForHeaderResp(op));
     long reported = code;
     if (forListing && (code == CURLE_LOGIN_DENIED || code == 69)) reported = 13;
-    return KvError::errorWithDomain(ErrorDomain::FTP, reported, text);
+    return KvError::errorWithDomain(ErrorDomain::FTP, reported, text, kindOfCurlCode(code));
+}
+
+ErrorKind FtpWrapper::kindOfCurlCode(long code) {
+    switch (code) {
+        case ErrorCode::NotFound:
+        case CURLE_REMOTE_FILE_NOT_FOUND:
+            return ErrorKind::NotFound;
+        case CURLE_ABORTED_BY_CALLBACK:
+            return ErrorKind::Cancelled;
+        case CURLE_REMOTE_ACCESS_DENIED:
+        case CURLE_LOGIN_DENIED:
+        case CURLE_TFTP_PERM:
+            return ErrorKind::PermissionDenied;
+        case CURLE_REMOTE_FILE_EXISTS:
+            return ErrorKind::AlreadyExists;
+        case CURLE_REMOTE_DISK_FULL:
+            return ErrorKind::NoSpace;
+        case CURLE_UNSUPPORTED_PROTOCOL:
+        case CURLE_NOT_BUILT_IN:
+        case CURLE_USE_SSL_FAILED:
+            return ErrorKind::Unsupported;
+        case kNoConnection:
+        case CURLE_COULDNT_RESOLVE_PROXY:
+        case CURLE_COULDNT_RESOLVE_HOST:
+        case CURLE_COULDNT_CONNECT:
+        case CURLE_FTP_ACCEPT_FAILED:
+        case CURLE_FTP_ACCEPT_TIMEOUT:
+        case CURLE_FTP_WEIRD_PASV_REPLY:
+        case CURLE_FTP_WEIRD_227_FORMAT:
+        case CURLE_FTP_CANT_GET_HOST:
+        case CURLE_FTP_PORT_FAILED:
+        case CURLE_OPERATION_TIMEDOUT:
+        case CURLE_SSL_CONNECT_ERROR:
+        case CURLE_GOT_NOTHING:
+        case CURLE_SEND_ERROR:
+        case CURLE_RECV_ERROR:
+            return ErrorKind::Connection;
+        default:
+            return ErrorKind::Other;
+    }
+}
+
+std::unexpected<Error> FtpWrapper::ftpFailure(long code, std::string_view reason) {
+    return KvError::fail(ErrorDomain::FTP, code, reason, kindOfCurlCode(code));
 }
 
 std::string FtpWrapper::decodeFromServer(const std::string& bytes) const {
@@ -433,11 +521,8 @@ std::string FtpWrapper::decodeFromServer(const std::string& bytes) const {
     return out;
 }
 
-std::string FtpWrapper::stringForHeaderResp() const {
-    return decodeFromServer(dataHeader_);
-}
-std::string FtpWrapper::stringForBodyResp() const {
-    return decodeFromServer(data_);
+std::string FtpWrapper::stringForHeaderResp(const Operation& op) const {
+    return decodeFromServer(op.dataHeader_);
 }
 
 std::string FtpWrapper::parseErrorInMessage(const std::string& message) {
@@ -473,18 +558,18 @@ bool FtpWrapper::hasControlCharacters(const std::string& s) {
 
 Status FtpWrapper::refuseUnsafe(const std::string& path) const {
     if (hasControlCharacters(path))
-        return KvError::fail(ErrorDomain::FTP, CURLE_BAD_FUNCTION_ARGUMENT,
-                             "The name holds a line break or NUL and cannot be sent");
+        return ftpFailure(CURLE_BAD_FUNCTION_ARGUMENT,
+                          "The name holds a line break or NUL and cannot be sent");
     return {};
 }
 
-std::size_t FtpWrapper::onHeader(const char* data, std::size_t size) {
+std::size_t FtpWrapper::onHeader(Operation& op, const char* data, std::size_t size) {
     // The next socket opened after a PASV or EPSV reply is the data connection.
     if (size >= 4 && (std::memcmp(data, "227 ", 4) == 0 || std::memcmp(data, "229 ", 4) == 0))
-        dataConnectionNext_ = true;
+        op.dataConnectionNext_ = true;
     // A hostile server may send replies without end: keep the first few MiB only.
-    if (dataHeader_.size() < kMaxReplyBytes)
-        dataHeader_.append(data, std::min(size, kMaxReplyBytes - dataHeader_.size()));
+    if (op.dataHeader_.size() < kMaxReplyBytes)
+        op.dataHeader_.append(data, std::min(size, kMaxReplyBytes - op.dataHeader_.size()));
     return size;
 }
 

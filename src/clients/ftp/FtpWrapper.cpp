@@ -6,8 +6,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <ctime>
 #include <cctype>
+#include <charconv>
+#include <ctime>
 #include <map>
 #include <thread>
 
@@ -26,23 +27,26 @@ constexpr int kMaxAttempts = 10;
 constexpr std::int64_t kFineProgressAbove = 524288000;  // 500 MiB: 1000 steps instead of 100
 constexpr int kStreamingPort = 21901;
 
+FtpWrapper::Operation& opOf(void* self) {
+    return *static_cast<FtpWrapper::Operation*>(self);
+}
 size_t headerCb(char* d, size_t s, size_t n, void* self) {
-    return static_cast<FtpWrapper*>(self)->onHeader(d, s * n);
+    return opOf(self).client->onHeader(opOf(self), d, s * n);
 }
 size_t bodyCb(char* d, size_t s, size_t n, void* self) {
-    return static_cast<FtpWrapper*>(self)->onBody(d, s * n);
+    return opOf(self).client->onBody(opOf(self), d, s * n);
 }
 size_t fileWriteCb(char* d, size_t s, size_t n, void* self) {
-    return static_cast<FtpWrapper*>(self)->onFileWrite(d, s * n);
+    return opOf(self).client->onFileWrite(opOf(self), d, s * n);
 }
 size_t fileReadCb(char* d, size_t s, size_t n, void* self) {
-    return static_cast<FtpWrapper*>(self)->onFileRead(d, s * n);
+    return opOf(self).client->onFileRead(opOf(self), d, s * n);
 }
 size_t streamCb(char* d, size_t s, size_t n, void* self) {
-    return static_cast<FtpWrapper*>(self)->onStreamData(d, s * n);
+    return opOf(self).client->onStreamData(opOf(self), d, s * n);
 }
 int progressCb(void* self, curl_off_t dt, curl_off_t dn, curl_off_t ut, curl_off_t un) {
-    return static_cast<FtpWrapper*>(self)->onProgress(dt, dn, ut, un);
+    return opOf(self).client->onProgress(opOf(self), dt, dn, ut, un);
 }
 int seekCb(void* stream, curl_off_t offset, int origin) {
     return ::fseeko(static_cast<std::FILE*>(stream), offset, origin) == 0 ? CURL_SEEKFUNC_OK
@@ -60,10 +64,7 @@ std::string parentPath(const std::string& path) {
 
 FtpWrapper::FtpWrapper(ServerInfoPtr serverInfo) : Wrapper(std::move(serverInfo)) {}
 
-FtpWrapper::~FtpWrapper() {
-    if (connection_) recycleFTPConnection(connection_, CURLE_OK);
-    if (file_) std::fclose(file_);
-}
+FtpWrapper::~FtpWrapper() = default;
 
 WrapperCapabilities FtpWrapper::capabilities() const {
     WrapperCapabilities c;
@@ -83,18 +84,19 @@ bool FtpWrapper::includesHiddenFiles() const {
 }
 
 Status FtpWrapper::probe(bool forListing) {
-    auto& info = *serverInfo();
-    if (forListing ? !info.supportMLSD : !info.supportUTF8) {
+    bool probed;
+    {
+        auto recordLock = lockRecord();
+        auto& info = *serverInfo();
+        probed = forListing ? info.supportMLSD.has_value() : info.supportUTF8.has_value();
+    }
+    if (!probed) {
         sendFEATCommand();
-        if (cancelled())
-            return KvError::fail(ErrorDomain::FTP, CURLE_ABORTED_BY_CALLBACK,
-                                 "Operation cancelled");
+        if (cancelled()) return ftpFailure(CURLE_ABORTED_BY_CALLBACK, "Operation cancelled");
     }
     if (canSendUTF8Command()) {
         sendUTF8Command();
-        if (cancelled())
-            return KvError::fail(ErrorDomain::FTP, CURLE_ABORTED_BY_CALLBACK,
-                                 "Operation cancelled");
+        if (cancelled()) return ftpFailure(CURLE_ABORTED_BY_CALLBACK, "Operation cancelled");
     }
     return {};
 }
@@ -113,6 +115,7 @@ void FtpWrapper::cancelOperation() {
 }
 
 KvMetadata FtpWrapper::rootFolder() {
+    auto recordLock = lockRecord();
     auto& info = *serverInfo();
     std::string path = StringUtils::trim(info.valueForKey(ServerProp::PATH).value_or(""));
     // An empty setting means the login folder; the first listing learns its name from PWD.
@@ -130,15 +133,86 @@ KvMetadata FtpWrapper::rootFolder() {
 Result<KvMetadataList> FtpWrapper::contentsOfDirectoryAtPathSync(const KvMetadata& folder) {
     (void)probe(true);
     if (cancelled()) return KvMetadataList{};
-    auto result = serverInfo()->supportMLSD.value_or(false) ? mlsdCmd(folder) : listCmd(folder);
+    auto result = features().mlsd ? mlsdCmd(folder) : listCmd(folder);
     if (!result) {
-        if (result.error().code == CURLE_REMOTE_ACCESS_DENIED && isMissing(folder))
+        if (result.error().code == CURLE_REMOTE_ACCESS_DENIED && isMissing(folder)) {
             result.error().code = ErrorCode::NotFound;
+            result.error().kind = ErrorKind::NotFound;
+        }
         return result;
     }
     if (cancelled()) return KvMetadataList{};
     folderList_ = *result;
     return result;
+}
+
+Result<KvMetadata> FtpWrapper::metadataOfItemSync(const KvMetadata& item) {
+    std::string path = item.pathOrEmpty();
+    while (path.size() > 1 && path.back() == '/') path.pop_back();
+    if (path.empty() || path == "/") return rootFolder();
+    if (auto s = probe(true); !s) return std::unexpected(s.error());
+    auto record = [&](KvMetadata m) {
+        m.setPath(path);
+        m.setName(StringUtils::lastPathComponent(path));
+        m.serverID = serverInfo()->serverID;
+        m.protocolType = ProtocolType::FTP;
+        return m;
+    };
+    if (features().mlsd) {
+        auto reply = curl_runCommandWithoutBody("MLST " + path, baseServerPath());
+        if (cancelled()) return ftpFailure(CURLE_ABORTED_BY_CALLBACK, "Operation cancelled");
+        if (reply) {
+            // "250-..." then one line of facts, led by a blank, then "250 ...".
+            std::optional<KvMetadata> found;
+            std::string_view text = *reply;
+            bool inReply = false;
+            while (!text.empty()) {
+                auto nl = text.find('\n');
+                auto line = text.substr(0, nl);
+                text = nl == std::string_view::npos ? std::string_view{} : text.substr(nl + 1);
+                if (line.starts_with("250-")) {
+                    inReply = true;
+                } else if (inReply && line.starts_with(' ')) {
+                    // The item itself may be typed as the current folder.
+                    std::string facts(line.substr(1));
+                    auto lowered = StringUtils::toLower(facts);
+                    if (auto at = lowered.find("type=cdir;"); at != std::string::npos)
+                        facts.replace(at, 10, "type=dir;");
+                    found = FTPDirListParser::parseMlsdLine(facts);
+                    inReply = false;
+                } else {
+                    inReply = false;
+                }
+            }
+            if (found) return record(*found);
+        }
+    } else {
+        auto size = curl_runCommandWithoutBody("SIZE " + path, baseServerPath());
+        if (cancelled()) return ftpFailure(CURLE_ABORTED_BY_CALLBACK, "Operation cancelled");
+        std::optional<std::uint64_t> bytes;
+        if (size) {
+            auto at = size->rfind("213 ");
+            if (at != std::string::npos) {
+                std::uint64_t n = 0;
+                auto digits = std::string_view(*size).substr(at + 4);
+                auto [end, ec] = std::from_chars(digits.data(), digits.data() + digits.size(), n);
+                if (ec == std::errc() && end != digits.data()) bytes = n;
+            }
+        }
+        if (bytes) {
+            // Servers answer SIZE for files only.
+            KvMetadata m;
+            m.fileSizeInBytes = *bytes;
+            KvMetadata file(path);
+            if (auto when = modificationTimeSync(file); when && *when) m.timestamp = **when;
+            if (cancelled()) return ftpFailure(CURLE_ABORTED_BY_CALLBACK, "Operation cancelled");
+            return record(std::move(m));
+        }
+    }
+    // Folders, missing items and servers that answer neither: the parent's listing decides.
+    auto listed = Wrapper::metadataOfItemSync(item);
+    if (cancelled()) return ftpFailure(CURLE_ABORTED_BY_CALLBACK, "Operation cancelled");
+    return listed;
 }
 
 bool FtpWrapper::isMissing(const KvMetadata& item) {
@@ -151,7 +225,7 @@ bool FtpWrapper::isMissing(const KvMetadata& item) {
     parent.isDir = true;
     bool previous = forceIncludesHiddenFiles();
     setForceIncludesHiddenFiles(true);
-    auto siblings = serverInfo()->supportMLSD.value_or(false) ? mlsdCmd(parent) : listCmd(parent);
+    auto siblings = features().mlsd ? mlsdCmd(parent) : listCmd(parent);
     setForceIncludesHiddenFiles(previous);
     if (!siblings) return false;
     std::string name = StringUtils::lastPathComponent(path);
@@ -173,42 +247,48 @@ Result<KvMetadataList> FtpWrapper::listDir(const KvMetadata& folder, const char*
     if (auto s = refuseUnsafe(path); !s) return std::unexpected(s.error());
     auto conn = retrieveFTPConnection();
     if (!conn) return std::unexpected(conn.error());
+    Operation op{this, *conn};
     CURL* curl = (*conn)->curl();
-    resetCURL(curl);
+    resetCURL(op);
     // A trailing "/" makes libcurl list the folder instead of fetching a file of that name.
     std::string urlPath = path;
     if (!urlPath.empty() && urlPath.back() != '/') urlPath += '/';
     std::string url = cStringForURL(FTPUrlString(urlPath));
     char errorBuffer[CURL_ERROR_SIZE] = {0};
     curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
-    curl_easy_setopt(curl, CURLOPT_WRITEDATA, this);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &op);
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, bodyCb);
-    curl_easy_setopt(curl, CURLOPT_HEADERDATA, this);
+    curl_easy_setopt(curl, CURLOPT_HEADERDATA, &op);
     curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, headerCb);
     curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 1L);
     curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, errorBuffer);
     if (customRequest) curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, customRequest);
-    direction_ = Direction::None;
-    int rc = runCurlEasyPerform(**conn);
-    std::string body = std::move(data_);
+    op.direction_ = Direction::None;
+    int rc = runCurlEasyPerform(op);
+    std::string body = std::move(op.data_);
 
     // The folder's absolute name, asked on the same control connection: the quoted PWD runs
     // before libcurl changes folder, so the server is still in the folder just listed.
     std::optional<std::string> pwd;
     auto& info = *serverInfo();
+    bool needPwd;
+    {
+        auto recordLock = lockRecord();
+        needPwd = info.needRunPWD;
+    }
     if ((rc == CURLE_OK || rc == CURLE_REMOTE_FILE_NOT_FOUND) && !cancelled() &&
-        (info.needRunPWD || path.empty() || path[0] != '/')) {
-        resetCURL(curl);
+        (needPwd || path.empty() || path[0] != '/')) {
+        resetCURL(op);
         std::string base = cStringForURL(FTPUrlString(baseServerPath()));
         curl_slist* list = curl_slist_append(nullptr, "PWD");
         curl_easy_setopt(curl, CURLOPT_URL, base.c_str());
         curl_easy_setopt(curl, CURLOPT_QUOTE, list);
         curl_easy_setopt(curl, CURLOPT_NOBODY, 1L);
-        curl_easy_setopt(curl, CURLOPT_HEADERDATA, this);
+        curl_easy_setopt(curl, CURLOPT_HEADERDATA, &op);
         curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, headerCb);
         if ((*conn)->perform(stopWhenCancelled()) == CURLE_OK) {
             // The last 257 line is the reply to our PWD (libcurl runs one of its own at login).
-            auto text = stringForHeaderResp();
+            auto text = stringForHeaderResp(op);
             auto at = text.rfind("257 ");
             if (at != std::string::npos) {
                 auto q1 = text.find('"', at);
@@ -218,12 +298,13 @@ Result<KvMetadataList> FtpWrapper::listDir(const KvMetadata& folder, const char*
         }
         curl_easy_setopt(curl, CURLOPT_QUOTE, nullptr);
         curl_slist_free_all(list);
+        auto recordLock = lockRecord();
         info.needRunPWD = false;
     }
     recycleFTPConnection(*conn, rc);
     if (cancelled()) return KvMetadataList{};
     if (rc != CURLE_OK && rc != CURLE_REMOTE_FILE_NOT_FOUND)
-        return std::unexpected(curlError(rc, errorBuffer, true));
+        return std::unexpected(curlError(rc, errorBuffer, op, true));
 
     std::string folderPath = path;
     if (pwd && !pwd->empty() && *pwd != path) folderPath = *pwd;
@@ -237,46 +318,45 @@ Result<KvMetadataList> FtpWrapper::listDir(const KvMetadata& folder, const char*
     return FTPDirListParser::parse(text, options);
 }
 
-std::size_t FtpWrapper::onBody(const char* data, std::size_t size) {
+std::size_t FtpWrapper::onBody(Operation& op, const char* data, std::size_t size) {
     if (cancelled()) return 0;
-    data_.append(data, size);
+    op.data_.append(data, size);
     return size;
 }
 
 // --- Progress
 
-int FtpWrapper::onProgress(std::int64_t dltotal, std::int64_t dlnow, std::int64_t ultotal,
-                           std::int64_t ulnow) {
+int FtpWrapper::onProgress(Operation& op, std::int64_t dltotal, std::int64_t dlnow,
+                           std::int64_t ultotal, std::int64_t ulnow) {
     if (cancelled()) return 1;
-    std::int64_t total = direction_ == Direction::Upload ? ultotal : dltotal;
-    std::int64_t now = direction_ == Direction::Upload ? ulnow : dlnow;
+    std::int64_t total = op.direction_ == Direction::Upload ? ultotal : dltotal;
+    std::int64_t now = op.direction_ == Direction::Upload ? ulnow : dlnow;
     if (total == 0 || now == total) return 0;
-    if (skipProgressUpdate_) return 0;
-    if (totalDlSize_ == -1) totalDlSize_ = total + finishedDlSize_;
-    if (totalDlSize_ <= 0) return 0;
-    std::int64_t scale = totalDlSize_ > kFineProgressAbove ? 1000 : 100;
-    std::int64_t done = finishedDlSize_ + now;
-    int step = static_cast<int>(scale * done / totalDlSize_);
-    if (step != currentProgress_) {
-        currentProgress_ = step;
-        postProgress(done, totalDlSize_);
+    if (op.skipProgressUpdate_) return 0;
+    if (op.totalDlSize_ == -1) op.totalDlSize_ = total + op.finishedDlSize_;
+    if (op.totalDlSize_ <= 0) return 0;
+    std::int64_t scale = op.totalDlSize_ > kFineProgressAbove ? 1000 : 100;
+    std::int64_t done = op.finishedDlSize_ + now;
+    int step = static_cast<int>(scale * done / op.totalDlSize_);
+    if (step != op.currentProgress_) {
+        op.currentProgress_ = step;
+        postProgress(op, done, op.totalDlSize_);
     }
     return 0;
 }
 
-void FtpWrapper::finishProgress(std::int64_t total) {
-    if (total <= 0 || skipProgressUpdate_) return;
+void FtpWrapper::finishProgress(Operation& op, std::int64_t total) {
+    if (total <= 0 || op.skipProgressUpdate_) return;
     std::int64_t scale = total > kFineProgressAbove ? 1000 : 100;
     // libcurl's last report comes with done equal to total, which the callback passes over: the
     // final step is reported here, once the transfer is known to be complete.
-    if (currentProgress_ == static_cast<int>(scale)) return;
-    currentProgress_ = static_cast<int>(scale);
-    postProgress(total, total);
+    if (op.currentProgress_ == static_cast<int>(scale)) return;
+    op.currentProgress_ = static_cast<int>(scale);
+    postProgress(op, total, total);
 }
 
-void FtpWrapper::postProgress(std::int64_t done, std::int64_t total) {
-    auto handler =
-        direction_ == Direction::Upload ? uploadProgressHandler_ : downloadProgressHandler_;
+void FtpWrapper::postProgress(Operation& op, std::int64_t done, std::int64_t total) {
+    auto handler = op.progress_;
     if (!handler) return;
     GCD::doInForeground([handler, done, total] { handler(done, total); });
 }
@@ -285,30 +365,27 @@ void FtpWrapper::postProgress(std::int64_t done, std::int64_t total) {
 
 Status FtpWrapper::downloadSync(const KvMetadata& file, const std::string& saveTo,
                                 const ProgressHandler& progress) {
-    if (file.isDir)
-        return KvError::fail(ErrorDomain::FTP, ErrorCode::DownloadFailed,
-                             "Internal Error: download folder");
-    if (cancelled())
-        return KvError::fail(ErrorDomain::FTP, CURLE_ABORTED_BY_CALLBACK, "Download Canncelled");
+    if (file.isDir) return ftpFailure(ErrorCode::DownloadFailed, "Internal Error: download folder");
+    if (cancelled()) return ftpFailure(CURLE_ABORTED_BY_CALLBACK, "Download Canncelled");
     if (auto s = probe(false); !s) return s;
-    downloadProgressHandler_ = progress;
-    auto result = downloadFile(file, saveTo, 0);
+    auto result = downloadFile(file, saveTo, 0, progress);
     // A file that did not arrive whole must not look as if it had.
     if (!result) ::unlink(saveTo.c_str());
     return result;
 }
 
-std::size_t FtpWrapper::onFileWrite(const char* data, std::size_t size) {
-    if (cancelled() || !file_) return 0;
-    return std::fwrite(data, 1, size, file_);
+std::size_t FtpWrapper::onFileWrite(Operation& op, const char* data, std::size_t size) {
+    if (cancelled() || !op.file_) return 0;
+    return std::fwrite(data, 1, size, op.file_);
 }
 
-void FtpWrapper::watchTransfer(CURL* curl, char* errorBuffer) {
+void FtpWrapper::watchTransfer(Operation& op, char* errorBuffer) {
+    CURL* curl = op.connection->curl();
     curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, errorBuffer);
-    curl_easy_setopt(curl, CURLOPT_HEADERDATA, this);
+    curl_easy_setopt(curl, CURLOPT_HEADERDATA, &op);
     curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, headerCb);
     curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
-    curl_easy_setopt(curl, CURLOPT_XFERINFODATA, this);
+    curl_easy_setopt(curl, CURLOPT_XFERINFODATA, &op);
     curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, progressCb);
 }
 
@@ -320,7 +397,9 @@ bool FtpWrapper::pauseBeforeRetry() {
 }
 
 Status FtpWrapper::downloadFile(const KvMetadata& file, const std::string& saveTo,
-                                std::int64_t resumeFrom) {
+                                std::int64_t resumeFrom, const ProgressHandler& progress) {
+    Operation op{this, nullptr};
+    op.progress_ = progress;
     std::string path = file.pathOrEmpty();
     if (auto s = refuseUnsafe(path); !s) return s;
     std::FILE* f = nullptr;
@@ -335,30 +414,29 @@ Status FtpWrapper::downloadFile(const KvMetadata& file, const std::string& saveT
         resumeFrom = 0;
         f = std::fopen(saveTo.c_str(), "wb");
     }
-    if (!f)
-        return KvError::fail(ErrorDomain::FTP, ErrorCode::DownloadFailed,
-                             "Cannot open file to write");
-    file_ = f;
-    currentProgress_ = -1;
-    totalDlSize_ = -1;
-    finishedDlSize_ = resumeFrom;
+    if (!f) return ftpFailure(ErrorCode::DownloadFailed, "Cannot open file to write");
+    op.file_ = f;
+    op.currentProgress_ = -1;
+    op.totalDlSize_ = -1;
+    op.finishedDlSize_ = resumeFrom;
 
     auto conn = retrieveFTPConnection();
     if (!conn) {
-        std::fclose(file_);
-        file_ = nullptr;
+        std::fclose(op.file_);
+        op.file_ = nullptr;
         return std::unexpected(conn.error());
     }
+    op.connection = *conn;
     CURL* curl = (*conn)->curl();
-    resetCURL(curl);
+    resetCURL(op);
     std::string url = cStringForURL(FTPUrlString(path));
     char errorBuffer[CURL_ERROR_SIZE] = {0};
     curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
     curl_easy_setopt(curl, CURLOPT_RESUME_FROM_LARGE, static_cast<curl_off_t>(resumeFrom));
-    curl_easy_setopt(curl, CURLOPT_WRITEDATA, this);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &op);
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, fileWriteCb);
-    watchTransfer(curl, errorBuffer);
-    direction_ = Direction::Download;
+    watchTransfer(op, errorBuffer);
+    op.direction_ = Direction::Download;
 
     // The listed size is what the file must come to: a server may end the transfer early, or
     // answer SIZE wrongly, and still report success. A short file is resumed like a broken
@@ -368,110 +446,107 @@ Status FtpWrapper::downloadFile(const KvMetadata& file, const std::string& saveT
         expected = static_cast<std::int64_t>(*file.fileSizeInBytes);
     auto checked = [&](int rc) -> int {
         if (rc != CURLE_OK || !expected || cancelled()) return rc;
-        std::fflush(file_);
-        std::int64_t got = ::ftello(file_);
+        std::fflush(op.file_);
+        std::int64_t got = ::ftello(op.file_);
         if (got == *expected) return rc;
         std::snprintf(errorBuffer, CURL_ERROR_SIZE, "Received %lld bytes of the %lld listed",
                       static_cast<long long>(got), static_cast<long long>(*expected));
         return got < *expected ? CURLE_PARTIAL_FILE : CURLE_FILESIZE_EXCEEDED;
     };
-    int rc = checked(runCurlEasyPerform(**conn));
+    int rc = checked(runCurlEasyPerform(op));
     int attempts = 1;
     while (rc == CURLE_PARTIAL_FILE && attempts < kMaxAttempts && !cancelled()) {
         // Re-fetch the last 10 KB written, on the chance that they were damaged.
-        std::fflush(file_);
-        std::int64_t pos = std::max<std::int64_t>(0, ::ftello(file_) - kResumeStepBack);
-        ::fseeko(file_, pos, SEEK_SET);
-        if (::ftruncate(::fileno(file_), pos) != 0) break;
-        finishedDlSize_ = pos;
+        std::fflush(op.file_);
+        std::int64_t pos = std::max<std::int64_t>(0, ::ftello(op.file_) - kResumeStepBack);
+        ::fseeko(op.file_, pos, SEEK_SET);
+        if (::ftruncate(::fileno(op.file_), pos) != 0) break;
+        op.finishedDlSize_ = pos;
         if (!pauseBeforeRetry()) break;
         curl_easy_setopt(curl, CURLOPT_RESUME_FROM_LARGE, static_cast<curl_off_t>(pos));
-        rc = checked(runCurlEasyPerform(**conn));
+        rc = checked(runCurlEasyPerform(op));
         ++attempts;
     }
     recycleFTPConnection(*conn, rc);
-    std::fclose(file_);
-    file_ = nullptr;
-    direction_ = Direction::None;
+    std::fclose(op.file_);
+    op.file_ = nullptr;
+    op.direction_ = Direction::None;
 
-    if (cancelled())
-        return KvError::fail(ErrorDomain::FTP, CURLE_ABORTED_BY_CALLBACK, "Download Canncelled");
+    if (cancelled()) return ftpFailure(CURLE_ABORTED_BY_CALLBACK, "Download Canncelled");
     if (rc == CURLE_OK) {
         curl_off_t got = 0;
         curl_easy_getinfo(curl, CURLINFO_SIZE_DOWNLOAD_T, &got);
-        finishProgress(totalDlSize_ > 0 ? totalDlSize_ : finishedDlSize_ + got);
+        finishProgress(op, op.totalDlSize_ > 0 ? op.totalDlSize_ : op.finishedDlSize_ + got);
         return {};
     }
     if (rc == CURLE_REMOTE_FILE_NOT_FOUND)
-        return KvError::fail(ErrorDomain::FTP, ErrorCode::NotFound,
-                             "File not found, check permission");
-    return std::unexpected(curlError(rc, errorBuffer));
+        return ftpFailure(ErrorCode::NotFound, "File not found, check permission");
+    return std::unexpected(curlError(rc, errorBuffer, op));
 }
 
 // --- Upload
 
 Status FtpWrapper::uploadSync(const KvMetadata& localFile, const KvMetadata& toFolder,
                               const ProgressHandler& progress) {
-    if (cancelled())
-        return KvError::fail(ErrorDomain::FTP, CURLE_ABORTED_BY_CALLBACK, "Upload Cancelled");
+    if (cancelled()) return ftpFailure(CURLE_ABORTED_BY_CALLBACK, "Upload Cancelled");
     if (auto s = probe(false); !s) return s;
-    uploadProgressHandler_ = progress;
-    return uploadFileForFTP(localFile, toFolder, std::nullopt, 0);
+    return uploadFileForFTP(localFile, toFolder, std::nullopt, 0, progress);
 }
 
-std::size_t FtpWrapper::onFileRead(char* buffer, std::size_t size) {
+std::size_t FtpWrapper::onFileRead(Operation& op, char* buffer, std::size_t size) {
     if (cancelled()) return CURL_READFUNC_ABORT;
-    if (!file_) return CURL_READFUNC_ABORT;
-    std::size_t n = std::fread(buffer, 1, size, file_);
-    if (n == 0 && std::ferror(file_)) return CURL_READFUNC_ABORT;
+    if (!op.file_) return CURL_READFUNC_ABORT;
+    std::size_t n = std::fread(buffer, 1, size, op.file_);
+    if (n == 0 && std::ferror(op.file_)) return CURL_READFUNC_ABORT;
     return n;
 }
 
 Status FtpWrapper::uploadFileForFTP(const KvMetadata& localFile, const KvMetadata& toFolder,
                                     const std::optional<std::string>& serverFileName,
-                                    std::int64_t resumeFrom) {
+                                    std::int64_t resumeFrom, const ProgressHandler& progress) {
+    Operation op{this, nullptr};
+    op.progress_ = progress;
     std::string localPath = localFile.pathOrEmpty();
     std::string name = serverFileName.value_or(StringUtils::lastPathComponent(localPath));
     std::string target = FTPDirListParser::childPath(toFolder.pathOrEmpty(), name);
     if (auto s = refuseUnsafe(target); !s) return s;
     std::FILE* f = std::fopen(localPath.c_str(), "rb");
-    if (!f)
-        return KvError::fail(ErrorDomain::FTP, ErrorCode::UploadFailed, "Cannot open file to read");
+    if (!f) return ftpFailure(ErrorCode::UploadFailed, "Cannot open file to read");
     struct stat st {};
     std::int64_t size = ::fstat(::fileno(f), &st) == 0 ? static_cast<std::int64_t>(st.st_size) : -1;
-    file_ = f;
-    currentProgress_ = -1;
-    totalDlSize_ = size;
-    finishedDlSize_ = 0;
+    op.file_ = f;
+    op.currentProgress_ = -1;
+    op.totalDlSize_ = size;
+    op.finishedDlSize_ = 0;
 
     auto conn = retrieveFTPConnection();
     if (!conn) {
-        std::fclose(file_);
-        file_ = nullptr;
+        std::fclose(op.file_);
+        op.file_ = nullptr;
         return std::unexpected(conn.error());
     }
+    op.connection = *conn;
     CURL* curl = (*conn)->curl();
     std::string url = cStringForURL(FTPUrlString(target));
     char errorBuffer[CURL_ERROR_SIZE] = {0};
     auto send = [&](curl_off_t from) -> int {
-        resetCURL(curl);
+        resetCURL(op);
         curl_easy_setopt(curl, CURLOPT_UPLOAD, 1L);
         curl_easy_setopt(curl, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(size));
         curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
         curl_easy_setopt(curl, CURLOPT_RESUME_FROM_LARGE, from);
-        curl_easy_setopt(curl, CURLOPT_READDATA, this);
+        curl_easy_setopt(curl, CURLOPT_READDATA, &op);
         curl_easy_setopt(curl, CURLOPT_READFUNCTION, fileReadCb);
-        curl_easy_setopt(curl, CURLOPT_SEEKDATA, file_);
+        curl_easy_setopt(curl, CURLOPT_SEEKDATA, op.file_);
         curl_easy_setopt(curl, CURLOPT_SEEKFUNCTION, seekCb);
-        watchTransfer(curl, errorBuffer);
-        direction_ = Direction::Upload;
-        int rc = runCurlEasyPerform(**conn);
+        watchTransfer(op, errorBuffer);
+        op.direction_ = Direction::Upload;
+        int rc = runCurlEasyPerform(op);
         if (rc != CURLE_OK || cancelled() || size < 0) return rc;
         // A server may answer 226 for a data connection that ended early: what counts is the
         // size it holds. A short file is resumed like a broken transfer.
         std::int64_t held = -1;
-        if (querySize(**conn, target, nullptr, held) != CURLE_OK || held < 0 || held == size)
-            return rc;
+        if (querySize(op, target, nullptr, held) != CURLE_OK || held < 0 || held == size) return rc;
         std::snprintf(errorBuffer, CURL_ERROR_SIZE, "The server holds %lld of the %lld bytes sent",
                       static_cast<long long>(held), static_cast<long long>(size));
         return held < size ? CURLE_PARTIAL_FILE : CURLE_FILESIZE_EXCEEDED;
@@ -487,11 +562,11 @@ Status FtpWrapper::uploadFileForFTP(const KvMetadata& localFile, const KvMetadat
         ++attempts;
     }
     recycleFTPConnection(*conn, rc);
-    std::fclose(file_);
-    file_ = nullptr;
+    std::fclose(op.file_);
+    op.file_ = nullptr;
 
     if (cancelled()) {
-        direction_ = Direction::None;
+        op.direction_ = Direction::None;
         // What arrived of a cancelled upload is not the file: take it away again.
         if (resumeFrom == 0) {
             // This clean-up is the one request that must run although the wrapper is cancelled.
@@ -499,18 +574,18 @@ Status FtpWrapper::uploadFileForFTP(const KvMetadata& localFile, const KvMetadat
             (void)curl_runCommandWithoutBody("DELE " + target, baseServerPath());
             cleaningUp_ = false;
         }
-        return KvError::fail(ErrorDomain::FTP, CURLE_ABORTED_BY_CALLBACK, "Upload Cancelled");
+        return ftpFailure(CURLE_ABORTED_BY_CALLBACK, "Upload Cancelled");
     }
     if (rc != CURLE_OK) {
-        direction_ = Direction::None;
+        op.direction_ = Direction::None;
         std::string text = errorBuffer;
-        auto e = curlError(rc, errorBuffer);
-        if (text.empty()) e.reason = parseErrorInMessage(stringForHeaderResp());
+        auto e = curlError(rc, errorBuffer, op);
+        if (text.empty()) e.reason = parseErrorInMessage(stringForHeaderResp(op));
         return std::unexpected(e);
     }
-    finishProgress(size);
-    direction_ = Direction::None;
-    if (serverInfo()->supportMFMT.value_or(false)) {
+    finishProgress(op, size);
+    op.direction_ = Direction::None;
+    if (features().mfmt) {
         struct stat ls {};
         if (::stat(localPath.c_str(), &ls) == 0)
             (void)modifyDateTime(std::chrono::system_clock::from_time_t(ls.st_mtime), target);
@@ -565,22 +640,22 @@ Result<std::string> FtpWrapper::currentWorkingDirectory() {
     auto at = reply->rfind("257 ");
     if (at == std::string::npos) at = reply->rfind("257-");
     if (at == std::string::npos)
-        return KvError::fail(ErrorDomain::FTP, CURLE_WEIRD_SERVER_REPLY,
-                             parseErrorInMessage(*reply));
+        return ftpFailure(CURLE_WEIRD_SERVER_REPLY, parseErrorInMessage(*reply));
     auto q1 = reply->find('"', at);
     auto q2 = q1 == std::string::npos ? q1 : reply->find('"', q1 + 1);
-    if (q2 == std::string::npos)
-        return KvError::fail(ErrorDomain::FTP, CURLE_WEIRD_SERVER_REPLY, "Unknown error!");
+    if (q2 == std::string::npos) return ftpFailure(CURLE_WEIRD_SERVER_REPLY, "Unknown error!");
     return reply->substr(q1 + 1, q2 - q1 - 1);
 }
 
 Result<std::optional<std::chrono::system_clock::time_point>> FtpWrapper::modificationTimeSync(
     const KvMetadata& file) {
     if (auto s = probe(false); !s) return std::unexpected(s.error());
-    auto reply = curl_runCommandWithoutBody("MDTM " + file.pathOrEmpty(), baseServerPath());
+    std::string replies;
+    auto reply = curl_runCommandWithoutBodyWithCommandList({"MDTM " + file.pathOrEmpty()},
+                                                           baseServerPath(), &replies);
     // Other replies of the request (folder changes, a login) come around the one to MDTM:
     // "213 yyyyMMddHHmmss[.fff]", or a refusal.
-    std::string text = reply ? *reply : stringForHeaderResp();
+    const std::string& text = replies;
     std::string answer, refusal;
     for (std::size_t pos = 0; pos < text.size();) {
         auto nl = text.find('\n', pos);
@@ -614,8 +689,7 @@ Result<std::optional<std::chrono::system_clock::time_point>> FtpWrapper::modific
                                      std::chrono::day(day)};
     if (year < 0 || month < 0 || day < 0 || hour < 0 || hour > 23 || minute < 0 || minute > 59 ||
         second < 0 || second > 60 || !date.ok())
-        return KvError::fail(ErrorDomain::FTP, CURLE_WEIRD_SERVER_REPLY,
-                             "Unreadable MDTM reply: " + answer);
+        return ftpFailure(CURLE_WEIRD_SERVER_REPLY, "Unreadable MDTM reply: " + answer);
     auto when = std::chrono::sys_days(date) + std::chrono::hours(hour) +
                 std::chrono::minutes(minute) + std::chrono::seconds(second);
     std::chrono::system_clock::time_point t(
@@ -666,7 +740,7 @@ Status FtpWrapper::removeSync(const KvMetadataList& items) {
 }
 
 Result<KvMetadataList> FtpWrapper::listing(const KvMetadata& folder, bool forDelete) {
-    if (serverInfo()->supportMLSD.value_or(false)) return mlsdCmd(folder);
+    if (features().mlsd) return mlsdCmd(folder);
     if (forDelete) {
         // Many LIST servers hide dot files unless asked with "-a"; a server that reads "-a" as a
         // name fails, and the plain LIST is used.
@@ -682,8 +756,7 @@ Status FtpWrapper::deleteFolder(const KvMetadata& folder) {
     auto entries = listing(folder, true);
     setForceIncludesHiddenFiles(previous);
     if (!entries) return std::unexpected(entries.error());
-    if (cancelled())
-        return KvError::fail(ErrorDomain::FTP, CURLE_ABORTED_BY_CALLBACK, "Operation cancelled");
+    if (cancelled()) return ftpFailure(CURLE_ABORTED_BY_CALLBACK, "Operation cancelled");
     std::vector<std::string> commands;
     for (auto& entry : *entries) {
         if (entry.isDir) {
@@ -723,9 +796,7 @@ std::optional<std::string> FtpWrapper::loadStreamableURLForFileSync(const KvMeta
 }
 
 Status FtpWrapper::initStreamFileMeta(const KvMetadata& file) {
-    if (file.isDir)
-        return KvError::fail(ErrorDomain::FTP, ErrorCode::DownloadFailed,
-                             "Internal Error: download folder");
+    if (file.isDir) return ftpFailure(ErrorCode::DownloadFailed, "Internal Error: download folder");
     if (auto s = refuseUnsafe(file.pathOrEmpty()); !s) return s;
     streamFile_ = file;
     offset_ = 0;
@@ -739,28 +810,29 @@ Status FtpWrapper::initStreamFileMeta(const KvMetadata& file) {
     if (!conn) return std::unexpected(conn.error());
     char errorBuffer[CURL_ERROR_SIZE] = {0};
     std::int64_t length = -1;
-    int rc = querySize(**conn, file.pathOrEmpty(), errorBuffer, length);
+    Operation op{this, *conn};
+    int rc = querySize(op, file.pathOrEmpty(), errorBuffer, length);
     recycleFTPConnection(*conn, rc);
-    if (rc != CURLE_OK) return std::unexpected(curlError(rc, errorBuffer));
+    if (rc != CURLE_OK) return std::unexpected(curlError(rc, errorBuffer, op));
     contentLength_ = length > 0 ? static_cast<std::uint64_t>(length) : 0;
     return {};
 }
 
-int FtpWrapper::querySize(CURLConnection& connection, const std::string& path, char* errorBuffer,
+int FtpWrapper::querySize(Operation& op, const std::string& path, char* errorBuffer,
                           std::int64_t& length) {
     // SIZE, through a request without a body; libcurl hands the size over as a made-up header
     // through the body callback too.
-    CURL* curl = connection.curl();
-    resetCURL(curl);
+    CURL* curl = op.connection->curl();
+    resetCURL(op);
     std::string url = cStringForURL(FTPUrlString(path));
     curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
     curl_easy_setopt(curl, CURLOPT_NOBODY, 1L);
-    curl_easy_setopt(curl, CURLOPT_WRITEDATA, this);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &op);
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, bodyCb);
     curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, errorBuffer);
-    curl_easy_setopt(curl, CURLOPT_HEADERDATA, this);
+    curl_easy_setopt(curl, CURLOPT_HEADERDATA, &op);
     curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, headerCb);
-    int rc = runCurlEasyPerform(connection);
+    int rc = runCurlEasyPerform(op);
     curl_off_t got = -1;
     if (rc == CURLE_OK) curl_easy_getinfo(curl, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &got);
     length = got;
@@ -768,13 +840,13 @@ int FtpWrapper::querySize(CURLConnection& connection, const std::string& path, c
     return rc;
 }
 
-std::size_t FtpWrapper::onStreamData(const char* data, std::size_t size) {
-    if (cancelled() || streamStopped_) return 0;
-    if (!recievedDataHandler_) return size;
+std::size_t FtpWrapper::onStreamData(Operation& op, const char* data, std::size_t size) {
+    if (cancelled() || op.streamStopped_) return 0;
+    if (!op.recievedDataHandler_) return size;
     Bytes chunk(reinterpret_cast<const std::uint8_t*>(data),
                 reinterpret_cast<const std::uint8_t*>(data) + size);
-    if (!recievedDataHandler_(chunk)) {
-        streamStopped_ = true;
+    if (!op.recievedDataHandler_(chunk)) {
+        op.streamStopped_ = true;
         return 0;
     }
     return size;
@@ -782,13 +854,12 @@ std::size_t FtpWrapper::onStreamData(const char* data, std::size_t size) {
 
 Status FtpWrapper::readRange(std::uint64_t from, std::optional<std::uint64_t> length,
                              const std::function<bool(const Bytes&)>& handler) {
-    if (!streamFile_)
-        return KvError::fail(ErrorDomain::FTP, ErrorCode::DownloadFailed,
-                             "No file opened for streaming");
+    if (!streamFile_) return ftpFailure(ErrorCode::DownloadFailed, "No file opened for streaming");
     auto conn = retrieveFTPConnection();
     if (!conn) return std::unexpected(conn.error());
+    Operation op{this, *conn};
     CURL* curl = (*conn)->curl();
-    resetCURL(curl);
+    resetCURL(op);
     curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, 5L);
     curl_easy_setopt(curl, CURLOPT_FTP_RESPONSE_TIMEOUT, 10L);
     std::string url = cStringForURL(FTPUrlString(streamFile_->pathOrEmpty()));
@@ -801,25 +872,23 @@ Status FtpWrapper::readRange(std::uint64_t from, std::optional<std::uint64_t> le
     else
         curl_easy_setopt(curl, CURLOPT_RESUME_FROM_LARGE,
                          static_cast<curl_off_t>(offsetStreaming_));
-    curl_easy_setopt(curl, CURLOPT_WRITEDATA, this);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &op);
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, streamCb);
     curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, errorBuffer);
-    curl_easy_setopt(curl, CURLOPT_HEADERDATA, this);
+    curl_easy_setopt(curl, CURLOPT_HEADERDATA, &op);
     curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, headerCb);
-    recievedDataHandler_ = handler;
-    streamStopped_ = false;
-    direction_ = Direction::None;
-    int rc = runCurlEasyPerform(**conn);
-    recievedDataHandler_ = nullptr;
+    op.recievedDataHandler_ = handler;
+    op.streamStopped_ = false;
+    op.direction_ = Direction::None;
+    int rc = runCurlEasyPerform(op);
+    op.recievedDataHandler_ = nullptr;
     recycleFTPConnection(*conn, rc);
-    if (cancelled())
-        return KvError::fail(ErrorDomain::FTP, CURLE_ABORTED_BY_CALLBACK, "Download Canncelled");
+    if (cancelled()) return ftpFailure(CURLE_ABORTED_BY_CALLBACK, "Download Canncelled");
     // A reader that had enough stops the transfer on purpose.
-    if (rc == CURLE_OK || (rc == CURLE_WRITE_ERROR && streamStopped_)) return {};
+    if (rc == CURLE_OK || (rc == CURLE_WRITE_ERROR && op.streamStopped_)) return {};
     if (rc == CURLE_REMOTE_FILE_NOT_FOUND)
-        return KvError::fail(ErrorDomain::FTP, ErrorCode::NotFound,
-                             "File not found, check permission");
-    return std::unexpected(curlError(rc, errorBuffer));
+        return ftpFailure(ErrorCode::NotFound, "File not found, check permission");
+    return std::unexpected(curlError(rc, errorBuffer, op));
 }
 
 Result<Bytes> FtpWrapper::readDataOfLength(std::uint64_t length) {

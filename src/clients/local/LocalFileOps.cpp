@@ -14,13 +14,36 @@
 
 namespace quillon::LocalFileOps {
 
+ErrorKind kindOfErrno(int err) {
+    switch (err) {
+        case ENOENT:
+            return ErrorKind::NotFound;
+        case EEXIST:
+            return ErrorKind::AlreadyExists;
+        case EACCES:
+        case EPERM:
+        case EROFS:
+            return ErrorKind::PermissionDenied;
+        case ECANCELED:
+            return ErrorKind::Cancelled;
+        case ENOSPC:
+        case EDQUOT:
+            return ErrorKind::NoSpace;
+        case ENOTSUP:
+        case ENOSYS:
+            return ErrorKind::Unsupported;
+        default:
+            return ErrorKind::Other;
+    }
+}
+
 Error posixError(int err, std::string_view path) {
     if (err == ENOENT)
         return KvError::errorWithDomain(ErrorDomain::Local, ErrorCode::NotFound, "File not found!");
     const char* message = ::strerrordesc_np(err);
     std::string text = message ? message : fmt::format("Error {}", err);
-    if (path.empty()) return KvError::errorWithDomain(ErrorDomain::Local, err, text);
-    return KvError::errorWithDomain(ErrorDomain::Local, err, fmt::format("{}: {}", path, text));
+    if (!path.empty()) text = fmt::format("{}: {}", path, text);
+    return KvError::errorWithDomain(ErrorDomain::Local, err, text, kindOfErrno(err));
 }
 
 std::string trimTrailingSlashes(std::string_view path) {

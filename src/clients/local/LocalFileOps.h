@@ -16,7 +16,9 @@ namespace quillon::LocalFileOps {
 
 // A platform failure in domain "Local": ENOENT becomes 10008 "File not found!", anything else
 // keeps errno as its code and reads "<path>: <system message>".
+// Its kind follows from errno.
 Error posixError(int err, std::string_view path);
+ErrorKind kindOfErrno(int err);
 inline std::unexpected<Error> posixFailure(int err, std::string_view path) {
     return std::unexpected(posixError(err, path));
 }

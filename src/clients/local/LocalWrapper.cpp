@@ -71,6 +71,12 @@ Result<KvMetadataList> LocalWrapper::contentsOfDirectoryAtPathSync(const KvMetad
     return SandboxFileAccess::contentsOfDirectory(folder, options);
 }
 
+Result<KvMetadata> LocalWrapper::metadataOfItemSync(const KvMetadata& item) {
+    std::string path = item.pathOrEmpty();
+    if (path.empty() || trimTrailingSlashes(path) == "/") return rootFolder();
+    return SandboxFileAccess::itemAt(path, item);
+}
+
 Result<std::string> LocalWrapper::sourcePathOf(const KvMetadata& item, long failureCode) const {
     auto path = item.path();
     if (!path || path->empty()) return notFound();
@@ -144,7 +150,7 @@ Status LocalWrapper::copyFile(const std::string& from, const std::string& to,
     }
     if (out.fd < 0)
         return KvError::fail(ErrorDomain::Local, ErrorCode::TransferFailed,
-                             fmt::format("Cannot create file {}", to));
+                             fmt::format("Cannot create file {}", to), kindOfErrno(errno));
     auto failed = [&](std::unexpected<Error> error) {
         ::unlink(partial.c_str());
         return error;
@@ -216,11 +222,12 @@ Status LocalWrapper::createFolderSync(const KvMetadata& folder) {
         return KvError::fail(ErrorDomain::Local, ErrorCode::CreateFolderFailed,
                              "Cannot create a folder without a path.");
     if (auto r = SandboxFileAccess::createFolder(*path); !r) {
-        bool parentMissing = r.error().code == ErrorCode::NotFound;
+        bool parentMissing = r.error().is(ErrorKind::NotFound);
         auto why = parentMissing ? fmt::format("the folder \"{}\" does not exist", dirName(*path))
                                  : systemMessage(static_cast<int>(r.error().code));
         return KvError::fail(ErrorDomain::Local, ErrorCode::CreateFolderFailed,
-                             fmt::format("Cannot create folder \"{}\": {}.", *path, why));
+                             fmt::format("Cannot create folder \"{}\": {}.", *path, why),
+                             r.error().kind);
     }
     return {};
 }

@@ -33,6 +33,8 @@ class LocalWrapper : public Wrapper {
     // forceIncludesHiddenFiles; ".name.icloud" placeholders list as "name". Missing: 10008.
     [[nodiscard]] Result<KvMetadataList> contentsOfDirectoryAtPathSync(
         const KvMetadata& folder) override;
+    // lstat of the one item: a link is described, not followed.
+    [[nodiscard]] Result<KvMetadata> metadataOfItemSync(const KvMetadata& item) override;
     // Copies the file to `saveTo` (a link as a link); the same path does nothing. Missing: 10008.
     [[nodiscard]] Status downloadSync(const KvMetadata& file, const std::string& saveTo,
                                       const ProgressHandler& progress) override;

@@ -188,6 +188,23 @@ std::string trashInfoText(const std::string& originalPath) {
                        date);
 }
 
+// The record of the item at `path` shown as `name`, from its lstat fields.
+void fillRecord(KvMetadata& item, std::string_view name, std::string path, mode_t mode, off_t size,
+                const struct timespec& mtime, bool placeholder) {
+    item.localPath = path;
+    item.setName(std::string(name));
+    item.fileExtension = pathExtension(name);
+    item.isDir = S_ISDIR(mode);
+    if (!item.isDir) item.fileSizeInBytes = static_cast<std::uint64_t>(size);
+    item.timestamp = toTimePoint(mtime);
+    if (placeholder) {
+        item.isIcloudPlaceHold = true;
+        item.fileSizeInBytes = placeholderSize(path);
+    }
+    item.setPath(std::move(path));
+    if (S_ISLNK(mode)) PathUtils::updateLocalSymbolLinkInfo(item);
+}
+
 }  // namespace
 
 Result<KvMetadataList> listDir(const std::string& path, const KvMetadata& folder,
@@ -252,22 +269,31 @@ Result<KvMetadataList> listDir(const std::string& path, const KvMetadata& folder
         item.serverID = folder.serverID;
         item.protocolType = folder.protocolType;
         item.parentFolderMeta = parent;
-        std::string childPath = prefix;
-        childPath += e.fileName;
-        item.localPath = childPath;
-        item.setName(std::string(name));
-        item.fileExtension = pathExtension(name);
-        item.isDir = S_ISDIR(e.mode);
-        if (!item.isDir) item.fileSizeInBytes = static_cast<std::uint64_t>(e.size);
-        item.timestamp = toTimePoint(e.mtime);
-        if (e.placeholder) {
-            item.isIcloudPlaceHold = true;
-            item.fileSizeInBytes = placeholderSize(childPath);
-        }
-        item.setPath(std::move(childPath));
-        if (S_ISLNK(e.mode)) PathUtils::updateLocalSymbolLinkInfo(item);
+        fillRecord(item, name, prefix + e.fileName, e.mode, e.size, e.mtime, e.placeholder);
     }
     return items;
+}
+
+Result<KvMetadata> itemAt(const std::string& path, const KvMetadata& like) {
+    ScopedAccess access(path);
+    std::string name = baseName(path);
+    std::string found = trimTrailingSlashes(path);
+    struct stat st {};
+    bool placeholder = false;
+    if (::lstat(path.c_str(), &st) != 0) {
+        int err = errno;
+        // A file kept only in the cloud is there as its placeholder, as the listing shows it.
+        std::string stand = joinPath(dirName(path), "." + name + std::string(kPlaceholderSuffix));
+        if (err != ENOENT || ::lstat(stand.c_str(), &st) != 0 || !S_ISREG(st.st_mode))
+            return posixFailure(err, path);
+        found = stand;
+        placeholder = true;
+    }
+    KvMetadata item;
+    item.serverID = like.serverID;
+    item.protocolType = like.protocolType;
+    fillRecord(item, name, found, st.st_mode, st.st_size, st.st_mtim, placeholder);
+    return item;
 }
 
 Result<KvMetadataList> contentsOfDirectory(const KvMetadata& folder, ListOptions options) {

@@ -36,6 +36,11 @@ struct ListOptions {
 // serverID and protocolType. Fails with 10008 for a missing folder.
 [[nodiscard]] Result<KvMetadataList> listDir(const std::string& path, const KvMetadata& folder,
                                              ListOptions options);
+// The record of the one item at `path` (a link itself, not its target), as a listing of its
+// folder gives it; a file kept in the cloud is found by its placeholder. Fails with 10008 when
+// it is missing.
+// The record takes serverID and protocolType from `like`.
+[[nodiscard]] Result<KvMetadata> itemAt(const std::string& path, const KvMetadata& like);
 // Copies the item: folders with their contents, symbolic links as links, files with their mode
 // and times. Fails with EEXIST when `to` exists, 10008 when `from` is missing; a failed copy
 // leaves nothing at `to`.

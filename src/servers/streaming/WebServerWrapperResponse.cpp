@@ -33,8 +33,7 @@ std::optional<std::uint64_t> number(std::string_view s) {
 }
 
 bool missing(const Error& e) {
-    return e.code == ErrorCode::NotFound || e.code == 78 /* libcurl: remote file not found */ ||
-           e.code == ENOENT;
+    return e.is(ErrorKind::NotFound);
 }
 
 }  // namespace
