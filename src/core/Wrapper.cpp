@@ -19,9 +19,10 @@ Error Wrapper::unsupported(std::string_view operation) const {
 
 Result<KvMetadata> Wrapper::metadataOfItemSync(const KvMetadata& item) {
     const std::string path = item.pathOrEmpty();
-    auto parentPath = StringUtils::stringByDeletingLastPathComponentDirectly(path);
-    if (path.empty() || path == "/" || parentPath == path) return rootFolder();
-    if (parentPath.empty()) parentPath = "/";
+    auto parent = StringUtils::stringByDeletingLastPathComponentDirectly(path);
+    if (path.empty() || path == "/" || parent == path) return rootFolder();
+    // A new string rather than an assignment: GCC 12 warns wrongly (-Wrestrict) on the latter.
+    const std::string parentPath = parent.empty() ? std::string("/") : parent;
     KvMetadata folder(parentPath);
     folder.isDir = true;
     folder.serverID = item.serverID;
