@@ -67,5 +67,5 @@ TEST(TransferEvents, ObserversHearStartsAndEndsAndALaterAnswerHoldsTheQueue) {
     EXPECT_EQ(log->events,
               (std::vector<std::string>{"started gone1", "ended gone1", "started a.txt",
                                         "ended a.txt", "started gone2", "ended gone2"}));
-    EXPECT_EQ(folderEntries(dir / "dst"), std::vector<std::string>{"a.txt"});
+    EXPECT_EQ(namesIn(dir / "dst"), std::vector<std::string>{"a.txt"});
 }
