@@ -78,19 +78,6 @@ bool makeBigFiles(const std::string& root, long count, long mib) {
     return true;
 }
 
-void emptyFolder(const std::string& path) {
-    std::error_code ec;
-    fs::remove_all(path, ec);
-    fs::create_directories(path, ec);
-}
-
-std::function<void()> emptyBoth(const std::string& a, const std::string& b) {
-    return [a, b] {
-        emptyFolder(a);
-        emptyFolder(b);
-    };
-}
-
 std::function<void()> removeBoth(const std::string& a, const std::string& b) {
     return [a, b] {
         std::error_code ec;

@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <random>
@@ -94,6 +95,21 @@ inline bool makeBigFile(const std::string& path, long mib) {
     }
     ::close(fd);
     return ok;
+}
+
+// A folder made empty, for a copy to land in.
+inline void emptyFolder(const std::string& path) {
+    std::error_code ec;
+    std::filesystem::remove_all(path, ec);
+    std::filesystem::create_directories(path, ec);
+}
+
+// Empties both target folders (untimed, before each run of either side).
+inline std::function<void()> emptyBoth(const std::string& a, const std::string& b) {
+    return [a, b] {
+        emptyFolder(a);
+        emptyFolder(b);
+    };
 }
 
 // Prints as usual and keeps the mean real time of each benchmark for the ratios.

@@ -66,12 +66,6 @@ bool listening(int port) {
     return false;
 }
 
-void emptyFolder(const std::string& path) {
-    std::error_code ec;
-    fs::remove_all(path, ec);
-    fs::create_directories(path, ec);
-}
-
 // One pair's listeners, started afresh (untimed) before each run of either side.
 struct Listeners {
     std::string qInbox, sInbox;

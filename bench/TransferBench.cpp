@@ -58,21 +58,6 @@ bool makeSmallTree(const std::string& root, long count, std::size_t fixedSize = 
     return true;
 }
 
-// A folder made empty, for a copy to land in.
-void emptyFolder(const std::string& path) {
-    std::error_code ec;
-    fs::remove_all(path, ec);
-    fs::create_directories(path, ec);
-}
-
-// Empties both target folders (untimed, before each run of either side).
-std::function<void()> emptyBoth(const std::string& a, const std::string& b) {
-    return [a, b] {
-        emptyFolder(a);
-        emptyFolder(b);
-    };
-}
-
 std::function<bool()> command(std::vector<std::string> argv) {
     return [argv = std::move(argv)] { return runQuiet(argv) == 0; };
 }

@@ -67,18 +67,9 @@ class ArchiveConsole : public ProgressView {
         ProgressView::add(task, std::move(label));
         doneTexts_[task.get()] = std::move(doneText);
     }
-    void taskEnded(FileTransferTask& task) override {
-        if (Row* row = find(task); row && !row->ended) report(*row);
-    }
-    void reportRest() {
-        for (auto& row : rows_)
-            if (!row.ended) report(row);
-        clearBlock();
-    }
 
   private:
-    void report(Row& row) {
-        row.ended = true;
+    void reportEnd(Row& row) override {
         clearBlock();
         auto& task = *row.task;
         std::string text;
@@ -103,18 +94,7 @@ class ArchiveConsole : public ProgressView {
 bool runTasks(const std::shared_ptr<ArchiveConsole>& console,
               const std::vector<FileTransferTaskPtr>& tasks, ConflictAction onConflict) {
     if (tasks.empty()) return true;
-    auto& manager = FileTransferTaskManager::sharedInstance();
-    manager.setUserPrompts(std::make_shared<FixedPrompts>(onConflict));
-    manager.addObserver(console);
-    auto timer = MainQueue::shared().scheduleRepeating(std::chrono::milliseconds(100),
-                                                       [&] { console->tick(); });
-    for (auto& t : tasks) manager.addTask(t);
-    manager.start();
-    MainQueue::shared().runUntil([&] { return console->allDone(); });
-    MainQueue::shared().cancel(timer);
-    console->reportRest();
-    manager.removeObserver(console);
-    manager.setUserPrompts(nullptr);
+    runWatched(console, tasks, std::make_shared<FixedPrompts>(onConflict));
     bool ok = !StopSignals::stopRequested();
     for (auto& t : tasks) ok = ok && t->state() == TransferTaskState::Completed;
     return ok;

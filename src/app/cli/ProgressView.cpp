@@ -6,6 +6,7 @@
 
 #include <algorithm>
 
+#include "core/MainQueue.h"
 #include "core/StringUtils.h"
 
 namespace quillon::cli {
@@ -53,7 +54,36 @@ void ProgressView::taskProgressed(FileTransferTask& task, std::int64_t transferr
 }
 
 void ProgressView::taskEnded(FileTransferTask& task) {
-    if (auto* row = find(task)) row->ended = true;
+    auto* row = find(task);
+    if (!row || row->ended) return;
+    row->ended = true;
+    reportEnd(*row);
+}
+
+void ProgressView::reportRest() {
+    for (auto& row : rows_) {
+        if (row.ended) continue;
+        row.ended = true;
+        reportEnd(row);
+    }
+    clearBlock();
+}
+
+void runWatched(const std::shared_ptr<ProgressView>& view,
+                const std::vector<FileTransferTaskPtr>& tasks,
+                std::shared_ptr<UserPrompts> prompts) {
+    auto& manager = FileTransferTaskManager::sharedInstance();
+    manager.setUserPrompts(std::move(prompts));
+    manager.addObserver(view);
+    auto timer = MainQueue::shared().scheduleRepeating(std::chrono::milliseconds(100),
+                                                       [&] { view->tick(); });
+    for (auto& t : tasks) manager.addTask(t);
+    manager.start();
+    MainQueue::shared().runUntil([&] { return view->allDone(); });
+    MainQueue::shared().cancel(timer);
+    view->reportRest();
+    manager.removeObserver(view);
+    manager.setUserPrompts(nullptr);
 }
 
 bool ProgressView::allDone() const {

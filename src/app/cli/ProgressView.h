@@ -7,11 +7,13 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "transfer/FileTransferTaskManager.h"
 #include "transfer/TransferEstimate.h"
+#include "transfer/UserPrompts.h"
 
 namespace quillon::cli {
 
@@ -33,8 +35,10 @@ class ProgressView : public TransferObserver {
     // Takes a sample for the task's rate.
     void taskProgressed(FileTransferTask& task, std::int64_t transferredBytes,
                         std::int64_t totalBytes) override;
-    // Marks the row ended; a face that reports ends does so here.
+    // Marks the row ended and reports how the task ended, once.
     void taskEnded(FileTransferTask& task) override;
+    // Reports the tasks that ended unseen (stopped while waiting) and clears the live lines.
+    void reportRest();
 
     // Every task has ended, or was stopped before it started.
     bool allDone() const;
@@ -54,6 +58,8 @@ class ProgressView : public TransferObserver {
         RateEstimator rate;
     };
     Row* find(const FileTransferTask& task);
+    // Says how a row's task ended; the row is already marked ended. Nothing by default.
+    virtual void reportEnd(Row&) {}
     // The name at the start of a row's line: the label, then the file being moved.
     virtual std::string nameOf(const Row& row) const;
 
@@ -68,5 +74,11 @@ class ProgressView : public TransferObserver {
     int blockLines_ = 0;
     Clock::time_point lastPlain_{};
 };
+
+// Runs `tasks` on the shared manager, `view` watching and redrawing them and `prompts` answering
+// the manager's questions, until each task has ended; then reports those that ended unseen.
+void runWatched(const std::shared_ptr<ProgressView>& view,
+                const std::vector<FileTransferTaskPtr>& tasks,
+                std::shared_ptr<UserPrompts> prompts);
 
 }  // namespace quillon::cli

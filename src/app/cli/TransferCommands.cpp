@@ -67,10 +67,6 @@ class TransferConsole : public ProgressView {
         }
     }
 
-    void taskEnded(FileTransferTask& task) override {
-        if (Row* row = find(task); row && !row->ended) report(*row);
-    }
-
     void message(const std::string& text) {
         clearBlock();
         fmt::print(stderr, "{}\n", text);
@@ -82,12 +78,6 @@ class TransferConsole : public ProgressView {
         clearBlock();
         fmt::print(stderr, "{}", text);
         std::fflush(stderr);
-    }
-
-    // Reports the tasks that ended without a completion (stopped while waiting).
-    void reportRest() {
-        for (auto& row : rows_)
-            if (!row.ended) report(row);
     }
 
     bool anyFailed() const {
@@ -124,8 +114,7 @@ class TransferConsole : public ProgressView {
         std::fflush(stdout);
     }
 
-    void report(Row& row) {
-        row.ended = true;
+    void reportEnd(Row& row) override {
         auto& task = *row.task;
         auto state = task.state();
         auto error = task.error();
@@ -344,10 +333,6 @@ int runTransfer(const Options& opt, bool moving) {
         tasks.push_back(p.task);
     }
     auto& manager = FileTransferTaskManager::sharedInstance();
-
-    auto prompts = std::make_shared<TerminalPrompts>(*policy, opt.keepGoing, interactive, console);
-    manager.setUserPrompts(prompts);
-    manager.addObserver(console);
     if (opt.jobs > 0) manager.setMaxSimultaneousTransfers(opt.jobs);
 
     // Ctrl-C (and a polite SIGTERM or SIGHUP) stops every task; a second one ends the process.
@@ -355,16 +340,8 @@ int runTransfer(const Options& opt, bool moving) {
         console->message("Stopping transfers...");
         manager.stopAllTasks();
     });
-    auto timer = MainQueue::shared().scheduleRepeating(std::chrono::milliseconds(200),
-                                                       [&] { console->tick(); });
-    for (auto& t : tasks) manager.addTask(t);
-    manager.start();
-    MainQueue::shared().runUntil([&] { return console->allDone(); });
-    MainQueue::shared().cancel(timer);
-    console->reportRest();
-    console->clearBlock();
-    manager.removeObserver(console);
-    manager.setUserPrompts(nullptr);
+    runWatched(console, tasks,
+               std::make_shared<TerminalPrompts>(*policy, opt.keepGoing, interactive, console));
     if (StopSignals::stopRequested())
         return 128 + (StopSignals::signal() ? StopSignals::signal() : SIGINT);
     if (console->anyFailed()) return kExitError;
