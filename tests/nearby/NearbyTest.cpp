@@ -31,7 +31,9 @@ namespace quillon {
 namespace {
 
 namespace fs = std::filesystem;
+using test::lines;
 using test::readFile;
+using test::setMtime;
 using test::writeFile;
 using namespace std::chrono_literals;
 
@@ -181,24 +183,12 @@ class NearbyTest : public ::testing::Test {
         EXPECT_EQ(r.exitCode, 0) << r.err;
         return lines(r.out);
     }
-    static std::vector<std::string> lines(const std::string& text) {
-        std::vector<std::string> result;
-        std::istringstream in(text);
-        for (std::string line; std::getline(in, line);) result.push_back(line);
-        return result;
-    }
     static std::string sha256(const std::string& path) {
         return test::runProgram({"sha256sum", path}).out.substr(0, 64);
     }
     static std::int64_t mtime(const std::string& path) {
         struct stat st {};
         return ::stat(path.c_str(), &st) == 0 ? st.st_mtime : -1;
-    }
-    static void setMtime(const std::string& path, double seconds) {
-        auto whole = static_cast<time_t>(seconds);
-        struct timespec times[2] = {{whole, 0},
-                                    {whole, static_cast<long>((seconds - whole) * 1e9)}};
-        ::utimensat(AT_FDCWD, path.c_str(), times, 0);
     }
     // Every file below `root`, as paths relative to it.
     static std::set<std::string> tree(const std::string& root) {
