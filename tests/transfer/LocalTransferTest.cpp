@@ -152,13 +152,7 @@ TEST(CopyTask, ReportsProgressInStepsOfAtMostTenMebibytes) {
 TEST(CopyTask, CancelledCopyLeavesNoPartialFile) {
     IsolatedHome home;
     ScratchDir dir("copycancel");
-    fs::create_directories(dir / "src");
-    fs::create_directories(dir / "dst");
-    {
-        std::ofstream out(dir / "src/big.bin", std::ios::binary);
-        std::string chunk(1 << 20, 'y');
-        for (int i = 0; i < 40; ++i) out << chunk;
-    }
+    writeFile(dir / "src/big.bin", std::string(40 << 20, 'y'));
     writeFile(dir / "dst/big-old.bin", "keep me");
     FileTransferTaskManager manager;
     auto task = copyTask(dir / "src/big.bin", dir / "dst");
