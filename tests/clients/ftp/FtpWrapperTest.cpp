@@ -14,11 +14,9 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <filesystem>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <thread>
 #include <utility>
 
@@ -506,19 +504,13 @@ TEST_F(FtpWrapperTest, NeverConnectsToAPasvAddressOtherThanTheServersAndHealsThe
 // failure of the test instead of its end.
 template <typename Request>
 auto withWatchdog(FtpWrapper& w, Request request) {
-    std::mutex m;
-    std::condition_variable cv;
-    bool done = false;
+    std::atomic<bool> done{false};
     std::thread watchdog([&] {
-        std::unique_lock lock(m);
-        if (!cv.wait_for(lock, std::chrono::seconds(60), [&] { return done; })) w.cancelOperation();
+        if (!test::waitUntil([&] { return done.load(); }, std::chrono::seconds(60)))
+            w.cancelOperation();
     });
     auto result = request();
-    {
-        std::lock_guard lock(m);
-        done = true;
-    }
-    cv.notify_one();
+    done = true;
     watchdog.join();
     return result;
 }
