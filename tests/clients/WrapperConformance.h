@@ -241,10 +241,7 @@ class WrapperConformance : public ::testing::TestWithParam<ConformanceTarget> {
         ::chmod(serverPath(rel).c_str(), 0777);
     }
     std::string readServerFile(const std::string& rel) const { return readFile(serverPath(rel)); }
-    bool serverHas(const std::string& rel) const {
-        struct stat st {};
-        return ::lstat(serverPath(rel).c_str(), &st) == 0;
-    }
+    bool serverHas(const std::string& rel) const { return localHas(serverPath(rel)); }
     bool serverHasFolder(const std::string& rel) const {
         std::error_code ec;
         return std::filesystem::is_directory(serverPath(rel), ec);
