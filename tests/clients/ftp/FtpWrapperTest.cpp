@@ -346,10 +346,11 @@ TEST_F(FtpWrapperTest, SurvivesHostileRepliesAndRefusedConnections) {
         });
         FtpWrapper w(s.serverInfo());
         auto cwd = w.currentWorkingDirectory();
-        if (pwd.size() < 100)
+        if (pwd.size() < 100) {
             EXPECT_FALSE(cwd);
-        else if (cwd)
+        } else if (cwd) {
             EXPECT_LE(cwd->size(), std::size_t(1) << 20);
+        }
     }
     // A multi-line FEAT reply that never ends: the server hangs up in the middle.
     {
