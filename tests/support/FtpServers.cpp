@@ -514,13 +514,8 @@ FtpServer::~FtpServer() {
 
 std::string FtpServer::log() const {
     std::string out;
-    for (auto* f : {"/server.log", "/vsftpd.log", "/system.log", "/tls.log"}) {
-        std::ifstream in(dir_.path() + f, std::ios::binary);
-        if (!in) continue;
-        std::ostringstream s;
-        s << in.rdbuf();
-        out += s.str();
-    }
+    for (auto* f : {"/server.log", "/vsftpd.log", "/system.log", "/tls.log"})
+        out += readFile(dir_.path() + f);
     return out;
 }
 
@@ -627,10 +622,6 @@ void FtpServer::chownTree() const {
          it.increment(ec))
         ::lchown(it->path().c_str(), uid_, gid_);
 }
-
-}  // namespace quillon::test
-
-namespace quillon::test {
 
 namespace {
 
