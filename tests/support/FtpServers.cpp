@@ -163,18 +163,30 @@ std::string findProgram(const std::string& package, const std::string& rel) {
     return {};
 }
 
-int freePort() {
-    int s = ::socket(AF_INET, SOCK_STREAM, 0);
+int listenOn(const char* host, int port) {
+    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in a{};
     a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    a.sin_port = 0;
+    a.sin_port = htons(static_cast<uint16_t>(port));
+    if (fd < 0 || ::inet_pton(AF_INET, host, &a.sin_addr) != 1 ||
+        ::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || ::listen(fd, 8) != 0) {
+        if (fd >= 0) ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+int boundPort(int fd) {
+    sockaddr_in a{};
     socklen_t len = sizeof a;
-    int port = 0;
-    if (::bind(s, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 &&
-        ::getsockname(s, reinterpret_cast<sockaddr*>(&a), &len) == 0)
-        port = ntohs(a.sin_port);
-    ::close(s);
+    ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
+    return ntohs(a.sin_port);
+}
+
+int freePort() {
+    int fd = listenOn("127.0.0.1", 0);
+    int port = fd < 0 ? 0 : boundPort(fd);
+    if (fd >= 0) ::close(fd);
     return port;
 }
 
@@ -624,26 +636,6 @@ void FtpServer::chownTree() const {
 }
 
 namespace {
-
-int listenOn(const char* host, int port) {
-    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(static_cast<uint16_t>(port));
-    if (fd < 0 || ::inet_pton(AF_INET, host, &a.sin_addr) != 1 ||
-        ::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || ::listen(fd, 8) != 0) {
-        if (fd >= 0) ::close(fd);
-        return -1;
-    }
-    return fd;
-}
-
-int boundPort(int fd) {
-    sockaddr_in a{};
-    socklen_t len = sizeof a;
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
-    return ntohs(a.sin_port);
-}
 
 void sendAll(int fd, std::string_view s) {
     while (!s.empty()) {
