@@ -99,11 +99,7 @@ struct OtherRecord {
     std::string name, stamp, password;
 };
 
-unsigned modeOf(const std::string& path) {
-    struct stat st {};
-    if (::stat(path.c_str(), &st) != 0) return 0;
-    return st.st_mode & 0777;
-}
+using test::modeOf;
 
 // Drives the main queue's timers without waiting for them.
 struct FakeClock {

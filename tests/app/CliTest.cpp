@@ -44,9 +44,7 @@ TEST(Cli, ServersCanBeAddedShownChangedAndRemoved) {
     EXPECT_LT(root, nas);
 
     // The database holds the password: readable by the user only.
-    struct stat st {};
-    ASSERT_EQ(::stat((home.path() + "/data/KvQuillon/db/db.sqlite").c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0600u);
+    EXPECT_EQ(modeOf(home.path() + "/data/KvQuillon/db/db.sqlite"), 0600u);
 
     ASSERT_TRUE(quillonExits(0, {"server", "rm", "Office NAS"}));
     EXPECT_TRUE(

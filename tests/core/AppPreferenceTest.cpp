@@ -15,12 +15,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-unsigned modeOf(const std::string& path) {
-    struct stat st {};
-    if (::stat(path.c_str(), &st) != 0) return 0;
-    return st.st_mode & 0777;
-}
-
+using test::modeOf;
 // The preference store re-read from the current home.
 AppPreference& freshPrefs() {
     auto& prefs = AppPreference::sharedAppPreference();

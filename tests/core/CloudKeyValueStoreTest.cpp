@@ -53,9 +53,7 @@ TEST(FileCloudKeyValueStore, SharesValuesThroughOneFileAndReportsOnlyOthersChang
     ASSERT_TRUE(a.synchronize());
     std::string file = dir / FileCloudKeyValueStore::kFileName;
     ASSERT_TRUE(fs::exists(file));
-    struct stat st {};
-    ::stat(file.c_str(), &st);
-    EXPECT_EQ(st.st_mode & 0777, 0600u);
+    EXPECT_EQ(test::modeOf(file), 0600u);
     auto onDisk = Plist::readFile(file);
     ASSERT_TRUE(onDisk && onDisk->is<PlistDict>());
     EXPECT_EQ(onDisk->get<PlistDict>()->size(), 2u);

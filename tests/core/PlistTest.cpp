@@ -40,9 +40,7 @@ TEST(Plist, WritesAtomicallyWithTheRequestedMode) {
     std::string path = dir / "pref.plist";
     ASSERT_TRUE(Plist::writeFile(path, PlistValue(PlistDict{{"a", PlistValue(1)}}), 0600));
     ASSERT_TRUE(Plist::writeFile(path, PlistValue(PlistDict{{"a", PlistValue(2)}}), 0600));
-    struct stat st {};
-    ASSERT_EQ(::stat(path.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0600u);
+    EXPECT_EQ(test::modeOf(path), 0600u);
     auto r = Plist::readFile(path);
     ASSERT_TRUE(r);
     EXPECT_EQ(r->get<PlistDict>()->at("a").toInteger(), 2);

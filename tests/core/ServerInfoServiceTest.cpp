@@ -52,9 +52,7 @@ TEST_F(ServerInfoStore, SavingARecordTwiceUpdatesItsOneRow) {
     EXPECT_EQ(service().serverInfosForSync().size(), 1u);
 
     // The database holds passwords: readable by the user only.
-    struct stat st {};
-    ASSERT_EQ(::stat(DBManager::sharedDBManager().path().c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0600u);
+    EXPECT_EQ(test::modeOf(DBManager::sharedDBManager().path()), 0600u);
 }
 
 TEST_F(ServerInfoStore, StoringARecordKeepsItsStampAsItCame) {

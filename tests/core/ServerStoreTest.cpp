@@ -34,9 +34,7 @@ TEST(DBManager, CreatesOnlyMissingTablesAndLeavesAForeignFileAlone) {
     ASSERT_TRUE(rows);
     ASSERT_EQ(rows->size(), 1u);
     EXPECT_EQ(sqlInt((*rows)[0][0]), 3);
-    struct stat st {};
-    ASSERT_EQ(::stat(path.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0600u);
+    EXPECT_EQ(test::modeOf(path), 0600u);
 
     // A file that is not a database is reported and left as it was.
     std::string junk = dir / "junk.sqlite";

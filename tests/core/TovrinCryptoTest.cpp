@@ -18,12 +18,7 @@ std::string hex(const std::string& s) {
     return out;
 }
 
-std::vector<std::string> lines(const std::string& text) {
-    std::vector<std::string> out;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) out.push_back(line);
-    return out;
-}
+using test::lines;
 
 }  // namespace
 

@@ -400,8 +400,7 @@ TEST(FtpServer, AnonymousSessionsAreReadOnlyUnlessUploadsAreAllowed) {
 TEST(FtpServer, ConfinesEveryPathToTheSharedFolder) {
     ScratchDir outside("outside");
     test::writeFile(outside / "secret.txt", "secret");
-    FtpServerOptions o = userOptions();
-    RunningFtpServer srv(o);
+    RunningFtpServer srv(userOptions());
     test::writeFile(srv / "inside/ok.txt", "ok");
     fs::create_directory_symlink("/etc", srv / "etc-link");
     fs::create_symlink(outside / "secret.txt", srv / "secret-link");
@@ -501,8 +500,7 @@ TEST(FtpServer, RefusesPortAndEprtToAnotherAddressAndDropsForeignPassiveConnecti
 }
 
 TEST(FtpServer, HonoursTheSessionLimitUnderTwoHundredParallelSessions) {
-    FtpServerOptions o = userOptions();
-    RunningFtpServer srv(o);  // the default limit, 50
+    RunningFtpServer srv(userOptions());  // the default limit, 50
     std::vector<std::unique_ptr<RawFtpClient>> clients;
     int welcomed = 0, refused = 0;
     for (int i = 0; i < 200; ++i) clients.push_back(std::make_unique<RawFtpClient>(srv.port()));
@@ -812,9 +810,8 @@ TEST(FtpServer, NoCommandReachesOutsideWhileALinkIsSwappedInUnderIt) {
         return seen;
     };
     auto before = snapshot();
-    struct stat canaryStat {};
-    ::stat((outside / "f").c_str(), &canaryStat);
-    const std::string canaryMdtm = "213 " + FtpListing::timeString(canaryStat.st_mtime);
+    const std::string canaryMdtm =
+        "213 " + FtpListing::timeString(static_cast<time_t>(test::mtimeOf(outside / "f")));
     const std::string canarySize = fmt::format("213 {}", canary.size());
 
     RunningFtpServer srv(userOptions());

@@ -163,18 +163,30 @@ std::string findProgram(const std::string& package, const std::string& rel) {
     return {};
 }
 
-int freePort() {
-    int s = ::socket(AF_INET, SOCK_STREAM, 0);
+int listenOn(const char* host, int port) {
+    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in a{};
     a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    a.sin_port = 0;
+    a.sin_port = htons(static_cast<uint16_t>(port));
+    if (fd < 0 || ::inet_pton(AF_INET, host, &a.sin_addr) != 1 ||
+        ::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || ::listen(fd, 8) != 0) {
+        if (fd >= 0) ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+int boundPort(int fd) {
+    sockaddr_in a{};
     socklen_t len = sizeof a;
-    int port = 0;
-    if (::bind(s, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 &&
-        ::getsockname(s, reinterpret_cast<sockaddr*>(&a), &len) == 0)
-        port = ntohs(a.sin_port);
-    ::close(s);
+    ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
+    return ntohs(a.sin_port);
+}
+
+int freePort() {
+    int fd = listenOn("127.0.0.1", 0);
+    int port = fd < 0 ? 0 : boundPort(fd);
+    if (fd >= 0) ::close(fd);
     return port;
 }
 
@@ -309,6 +321,15 @@ bool FtpServer::launch(std::string* whyNot) {
         }
         return true;
     };
+    // A passwd line for the test user, with a SHA-512 crypt hash of its password.
+    auto writePasswd = [&](const std::string& tail) {
+        auto hash = runProgram({"openssl", "passwd", "-6", "-stdin"}, password_ + "\n");
+        std::string h = hash.out.substr(0, hash.out.find('\n'));
+        if (hash.exitCode != 0 || h.empty()) return false;
+        writeText(conf + "/passwd",
+                  fmt::format("{}:{}:{}:{}::{}{}", user_, h, uid_, gid_, root_, tail), 0600);
+        return true;
+    };
 
     switch (kind_) {
         case FtpServerKind::Vsftpd: {
@@ -343,39 +364,20 @@ bool FtpServer::launch(std::string* whyNot) {
             if (!fs::exists(conf + "/pure.pdb")) {
                 // pure-pw hashes with a costly argon2 setting (seconds per login on a busy
                 // machine): the passwd file is written here with a SHA-512 crypt hash instead.
-                auto hash = runProgram({"openssl", "passwd", "-6", "-stdin"}, password_ + "\n");
-                std::string h = hash.out.substr(0, hash.out.find('\n'));
-                if (hash.exitCode != 0 || h.empty()) {
+                if (!writePasswd("/./::::::::::::\n")) {
                     *whyNot = "pure-ftpd cannot run here: openssl passwd failed";
                     return false;
                 }
-                writeText(conf + "/passwd",
-                          user_ + ":" + h + ":" + std::to_string(uid_) + ":" +
-                              std::to_string(gid_) + "::" + root_ + "/./::::::::::::\n",
-                          0600);
                 auto r = runProgram({pw, "mkdb", conf + "/pure.pdb", "-f", conf + "/passwd"});
                 if (r.exitCode != 0) {
                     *whyNot = "pure-ftpd cannot run here: pure-pw mkdb failed: " + r.err;
                     return false;
                 }
             }
-            argv = {bin,
-                    "-S",
-                    "127.0.0.1," + std::to_string(port_),
-                    "-l",
-                    "puredb:" + conf + "/pure.pdb",
-                    "-E",
-                    "-H",
-                    "-D",
-                    "-A",
-                    "-u",
-                    "1",
-                    "-c",
-                    "64",
-                    "-C",
-                    "64",
-                    "-I",
-                    "15"};
+            argv = {bin, "-S", "127.0.0.1," + std::to_string(port_), "-l",
+                    "puredb:" + conf + "/pure.pdb"};
+            for (auto a : {"-E", "-H", "-D", "-A", "-u", "1", "-c", "64", "-C", "64", "-I", "15"})
+                argv.emplace_back(a);
             break;
         }
         case FtpServerKind::Proftpd: {
@@ -388,12 +390,10 @@ bool FtpServer::launch(std::string* whyNot) {
                 *whyNot = "proftpd cannot run here: openssl could not make a certificate";
                 return false;
             }
-            auto hash = runProgram({"openssl", "passwd", "-6", "-stdin"}, password_ + "\n");
-            std::string h = hash.out.substr(0, hash.out.find('\n'));
-            writeText(conf + "/passwd",
-                      user_ + ":" + h + ":" + std::to_string(uid_) + ":" + std::to_string(gid_) +
-                          "::" + root_ + ":/bin/false\n",
-                      0600);
+            if (!writePasswd(":/bin/false\n")) {
+                *whyNot = "proftpd cannot run here: openssl passwd failed";
+                return false;
+            }
             writeText(conf + "/group", "nogroup:x:" + std::to_string(gid_) + ":\n", 0600);
             bool tlsModule = fs::exists("/usr/lib/proftpd/mod_tls.so");
             std::ostringstream c;
@@ -430,24 +430,12 @@ bool FtpServer::launch(std::string* whyNot) {
             writeText(conf + "/server.py", kPyftpdlibScript);
             writeText(conf + "/events.log", "", 0600);
             ::chown((conf + "/events.log").c_str(), uid_, gid_);
-            argv = {"/usr/bin/setpriv",
-                    "--reuid=" + std::to_string(uid_),
-                    "--regid=" + std::to_string(gid_),
-                    "--clear-groups",
-                    "/usr/bin/python3",
-                    conf + "/server.py",
-                    "--port",
-                    std::to_string(port_),
-                    "--root",
-                    root_,
-                    "--user",
-                    user_,
-                    "--password",
-                    password_,
-                    "--event-log",
-                    conf + "/events.log",
-                    "--parent",
-                    std::to_string(::getpid())};
+            argv = {"/usr/bin/setpriv", "--reuid=" + std::to_string(uid_)};
+            argv.insert(argv.end(),
+                        {"--regid=" + std::to_string(gid_), "--clear-groups", "/usr/bin/python3",
+                         conf + "/server.py", "--port", std::to_string(port_), "--root", root_,
+                         "--user", user_, "--password", password_, "--event-log",
+                         conf + "/events.log", "--parent", std::to_string(::getpid())});
             if (options_.implicitTls || options_.explicitTls) {
                 std::string pem = conf + "/both.pem";
                 if (!fs::exists(pem) && !makeCert(&pem)) {
@@ -455,15 +443,13 @@ bool FtpServer::launch(std::string* whyNot) {
                     return false;
                 }
                 ::chown(pem.c_str(), uid_, gid_);
-                argv.push_back(options_.implicitTls ? "--implicit-tls" : "--explicit-tls");
-                argv.push_back(pem);
+                argv.insert(argv.end(),
+                            {options_.implicitTls ? "--implicit-tls" : "--explicit-tls", pem});
                 tlsFirst = options_.implicitTls;
             }
             if (options_.cutAfterBytes > 0) {
-                argv.push_back("--cut-after");
-                argv.push_back(std::to_string(options_.cutAfterBytes));
-                argv.push_back("--cuts");
-                argv.push_back(std::to_string(options_.cuts));
+                argv.insert(argv.end(), {"--cut-after", std::to_string(options_.cutAfterBytes),
+                                         "--cuts", std::to_string(options_.cuts)});
             }
             break;
         }
@@ -540,13 +526,8 @@ FtpServer::~FtpServer() {
 
 std::string FtpServer::log() const {
     std::string out;
-    for (auto* f : {"/server.log", "/vsftpd.log", "/system.log", "/tls.log"}) {
-        std::ifstream in(dir_.path() + f, std::ios::binary);
-        if (!in) continue;
-        std::ostringstream s;
-        s << in.rdbuf();
-        out += s.str();
-    }
+    for (auto* f : {"/server.log", "/vsftpd.log", "/system.log", "/tls.log"})
+        out += readFile(dir_.path() + f);
     return out;
 }
 
@@ -654,31 +635,7 @@ void FtpServer::chownTree() const {
         ::lchown(it->path().c_str(), uid_, gid_);
 }
 
-}  // namespace quillon::test
-
-namespace quillon::test {
-
 namespace {
-
-int listenOn(const char* host, int port) {
-    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(static_cast<uint16_t>(port));
-    if (fd < 0 || ::inet_pton(AF_INET, host, &a.sin_addr) != 1 ||
-        ::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || ::listen(fd, 8) != 0) {
-        if (fd >= 0) ::close(fd);
-        return -1;
-    }
-    return fd;
-}
-
-int boundPort(int fd) {
-    sockaddr_in a{};
-    socklen_t len = sizeof a;
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
-    return ntohs(a.sin_port);
-}
 
 void sendAll(int fd, std::string_view s) {
     while (!s.empty()) {

@@ -112,6 +112,14 @@ std::string readFile(const std::string& path);
 std::vector<std::string> namesIn(const std::string& folder);
 // Bytes in a fixed pseudo-random pattern: the same `variant` gives the same bytes.
 std::string randomBytes(std::size_t size, unsigned variant);
+// The lines of `text`, without their line ends.
+std::vector<std::string> lines(const std::string& text);
+// A path's modification time in seconds since 1970 (with fractions), -1 when it cannot be read.
+double mtimeOf(const std::string& path);
+// Sets a path's access and modification times; fails the test when it cannot.
+void setMtime(const std::string& path, double secondsSince1970);
+// A path's permission bits, 0 when it cannot be read.
+unsigned modeOf(const std::string& path);
 inline bool contains(std::string_view text, std::string_view part) {
     return text.find(part) != std::string_view::npos;
 }

@@ -85,20 +85,6 @@ inline void waitUntilClock(double secondsSince1970) {
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
 }
 
-inline void setMtime(const std::string& path, double secondsSince1970) {
-    struct timespec times[2];
-    times[0].tv_sec = times[1].tv_sec = static_cast<time_t>(secondsSince1970);
-    long ns = static_cast<long>((secondsSince1970 - std::floor(secondsSince1970)) * 1e9);
-    times[0].tv_nsec = times[1].tv_nsec = ns;
-    ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0) << path;
-}
-
-inline double mtimeOf(const std::string& path) {
-    struct stat st {};
-    if (::stat(path.c_str(), &st) != 0) return -1;
-    return static_cast<double>(st.st_mtim.tv_sec) + st.st_mtim.tv_nsec / 1e9;
-}
-
 inline void writeWithTime(const std::string& path, const std::string& content, double when) {
     writeFile(path, content);
     setMtime(path, when);

@@ -56,10 +56,6 @@ void expectSameTree(const std::string& a, const std::string& b) {
     EXPECT_EQ(namesIn(a), namesIn(b));
 }
 
-std::shared_ptr<CopyTask> copyTask(const std::string& from, const std::string& toFolder) {
-    return makeTask<CopyTask>(localServer(), localItem(from), localServer(), localFolder(toFolder));
-}
-
 }  // namespace
 
 TEST(CopyTask, CopiesTreeWithEmptyFoldersHiddenFilesAndLinks) {
@@ -68,7 +64,7 @@ TEST(CopyTask, CopiesTreeWithEmptyFoldersHiddenFilesAndLinks) {
     makeTree(dir / "src/tree");
     fs::create_directories(dir / "dst");
     FileTransferTaskManager manager;
-    auto task = copyTask(dir / "src/tree", dir / "dst");
+    auto task = localTask<CopyTask>(dir / "src/tree", dir / "dst");
     manager.addTask(task);
     manager.start();
     runToEnd(manager);
@@ -82,8 +78,8 @@ TEST(CopyTask, CopiesTreeWithEmptyFoldersHiddenFilesAndLinks) {
     EXPECT_EQ(task->targetMetadata.pathOrEmpty(), dir / "dst/tree");
 
     // A lone link is copied as a link; an empty folder as an empty folder, with 0 bytes.
-    auto link = copyTask(dir / "src/tree/link-to-sub", dir / "dst");
-    auto empty = copyTask(dir / "src/tree/empty/deeper/deepest", dir / "dst");
+    auto link = localTask<CopyTask>(dir / "src/tree/link-to-sub", dir / "dst");
+    auto empty = localTask<CopyTask>(dir / "src/tree/empty/deeper/deepest", dir / "dst");
     manager.addTask(link);
     manager.addTask(empty);
     manager.start();
@@ -110,9 +106,9 @@ TEST(CopyTask, KeepBothAndReplace) {
     prompts->conflictAnswers.push_back({ConflictAction::KeepBoth, false});
     prompts->conflictAnswers.push_back({ConflictAction::Replace, false});
     prompts->conflictAnswers.push_back({ConflictAction::Replace, false});
-    auto keep = copyTask(dir / "src/report.txt", dir / "dst");
-    auto replaceFile = copyTask(dir / "src/report.txt", dir / "dst");
-    auto replaceFolder = copyTask(dir / "src/folder", dir / "dst");
+    auto keep = localTask<CopyTask>(dir / "src/report.txt", dir / "dst");
+    auto replaceFile = localTask<CopyTask>(dir / "src/report.txt", dir / "dst");
+    auto replaceFolder = localTask<CopyTask>(dir / "src/folder", dir / "dst");
     for (auto& t : {keep, replaceFile, replaceFolder}) manager.addTask(t);
     manager.start();
     runToEnd(manager);
@@ -152,16 +148,10 @@ TEST(CopyTask, ReportsProgressInStepsOfAtMostTenMebibytes) {
 TEST(CopyTask, CancelledCopyLeavesNoPartialFile) {
     IsolatedHome home;
     ScratchDir dir("copycancel");
-    fs::create_directories(dir / "src");
-    fs::create_directories(dir / "dst");
-    {
-        std::ofstream out(dir / "src/big.bin", std::ios::binary);
-        std::string chunk(1 << 20, 'y');
-        for (int i = 0; i < 40; ++i) out << chunk;
-    }
+    writeFile(dir / "src/big.bin", std::string(40 << 20, 'y'));
     writeFile(dir / "dst/big-old.bin", "keep me");
     FileTransferTaskManager manager;
-    auto task = copyTask(dir / "src/big.bin", dir / "dst");
+    auto task = localTask<CopyTask>(dir / "src/big.bin", dir / "dst");
     // The task stops itself at its first progress step, in the middle of the file.
     std::atomic<bool> once{false};
     FileTransferTask::setClock([&] {
@@ -182,7 +172,7 @@ TEST(CopyTask, MissingSourceFailsWithNotFound) {
     ScratchDir dir("copymissing");
     fs::create_directories(dir / "dst");
     FileTransferTaskManager manager;
-    auto task = copyTask(dir / "nothing.txt", dir / "dst");
+    auto task = localTask<CopyTask>(dir / "nothing.txt", dir / "dst");
     manager.addTask(task);
     manager.start();
     runToEnd(manager);
@@ -195,7 +185,7 @@ TEST(CopyTask, MissingSourceFailsWithNotFound) {
         writeFile(dir / "src.txt", "x");
         fs::create_directories(dir / "ro");
         ::chmod((dir / "ro").c_str(), 0555);
-        auto denied = copyTask(dir / "src.txt", dir / "ro");
+        auto denied = localTask<CopyTask>(dir / "src.txt", dir / "ro");
         manager.addTask(denied);
         manager.start();
         runToEnd(manager);
@@ -234,8 +224,7 @@ TEST(MoveTask, MovesSeveralItemsInOneTaskAndHandlesConflicts) {
     auto prompts = std::make_shared<ScriptedPrompts>();
     prompts->conflictAnswers.push_back({ConflictAction::KeepBoth, true});
     manager.setUserPrompts(prompts);
-    auto keep = makeTask<MoveTask>(localServer(), localItem(dir / "src/f0"), localServer(),
-                                   localFolder(dir / "dst"));
+    auto keep = localTask<MoveTask>(dir / "src/f0", dir / "dst");
     manager.addTask(keep);
     manager.start();
     runToEnd(manager);

@@ -44,9 +44,7 @@ TEST(TransferEvents, ObserversHearStartsAndEndsAndALaterAnswerHoldsTheQueue) {
     manager.addObserver(log);
     std::vector<std::shared_ptr<CopyTask>> tasks;
     for (auto name : {"gone1", "a.txt", "gone2", "c.txt"}) {
-        tasks.push_back(makeTask<CopyTask>(localServer(),
-                                           localItem(dir / (std::string("src/") + name)),
-                                           localServer(), localFolder(dir / "dst")));
+        tasks.push_back(localTask<CopyTask>(dir / (std::string("src/") + name), dir / "dst"));
         manager.addTask(tasks.back());
     }
     manager.start();

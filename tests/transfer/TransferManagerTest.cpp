@@ -278,10 +278,8 @@ TEST(TransferManager, ConflictQuestionsAndApplyToAll) {
     // "Skip" without apply-to-all: the task ends stopped, no alert, and the next one is asked.
     prompts->conflictAnswers.push_back({ConflictAction::Skip, false});
     prompts->conflictAnswers.push_back({ConflictAction::KeepBoth, false});
-    auto skipped = makeTask<CopyTask>(localServer(), localItem(dir / "src/a.txt"), localServer(),
-                                      localFolder(dir / "dst"));
-    auto kept = makeTask<CopyTask>(localServer(), localItem(dir / "src/b.txt"), localServer(),
-                                   localFolder(dir / "dst"));
+    auto skipped = localTask<CopyTask>(dir / "src/a.txt", dir / "dst");
+    auto kept = localTask<CopyTask>(dir / "src/b.txt", dir / "dst");
     manager.addTask(skipped);
     manager.addTask(kept);
     manager.start();
@@ -318,8 +316,7 @@ TEST(TransferManager, MoveConflictOffersOnlyKeepBothAndSkip) {
     manager.setUserPrompts(prompts);
     // A replace answer to a move question is not one of its buttons: it counts as skip.
     prompts->conflictAnswers.push_back({ConflictAction::Replace, false});
-    auto refused = makeTask<MoveTask>(localServer(), localItem(dir / "src/x.txt"), localServer(),
-                                      localFolder(dir / "dst"));
+    auto refused = localTask<MoveTask>(dir / "src/x.txt", dir / "dst");
     manager.addTask(refused);
     manager.start();
     runToEnd(manager);
@@ -330,8 +327,7 @@ TEST(TransferManager, MoveConflictOffersOnlyKeepBothAndSkip) {
     EXPECT_EQ(readFile(dir / "src/x.txt"), "moving");
 
     prompts->conflictAnswers.push_back({ConflictAction::KeepBoth, false});
-    auto kept = makeTask<MoveTask>(localServer(), localItem(dir / "src/x.txt"), localServer(),
-                                   localFolder(dir / "dst"));
+    auto kept = localTask<MoveTask>(dir / "src/x.txt", dir / "dst");
     manager.addTask(kept);
     manager.start();
     runToEnd(manager);
@@ -352,11 +348,9 @@ TEST(TransferManager, FailureAlertOffersIgnoreOnlyWhileTasksWait) {
     manager.setUserPrompts(prompts);
     prompts->failureAnswers.push_back(FailureChoice::Ignore);
 
-    auto missing = makeTask<CopyTask>(localServer(), localItem(dir / "src/gone.txt"), localServer(),
-                                      localFolder(dir / "dst"));
+    auto missing = localTask<CopyTask>(dir / "src/gone.txt", dir / "dst");
     std::filesystem::create_directories(dir / "dst");
-    auto fine = makeTask<CopyTask>(localServer(), localItem(dir / "src/ok.txt"), localServer(),
-                                   localFolder(dir / "dst"));
+    auto fine = localTask<CopyTask>(dir / "src/ok.txt", dir / "dst");
     manager.addTask(missing);
     manager.addTask(fine);
     manager.start();
@@ -371,8 +365,7 @@ TEST(TransferManager, FailureAlertOffersIgnoreOnlyWhileTasksWait) {
     EXPECT_TRUE(missing->endTime().has_value());
 
     // Nothing waiting: only "Stop" is offered, and it stops the queue.
-    auto again = makeTask<CopyTask>(localServer(), localItem(dir / "src/gone.txt"), localServer(),
-                                    localFolder(dir / "dst"));
+    auto again = localTask<CopyTask>(dir / "src/gone.txt", dir / "dst");
     manager.addTask(again);
     manager.start();
     runToEnd(manager);

@@ -106,6 +106,11 @@ std::shared_ptr<Task> makeTask(const ServerInfoPtr& from, const KvMetadata& item
     task->targetMetadata = folder;
     return task;
 }
+// A task taking the local item `from` into the local folder `toFolder`.
+template <typename Task>
+std::shared_ptr<Task> localTask(const std::string& from, const std::string& toFolder) {
+    return makeTask<Task>(localServer(), localItem(from), localServer(), localFolder(toFolder));
+}
 
 // --- FTP servers. Paths in tests are relative to the login folder: vsftpd runs here without a
 // chroot, so its "/" is this machine's root and must never be written to.
