@@ -15,6 +15,7 @@ void MainQueue::post(std::function<void()> fn) {
         tasks_.emplace(nextSeq_++, std::move(fn));
     }
     wake_.notify_all();
+    notifyWakeup();
 }
 
 MainQueue::TimerId MainQueue::postAfter(std::chrono::nanoseconds delay, std::function<void()> fn) {
@@ -26,6 +27,7 @@ MainQueue::TimerId MainQueue::postAfter(std::chrono::nanoseconds delay, std::fun
         timers_.emplace(id, Timer{now + delay, std::chrono::nanoseconds{0}, std::move(fn)});
     }
     wake_.notify_all();
+    notifyWakeup();
     return id;
 }
 
@@ -40,7 +42,26 @@ MainQueue::TimerId MainQueue::scheduleRepeating(std::chrono::nanoseconds interva
         timers_.emplace(id, Timer{now + interval, interval, std::move(fn)});
     }
     wake_.notify_all();
+    notifyWakeup();
     return id;
+}
+
+void MainQueue::setWakeup(std::function<void()> wakeup) {
+    std::lock_guard lock(wakeupMutex_);
+    wakeup_ = std::move(wakeup);
+}
+
+void MainQueue::notifyWakeup() {
+    std::lock_guard lock(wakeupMutex_);
+    if (wakeup_) wakeup_();
+}
+
+std::optional<MainQueue::Clock::time_point> MainQueue::nextTimerDue() const {
+    std::lock_guard lock(mutex_);
+    std::optional<Clock::time_point> next;
+    for (auto& [id, t] : timers_)
+        if (!next || t.due < *next) next = t.due;
+    return next;
 }
 
 void MainQueue::cancel(TimerId id) {

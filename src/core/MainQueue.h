@@ -8,6 +8,7 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <thread>
 
 namespace quillon {
@@ -39,6 +40,12 @@ class MainQueue {
     // The thread that ran the queue last (or created it); true there.
     bool isMainThread() const;
 
+    // A toolkit's event loop that runs the queue is told here, on the posting thread, whenever a
+    // task is queued or a timer set, so that it can wake up and pump. Empty: nobody is told.
+    void setWakeup(std::function<void()> wakeup);
+    // When the earliest timer is due; absent when there is none.
+    std::optional<Clock::time_point> nextTimerDue() const;
+
     // Tests replace the clock to drive timers without waiting; the default is steady_clock.
     void setClock(std::function<Clock::time_point()> now);
     Clock::time_point now() const;
@@ -51,6 +58,7 @@ class MainQueue {
         std::function<void()> fn;
     };
     bool runOne(std::unique_lock<std::mutex>& lock);
+    void notifyWakeup();
 
     mutable std::mutex mutex_;
     std::condition_variable wake_;
@@ -60,6 +68,8 @@ class MainQueue {
     TimerId nextTimer_ = 1;
     std::thread::id mainThread_;
     std::function<Clock::time_point()> clock_;
+    std::mutex wakeupMutex_;  // held while the hook runs, so that clearing it waits for callers
+    std::function<void()> wakeup_;
 };
 
 }  // namespace quillon

@@ -127,4 +127,23 @@ std::expected<void, Refusal> TransferPlanner::rename(const Location& source, con
     return {};
 }
 
+std::expected<TransferPlan, Refusal> TransferPlanner::plan(const Location& target,
+                                                           const std::vector<Location>& sources,
+                                                           bool moving, bool recursive) {
+    auto planner = into(target, statLocation(target), moving, recursive);
+    if (!planner) return std::unexpected(planner.error());
+    TransferPlan out;
+    for (auto& source : sources) {
+        auto item = statLocation(source);
+        if (!item) {
+            out.refusals.push_back(Refusal::failed(item.error()));
+            continue;
+        }
+        if (auto refusal = planner->add(source, std::move(*item)))
+            out.refusals.push_back(std::move(*refusal));
+    }
+    out.transfers = planner->tasks();
+    return out;
+}
+
 }  // namespace quillon

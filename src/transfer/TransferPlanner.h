@@ -23,8 +23,21 @@ struct PlannedTransfer {
     std::string label;
 };
 
+// What one gesture (a drop, a copy to the other panel) comes to: its tasks, and why each refused
+// source was refused.
+struct TransferPlan {
+    std::vector<PlannedTransfer> transfers;
+    std::vector<Refusal> refusals;
+};
+
 class TransferPlanner {
   public:
+    // Looks up the target and each source and plans them: into, add, tasks. Refused as a whole
+    // when the target is not a folder. Blocks on the lookups: call it off the window's thread.
+    static std::expected<TransferPlan, Refusal> plan(const Location& target,
+                                                     const std::vector<Location>& sources,
+                                                     bool moving, bool recursive);
+
     // A plan into the folder at `target`, whose looked-up record is `targetItem`; refused when the
     // lookup failed or the target is not a folder. `recursive`: folders are copied with their
     // contents (a move always takes them whole).

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <iostream>
 #include <memory>
 
@@ -55,8 +56,17 @@ std::optional<std::string> readPasswordFromStdin() {
     return line;
 }
 
-int run(int argc, char** argv) {
+bool displayAvailable() {
+    for (const char* name : {"DISPLAY", "WAYLAND_DISPLAY"}) {
+        const char* value = std::getenv(name);
+        if (value && *value) return true;
+    }
+    return false;
+}
+
+int run(int argc, char** argv, GuiLauncher gui) {
     Cli cli;
+    if (argc <= 1 && gui && displayAvailable()) return gui(argc, argv, std::nullopt);
     cli.app.set_version_flag("--version", std::string("quillon ") + QUILLON_VERSION);
     cli.app.require_subcommand(1);
     registerTypeCommand(cli);
@@ -69,6 +79,18 @@ int run(int argc, char** argv) {
     registerTransferCommands(cli);
     registerArchiveCommands(cli);
     registerNearbyCommands(cli);
+    auto guiLocation = std::make_shared<std::optional<std::string>>();
+    if (gui) {
+        auto* cmd = cli.app.add_subcommand("gui", "Open the desktop window");
+        cmd->add_option("LOCATION", *guiLocation, "Local path, NAME:/path or URL to show first");
+        cmd->callback([&cli, &gui, argc, argv, guiLocation] {
+            cli.action = [&gui, argc, argv, guiLocation] { return gui(argc, argv, *guiLocation); };
+        });
+    }
+    if (argc <= 1) {
+        fmt::print(stderr, "{}", cli.app.help());
+        return kExitUsage;
+    }
     try {
         cli.app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {

@@ -50,7 +50,16 @@ void registerTransferCommands(Cli& cli);
 void registerArchiveCommands(Cli& cli);
 void registerNearbyCommands(Cli& cli);
 
-// Parses and runs; returns the exit status.
-int run(int argc, char** argv);
+// Opens the desktop window, at `location` when given; returns the exit status.
+using GuiLauncher =
+    std::function<int(int argc, char** argv, const std::optional<std::string>& location)>;
+
+// Whether a desktop display is there to open a window on (DISPLAY or WAYLAND_DISPLAY is set).
+bool displayAvailable();
+
+// Parses and runs; returns the exit status. With `gui`, "quillon gui [LOCATION]" opens the
+// window, and so does "quillon" alone when a display is available (it prints the usage
+// otherwise).
+int run(int argc, char** argv, GuiLauncher gui = {});
 
 }  // namespace quillon::cli

@@ -1,0 +1,62 @@
+#pragma once
+// TransferList: the rows of the transfers dock, one per task of the transfer manager, fed by
+// its observer calls (started, progressed, ended); never by polling the tasks.
+
+#include <QAbstractTableModel>
+#include <QTimer>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "transfer/FileTransferTaskManager.h"
+#include "transfer/TransferEstimate.h"
+
+namespace quillon::gui {
+
+class TransferList : public QAbstractTableModel {
+    Q_OBJECT
+  public:
+    enum Column { Name, Progress, Rate, TimeLeft, State, ColumnCount };
+    static constexpr int kProgressRole = Qt::UserRole + 1;  // 0..100, -1 unknown
+
+    // Follows `manager` while it lives.
+    explicit TransferList(FileTransferTaskManager& manager, QObject* parent = nullptr);
+    ~TransferList() override;
+
+    // Shows `task` as `label` (call before it is added to the manager).
+    void add(const FileTransferTaskPtr& task, std::string label);
+    FileTransferTaskPtr taskAt(int row) const;
+    // How many rows wait or run.
+    int activeCount() const;
+
+    int rowCount(const QModelIndex& parent = {}) const override;
+    int columnCount(const QModelIndex& parent = {}) const override;
+    QVariant data(const QModelIndex& index, int role) const override;
+    QVariant headerData(int section, Qt::Orientation orientation, int role) const override;
+
+  signals:
+    // A task's run ended (completed, failed or stopped).
+    void taskEnded(const FileTransferTaskPtr& task);
+
+  private:
+    class Feed;
+    struct Row {
+        FileTransferTaskPtr task;
+        std::string label;
+        RateEstimator rate;
+        std::int64_t done = 0;
+        std::int64_t total = 0;
+    };
+    Row* find(const FileTransferTask& task);
+    void started(FileTransferTask& task);
+    void progressed(FileTransferTask& task, std::int64_t done, std::int64_t total);
+    void ended(FileTransferTask& task);
+
+    FileTransferTaskManager& manager_;
+    std::shared_ptr<Feed> feed_;
+    std::vector<Row> rows_;
+    QTimer repaint_;  // progress is shown a few times a second, not on every report
+    bool dirty_ = false;
+};
+
+}  // namespace quillon::gui

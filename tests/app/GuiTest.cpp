@@ -1,0 +1,288 @@
+// The desktop window on Qt's offscreen platform, over real folders and a real FTP server.
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <QAbstractItemModelTester>
+#include <QApplication>
+#include <QCheckBox>
+#include <QDialog>
+#include <QElapsedTimer>
+#include <QLineEdit>
+#include <QMimeData>
+#include <QPushButton>
+#include <QSignalSpy>
+#include <QTest>
+#include <QTimer>
+#include <QTreeView>
+#include <atomic>
+#include <filesystem>
+#include <thread>
+
+#include "app/gui/MainWindow.h"
+#include "app/gui/QueuePump.h"
+#include "clients/Clients.h"
+#include "core/GCD.h"
+#include "core/MainQueue.h"
+#include "core/ServerInfoService.h"
+#include "support/FtpServers.h"
+#include "support/TestEnv.h"
+
+namespace quillon::test {
+namespace {
+
+using gui::FolderModel;
+using gui::FolderTab;
+using gui::MainWindow;
+
+// Problems QAbstractItemModelTester reports while a model is watched.
+std::atomic<int> modelProblems{0};
+void countModelProblems(QtMsgType type, const QMessageLogContext& context, const QString& text) {
+    if (context.category && std::string_view(context.category) == "qt.modeltest" &&
+        type >= QtWarningMsg) {
+        ++modelProblems;
+        fprintf(stderr, "model problem: %s\n", qPrintable(text));
+    }
+}
+
+class GuiTest : public FreshHome {
+  protected:
+    static void SetUpTestSuite() {
+        ::setenv("QT_QPA_PLATFORM", "offscreen", 1);
+        static int argc = 1;
+        static char name[] = "GuiTest";
+        static char* argv[] = {name, nullptr};
+        if (!qApp) new QApplication(argc, argv);
+        qInstallMessageHandler(countModelProblems);
+    }
+
+    void SetUp() override {
+        FreshHome::SetUp();
+        registerBuiltinClients();
+        modelProblems = 0;
+        pump_ = std::make_unique<gui::QueuePump>();
+        window_ = std::make_unique<MainWindow>(manager_);
+        window_->show();
+        ASSERT_TRUE(loaded(left()));
+    }
+
+    void TearDown() override {
+        window_.reset();
+        // Completions still queued for the window find it gone.
+        MainQueue::shared().pump();
+        pump_.reset();
+        FreshHome::TearDown();
+    }
+
+    FolderTab* left() const { return window_->panel(0)->currentTab(); }
+    FolderTab* right() const { return window_->panel(1)->currentTab(); }
+
+    // Runs Qt's loop until `done` holds; only a failure waits the whole bound.
+    static bool waitFor(const std::function<bool()>& done, int seconds = 120) {
+        return QTest::qWaitFor(done, seconds * 1000);
+    }
+    static bool loaded(FolderTab* tab) {
+        return waitFor([tab] { return !tab->model()->isLoading() && tab->model()->folder(); });
+    }
+    static std::vector<std::string> namesIn(const FolderModel& model) {
+        std::vector<std::string> names;
+        for (int r = 0; r < model.rowCount(); ++r)
+            names.push_back(model.index(r, FolderModel::Name).data().toString().toStdString());
+        return names;
+    }
+
+    void screenshot(QWidget* w, const std::string& name) {
+        auto folder = std::filesystem::path(QUILLON_BINARY).parent_path() / "screenshots";
+        std::filesystem::create_directories(folder);
+        QApplication::processEvents();
+        EXPECT_TRUE(w->grab().save(QString::fromStdString((folder / (name + ".png")).string())));
+    }
+    // The window at its default size and at 1280x720.
+    void screenshots(const std::string& name) {
+        screenshot(window_.get(), name);
+        auto size = window_->size();
+        window_->resize(1280, 720);
+        screenshot(window_.get(), name + "-1280x720");
+        window_->resize(size);
+    }
+
+    FileTransferTaskManager manager_;
+    std::unique_ptr<gui::QueuePump> pump_;
+    std::unique_ptr<MainWindow> window_;
+};
+
+TEST_F(GuiTest, MainQueueRunsFromQtLoopForPostsAndTimers) {
+    bool posted = false, timed = false;
+    std::thread([&] { MainQueue::shared().post([&] { posted = true; }); }).join();
+    MainQueue::shared().postAfter(std::chrono::milliseconds(30), [&] { timed = true; });
+    EXPECT_TRUE(waitFor([&] { return posted && timed; }));
+}
+
+TEST_F(GuiTest, BigFolderListsInBatchesSortedWithoutHiddenItems) {
+    ScratchDir big("big"), small("small");
+    constexpr int kFiles = 20000;
+    for (int i = 0; i < kFiles; ++i) {
+        char name[32];
+        snprintf(name, sizeof name, "/f%05d", i);
+        writeFile(big.path() + name, std::string(static_cast<std::size_t>(i % 7), 'x'));
+    }
+    writeFile(big / ".hidden", "h");
+    std::filesystem::create_directory(big / "zfolder");
+    writeFile(small / "only", "o");
+
+    auto* model = left()->model();
+    QAbstractItemModelTester tester(model, QAbstractItemModelTester::FailureReportingMode::Warning);
+    QSignalSpy batches(model, &QAbstractItemModel::rowsInserted);
+    // A heartbeat on the window's thread: its longest gap while the folder loads is recorded.
+    QElapsedTimer clock;
+    qint64 last = 0, longest = 0;
+    QTimer heartbeat;
+    QObject::connect(&heartbeat, &QTimer::timeout, [&] {
+        longest = std::max(longest, clock.elapsed() - last);
+        last = clock.elapsed();
+    });
+    clock.start();
+    heartbeat.start(5);
+
+    // Leaving a folder before its listing arrives drops that listing.
+    left()->goTo(QString::fromStdString(big.path()));
+    ASSERT_TRUE(waitFor([&] { return model->folder() && model->folder()->path == big.path(); }));
+    left()->goTo(QString::fromStdString(small.path()));
+    ASSERT_TRUE(waitFor([&] { return model->folder()->path == small.path(); }));
+    ASSERT_TRUE(loaded(left()));
+    QTest::qWait(50);
+    EXPECT_EQ(namesIn(*model), std::vector<std::string>{"only"});
+
+    batches.clear();
+    clock.restart();
+    last = 0;
+    longest = 0;
+    left()->goTo(QString::fromStdString(big.path()));
+    ASSERT_TRUE(waitFor([&] { return model->folder()->path == big.path(); }));
+    ASSERT_TRUE(loaded(left()));
+    heartbeat.stop();
+    RecordProperty("longest_heartbeat_gap_ms", static_cast<int>(longest));
+    printf("longest gap of the window's heartbeat while listing %d entries: %lld ms\n", kFiles,
+           static_cast<long long>(longest));
+    ASSERT_EQ(model->rowCount(), kFiles + 1);
+    EXPECT_GT(batches.count(), 1);
+    auto names = namesIn(*model);
+    EXPECT_EQ(names[0], "zfolder");  // folders first
+    EXPECT_EQ(names[1], "f00000");
+    EXPECT_EQ(names.back(), "f19999");
+    EXPECT_EQ(std::count(names.begin(), names.end(), ".hidden"), 0);
+
+    // Sorted by size, largest first; folders stay on top.
+    left()->view()->sortByColumn(FolderModel::Size, Qt::DescendingOrder);
+    EXPECT_EQ(model->item(0).nameOrEmpty(), "zfolder");
+    EXPECT_EQ(model->item(1).fileSizeInBytes.value_or(0), 6u);
+    EXPECT_EQ(model->item(kFiles).fileSizeInBytes.value_or(1), 0u);
+    left()->view()->sortByColumn(FolderModel::Name, Qt::AscendingOrder);
+
+    // Back to the small folder: shown at once from the cache, before any listing could finish.
+    left()->back();
+    EXPECT_EQ(namesIn(*model), std::vector<std::string>{"only"});
+    ASSERT_TRUE(loaded(left()));
+    right()->goTo(QString::fromStdString(big.path()));
+    ASSERT_TRUE(waitFor([&] { return right()->model()->rowCount() == kFiles + 1; }));
+    screenshots("two-panels");
+    EXPECT_EQ(modelProblems, 0);
+}
+
+TEST_F(GuiTest, BadLocationShowsErrorAndChangesNothing) {
+    ScratchDir dir("addr");
+    writeFile(dir / "file", "x");
+    left()->goTo(QString::fromStdString(dir.path()));
+    ASSERT_TRUE(waitFor([&] { return left()->model()->folder()->path == dir.path(); }));
+    ASSERT_TRUE(loaded(left()));
+    for (auto bad : {dir / "missing", dir / "file", std::string("gopher://host/x"),
+                     std::string("ftp://exa mple/")}) {
+        left()->addressBar()->setText(QString::fromStdString(bad));
+        QTest::keyClick(left()->addressBar(), Qt::Key_Return);
+        EXPECT_TRUE(waitFor([&] { return !left()->errorText().isEmpty(); })) << bad;
+        EXPECT_EQ(left()->model()->folder()->path, dir.path()) << bad;
+        EXPECT_EQ(namesIn(*left()->model()), std::vector<std::string>{"file"}) << bad;
+        left()->goTo(QString::fromStdString(dir.path()));  // clears the error
+        ASSERT_TRUE(waitFor([&] { return left()->errorText().isEmpty(); }));
+    }
+}
+
+TEST_F(GuiTest, DropOntoFtpPanelUploadsAndConflictAnswersHold) {
+    auto server = FtpServer::start(FtpServerKind::Pyftpdlib);
+    ASSERT_TRUE(server);
+    auto info = server->serverInfo();
+    ASSERT_TRUE(ServerInfoService::sharedServerInfoService().saveServerInfo(*info));
+    window_->reloadSidebar();
+    ScratchDir local("drop");
+    auto first = randomBytes(3 << 20, 1), second = randomBytes(3 << 20, 2);
+    writeFile(local / "a.bin", first);
+
+    left()->goTo(QString::fromStdString(local.path()));
+    right()->goTo(QString::fromStdString(info->serverID + ":/"));
+    ASSERT_TRUE(
+        waitFor([&] { return right()->model()->folder()->server->serverID == info->serverID; }));
+    ASSERT_TRUE(loaded(right()));
+    QAbstractItemModelTester tester(right()->model(),
+                                    QAbstractItemModelTester::FailureReportingMode::Warning);
+    ASSERT_TRUE(waitFor([&] { return left()->model()->folder()->path == local.path(); }));
+    ASSERT_TRUE(loaded(left()));
+    ASSERT_EQ(left()->model()->rowCount(), 1);
+
+    // Dragging a.bin from the local panel and dropping it on the FTP panel.
+    auto drop = [&] {
+        std::unique_ptr<QMimeData> data(left()->model()->mimeData({left()->model()->index(0, 0)}));
+        ASSERT_TRUE(data->hasUrls());
+        ASSERT_TRUE(right()->model()->canDropMimeData(data.get(), Qt::CopyAction, -1, -1, {}));
+        right()->model()->dropMimeData(data.get(), Qt::CopyAction, -1, -1, {});
+    };
+    drop();
+    ASSERT_TRUE(waitFor([&] {
+        return window_->transfers()->rowCount() == 1 && window_->transfers()->activeCount() == 0;
+    }));
+    EXPECT_TRUE(fileHolds(server->hostPath("/a.bin"), first));
+    EXPECT_TRUE(
+        waitFor([&] { return namesIn(*right()->model()) == std::vector<std::string>{"a.bin"}; }));
+
+    // The same name again, with other content: each answer leaves what it promises.
+    writeFile(local / "a.bin", second);
+    auto answer = [&](const char* button, bool shoot) {
+        drop();
+        ASSERT_TRUE(waitFor([&] { return window_->prompts()->openDialog() != nullptr; }));
+        auto* dialog = window_->prompts()->openDialog();
+        if (shoot) {
+            screenshot(dialog, "conflict-dialog");
+            screenshots("transfers-running");
+        }
+        auto* b = dialog->findChild<QPushButton*>(button);
+        ASSERT_TRUE(b);
+        EXPECT_FALSE(b->accessibleName().isEmpty());
+        b->click();
+        ASSERT_TRUE(waitFor([&] { return window_->transfers()->activeCount() == 0; }));
+    };
+    answer("skip", true);
+    EXPECT_TRUE(fileHolds(server->hostPath("/a.bin"), first));
+    answer("keepBoth", false);
+    EXPECT_TRUE(fileHolds(server->hostPath("/a.bin"), first));
+    auto onServer = test::namesIn(server->root());
+    ASSERT_EQ(onServer.size(), 2u);
+    auto kept = onServer[0] == "a.bin" ? onServer[1] : onServer[0];
+    EXPECT_TRUE(fileHolds(server->root() + "/" + kept, second));
+    answer("replace", false);
+    EXPECT_TRUE(fileHolds(server->hostPath("/a.bin"), second));
+    EXPECT_EQ(window_->transfers()->index(1, gui::TransferList::State).data().toString(),
+              "Skipped");
+    EXPECT_TRUE(waitFor([&] { return right()->model()->rowCount() == 2; }));
+    EXPECT_EQ(modelProblems, 0);
+}
+
+TEST(GuiCommand, WithoutDisplayPrintsUsage) {
+    ::unsetenv("DISPLAY");
+    ::unsetenv("WAYLAND_DISPLAY");
+    auto r = runQuillon({});
+    EXPECT_EQ(r.exitCode, 2);
+    EXPECT_TRUE(contains(r.err, "gui")) << r.err;
+    EXPECT_TRUE(contains(r.err, "Usage")) << r.err;
+}
+
+}  // namespace
+}  // namespace quillon::test
