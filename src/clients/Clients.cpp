@@ -5,6 +5,7 @@
 #include "clients/ftp/FtpWrapper.h"
 #include "clients/local/LocalWrapper.h"
 #include "clients/sftp/SFTPWrapper.h"
+#include "clients/webdav/WebdavWrapper.h"
 #include "core/WrapperProxy.h"
 
 namespace quillon {
@@ -21,6 +22,9 @@ void registerBuiltinClients() {
         });
         WrapperProxy::registerClass("SFTPWrapper", [](ServerInfoPtr info) -> WrapperPtr {
             return std::make_shared<SFTPWrapper>(std::move(info));
+        });
+        WrapperProxy::registerClass("WebdavWrapper", [](ServerInfoPtr info) -> WrapperPtr {
+            return std::make_shared<WebdavWrapper>(std::move(info));
         });
     });
 }

@@ -559,6 +559,15 @@ TEST_P(WrapperConformance, CancellationLeavesNoPartialFile) {
         EXPECT_TRUE(readServerFile("target/big.bin") == content);
     else
         EXPECT_FALSE(serverHas("target/big.bin")) << "a cancelled upload left a file";
+    // A server drops its own partial file of an aborted request once it notices the abort, which
+    // may be a moment after the client gave up.
+    waitUntil(
+        [&] {
+            for (auto& e : std::filesystem::directory_iterator(serverPath("target")))
+                if (e.path().filename().string() != "big.bin") return false;
+            return true;
+        },
+        std::chrono::seconds(30));
     for (auto& e : std::filesystem::directory_iterator(serverPath("target")))
         EXPECT_EQ(e.path().filename().string(), "big.bin") << "a cancelled upload left junk";
 }
