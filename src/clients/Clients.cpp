@@ -4,6 +4,8 @@
 
 #include "clients/ftp/FtpWrapper.h"
 #include "clients/local/LocalWrapper.h"
+#include "clients/sftp/SFTPWrapper.h"
+#include "clients/webdav/WebdavWrapper.h"
 #include "core/WrapperProxy.h"
 
 namespace quillon {
@@ -17,6 +19,12 @@ void registerBuiltinClients() {
         });
         WrapperProxy::registerClass("FtpWrapper", [](ServerInfoPtr info) -> WrapperPtr {
             return std::make_shared<FtpWrapper>(std::move(info));
+        });
+        WrapperProxy::registerClass("SFTPWrapper", [](ServerInfoPtr info) -> WrapperPtr {
+            return std::make_shared<SFTPWrapper>(std::move(info));
+        });
+        WrapperProxy::registerClass("WebdavWrapper", [](ServerInfoPtr info) -> WrapperPtr {
+            return std::make_shared<WebdavWrapper>(std::move(info));
         });
     });
 }

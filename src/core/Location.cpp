@@ -154,6 +154,7 @@ Result<ServerInfo> quickConnect(const std::string& text) {
     } else if (scheme == "dav" || scheme == "davs" || scheme == "webdav" || scheme == "http" ||
                scheme == "https") {
         info.protocolType = ProtocolType::WebDAV;
+        if (scheme == "https" || scheme == "davs") info.setValue("YES", "WEBDAV_HTTPS");
     } else {
         return std::unexpected(usage("Unsupported URL scheme \"" + url->scheme + "\""));
     }
@@ -182,7 +183,8 @@ Result<ServerInfo> quickConnect(const std::string& text) {
             existing.valueForKey(ServerProp::PORT) == info.valueForKey(ServerProp::PORT) &&
             existing.valueForKey(ServerProp::USERNAME) == info.valueForKey(ServerProp::USERNAME) &&
             existing.valueForKey(ServerProp::FTP_PROTOCOL) ==
-                info.valueForKey(ServerProp::FTP_PROTOCOL)) {
+                info.valueForKey(ServerProp::FTP_PROTOCOL) &&
+            existing.valueForKey("WEBDAV_HTTPS") == info.valueForKey("WEBDAV_HTTPS")) {
             if (info.valueForKey(ServerProp::PASSWORD) &&
                 info.valueForKey(ServerProp::PASSWORD) !=
                     existing.valueForKey(ServerProp::PASSWORD)) {

@@ -559,6 +559,15 @@ TEST_P(WrapperConformance, CancellationLeavesNoPartialFile) {
         EXPECT_TRUE(readServerFile("target/big.bin") == content);
     else
         EXPECT_FALSE(serverHas("target/big.bin")) << "a cancelled upload left a file";
+    // A server drops its own partial file of an aborted request once it notices the abort, which
+    // may be a moment after the client gave up.
+    waitUntil(
+        [&] {
+            for (auto& e : std::filesystem::directory_iterator(serverPath("target")))
+                if (e.path().filename().string() != "big.bin") return false;
+            return true;
+        },
+        std::chrono::seconds(30));
     for (auto& e : std::filesystem::directory_iterator(serverPath("target")))
         EXPECT_EQ(e.path().filename().string(), "big.bin") << "a cancelled upload left junk";
 }
@@ -754,6 +763,44 @@ TEST_P(WrapperConformance, StreamsRandomReads) {
     bytes = client_->readDataOfLength(100);
     ASSERT_TRUE(bytes) << bytes.error().describe();
     EXPECT_TRUE(bytes->empty());
+}
+
+// Offsets past 4 GiB, on a sparse file so that nothing large is written.
+TEST_P(WrapperConformance, StreamsBeyondFourGiB) {
+    if (!client_->capabilities().streaming) GTEST_SKIP() << "the client offers no streaming";
+    constexpr std::uint64_t kFar = (std::uint64_t{5} << 30) + 12345;
+    const std::string marker = "far away bytes";
+    putServerFile("sparse.bin", "");
+    {
+        int fd = ::open(serverPath("sparse.bin").c_str(), O_WRONLY);
+        ASSERT_GE(fd, 0);
+        ASSERT_EQ(::pwrite(fd, marker.data(), marker.size(), static_cast<off_t>(kFar)),
+                  static_cast<ssize_t>(marker.size()));
+        ::close(fd);
+    }
+    auto opened = client_->initStreamFileMeta(remote("sparse.bin"));
+    ASSERT_TRUE(opened) << opened.error().describe();
+    EXPECT_EQ(client_->contentLength(), kFar + marker.size());
+    client_->setOffset(kFar - 2);
+    auto bytes = client_->readDataOfLength(100);
+    ASSERT_TRUE(bytes) << bytes.error().describe();
+    EXPECT_EQ(std::string(bytes->begin(), bytes->end()), std::string(2, '\0') + marker);
+    EXPECT_EQ(client_->offset(), kFar + marker.size());
+}
+
+// A folder moved onto an existing folder of other contents: refused, and both stay whole.
+TEST_P(WrapperConformance, FolderMovedOntoExistingFolderLosesNothing) {
+    putServerFile("mine/a.txt", "a");
+    putServerFile("theirs/b.txt", "b");
+    auto moved = client_->moveSync(remote("mine", true), remote("theirs", true));
+    if (moved) {
+        // Servers that merge or nest keep every file somewhere below the target.
+        EXPECT_EQ(readServerFile("theirs/b.txt"), "b");
+        EXPECT_TRUE(serverHas("theirs/a.txt") || serverHas("theirs/mine/a.txt"));
+    } else {
+        EXPECT_EQ(readServerFile("mine/a.txt"), "a");
+        EXPECT_EQ(readServerFile("theirs/b.txt"), "b");
+    }
 }
 
 TEST_P(WrapperConformance, FolderHasNoThumbnail) {

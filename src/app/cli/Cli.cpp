@@ -2,13 +2,18 @@
 
 #include <fmt/format.h>
 
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <iostream>
 #include <memory>
+#include <mutex>
 
 #include "app/Application.h"
 #include "clients/Clients.h"
+#include "core/HostKeyPrompt.h"
 
 namespace quillon::cli {
 
@@ -28,6 +33,47 @@ int reportRefusal(const Refusal& refusal) {
 }
 
 namespace {
+
+// A host key the known_hosts file does not vouch for: asked on the terminal, or accepted when new
+// with --accept-new-host-key; a changed key is only ever accepted by a person.
+void installHostKeyAsker(bool acceptNew) {
+    bool terminal = ::isatty(STDIN_FILENO) == 1;
+    HostKeyPrompt::setAsker([acceptNew, terminal](const HostKeyQuestion& q) {
+        static std::mutex oneAtATime;
+        std::lock_guard lock(oneAtATime);
+        if (acceptNew && !q.changed) {
+            fmt::print(stderr, "quillon: adding the {} key of {} to the known hosts ({})\n",
+                       q.keyType, q.host, q.fingerprint);
+            return HostKeyAnswer::Accept;
+        }
+        if (!terminal) {
+            if (q.changed)
+                fmt::print(stderr,
+                           "quillon: the host key of {} has CHANGED ({} {}); refusing to connect "
+                           "without a terminal to ask on\n",
+                           q.host, q.keyType, q.fingerprint);
+            else
+                fmt::print(stderr,
+                           "quillon: the host key of {} is unknown ({} {}); run on a terminal to "
+                           "be asked, or give --accept-new-host-key\n",
+                           q.host, q.keyType, q.fingerprint);
+            return HostKeyAnswer::Refuse;
+        }
+        std::fstream tty("/dev/tty", std::ios::in | std::ios::out);
+        if (!tty) return HostKeyAnswer::Refuse;
+        if (q.changed)
+            tty << "WARNING: the host key of " << q.host
+                << " has CHANGED. Someone may be intercepting the connection.\n";
+        else
+            tty << "The authenticity of " << q.host << " cannot be established.\n";
+        tty << q.keyType << " key fingerprint is " << q.fingerprint << ".\n"
+            << "Trust this key and remember it (yes/no)? " << std::flush;
+        std::string answer;
+        std::getline(tty, answer);
+        return answer == "yes" ? HostKeyAnswer::Accept : HostKeyAnswer::Refuse;
+    });
+}
+
 // The one application object of a command-line run; started by the first command that needs it.
 std::unique_ptr<Application>& application() {
     static std::unique_ptr<Application> app;
@@ -69,6 +115,11 @@ int run(int argc, char** argv, GuiLauncher gui) {
     if (argc <= 1 && gui && displayAvailable()) return gui(argc, argv, std::nullopt);
     cli.app.set_version_flag("--version", std::string("quillon ") + QUILLON_VERSION);
     cli.app.require_subcommand(1);
+    bool acceptNewHostKey = false;
+    cli.app.add_flag("--accept-new-host-key", acceptNewHostKey,
+                     "Trust and remember an SFTP server's host key seen for the first time");
+    // Given after the subcommand, too.
+    cli.app.fallthrough();
     registerTypeCommand(cli);
     registerServeCommand(cli);
     registerStreamCommand(cli);
@@ -98,6 +149,7 @@ int run(int argc, char** argv, GuiLauncher gui) {
         return rc == 0 ? kExitOk : kExitUsage;
     }
     registerBuiltinClients();
+    installHostKeyAsker(acceptNewHostKey);
     if (!cli.action) return kExitUsage;
     int rc = cli.action();
     if (application()) application()->stop();

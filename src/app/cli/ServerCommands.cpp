@@ -1,11 +1,13 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <iostream>
 #include <map>
 
 #include "app/cli/Cli.h"
 #include "app/cli/Json.h"
+#include "clients/sftp/SFTPWrapper.h"
 #include "core/Location.h"
 #include "core/ServerInfoService.h"
 #include "core/StringEncoding.h"
@@ -54,7 +56,8 @@ std::string defaultPort(std::int32_t type, const std::string& ftpProtocol) {
 // Secrets are not printed.
 bool isSecret(const std::string& key) {
     return key == "PASSWORD" || key == "TEMP_PASSWORD" || key == "DROPBOX_ACCESS_TOKEN" ||
-           key == "GoogleAuthorizationData" || key.find("TOKEN") != std::string::npos;
+           key == SftpProp::PASSPHRASE || key == "GoogleAuthorizationData" ||
+           key.find("TOKEN") != std::string::npos;
 }
 
 std::string serverJson(const ServerInfo& info) {
@@ -83,6 +86,12 @@ std::string serverLine(const ServerInfo& info) {
         if (info.boolValueForKey(ServerProp::QUICK_CONNECT)) where += "  (quick connect)";
     }
     return fmt::format("{:<8} {:<24} {}", typeName(info.protocolType), info.displayName, where);
+}
+
+std::string absolutePath(const std::string& path) {
+    std::error_code ec;
+    auto full = std::filesystem::absolute(path, ec);
+    return ec ? path : full.lexically_normal().string();
 }
 
 Result<ServerInfo> requireServer(const std::string& name) {
@@ -121,8 +130,8 @@ void registerServerCommands(Cli& cli) {
     server->require_subcommand(1);
 
     struct AddOptions {
-        std::string name, type, addr, port, path, user, password, ftpProtocol, encoding;
-        bool passwordStdin = false, active = false;
+        std::string name, type, addr, port, path, user, password, ftpProtocol, encoding, keyFile;
+        bool passwordStdin = false, active = false, agent = false;
     };
     auto add = std::make_shared<AddOptions>();
     auto* addCmd = server->add_subcommand("add", "Add a server");
@@ -146,6 +155,11 @@ void registerServerCommands(Cli& cli) {
                      "plain, explicit-if-available, explicit or implicit")
         ->check(CLI::IsMember({"plain", "explicit-if-available", "explicit", "implicit"}));
     addCmd->add_flag("--active", add->active, "FTP active mode");
+    auto* keyFile = addCmd->add_option(
+        "--key-file", add->keyFile,
+        "SFTP: log in with this private key (the password is then its passphrase)");
+    addCmd->add_flag("--agent", add->agent, "SFTP: log in with the keys of the SSH agent")
+        ->excludes(keyFile);
     addCmd->add_option("--encoding", add->encoding,
                        "Server's file-name encoding (UTF-8, GBK, Shift_JIS, ...)");
     addCmd->callback([&cli, add] {
@@ -180,6 +194,21 @@ void registerServerCommands(Cli& cli) {
                 info.setValue("YES", ServerProp::REMEMBER_PASSWORD);
             }
             if (add->active) info.setValue("YES", ServerProp::FTP_ACTIVE_MODE);
+            if ((!add->keyFile.empty() || add->agent) && info.protocolType != ProtocolType::SFTP)
+                return reportMessage("--key-file and --agent are only for SFTP servers.",
+                                     kExitUsage);
+            if (!add->keyFile.empty()) {
+                info.setValue("SFTP_LOGIN_TYPE_KEYFILE", SftpProp::LOGIN_TYPE);
+                info.setValue(absolutePath(add->keyFile), SftpProp::KEYFILE);
+                if (password) {
+                    info.setValue(*password, SftpProp::PASSPHRASE);
+                    info.removeObjectForKey(ServerProp::PASSWORD);
+                }
+            } else if (add->agent) {
+                info.setValue("SFTP_LOGIN_TYPE_AGENT", SftpProp::LOGIN_TYPE);
+            } else if (info.protocolType == ProtocolType::SFTP) {
+                info.setValue("SFTP_LOGIN_TYPE_NORMAL", SftpProp::LOGIN_TYPE);
+            }
             if (!add->encoding.empty()) {
                 auto number = StringEncoding::encodingNumberForName(add->encoding);
                 if (!number)

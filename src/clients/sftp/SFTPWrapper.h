@@ -1,0 +1,114 @@
+#pragma once
+// SFTPWrapper: the Wrapper of SFTP servers, over libssh2 driven directly (libcurl's SFTP gives
+// listings only as `ls` text and waits for every uploaded chunk). Sessions are pooled per server;
+// the host key is checked against ~/.ssh/known_hosts and an unknown or changed key is put to the
+// user through HostKeyPrompt. Errors are of domain "SFTP".
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "core/KvConnectionPool.h"
+#include "core/Wrapper.h"
+
+typedef struct _LIBSSH2_SESSION LIBSSH2_SESSION;
+typedef struct _LIBSSH2_SFTP LIBSSH2_SFTP;
+typedef struct _LIBSSH2_SFTP_HANDLE LIBSSH2_SFTP_HANDLE;
+typedef struct _LIBSSH2_SFTP_ATTRIBUTES LIBSSH2_SFTP_ATTRIBUTES;
+
+namespace quillon {
+
+// Settings of an SFTP server record besides ADDR, PORT, USERNAME and PASSWORD.
+namespace SftpProp {
+// "SFTP_LOGIN_TYPE_NORMAL" (password), "SFTP_LOGIN_TYPE_KEYFILE" or "SFTP_LOGIN_TYPE_AGENT".
+inline constexpr std::string_view LOGIN_TYPE = "SFTP_LOGIN_TYPE";
+inline constexpr std::string_view KEYFILE = "SFTP_KEYFILE";                // private key path
+inline constexpr std::string_view PASSPHRASE = "SFTP_KEYFILE_PASSPHRASE";  // of the key file
+}  // namespace SftpProp
+
+// One logged-in SSH connection with its SFTP channel.
+class SftpSession : public KvConnection {
+  public:
+    ~SftpSession() override;
+    void cleanup() override;
+    int fd = -1;
+    LIBSSH2_SESSION* session = nullptr;
+    LIBSSH2_SFTP* sftp = nullptr;
+};
+
+class SFTPWrapper : public Wrapper {
+  public:
+    explicit SFTPWrapper(ServerInfoPtr serverInfo);
+    ~SFTPWrapper() override;
+
+    WrapperCapabilities capabilities() const override;
+    std::string_view errorDomain() const override { return ErrorDomain::SFTP; }
+
+    // Connects, checks the host key and logs in.
+    [[nodiscard]] Status signInSync() override;
+    void signOut() override {}
+    [[nodiscard]] Result<KvMetadataList> contentsOfDirectoryAtPathSync(
+        const KvMetadata& folder) override;
+    // lstat of the item; a link is reported as a link, with the kind of what it points to.
+    [[nodiscard]] Result<KvMetadata> metadataOfItemSync(const KvMetadata& item) override;
+    // Pipelined reads into `saveTo`, resumed after a broken connection; the server's time is
+    // kept. A file that did not arrive whole is removed.
+    [[nodiscard]] Status downloadSync(const KvMetadata& file, const std::string& saveTo,
+                                      const ProgressHandler& progress) override;
+    // Pipelined writes to a hidden name beside the target, resumed after a broken connection,
+    // then renamed over the target; the local file's time is kept.
+    [[nodiscard]] Status uploadSync(const KvMetadata& localFile, const KvMetadata& toFolder,
+                                    const ProgressHandler& progress) override;
+    [[nodiscard]] Status moveSync(const KvMetadata& item, const KvMetadata& to) override;
+    [[nodiscard]] Status removeSync(const KvMetadataList& items) override;
+    [[nodiscard]] Status downloadThumbnailSync(const KvMetadata& item) override;
+    [[nodiscard]] Status createFolderSync(const KvMetadata& folder) override;
+    std::optional<std::string> loadStreamableURLForFileSync(const KvMetadata& file) override;
+    // The "PATH" setting; the login folder when it is empty.
+    KvMetadata rootFolder() override;
+
+    [[nodiscard]] Status initStreamFileMeta(const KvMetadata& file) override;
+    [[nodiscard]] Result<Bytes> readDataOfLength(std::uint64_t length) override;
+
+    // How many times a broken transfer is taken up again, and the pause before each attempt.
+    void setRetries(int attempts, std::chrono::milliseconds pause) {
+        maxAttempts_ = attempts;
+        retryPause_ = pause;
+    }
+    // The known_hosts file consulted and extended (~/.ssh/known_hosts of the program's home).
+    static std::string knownHostsPath();
+
+  private:
+    using SessionPtr = std::shared_ptr<SftpSession>;
+    // A pooled session (connected and logged in), or the connection's error.
+    Result<SessionPtr> takeSession();
+    void giveBack(const SessionPtr& s);
+    Status connect(SftpSession& s);
+    Status checkHostKey(SftpSession& s, const std::string& host, int port);
+    Status authenticate(SftpSession& s);
+    // Runs `work` on a session; a session from the pool that turns out dead is replaced once.
+    template <typename T>
+    Result<T> withSession(const std::function<Result<T>(SftpSession&)>& work);
+
+    // The error of the last libssh2 call on the session: the server's SFTP status mapped to the
+    // shared codes (`code` for those without their own), else a connection error.
+    Error lastError(SftpSession& s, long code, std::string_view what) const;
+    static bool isConnectionError(const Error& e);
+    Error cancelledError() const;
+
+    KvMetadata recordOf(const std::string& path, const std::string& name,
+                        const LIBSSH2_SFTP_ATTRIBUTES& attrs, SftpSession* s) const;
+    Result<KvMetadataList> list(SftpSession& s, const std::string& path, bool includeHidden);
+    Status removeTree(SftpSession& s, const std::string& path);
+    bool includesHiddenFiles() const;
+    void report(const ProgressHandler& progress, std::int64_t done, std::int64_t total, int& step);
+
+    std::optional<KvMetadata> streamFile_;
+    std::optional<std::string> loginFolder_;
+    int maxAttempts_ = 10;
+    std::chrono::milliseconds retryPause_{1000};
+};
+
+}  // namespace quillon

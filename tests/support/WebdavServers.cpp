@@ -1,0 +1,165 @@
+#include "support/WebdavServers.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <sstream>
+
+namespace fs = std::filesystem;
+
+namespace quillon::test {
+
+namespace {
+
+int freePort() {
+    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof a;
+    int port = 0;
+    if (fd >= 0 && ::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 &&
+        ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) == 0)
+        port = ntohs(a.sin_port);
+    if (fd >= 0) ::close(fd);
+    return port;
+}
+
+std::string text(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+constexpr const char* kUser = "tester";
+constexpr const char* kPassword = "secret pass";
+constexpr const char* kRealm = "quillon tests";
+
+}  // namespace
+
+WebdavServer::WebdavServer(WebdavServerKind kind) : kind_(kind), dir_("davd") {
+    // Apache's workers run as "nobody", who must reach the root.
+    ::chmod(dir_.path().c_str(), 0755);
+    root_ = dir_.path() + "/root";
+    fs::create_directories(root_);
+    ::chmod(root_.c_str(), 0777);
+}
+
+WebdavServer::~WebdavServer() {
+    if (process_ && process_->pid() > 0) process_->stop(SIGTERM);
+}
+
+std::unique_ptr<WebdavServer> WebdavServer::start(WebdavServerKind kind, std::string* whyNot) {
+    std::unique_ptr<WebdavServer> server(new WebdavServer(kind));
+    std::string reason;
+    // A port found free may be taken by another program before the server binds it.
+    for (int attempt = 0; attempt < 5; ++attempt) {
+        reason.clear();
+        if (server->launch(&reason)) return server;
+    }
+    if (whyNot)
+        *whyNot = reason;
+    else
+        ADD_FAILURE() << "the WebDAV server did not start: " << reason;
+    return nullptr;
+}
+
+bool WebdavServer::launch(std::string* whyNot) {
+    const std::string d = dir_.path();
+    const std::string logPath = d + "/server.log";
+    std::error_code ec;
+    fs::remove(logPath, ec);
+    port_ = freePort();
+    std::vector<std::string> argv;
+    std::regex ready;
+    if (kind_ == WebdavServerKind::Apache) {
+        auto digest = runProgram({"md5sum"}, std::string(kUser) + ":" + kRealm + ":" + kPassword);
+        std::ofstream(d + "/digest.passwd")
+            << kUser << ":" << kRealm << ":" << digest.out.substr(0, 32) << "\n";
+        ::chmod((d + "/digest.passwd").c_str(), 0644);
+        fs::create_directories(d + "/lock");
+        ::chmod((d + "/lock").c_str(), 0777);
+        const std::string modules = "/usr/lib/apache2/modules/";
+        std::ostringstream c;
+        c << "ServerRoot \"" << d << "\"\nDefaultRuntimeDir \"" << d << "\"\n"
+          << "Listen 127.0.0.1:" << port_ << "\nServerName 127.0.0.1\n"
+          << "PidFile \"" << d << "/httpd.pid\"\nErrorLog \"" << logPath << "\"\n"
+          << "LogLevel notice\nUser nobody\nGroup nogroup\n";
+        for (auto m : {"mpm_event", "authz_core", "authz_user", "authn_core", "authn_file",
+                       "auth_digest", "auth_basic", "dav", "dav_fs"})
+            c << "LoadModule " << m << "_module " << modules << "mod_" << m << ".so\n";
+        c << "DavLockDB \"" << d << "/lock/DavLock\"\nDocumentRoot \"" << root_ << "\"\n"
+          << "<Directory \"" << root_ << "\">\n  Dav On\n  AuthType Digest\n  AuthName \"" << kRealm
+          << "\"\n  AuthDigestProvider file\n  AuthUserFile \"" << d
+          << "/digest.passwd\"\n  Require valid-user\n</Directory>\n";
+        std::ofstream(d + "/httpd.conf") << c.str();
+        argv = {"/usr/sbin/apache2", "-f", d + "/httpd.conf", "-DFOREGROUND"};
+        ready = std::regex("resuming normal operations");
+    } else {
+        argv = {"rclone",
+                "serve",
+                "webdav",
+                root_,
+                "--addr",
+                "127.0.0.1:" + std::to_string(port_),
+                "--user",
+                kUser,
+                "--pass",
+                kPassword,
+                "--config",
+                "/dev/null",
+                "--dir-cache-time",
+                "0s",
+                "--log-file",
+                logPath,
+                "-v"};
+        ready = std::regex(
+            "WebDav Server started on http://127\\.0\\.0\\.1:" + std::to_string(port_) + "/");
+    }
+    process_ = std::make_unique<ChildProcess>(argv);
+    bool up =
+        waitUntil([&] { return !process_->running() || std::regex_search(text(logPath), ready); },
+                  std::chrono::seconds(60));
+    if (up && process_->running()) return true;
+    *whyNot = "the server did not listen on port " + std::to_string(port_) + ": " + text(logPath) +
+              process_->err();
+    process_.reset();
+    return false;
+}
+
+std::string WebdavServer::hostPath(std::string_view rel) const {
+    std::string r(rel);
+    while (!r.empty() && r.front() == '/') r.erase(0, 1);
+    return r.empty() ? root_ : root_ + "/" + r;
+}
+
+std::string WebdavServer::remotePath(std::string_view rel) const {
+    std::string r(rel);
+    while (!r.empty() && r.front() == '/') r.erase(0, 1);
+    return "/" + r;
+}
+
+ServerInfoPtr WebdavServer::serverInfo() const {
+    auto info = std::make_shared<ServerInfo>();
+    info->protocolType = ProtocolType::WebDAV;
+    info->displayName = "webdav test";
+    info->setValue("127.0.0.1", ServerProp::ADDR);
+    info->setValue(std::to_string(port_), ServerProp::PORT);
+    info->setValue(kUser, ServerProp::USERNAME);
+    info->setValue(kPassword, ServerProp::PASSWORD);
+    return info;
+}
+
+std::string WebdavServer::log() {
+    return text(dir_.path() + "/server.log");
+}
+
+}  // namespace quillon::test
