@@ -12,6 +12,7 @@
 #include "core/PathUtils.h"
 #include "core/ServerInfoService.h"
 #include "core/TemporaryItems.h"
+#include "media/Thumbnails.h"
 #include "servers/streaming/CachedDataReader.h"
 #include "servers/streaming/DiskDataCache.h"
 #include "servers/streaming/StreamHttpServerService.h"
@@ -62,6 +63,7 @@ Status Application::start() {
     // What a previous run streamed is of no use now; clients stream through the cache.
     DiskDataCache::shared().clearCache();
     installStreaming();
+    Thumbnails::installThumbnails();
     return {};
 }
 

@@ -475,7 +475,8 @@ TEST(LocalWrapper, CreateFolderFailsWith10014AndSaysWhy) {
                          (dir / "absent") + "\" does not exist."}));
 }
 
-TEST(LocalWrapper, ThumbnailsReportHonestErrorsUntilTheyExist) {
+// Without the thumbnail maker installed (media), files get the client's plain refusal.
+TEST(LocalWrapper, ThumbnailsOfFoldersAndMissingFilesFail) {
     IsolatedHome home;
     ScratchDir dir;
     writeFile(dir / "photo.jpg", "jpeg");
@@ -487,7 +488,7 @@ TEST(LocalWrapper, ThumbnailsReportHonestErrorsUntilTheyExist) {
     r = wrapper->downloadThumbnailSync(record(dir / "absent.jpg"));
     EXPECT_EQ(r.error(), (Error{"Local", 10008, "File not found!"}));
     r = wrapper->downloadThumbnailSync(record(dir / "photo.jpg"));
-    EXPECT_EQ(r.error(), (Error{"Local", 10009, "Thumbnails are not available yet."}));
+    EXPECT_EQ(r.error(), (Error{"Local", 10009, "It doesn't have a thumbnail."}));
 }
 
 TEST(LocalWrapper, CountsFolderItemsAndBytes) {

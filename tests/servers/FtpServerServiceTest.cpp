@@ -12,6 +12,7 @@
 #include "core/MainQueue.h"
 #include "core/NotificationCenter.h"
 #include "core/StringUtils.h"
+#include "media/Thumbnails.h"
 #include "servers/ftpserver/FtpPath.h"
 #include "servers/ftpserver/FtpServerService.h"
 #include "support/TestEnv.h"
@@ -77,6 +78,16 @@ TEST(FtpServerService, StartsFromThePreferencesPostsRefreshesAndStops) {
     EXPECT_EQ(test::readFile(root / "up.txt"), "uploaded");
     EXPECT_TRUE(test::pumpUntil([&] { return !refreshed.empty(); }));
     EXPECT_EQ(refreshed, std::vector<std::string>{*FtpPath::canonical(root.path())});
+
+    // "name::thumbnail" sends the file's thumbnail, made by the program's thumbnail maker.
+    Thumbnails::installThumbnails();
+    auto made = test::runProgram({"convert", "-size", "400x200", "xc:gray", root / "pic.jpg"});
+    ASSERT_EQ(made.exitCode, 0) << made.err;
+    auto thumb =
+        test::curl({"--user", "alice:pa ss", "-o", local / "pic.png", url + "pic.jpg::thumbnail"});
+    EXPECT_EQ(thumb.exitCode, 0) << thumb.err;
+    auto size = test::runProgram({"identify", "-format", "%m %wx%h", local / "pic.png"});
+    EXPECT_EQ(size.out, "PNG 128x64") << size.err;
 
     service.stopServer();
     EXPECT_FALSE(service.online());

@@ -49,6 +49,7 @@ void registerSyncCommands(Cli& cli);
 void registerTransferCommands(Cli& cli);
 void registerArchiveCommands(Cli& cli);
 void registerNearbyCommands(Cli& cli);
+void registerMediaCommands(Cli& cli);
 
 // Opens the desktop window, at `location` when given; returns the exit status.
 using GuiLauncher =

@@ -17,6 +17,7 @@
 #include "core/GCD.h"
 #include "core/StreamingSupport.h"
 #include "core/StringUtils.h"
+#include "core/ThumbnailSupport.h"
 
 namespace quillon {
 
@@ -781,8 +782,7 @@ Status FtpWrapper::downloadThumbnailSync(const KvMetadata& item) {
     if (item.isDir)
         return KvError::fail(ErrorDomain::Local, ErrorCode::NoThumbnail,
                              "Folder has no thumbnail.");
-    return KvError::fail(ErrorDomain::Local, ErrorCode::NoThumbnail,
-                         "It doesn't have a thumbnail.");
+    return ThumbnailSupport::downloadThumbnailSync(*this, item);
 }
 
 std::optional<std::string> FtpWrapper::loadStreamableURLForFileSync(const KvMetadata& file) {

@@ -17,6 +17,7 @@
 #include "core/AppPreference.h"
 #include "core/GCD.h"
 #include "core/TemporaryItems.h"
+#include "core/ThumbnailSupport.h"
 
 namespace quillon {
 
@@ -212,8 +213,10 @@ Status LocalWrapper::downloadThumbnailSync(const KvMetadata& item) {
     struct stat st {};
     if (::stat(path->c_str(), &st) != 0) return posixFailure(errno, *path);
     if (S_ISDIR(st.st_mode)) return folderError();
-    return KvError::fail(ErrorDomain::Local, ErrorCode::NoThumbnail,
-                         "Thumbnails are not available yet.");
+    if (::access(path->c_str(), R_OK) != 0)
+        return KvError::fail(ErrorDomain::Local, ErrorCode::NoPermission,
+                             "No permission to access file.");
+    return ThumbnailSupport::downloadThumbnailSync(*this, item);
 }
 
 Status LocalWrapper::createFolderSync(const KvMetadata& folder) {

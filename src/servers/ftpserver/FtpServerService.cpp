@@ -11,6 +11,7 @@
 #include "core/AppPreference.h"
 #include "core/NotificationCenter.h"
 #include "core/StringUtils.h"
+#include "core/ThumbnailSupport.h"
 
 namespace quillon {
 
@@ -74,6 +75,10 @@ Status FtpServerService::startServer() {
     options.loginFailureDelay = loginFailureDelay;
     options.allowAnonymousUploads = allowAnonymousUploads;
     options.logHandler = logHandler;
+    options.thumbnailProvider = [](const std::string& path) -> std::optional<std::string> {
+        auto made = ThumbnailSupport::thumbnailOfLocalFile(path);
+        return made ? std::optional(*made) : std::nullopt;
+    };
 
     auto io = std::make_unique<asio::io_context>(1);
     auto server = FtpServer::initWithPort(*io, port, rootFolder, this, std::move(options));
