@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace quillon {
 
@@ -38,9 +39,19 @@ struct Error {
     }
 };
 
+// A failure nobody looks at is a failure lost, so the compiler checks every call that returns
+// one of these, whoever wrote the function. Dropping one on purpose takes a `(void)` and a
+// comment saying why that is safe.
 template <typename T>
-using Result = std::expected<T, Error>;
-using Status = std::expected<void, Error>;
+class [[nodiscard]] Result : public std::expected<T, Error> {
+  public:
+    using Base = std::expected<T, Error>;
+    using Base::Base;
+    Result() = default;
+    Result(const Base& other) : Base(other) {}
+    Result(Base&& other) : Base(std::move(other)) {}
+};
+using Status = Result<void>;
 
 namespace ErrorCode {
 inline constexpr long NoPermission = 10001;    // local item cannot be opened for lack of permission

@@ -22,7 +22,6 @@
 #include "core/AppPreference.h"
 #include "core/DBManager.h"
 #include "core/MainQueue.h"
-#include "transfer/FileTransferTaskManager.h"
 
 extern char** environ;
 
@@ -211,19 +210,6 @@ bool pumpUntil(const std::function<bool()>& done, std::chrono::seconds limit) {
     queue.runUntil([&] { return done() || std::chrono::steady_clock::now() > deadline; });
     queue.cancel(tick);
     return done();
-}
-
-void runToEnd(FileTransferTaskManager& manager, std::chrono::seconds limit) {
-    // The manager lets go of a task (its delegate) when the task's completion reaches it.
-    EXPECT_TRUE(pumpUntil(
-        [&] {
-            if (manager.hasActiveTasks()) return false;
-            for (auto& task : manager.getAllTasks())
-                if (task->delegate()) return false;
-            return true;
-        },
-        limit))
-        << "the transfers did not finish in time";
 }
 
 void writeFile(const std::string& path, const std::string& content) {

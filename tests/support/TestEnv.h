@@ -11,10 +11,6 @@
 #include <string_view>
 #include <vector>
 
-namespace quillon {
-class FileTransferTaskManager;
-}
-
 namespace quillon::test {
 
 // A fresh folder under the system temp folder, removed by the destructor.
@@ -97,10 +93,6 @@ bool waitUntil(const std::function<bool()>& done,
 // Serves the main queue until `done` holds; whether it did within `limit`.
 bool pumpUntil(const std::function<bool()>& done,
                std::chrono::seconds limit = std::chrono::seconds(120));
-// Serves the main queue until no task of the manager waits or runs and every completion has been
-// delivered; fails the test after `limit`.
-void runToEnd(FileTransferTaskManager& manager,
-              std::chrono::seconds limit = std::chrono::seconds(180));
 
 // Writes `content` to `path`, creating parent folders.
 void writeFile(const std::string& path, const std::string& content);

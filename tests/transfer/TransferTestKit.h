@@ -28,6 +28,22 @@
 
 namespace quillon::test {
 
+// Serves the main queue until no task of the manager waits or runs and every completion has been
+// delivered; fails the test after `limit`.
+inline void runToEnd(FileTransferTaskManager& manager,
+                     std::chrono::seconds limit = std::chrono::seconds(180)) {
+    // The manager lets go of a task (its delegate) when the task's completion reaches it.
+    EXPECT_TRUE(pumpUntil(
+        [&] {
+            if (manager.hasActiveTasks()) return false;
+            for (auto& task : manager.getAllTasks())
+                if (task->delegate()) return false;
+            return true;
+        },
+        limit))
+        << "the transfers did not finish in time";
+}
+
 // Answers the engine's questions from scripts and records what was asked.
 class ScriptedPrompts : public UserPrompts {
   public:
