@@ -129,22 +129,3 @@ TEST(Cli, BrowsesAndManagesLocalFolders) {
     EXPECT_TRUE(quillonExits(1, {"ls", dir / "nothing-here"}, "10008"));
     EXPECT_TRUE(quillonExits(1, {"ls", "nosuchserver:/x"}));
 }
-
-TEST(Cli, QuickConnectionLastsUntilTheNextLaunch) {
-    IsolatedHome home;
-    // Nothing listens on port 9 of the loopback address: the listing fails, the record stays.
-    EXPECT_TRUE(quillonExits(1, {"ls", "ftp://someone@127.0.0.1:9/x"}));
-    auto countQuick = [&] {
-        auto q = runProgram({"/usr/bin/python3", "-c",
-                             "import sqlite3,sys; c=sqlite3.connect(sys.argv[1]); "
-                             "print(c.execute(\"SELECT COUNT(*) FROM server_props WHERE "
-                             "key='QUICK_CONNECT' AND value='YES'\").fetchone()[0])",
-                             home.path() + "/data/KvQuillon/db/db.sqlite"});
-        return q.out;
-    };
-    EXPECT_EQ(countQuick(), "1\n");
-    // The next launch deletes it; only the local volumes are left.
-    auto servers = runQuillon({"servers", "--json"});
-    EXPECT_FALSE(contains(servers.out, "someone@127.0.0.1")) << servers.out;
-    EXPECT_EQ(countQuick(), "0\n");
-}

@@ -85,16 +85,21 @@ ProgressHandler collectInto(std::shared_ptr<Reports> reports) {
     return [reports](std::int64_t done, std::int64_t total) { reports->emplace_back(done, total); };
 }
 
-TEST(LocalWrapper, CopyOf25MiBReportsProgressAt10And20And25MiB) {
+// A local client, a scratch folder and a home of their own for every test.
+class LocalWrapperTest : public ::testing::Test {
+  protected:
     IsolatedHome home;
     ScratchDir dir;
+    std::shared_ptr<LocalWrapper> wrapper = makeLocal();
+};
+
+TEST_F(LocalWrapperTest, CopyOf25MiBReportsProgressAt10And20And25MiB) {
     std::string content(25 * MiB, '\0');
     for (std::size_t i = 0; i < content.size(); i += 4096) content[i] = static_cast<char>(i >> 12);
     writeFile(dir / "source.bin", content);
     ::chmod((dir / "source.bin").c_str(), 0640);
     setMtime(dir / "source.bin", 1000000000);
 
-    auto wrapper = makeLocal();
     auto reports = std::make_shared<Reports>();
     auto r =
         wrapper->downloadSync(record(dir / "source.bin"), dir / "copy.bin", collectInto(reports));
@@ -121,11 +126,8 @@ TEST(LocalWrapper, CopyOf25MiBReportsProgressAt10And20And25MiB) {
     EXPECT_TRUE(test::fileHolds(dir / "source.bin", content));
 }
 
-TEST(LocalWrapper, UploadIntoItsOwnFolderCopiesNothing) {
-    IsolatedHome home;
-    ScratchDir dir;
+TEST_F(LocalWrapperTest, UploadIntoItsOwnFolderCopiesNothing) {
     writeFile(dir / "docs/a.txt", "a");
-    auto wrapper = makeLocal();
     auto reports = std::make_shared<Reports>();
 
     for (std::string folder : {dir / "docs", dir / "docs/"}) {
@@ -148,16 +150,13 @@ TEST(LocalWrapper, UploadIntoItsOwnFolderCopiesNothing) {
     EXPECT_EQ(*reports, (Reports{{1, 1}}));
 }
 
-TEST(LocalWrapper, HiddenItemsNeedThePreferenceOrTheOverride) {
-    IsolatedHome home;
-    ScratchDir dir;
+TEST_F(LocalWrapperTest, HiddenItemsNeedThePreferenceOrTheOverride) {
     writeFile(dir / "visible", "v");
     writeFile(dir / ".dotfile", "d");
     fs::create_directory(dir / ".dotfolder");
     writeFile(dir / ".Report.pdf.icloud", "not a property list");
     writeFile(dir / "..secret.icloud", "placeholder of a hidden file");
     HiddenFilesPref pref(false);
-    auto wrapper = makeLocal();
 
     auto listing = wrapper->contentsOfDirectoryAtPathSync(record(dir.path(), true));
     ASSERT_TRUE(listing) << listing.error().describe();
@@ -172,16 +171,13 @@ TEST(LocalWrapper, HiddenItemsNeedThePreferenceOrTheOverride) {
     EXPECT_EQ(names(*listing), all);
 }
 
-TEST(LocalWrapper, PlaceholderListsUnderTheNameItStandsFor) {
-    IsolatedHome home;
-    ScratchDir dir;
+TEST_F(LocalWrapperTest, PlaceholderListsUnderTheNameItStandsFor) {
     PlistDict resources{{"NSURLFileSizeKey", PlistValue(123456)},
                         {"NSURLNameKey", PlistValue("Report.pdf")}};
     ASSERT_TRUE(Plist::writeFile(dir / ".Report.pdf.icloud", PlistValue(resources)));
     writeFile(dir / ".Broken.txt.icloud", "\x01\x02 binary junk");
     fs::create_directory(dir / ".Folder.icloud");
     HiddenFilesPref pref(false);
-    auto wrapper = makeLocal();
 
     auto listing = wrapper->contentsOfDirectoryAtPathSync(record(dir.path(), true));
     ASSERT_TRUE(listing) << listing.error().describe();
@@ -210,15 +206,12 @@ TEST(LocalWrapper, PlaceholderListsUnderTheNameItStandsFor) {
     MainQueue::shared().pump();
 }
 
-TEST(LocalWrapper, SymbolicLinksListWithTargetsAndCopyAsLinks) {
-    IsolatedHome home;
-    ScratchDir dir;
+TEST_F(LocalWrapperTest, SymbolicLinksListWithTargetsAndCopyAsLinks) {
     writeFile(dir / "real/inside.txt", "inside");
     writeFile(dir / "file.txt", "file");
     fs::create_directory_symlink("real", dir / "link-dir");
     fs::create_symlink(dir / "file.txt", dir / "link-file");
     fs::create_symlink("nowhere", dir / "dangling");
-    auto wrapper = makeLocal();
     wrapper->setForceIncludesHiddenFiles(true);
 
     auto listing = wrapper->contentsOfDirectoryAtPathSync(record(dir.path(), true));
@@ -257,9 +250,7 @@ TEST(LocalWrapper, SymbolicLinksListWithTargetsAndCopyAsLinks) {
     EXPECT_EQ(readFile(dir / "file.txt"), "file");
 }
 
-TEST(LocalWrapper, CancelledCopyLeavesNoPartialFile) {
-    IsolatedHome home;
-    ScratchDir dir;
+TEST_F(LocalWrapperTest, CancelledCopyLeavesNoPartialFile) {
     writeFile(dir / "source.bin", std::string(3 * MiB, 'x'));
     writeFile(dir / "kept.bin", "an older file");
 
@@ -277,7 +268,6 @@ TEST(LocalWrapper, CancelledCopyLeavesNoPartialFile) {
         }
         ~IgnorePipeSignal() { ::sigaction(SIGPIPE, &old, nullptr); }
     } ignorePipeSignal;
-    auto copier = makeLocal();
     auto reports = std::make_shared<Reports>();
     std::atomic<bool> cancelSent{false}, finished{false};
     Status result;
@@ -297,12 +287,12 @@ TEST(LocalWrapper, CancelledCopyLeavesNoPartialFile) {
         ::close(fd);
     });
     std::thread worker([&] {
-        result = copier->copyFile(dir / "pipe", dir / "from-pipe.bin", collectInto(reports));
+        result = wrapper->copyFile(dir / "pipe", dir / "from-pipe.bin", collectInto(reports));
         finished = true;
         MainQueue::shared().post([] {});
     });
     MainQueue::shared().runUntil([&] { return !reports->empty(); });
-    copier->cancelOperation();
+    wrapper->cancelOperation();
     cancelSent = true;
     MainQueue::shared().runUntil([&] { return finished.load(); });
     worker.join();
@@ -317,12 +307,9 @@ TEST(LocalWrapper, CancelledCopyLeavesNoPartialFile) {
               (std::vector<std::string>{"kept.bin", "pipe", "source.bin"}));
 }
 
-TEST(LocalWrapper, CopyFailuresGiveTheirReasonsAndLeaveNothing) {
-    IsolatedHome home;
-    ScratchDir dir;
+TEST_F(LocalWrapperTest, CopyFailuresGiveTheirReasonsAndLeaveNothing) {
     writeFile(dir / "source.txt", "source");
     writeFile(dir / "kept.txt", "older");
-    auto wrapper = makeLocal();
 
     auto r = wrapper->copyFile(dir / "source.txt", dir / "missing/target.txt", {});
     ASSERT_FALSE(r);
@@ -348,13 +335,10 @@ TEST(LocalWrapper, CopyFailuresGiveTheirReasonsAndLeaveNothing) {
     EXPECT_EQ(test::namesIn(dir.path()), (std::vector<std::string>{"kept.txt", "source.txt"}));
 }
 
-TEST(LocalWrapper, MoveRenamesMovesAndNeverReplaces) {
-    IsolatedHome home;
-    ScratchDir dir;
+TEST_F(LocalWrapperTest, MoveRenamesMovesAndNeverReplaces) {
     writeFile(dir / "a.txt", "a");
     writeFile(dir / "b.txt", "b");
     writeFile(dir / "folder/inner.txt", "inner");
-    auto wrapper = makeLocal();
 
     auto r = wrapper->moveSync(record(dir / "a.txt"), record(dir / "b.txt"));
     ASSERT_FALSE(r);
@@ -386,14 +370,12 @@ TEST(LocalWrapper, MoveRenamesMovesAndNeverReplaces) {
     }
 }
 
-TEST(LocalWrapper, RemoveIsPermanentAndNeverFollowsLinks) {
-    IsolatedHome home;
-    ScratchDir dir, outside;
+TEST_F(LocalWrapperTest, RemoveIsPermanentAndNeverFollowsLinks) {
+    ScratchDir outside;
     writeFile(outside / "precious.txt", "keep me");
     writeFile(dir / "tree/a/b.txt", "b");
     writeFile(dir / "tree/.hidden", "h");
     fs::create_directory_symlink(outside.path(), dir / "tree/a/link-out");
-    auto wrapper = makeLocal();
 
     auto r = wrapper->removeSync({record(dir / "tree", true)});
     ASSERT_TRUE(r) << r.error().describe();
@@ -455,10 +437,7 @@ TEST(SandboxFileAccess, TrashItemMovesIntoTheTrashWithItsInfo) {
     EXPECT_EQ(missing.error().code, 10008);
 }
 
-TEST(LocalWrapper, CreateFolderFailsWith10014AndSaysWhy) {
-    IsolatedHome home;
-    ScratchDir dir;
-    auto wrapper = makeLocal();
+TEST_F(LocalWrapperTest, CreateFolderFailsWith10014AndSaysWhy) {
     auto r = wrapper->createFolderSync(record(dir / "new", true));
     ASSERT_TRUE(r) << r.error().describe();
     EXPECT_TRUE(fs::is_directory(dir / "new"));
@@ -476,11 +455,8 @@ TEST(LocalWrapper, CreateFolderFailsWith10014AndSaysWhy) {
 }
 
 // Without the thumbnail maker installed (media), files get the client's plain refusal.
-TEST(LocalWrapper, ThumbnailsOfFoldersAndMissingFilesFail) {
-    IsolatedHome home;
-    ScratchDir dir;
+TEST_F(LocalWrapperTest, ThumbnailsReportHonestErrorsUntilTheyExist) {
     writeFile(dir / "photo.jpg", "jpeg");
-    auto wrapper = makeLocal();
     auto r = wrapper->downloadThumbnailSync(record(dir.path(), true));
     EXPECT_EQ(r.error(), (Error{"Local", 10009, "Folder has no thumbnail."}));
     r = wrapper->downloadThumbnailSync(record(dir.path(), false));
@@ -491,9 +467,8 @@ TEST(LocalWrapper, ThumbnailsOfFoldersAndMissingFilesFail) {
     EXPECT_EQ(r.error(), (Error{"Local", 10009, "It doesn't have a thumbnail."}));
 }
 
-TEST(LocalWrapper, CountsFolderItemsAndBytes) {
-    IsolatedHome home;
-    ScratchDir dir, outside;
+TEST_F(LocalWrapperTest, CountsFolderItemsAndBytes) {
+    ScratchDir outside;
     HiddenFilesPref pref(false);
     writeFile(dir / "a.txt", std::string(10, 'a'));
     writeFile(dir / ".h", std::string(5, 'h'));
@@ -525,13 +500,10 @@ TEST(LocalWrapper, CountsFolderItemsAndBytes) {
     EXPECT_EQ(file.totalBytes, 10);
 }
 
-TEST(LocalWrapper, ListingFillsRecordsFromTheFileSystem) {
-    IsolatedHome home;
-    ScratchDir dir;
+TEST_F(LocalWrapperTest, ListingFillsRecordsFromTheFileSystem) {
     writeFile(dir / "notes.final.txt", "12345");
     fs::create_directory(dir / "folder");
     setMtime(dir / "notes.final.txt", 1300000000);
-    auto wrapper = makeLocal();
     auto folder = record(dir.path(), true);
     folder.serverID = "LOCAL-ID";
 
@@ -562,8 +534,7 @@ TEST(LocalWrapper, ListingFillsRecordsFromTheFileSystem) {
     EXPECT_EQ(notFolder.error().reason, dir / "notes.final.txt" + ": Not a directory");
 }
 
-TEST(LocalWrapper, IsTheRegisteredClientOfLocalServers) {
-    IsolatedHome home;
+TEST_F(LocalWrapperTest, IsTheRegisteredClientOfLocalServers) {
     registerBuiltinClients();
     auto info = std::make_shared<ServerInfo>();
     info->protocolType = ProtocolType::Local;

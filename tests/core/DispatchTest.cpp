@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <future>
 #include <thread>
 
 #include "core/GCD.h"
@@ -27,6 +28,16 @@ class CountingConnection : public KvConnection {
 
   private:
     std::atomic<int>& cleaned_;
+};
+
+// A session whose close runs `onClose` before it ends.
+class SlowToClose : public KvConnection {
+  public:
+    explicit SlowToClose(std::function<void()> onClose) : onClose_(std::move(onClose)) {}
+    void cleanup() override { onClose_(); }
+
+  private:
+    std::function<void()> onClose_;
 };
 
 }  // namespace
@@ -193,4 +204,35 @@ TEST(ConnectionPool, EvictsAfter300SecondsIdleAndStopsAndRestartsTheTimer) {
     EXPECT_EQ(cleaned, 1);
     pool.stopTimer();
     q.setClock(nullptr);
+}
+
+// Closing an idle session may wait for its server a long time (an FTP QUIT): the pool lets go of
+// its lock first, and other threads keep using it meanwhile.
+TEST(ConnectionPool, ClosesIdleSessionsOutsideItsLockAndMakesNewOnesThroughTheClient) {
+    KvConnectionPool pool;
+    auto wall = std::chrono::system_clock::now();
+    pool.setClock([&] { return wall; });
+    ServerInfo server;
+    server.protocolType = ProtocolType::FTP;
+    std::atomic<bool> otherThreadServed{false};
+    // Outlives the close, so that a pool that closes under its lock fails instead of hanging.
+    std::future<bool> served;
+    auto idle = pool.retrieveConnection(server, [&] {
+        return std::make_shared<SlowToClose>([&] {
+            // While this session closes, another thread takes a session of the same server.
+            served = std::async(std::launch::async, [&] {
+                return pool.retrieveConnection(
+                           server, [] { return std::make_shared<SlowToClose>([] {}); }) != nullptr;
+            });
+            if (served.wait_for(30s) == std::future_status::ready) otherThreadServed = served.get();
+        });
+    });
+    ASSERT_TRUE(idle && idle->serverInfo);
+    EXPECT_EQ(idle->serverInfo->serverID, server.serverID);
+    pool.recycleConnection(idle);
+    wall += 301s;
+    pool.manageConnectionPool();
+    EXPECT_TRUE(otherThreadServed) << "the pool was locked while a session closed";
+    EXPECT_EQ(pool.idleCount(server.serverID), 0u);
+    EXPECT_FALSE(pool.timerRunning());
 }

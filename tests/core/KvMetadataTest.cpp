@@ -83,37 +83,28 @@ TEST(KvMetadata, IWorkDocFolderOnlyForFolders) {
 }
 
 TEST(KvMetadata, SftpPathNormalisedOnFirstRead) {
-    KvMetadata folder;
-    folder.protocolType = ProtocolType::SFTP;
-    folder.isDir = true;
-    folder.setPath("sftp://10.0.0.2:22/home/u");
-    EXPECT_EQ(folder.path(), "/home/u/");
-    // Stored back: a later change of isDir no longer affects it.
-    folder.isDir = false;
-    EXPECT_EQ(folder.path(), "/home/u/");
-
-    KvMetadata hostOnlyFolder;
-    hostOnlyFolder.protocolType = ProtocolType::SFTP;
-    hostOnlyFolder.isDir = true;
-    hostOnlyFolder.setPath("sftp://10.0.0.2");
-    EXPECT_EQ(hostOnlyFolder.path(), "/");
-
-    KvMetadata hostOnlyFile;
-    hostOnlyFile.protocolType = ProtocolType::SFTP;
-    hostOnlyFile.setPath("sftp://10.0.0.2");
-    EXPECT_EQ(hostOnlyFile.path(), "sftp://10.0.0.2");
-
-    KvMetadata plainSftp;
-    plainSftp.protocolType = ProtocolType::SFTP;
-    plainSftp.isDir = true;
-    plainSftp.setPath("/home/u");
-    EXPECT_EQ(plainSftp.path(), "/home/u");
-
-    KvMetadata ftp;
-    ftp.protocolType = ProtocolType::FTP;
-    ftp.isDir = true;
-    ftp.setPath("sftp://10.0.0.2:22/home/u");
-    EXPECT_EQ(ftp.path(), "sftp://10.0.0.2:22/home/u");
+    struct Case {
+        std::int32_t protocol;
+        bool isDir;
+        const char* path;
+        const char* read;
+    } cases[] = {
+        {ProtocolType::SFTP, true, "sftp://10.0.0.2:22/home/u", "/home/u/"},
+        {ProtocolType::SFTP, true, "sftp://10.0.0.2", "/"},
+        {ProtocolType::SFTP, false, "sftp://10.0.0.2", "sftp://10.0.0.2"},
+        {ProtocolType::SFTP, true, "/home/u", "/home/u"},
+        {ProtocolType::FTP, true, "sftp://10.0.0.2:22/home/u", "sftp://10.0.0.2:22/home/u"},
+    };
+    for (auto& c : cases) {
+        KvMetadata m;
+        m.protocolType = c.protocol;
+        m.isDir = c.isDir;
+        m.setPath(c.path);
+        EXPECT_EQ(m.path(), c.read) << c.path;
+        // Stored back: a later change of isDir no longer affects it.
+        m.isDir = false;
+        EXPECT_EQ(m.path(), c.read) << c.path;
+    }
 }
 
 TEST(KvMetadata, KeyIdIsLowerCasedOnlyForDropbox) {
@@ -159,12 +150,8 @@ TEST(KvMetadata, ArchiveKeepsExactlyTheEightFields) {
     // Absent keys decode as empty fields, false and 0.
     auto sparse = KvMetadata::decode(PlistDict{{"path", "/x"}});
     EXPECT_EQ(sparse.path(), "/x");
-    EXPECT_FALSE(sparse.isDir);
-    EXPECT_EQ(sparse.protocolType, 0);
-    EXPECT_FALSE(sparse.timestamp);
-    EXPECT_FALSE(sparse.fileSizeInBytes);
-    EXPECT_FALSE(sparse.name());
-    EXPECT_FALSE(sparse.serverID);
+    EXPECT_FALSE(sparse.isDir || sparse.protocolType || sparse.timestamp ||
+                 sparse.fileSizeInBytes || sparse.name() || sparse.serverID);
 
     EXPECT_FALSE(KvMetadata::unarchive("not a property list").has_value());
     EXPECT_FALSE(KvMetadata::unarchive(Plist::toXml(PlistValue(PlistArray{}))).has_value());
@@ -197,17 +184,11 @@ TEST(KvMetadata, CopyKeepsExactlyTheNineteenFields) {
     EXPECT_EQ(c.gdocs_editlink, "https://example.invalid/e");
     EXPECT_EQ(c.sharedDriveID, "drive-9");
 
-    EXPECT_FALSE(c.userData.has_value());
-    EXPECT_FALSE(c.thumbnailLink);
-    EXPECT_FALSE(c.file_update);
-    EXPECT_FALSE(c.file_update_fileid);
-    EXPECT_EQ(c.iCloudDownloadPercent, 0);
-    EXPECT_FALSE(c.iCloudQuery.has_value());
-    EXPECT_FALSE(c.unixPermission);
-    EXPECT_FALSE(c.owner);
-    EXPECT_FALSE(c.group);
-    EXPECT_FALSE(c.timestampString);
-    EXPECT_FALSE(c.streamHeaderCache);
+    // The rest is left behind: the copy describes and archives as a record that never had it.
+    EXPECT_FALSE(c.userData.has_value() || c.thumbnailLink || c.file_update ||
+                 c.file_update_fileid || c.iCloudDownloadPercent || c.iCloudQuery.has_value() ||
+                 c.unixPermission || c.owner || c.group || c.timestampString ||
+                 c.streamHeaderCache);
 }
 
 TEST(KvMetadata, GenerateLocalMetadataBuildsEveryAncestorUpToRoot) {

@@ -10,7 +10,6 @@
 #include "core/Base64.h"
 #include "core/CloudKeyValueStore.h"
 #include "core/DBManager.h"
-#include "core/PathUtils.h"
 #include "core/ServerInfoService.h"
 #include "core/UserDefaults.h"
 #include "support/TestEnv.h"
@@ -42,6 +41,13 @@ class MigratorTest : public test::FreshHome {
         EXPECT_TRUE(service().saveServerInfo(info));
         service().setDisableUpdateCloud(false);
         return info;
+    }
+
+    // The record's stored Google sign-in.
+    static std::optional<std::string> signIn(const ServerInfo& info) {
+        return service()
+            .serverInfoWithServerID(info.serverID)
+            ->valueForKey(ServerProp::GoogleAuthorizationData);
     }
 
     test::ScratchDir cloud{"cloud"};
@@ -94,54 +100,29 @@ TEST_F(MigratorTest, MovesGoogleSignInsOnceWithTheFlagSetBeforeTheWork) {
     ASSERT_TRUE(object);
     EXPECT_EQ(*object, signInObject("tok-" + drive.serverID));
 
-    EXPECT_EQ(service()
-                  .serverInfoWithServerID(already.serverID)
-                  ->valueForKey(ServerProp::GoogleAuthorizationData),
-              "existing");
-    EXPECT_FALSE(service()
-                     .serverInfoWithServerID(withoutSignIn.serverID)
-                     ->valueForKey(ServerProp::GoogleAuthorizationData));
-    EXPECT_FALSE(service()
-                     .serverInfoWithServerID(ftp.serverID)
-                     ->valueForKey(ServerProp::GoogleAuthorizationData));
+    EXPECT_EQ(signIn(already), "existing");
+    EXPECT_FALSE(signIn(withoutSignIn));
+    EXPECT_FALSE(signIn(ftp));
     // Records changed by the migration are not mirrored, and mirroring is on again after it.
     auto cloudFile = cloud / FileCloudKeyValueStore::kFileName;
     EXPECT_FALSE(test::contains(test::readFile(cloudFile), drive.serverID));
     EXPECT_FALSE(service().disableUpdateCloud());
 
-    // The second run finds the flag and touches nothing.
+    // The second run finds the flag and touches nothing: so does a run after one that died
+    // half-way, once the flag was set.
     asked.clear();
     ServerInfo later = stored(ProtocolType::GoogleDrive, "Added later");
     ASSERT_TRUE(Migrator(keychain).migrate());
     EXPECT_TRUE(asked.empty());
-    EXPECT_FALSE(service()
-                     .serverInfoWithServerID(later.serverID)
-                     ->valueForKey(ServerProp::GoogleAuthorizationData));
+    EXPECT_FALSE(signIn(later));
     EXPECT_EQ(
         *service().serverInfoWithServerID(drive.serverID)->valueForKey(ServerProp::SI_LAST_UPDATE),
         *migrated->valueForKey(ServerProp::SI_LAST_UPDATE));
 }
 
-TEST_F(MigratorTest, AFirstRunThatStoppedHalfWayIsNotResumed) {
-    ServerInfo drive = stored(ProtocolType::GoogleDrive, "Drive");
-    // The mark alone, as a run that died after setting it leaves it.
-    auto defaults = UserDefaults::standardUserDefaults();
-    defaults.setObject(PlistValue(true), MIGRATED_TO_VERSION_3_0);
-    ASSERT_TRUE(defaults.synchronize());
-    int asked = 0;
-    ASSERT_TRUE(Migrator([&](const std::string&) -> std::optional<PlistValue> {
-                    ++asked;
-                    return signInObject("t");
-                }).migrate());
-    EXPECT_EQ(asked, 0);
-    EXPECT_EQ(defaults.path(), PathUtils::getAppDataFolderPath() + "/defaults.plist");
-}
-
 TEST_F(MigratorTest, WithoutAKeychainNoSignInIsFound) {
     ServerInfo drive = stored(ProtocolType::GoogleDrive, "Drive");
     ASSERT_TRUE(Migrator().migrate());
-    EXPECT_FALSE(service()
-                     .serverInfoWithServerID(drive.serverID)
-                     ->valueForKey(ServerProp::GoogleAuthorizationData));
+    EXPECT_FALSE(signIn(drive));
     EXPECT_TRUE(UserDefaults::standardUserDefaults().boolForKey(MIGRATED_TO_VERSION_3_0));
 }

@@ -1,4 +1,4 @@
-// The server database and local volumes.
+// The server database, the records stored in it, and local volumes.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -47,49 +47,80 @@ TEST(DBManager, CreatesOnlyMissingTablesAndLeavesAForeignFileAlone) {
     EXPECT_EQ(test::readFile(junk), content);
 }
 
-TEST(ServerInfoService, SavesUpdatesAndDeletesRecordsWithTheirProperties) {
-    test::IsolatedHome home;
-    auto& service = ServerInfoService::sharedServerInfoService();
+namespace {
+
+class ServerInfoStore : public test::FreshHome {
+  protected:
+    static ServerInfoService& service() { return ServerInfoService::sharedServerInfoService(); }
+    static std::int64_t count(const std::string& sql, const std::vector<SqlValue>& params = {}) {
+        auto rows = DBManager::sharedDBManager().query(sql, params);
+        return rows && !rows->empty() ? sqlInt((*rows)[0][0]) : -1;
+    }
+};
+
+}  // namespace
+
+TEST_F(ServerInfoStore, SavesUpdatesAndDeletesRecordsWithTheirProperties) {
     ServerInfo info;
     info.protocolType = ProtocolType::FTP;
     info.displayName = "Office";
     info.setValue("ftp.example.test", ServerProp::ADDR);
     info.setValue(std::nullopt, ServerProp::PATH);
-    ASSERT_TRUE(service.saveOrUpdateServerInfo(info));
+    info.setValue("YES", ServerProp::QUICK_CONNECT);
+    ASSERT_TRUE(service().saveOrUpdateServerInfo(info));
+    auto firstStamp = info.valueForKey(ServerProp::SI_LAST_UPDATE);
+    ASSERT_TRUE(firstStamp);
     info.displayName = "Office NAS";
     info.setValue("2121", ServerProp::PORT);
-    ASSERT_TRUE(service.saveOrUpdateServerInfo(info));
+    info.removeObjectForKey(ServerProp::QUICK_CONNECT);
+    ASSERT_TRUE(service().saveOrUpdateServerInfo(info));
 
-    auto all = service.remoteServerInfos();
+    // Saved twice: one row, whose properties are exactly the record's.
+    EXPECT_EQ(count("SELECT COUNT(*) FROM server_info"), 1);
+    EXPECT_EQ(count("SELECT COUNT(*) FROM server_props WHERE server_uuid=?", SqlRow{info.serverID}),
+              static_cast<std::int64_t>(info.props.size()));
+    auto all = service().remoteServerInfos();
     ASSERT_EQ(all.size(), 1u);
     EXPECT_EQ(all[0].displayName, "Office NAS");
     EXPECT_EQ(all[0].valueForKey(ServerProp::PORT), "2121");
     EXPECT_EQ(all[0].valueForKey(ServerProp::PATH), "");  // absent values store ""
-    EXPECT_TRUE(all[0].valueForKey(ServerProp::SI_LAST_UPDATE));
-    auto rows = DBManager::sharedDBManager().query("SELECT COUNT(*) FROM server_info");
-    EXPECT_EQ(sqlInt((*rows)[0][0]), 1);
+    EXPECT_FALSE(all[0].valueForKey(ServerProp::QUICK_CONNECT));
+    // Every save is stamped later than the one before.
+    EXPECT_GT(std::stod(*all[0].valueForKey(ServerProp::SI_LAST_UPDATE)), std::stod(*firstStamp));
 
     // protocol_type is written once, at insert.
     info.protocolType = ProtocolType::SFTP;
-    ASSERT_TRUE(service.updateServerInfo(info));
-    EXPECT_EQ(service.serverInfoWithServerID(info.serverID)->protocolType, ProtocolType::FTP);
-    EXPECT_EQ(service.serverInfosWithProtocolType(ProtocolType::FTP).size(), 1u);
+    ASSERT_TRUE(service().updateServerInfo(info));
+    EXPECT_EQ(service().serverInfoWithServerID(info.serverID)->protocolType, ProtocolType::FTP);
+    EXPECT_EQ(service().serverInfosWithProtocolType(ProtocolType::FTP).size(), 1u);
 
     ServerInfo quick;
     quick.protocolType = ProtocolType::FTP;
     quick.displayName = "quick";
     quick.setValue("YES", ServerProp::QUICK_CONNECT);
-    ASSERT_TRUE(service.saveServerInfo(quick));
-    auto forSync = service.serverInfosForSync();
+    ASSERT_TRUE(service().saveServerInfo(quick));
+    auto forSync = service().serverInfosForSync();
     ASSERT_EQ(forSync.size(), 1u);
     EXPECT_EQ(forSync[0].serverID, info.serverID);
 
-    ASSERT_TRUE(service.deleteServerInfo(info));
-    EXPECT_FALSE(service.serverInfoWithServerID(info.serverID));
-    rows = DBManager::sharedDBManager().query(
-        "SELECT COUNT(*) FROM server_props WHERE server_uuid=?", {info.serverID});
-    EXPECT_EQ(sqlInt((*rows)[0][0]), 0);
-    DBManager::sharedDBManager().closeDB();
+    ASSERT_TRUE(service().deleteServerInfo(info));
+    EXPECT_FALSE(service().serverInfoWithServerID(info.serverID));
+    EXPECT_EQ(count("SELECT COUNT(*) FROM server_props WHERE server_uuid=?", SqlRow{info.serverID}),
+              0);
+}
+
+TEST_F(ServerInfoStore, StoringARecordKeepsItsStampAsItCame) {
+    ServerInfo info;
+    info.protocolType = ProtocolType::SFTP;
+    info.displayName = "From elsewhere";
+    info.setValue("12.500", ServerProp::SI_LAST_UPDATE);
+    ASSERT_TRUE(service().storeServerInfo(info));
+    ASSERT_TRUE(service().storeServerInfo(info));
+    EXPECT_EQ(count("SELECT COUNT(*) FROM server_info WHERE server_uuid=?", SqlRow{info.serverID}),
+              1);
+    EXPECT_EQ(
+        service().serverInfoWithServerID(info.serverID)->valueForKey(ServerProp::SI_LAST_UPDATE),
+        "12.500");
 }
 
 TEST(ServerInfoService, SortsConnectionsNaturallyIgnoringCase) {

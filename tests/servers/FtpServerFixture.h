@@ -150,8 +150,7 @@ class RawFtpClient {
     // The last line of the reply to `command`.
     std::string ask(const std::string& command) {
         send(command);
-        auto r = reply();
-        return r.empty() ? std::string() : r.back();
+        return last();
     }
     // True when the server closed the connection (reads end of stream within the time-out).
     bool closedByServer() {
@@ -196,6 +195,38 @@ class RawFtpClient {
         }
         return out;
     }
+    // PASV, `command`, and what the data connection carries when the first reply is 150: the
+    // first reply's last line, the data, and the final reply's last line.
+    struct Transfer {
+        std::string start, data, end;
+    };
+    Transfer fetch(const std::string& command) {
+        Transfer t;
+        auto data = passive();
+        if (!data) return {"no data connection", "", ""};
+        t.start = ask(command);
+        if (!t.start.starts_with("150 ")) return t;
+        t.data = readAll(*data);
+        t.end = last();
+        return t;
+    }
+    // Sends `bytes` as an upload of `name` (PASV, STOR, data, clean end); the final reply.
+    std::string store(const std::string& name, const std::string& bytes) {
+        auto data = passive();
+        if (!data) return "no data connection";
+        auto first = ask("STOR " + name);
+        if (!first.starts_with("150 ")) return first;
+        asio::error_code ec;
+        asio::write(*data, asio::buffer(bytes), ec);
+        data->shutdown(asio::socket_base::shutdown_send, ec);
+        data->close(ec);
+        return last();
+    }
+    // The last line of the next reply.
+    std::string last() {
+        auto r = reply();
+        return r.empty() ? std::string() : r.back();
+    }
     asio::ip::tcp::socket& socket() { return socket_; }
     asio::io_context& io() { return io_; }
 
@@ -212,13 +243,5 @@ class RawFtpClient {
     asio::ip::tcp::socket socket_;
     std::string buffer_;
 };
-
-// Runs /usr/bin/python3 with a script; argv[1...] follow.
-inline CommandResult runPython(const std::string& script,
-                               const std::vector<std::string>& args = {}) {
-    std::vector<std::string> argv{"/usr/bin/python3", "-c", script};
-    argv.insert(argv.end(), args.begin(), args.end());
-    return runProgram(argv);
-}
 
 }  // namespace quillon::test

@@ -1,4 +1,4 @@
-// The built-in FTP server against real clients (curl, lftp, python3's ftplib) and a raw
+// The built-in FTP server against real clients (curl, lftp) and a raw
 // control-channel client for exact reply texts and hostile input, on loopback ports.
 
 #include <fcntl.h>
@@ -175,48 +175,37 @@ TEST(FtpServer, ListsAndTransfersOverRawDataConnections) {
     ASSERT_TRUE(c.login("bob", "s3cret pw"));
 
     EXPECT_EQ(c.ask("LIST"), "425 Can't open data connection.");  // no PASV or PORT before
-    auto data = c.passive();
-    ASSERT_TRUE(data);
-    c.send("MLSD");
-    EXPECT_EQ(c.reply().back(), "150 Accepted data connection");
-    auto listing = RawFtpClient::readAll(*data);
-    EXPECT_EQ(c.reply().back(), "226 Transfer complete.");
-    EXPECT_TRUE(test::contains(listing, "type=file;size=300000;")) << listing;
-    EXPECT_TRUE(test::contains(listing, "; data.bin\r\n"));
-    EXPECT_TRUE(test::contains(listing, "type=dir;"));
-
-    data = c.passive();
-    ASSERT_TRUE(data);
-    c.send("NLST");
-    EXPECT_EQ(c.reply().back(), "150 Accepted data connection");
-    EXPECT_EQ(RawFtpClient::readAll(*data), "data.bin\r\nfolder\r\n");
-    EXPECT_EQ(c.reply().back(), "226 Transfer complete.");
-
-    data = c.passive();
-    ASSERT_TRUE(data);
-    c.send("MLST data.bin");
-    EXPECT_EQ(c.reply().back(), "150 Opening BINARY mode data connection for 'data.bin'.");
-    EXPECT_TRUE(RawFtpClient::readAll(*data).starts_with("type=file;size=300000;"));
-    EXPECT_EQ(c.reply().back(), "226 Transfer complete.");
+    const std::string done = "226 Transfer complete.";
+    const std::string opening = "150 Opening BINARY mode data connection for 'data.bin'.";
+    auto mlsd = c.fetch("MLSD");
+    EXPECT_EQ(mlsd.start, "150 Accepted data connection");
+    EXPECT_EQ(mlsd.end, done);
+    EXPECT_TRUE(test::contains(mlsd.data, "type=file;size=300000;")) << mlsd.data;
+    EXPECT_TRUE(test::contains(mlsd.data, "; data.bin\r\n"));
+    EXPECT_TRUE(test::contains(mlsd.data, "type=dir;"));
+    auto nlst = c.fetch("NLST");
+    EXPECT_EQ(nlst.start, "150 Accepted data connection");
+    EXPECT_EQ(nlst.data, "data.bin\r\nfolder\r\n");
+    EXPECT_EQ(nlst.end, done);
+    auto mlst = c.fetch("MLST data.bin");
+    EXPECT_EQ(mlst.start, opening);
+    EXPECT_TRUE(mlst.data.starts_with("type=file;size=300000;"));
+    EXPECT_EQ(mlst.end, done);
 
     EXPECT_EQ(c.ask("REST 100000"), "350 Command successful.");
-    data = c.passive();
-    ASSERT_TRUE(data);
-    c.send("RETR data.bin");
-    EXPECT_EQ(c.reply().back(), "150 Opening BINARY mode data connection for 'data.bin'.");
-    EXPECT_EQ(RawFtpClient::readAll(*data), content.substr(100000));
-    EXPECT_EQ(c.reply().back(), "226 Transfer complete.");
-
+    auto rest = c.fetch("RETR data.bin");
+    EXPECT_EQ(rest.start, opening);
+    EXPECT_EQ(rest.data, content.substr(100000));
+    EXPECT_EQ(rest.end, done);
     // The REST offset was used up by that transfer.
-    data = c.passive();
-    ASSERT_TRUE(data);
-    c.send("RETR data.bin");
-    c.reply();
-    EXPECT_EQ(RawFtpClient::readAll(*data).size(), content.size());
-    EXPECT_EQ(c.reply().back(), "226 Transfer complete.");
+    auto whole = c.fetch("RETR data.bin");
+    EXPECT_EQ(whole.data.size(), content.size());
+    EXPECT_EQ(whole.end, done);
 }
 
-TEST(FtpServer, CurlListsDownloadsUploadsResumesAndManagesFiles) {
+// (Plain transfers, renames and deletions through libcurl are the conformance suite's; the raw
+// client checks every reply.)
+TEST(FtpServer, CurlListsResumesAndUploadsInPassiveAndActiveMode) {
     RunningFtpServer srv(userOptions());
     ScratchDir local("curl");
     std::string content = test::randomBytes(2 * 1024 * 1024 + 17, 2);
@@ -227,11 +216,6 @@ TEST(FtpServer, CurlListsDownloadsUploadsResumesAndManagesFiles) {
     EXPECT_EQ(list.exitCode, 0) << list.err;
     EXPECT_TRUE(test::contains(list.out, "größe data.bin")) << list.out;
     EXPECT_TRUE(list.out.starts_with("-rw-r--r--"));
-
-    auto get = test::curl(
-        {"--user", user, "-o", local / "whole", srv.url("/sub%20dir/gr%C3%B6%C3%9Fe%20data.bin")});
-    EXPECT_EQ(get.exitCode, 0) << get.err;
-    EXPECT_EQ(test::readFile(local / "whole"), content);
 
     // Resume a download cut off after 1 MiB: curl asks for the rest with REST.
     test::writeFile(local / "partial", content.substr(0, 1024 * 1024));
@@ -250,19 +234,6 @@ TEST(FtpServer, CurlListsDownloadsUploadsResumesAndManagesFiles) {
         {"--user", user, "-P", "127.0.0.1", "-T", local / "up.bin", srv.url("/active.bin")});
     EXPECT_EQ(active.exitCode, 0) << active.err;
     EXPECT_EQ(test::readFile(srv / "active.bin"), content);
-
-    // Quote commands after a listing: rename, delete, make and remove a folder.
-    auto quote = test::curl({"--user", user, "-l", "-Q", "-RNFR active.bin", "-Q",
-                             "-RNTO renamed.bin", "-Q", "-DELE new folder/uploaded é.bin", "-Q",
-                             "-MKD made", "-Q", "-RMD new folder", srv.url("/")});
-    EXPECT_EQ(quote.exitCode, 0) << quote.err;
-    EXPECT_TRUE(fs::exists(srv / "renamed.bin"));
-    EXPECT_FALSE(fs::exists(srv / "active.bin"));
-    EXPECT_FALSE(fs::exists(srv / "new folder"));
-    EXPECT_TRUE(fs::is_directory(srv / "made"));
-
-    auto wrong = test::curl({"--user", "bob:nope", srv.url("/")});
-    EXPECT_NE(wrong.exitCode, 0);
 }
 
 TEST(FtpServer, LftpBrowsesTransfersResumesRenamesAndDeletes) {
@@ -294,58 +265,6 @@ TEST(FtpServer, LftpBrowsesTransfersResumesRenamesAndDeletes) {
     })) << "lftp did not resume with REST";
 }
 
-const char* kFtplibScript = R"PY(
-import ftplib, io, sys
-port, user, password, local = int(sys.argv[1]), sys.argv[2], sys.argv[3], sys.argv[4]
-f = ftplib.FTP()
-f.connect('127.0.0.1', port, timeout=10)
-print(f.login(user, password))
-data = open(local + '/src.bin', 'rb').read()
-f.mkd('Dossier é')
-f.cwd('Dossier é')
-f.storbinary('STOR fichier été.bin', io.BytesIO(data))
-print('size', f.size('fichier été.bin'))
-print('mlsd', sorted(n for n, facts in f.mlsd()))
-print('nlst', f.nlst())
-got = io.BytesIO()
-f.retrbinary('RETR fichier été.bin', got.write)
-assert got.getvalue() == data, 'download differs'
-tail = io.BytesIO()
-f.retrbinary('RETR fichier été.bin', tail.write, rest=1000)
-assert tail.getvalue() == data[1000:], 'REST download differs'
-# Resume an upload from what the server has.
-f.storbinary('STOR half.bin', io.BytesIO(data[:5000]))
-have = f.size('half.bin')
-f.storbinary('STOR half.bin', io.BytesIO(data[have:]), rest=have)
-got = io.BytesIO()
-f.retrbinary('RETR half.bin', got.write)
-assert got.getvalue() == data, 'resumed upload differs'
-f.rename('half.bin', 'entier.bin')
-f.delete('fichier été.bin')
-f.mkd('vide')
-f.rmd('vide')
-f.cwd('/')
-print('pwd', f.pwd())
-print(f.quit())
-)PY";
-
-TEST(FtpServer, PythonFtplibUploadsDownloadsAndResumesBothWays) {
-    RunningFtpServer srv(userOptions());
-    ScratchDir local("ftplib");
-    std::string content = test::randomBytes(400000, 4);
-    test::writeFile(local / "src.bin", content);
-    auto r = test::runPython(kFtplibScript,
-                             {std::to_string(srv.port()), "bob", "s3cret pw", local.path()});
-    EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
-    EXPECT_TRUE(test::contains(r.out, "230 User bob logged in."));
-    EXPECT_TRUE(test::contains(r.out, "size 400000")) << r.out;
-    EXPECT_TRUE(test::contains(r.out, "mlsd ['fichier été.bin']")) << r.out;
-    EXPECT_TRUE(test::contains(r.out, "pwd /"));
-    EXPECT_EQ(test::readFile(srv / "Dossier é/entier.bin"), content);
-    EXPECT_FALSE(fs::exists(srv / "Dossier é/fichier été.bin"));
-    EXPECT_FALSE(fs::exists(srv / "Dossier é/vide"));
-}
-
 TEST(FtpServer, AnonymousSessionsAreReadOnlyUnlessUploadsAreAllowed) {
     ScratchDir local("anon");
     test::writeFile(local / "f.txt", "upload");
@@ -368,14 +287,6 @@ TEST(FtpServer, AnonymousSessionsAreReadOnlyUnlessUploadsAreAllowed) {
         EXPECT_EQ(c.ask("RNFR pub.txt"), "550 Permission denied.");
         EXPECT_EQ(c.ask("MFMT 20200101000000 pub.txt"), "550 Permission denied.");
         EXPECT_TRUE(fs::exists(srv / "pub.txt"));
-
-        auto ftplib = test::runPython(
-            "import "
-            "ftplib,sys\nf=ftplib.FTP()\nf.connect('127.0.0.1',int(sys.argv[1]),timeout=10)\n"
-            "print(f.login())\nprint(f.nlst())\n",
-            {std::to_string(srv.port())});
-        EXPECT_EQ(ftplib.exitCode, 0) << ftplib.err;
-        EXPECT_TRUE(test::contains(ftplib.out, "['pub.txt']"));
     }
     {
         FtpServerOptions o;
@@ -446,9 +357,6 @@ TEST(FtpServer, ConfinesEveryPathToTheSharedFolder) {
         test::curl({"--user", "bob:s3cret pw", "--path-as-is", srv.url("/../../etc/passwd")});
     EXPECT_NE(passwd.exitCode, 0);
     EXPECT_FALSE(test::contains(passwd.out, "root:"));
-    auto viaLink = test::curl({"--user", "bob:s3cret pw", srv.url("/etc-link/passwd")});
-    EXPECT_NE(viaLink.exitCode, 0);
-    EXPECT_FALSE(test::contains(viaLink.out, "root:"));
 }
 
 TEST(FtpServer, RefusesPortAndEprtToAnotherAddressAndDropsForeignPassiveConnections) {
@@ -489,10 +397,9 @@ TEST(FtpServer, RefusesPortAndEprtToAnotherAddressAndDropsForeignPassiveConnecti
     asio::ip::tcp::socket own(io);
     own.connect({asio::ip::make_address("127.0.0.1"), dport}, ec);
     ASSERT_FALSE(ec);
-    c.send("RETR f.txt");
-    EXPECT_EQ(c.reply().back(), "150 Opening BINARY mode data connection for 'f.txt'.");
+    EXPECT_EQ(c.ask("RETR f.txt"), "150 Opening BINARY mode data connection for 'f.txt'.");
     EXPECT_EQ(RawFtpClient::readAll(own), "content");
-    EXPECT_EQ(c.reply().back(), "226 Transfer complete.");
+    EXPECT_EQ(c.last(), "226 Transfer complete.");
     auto log = srv.log();
     EXPECT_TRUE(std::any_of(log.begin(), log.end(), [](const std::string& l) {
         return l.find("dropped data connection from 127.0.0.2") != std::string::npos;
@@ -625,8 +532,7 @@ TEST(FtpServer, InterruptedUploadKeepsWhatArrivedAndResumesFromSize) {
     RawFtpClient c(srv.port());
     ASSERT_TRUE(c.login("bob", "s3cret pw"));
     int port = c.passivePort();
-    c.send("STOR cut.bin");
-    EXPECT_EQ(c.reply().back(), "150 Opening BINARY mode data connection for 'cut.bin'.");
+    EXPECT_EQ(c.ask("STOR cut.bin"), "150 Opening BINARY mode data connection for 'cut.bin'.");
     {
         // The client connects, sends what the socket takes and resets the connection before the
         // server has even accepted it: a cut-off upload all the same, not one that never began.
@@ -641,7 +547,7 @@ TEST(FtpServer, InterruptedUploadKeepsWhatArrivedAndResumesFromSize) {
         data->set_option(asio::socket_base::linger(true, 0));
         data->close();
     }
-    EXPECT_EQ(c.reply().back(), "426 Connection closed; transfer aborted.");
+    EXPECT_EQ(c.last(), "426 Connection closed; transfer aborted.");
     auto size = c.ask("SIZE cut.bin");
     ASSERT_TRUE(size.starts_with("213 "));
     auto have = std::stoul(size.substr(4));
@@ -652,12 +558,11 @@ TEST(FtpServer, InterruptedUploadKeepsWhatArrivedAndResumesFromSize) {
     EXPECT_EQ(c.ask("REST " + std::to_string(have)), "350 Command successful.");
     auto data = c.passive();
     ASSERT_TRUE(data);
-    c.send("STOR cut.bin");
-    EXPECT_EQ(c.reply().back(), "150 Opening BINARY mode data connection for 'cut.bin'.");
+    EXPECT_EQ(c.ask("STOR cut.bin"), "150 Opening BINARY mode data connection for 'cut.bin'.");
     asio::write(*data, asio::buffer(content.data() + have, content.size() - have));
     data->shutdown(asio::socket_base::shutdown_send);
     data->close();
-    EXPECT_EQ(c.reply().back(), "226 Transfer complete.");
+    EXPECT_EQ(c.last(), "226 Transfer complete.");
     EXPECT_TRUE(test::fileHolds(srv / "cut.bin", content));
     // A resume past the end is refused before anything is opened: no empty file either.
     EXPECT_EQ(c.ask("REST 2000000"), "350 Command successful.");
@@ -670,22 +575,6 @@ TEST(FtpServer, InterruptedUploadKeepsWhatArrivedAndResumesFromSize) {
     EXPECT_FALSE(fs::exists(srv / "missing.bin"));
 }
 
-// Sends `bytes` as an upload of `name` (PASV, STOR, data, clean end); the final reply.
-std::string upload(RawFtpClient& c, const std::string& name, const std::string& bytes) {
-    auto data = c.passive();
-    if (!data) return "no data connection";
-    c.send("STOR " + name);
-    auto first = c.reply();
-    if (first.empty() || !first.back().starts_with("150 "))
-        return first.empty() ? "" : first.back();
-    asio::error_code ec;
-    asio::write(*data, asio::buffer(bytes), ec);
-    data->shutdown(asio::socket_base::shutdown_send, ec);
-    data->close(ec);
-    auto end = c.reply();
-    return end.empty() ? std::string() : end.back();
-}
-
 TEST(FtpServer, UploadsOverAFileReplaceItOnlyWhenComplete) {
     RunningFtpServer srv(userOptions());
     const std::string old = "the old content, which must survive";
@@ -693,18 +582,20 @@ TEST(FtpServer, UploadsOverAFileReplaceItOnlyWhenComplete) {
     test::writeFile(srv / "keep.txt", old);
     RawFtpClient c(srv.port());
     ASSERT_TRUE(c.login("bob", "s3cret pw"));
+    auto untouched = [&](RunningFtpServer& s) {
+        EXPECT_TRUE(test::fileHolds(s / "keep.txt", old));
+        EXPECT_EQ(namesIn(s.rootPath()), std::vector<std::string>{"keep.txt"});
+    };
 
     // No data connection prepared: nothing is opened, let alone truncated or created.
     EXPECT_EQ(c.ask("STOR keep.txt"), "425 Can't open data connection.");
     EXPECT_EQ(c.ask("STOR new.txt"), "425 Can't open data connection.");
-    EXPECT_TRUE(test::fileHolds(srv / "keep.txt", old));
-    EXPECT_EQ(namesIn(srv.rootPath()), std::vector<std::string>{"keep.txt"});
+    untouched(srv);
 
     // The client resets the data connection in the middle of the upload.
     auto data = c.passive();
     ASSERT_TRUE(data);
-    c.send("STOR keep.txt");
-    EXPECT_EQ(c.reply().back(), "150 Opening BINARY mode data connection for 'keep.txt'.");
+    EXPECT_EQ(c.ask("STOR keep.txt"), "150 Opening BINARY mode data connection for 'keep.txt'.");
     asio::write(*data, asio::buffer(content.data(), 300000));
     bool arriving = test::waitUntil([&] {
         for (const auto& e : fs::directory_iterator(srv.rootPath()))
@@ -714,9 +605,8 @@ TEST(FtpServer, UploadsOverAFileReplaceItOnlyWhenComplete) {
     EXPECT_TRUE(arriving) << "the upload never reached a file beside the old one";
     data->set_option(asio::socket_base::linger(true, 0));
     data->close();
-    EXPECT_EQ(c.reply().back(), "426 Connection closed; transfer aborted.");
-    EXPECT_TRUE(test::fileHolds(srv / "keep.txt", old));
-    EXPECT_EQ(namesIn(srv.rootPath()), std::vector<std::string>{"keep.txt"});
+    EXPECT_EQ(c.last(), "426 Connection closed; transfer aborted.");
+    untouched(srv);
 
     // The disk fills up (here: the file-size limit) in the middle of the upload.
     {
@@ -725,17 +615,16 @@ TEST(FtpServer, UploadsOverAFileReplaceItOnlyWhenComplete) {
         auto previous = ::signal(SIGXFSZ, SIG_IGN);
         rlimit small{100000, saved.rlim_max};
         ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
-        auto full = upload(c, "keep.txt", content);
+        auto full = c.store("keep.txt", content);
         ::setrlimit(RLIMIT_FSIZE, &saved);
         ::signal(SIGXFSZ, previous);
         EXPECT_EQ(full, "451 Requested action aborted: local error in processing.");
     }
-    EXPECT_TRUE(test::fileHolds(srv / "keep.txt", old));
-    EXPECT_EQ(namesIn(srv.rootPath()), std::vector<std::string>{"keep.txt"});
+    untouched(srv);
 
     // A complete upload takes the old file's place, with its permissions.
     fs::permissions(srv / "keep.txt", fs::perms(0640));
-    EXPECT_EQ(upload(c, "keep.txt", content), "226 Transfer complete.");
+    EXPECT_EQ(c.store("keep.txt", content), "226 Transfer complete.");
     EXPECT_TRUE(test::fileHolds(srv / "keep.txt", content));
     EXPECT_EQ(fs::status(srv / "keep.txt").permissions(), fs::perms(0640));
     EXPECT_EQ(namesIn(srv.rootPath()), std::vector<std::string>{"keep.txt"});
@@ -748,11 +637,9 @@ TEST(FtpServer, UploadsOverAFileReplaceItOnlyWhenComplete) {
     RawFtpClient d(impatient.port());
     ASSERT_TRUE(d.login("bob", "s3cret pw"));
     ASSERT_TRUE(d.ask("PASV").starts_with("227 "));
-    d.send("STOR keep.txt");
-    EXPECT_EQ(d.reply().back(), "150 Opening BINARY mode data connection for 'keep.txt'.");
-    EXPECT_EQ(d.reply().back(), "425 Can't open data connection.");
-    EXPECT_TRUE(test::fileHolds(impatient / "keep.txt", old));
-    EXPECT_EQ(namesIn(impatient.rootPath()), std::vector<std::string>{"keep.txt"});
+    EXPECT_EQ(d.ask("STOR keep.txt"), "150 Opening BINARY mode data connection for 'keep.txt'.");
+    EXPECT_EQ(d.last(), "425 Can't open data connection.");
+    untouched(impatient);
 }
 
 TEST(FtpServer, RefusesFifosWithoutHoldingUpOtherSessionsAndNamesWithLineBreaks) {
@@ -772,7 +659,7 @@ TEST(FtpServer, RefusesFifosWithoutHoldingUpOtherSessionsAndNamesWithLineBreaks)
     RawFtpClient c(srv.port());
     ASSERT_TRUE(c.login("bob", "s3cret pw"));
     // A CR (an LF always ends the line) never gets into a name.
-    EXPECT_EQ(upload(c, "new\rname", "x"), "553 new?name: Permission denied.");
+    EXPECT_EQ(c.store("new\rname", "x"), "553 new?name: Permission denied.");
     EXPECT_EQ(c.ask("MKD new\rfolder"), "550 MKD command failed.");
     EXPECT_EQ(c.ask("RNFR f.txt"), "350 RNFR command successful.");
     EXPECT_EQ(c.ask("RNTO f\r.txt"), "550 RNTO command failed.");
@@ -837,23 +724,17 @@ TEST(FtpServer, NoCommandReachesOutsideWhileALinkIsSwappedInUnderIt) {
     for (bool openat2 : {true, false}) {
         FtpPath::setOpenat2Allowed(openat2);
         for (int round = 0; round < 200; ++round) {
-            auto data = c.passive();
-            ASSERT_TRUE(data);
-            c.send("RETR d/f");
-            if (c.reply().back().starts_with("150 ")) {
-                auto got = RawFtpClient::readAll(*data);
-                EXPECT_NE(got, canary) << "served the file outside";
-                served += got == "inside";
-                c.reply();
-            }
+            auto got = c.fetch("RETR d/f").data;
+            EXPECT_NE(got, canary) << "served the file outside";
+            served += got == "inside";
             EXPECT_NE(c.ask("SIZE d/f"), canarySize);
             EXPECT_NE(c.ask("MDTM d/f"), canaryMdtm);
             c.ask("MFMT 20200101000000 d/f");
-            upload(c, "d/f", "inside");
-            upload(c, "d/new", "new");
+            c.store("d/f", "inside");
+            c.store("d/new", "new");
             c.ask("DELE d/new");
             c.ask("DELE d/f");
-            upload(c, "d/f", "inside");
+            c.store("d/f", "inside");
             c.ask("MKD d/m");
             c.ask("RMD d/m");
             c.ask("RNFR x");
@@ -861,13 +742,7 @@ TEST(FtpServer, NoCommandReachesOutsideWhileALinkIsSwappedInUnderIt) {
                 c.ask("RNFR d/x");
                 c.ask("RNTO x");
             }
-            data = c.passive();
-            ASSERT_TRUE(data);
-            c.send("NLST d");
-            if (c.reply().back().starts_with("150 ")) {
-                EXPECT_FALSE(test::contains(RawFtpClient::readAll(*data), "only-outside"));
-                c.reply();
-            }
+            EXPECT_FALSE(test::contains(c.fetch("NLST d").data, "only-outside"));
         }
     }
     cleanup.reset();

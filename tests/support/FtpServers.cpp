@@ -241,6 +241,17 @@ bool listensOn(pid_t pid, int port) {
     return false;
 }
 
+// An FTP server record for 127.0.0.1:`port`.
+ServerInfoPtr loopbackRecord(int port, const std::string& user, const std::string& password) {
+    auto info = std::make_shared<ServerInfo>();
+    info->protocolType = ProtocolType::FTP;
+    info->setValue(std::string("127.0.0.1"), ServerProp::ADDR);
+    info->setValue(std::to_string(port), ServerProp::PORT);
+    info->setValue(user, ServerProp::USERNAME);
+    info->setValue(password, ServerProp::PASSWORD);
+    return info;
+}
+
 void writeText(const std::string& path, const std::string& text, mode_t mode = 0644) {
     std::ofstream(path, std::ios::binary) << text;
     ::chmod(path.c_str(), mode);
@@ -280,8 +291,6 @@ FtpServer::FtpServer(FtpServerKind kind, const FtpServerOptions& options)
     if (kind_ != FtpServerKind::Vsftpd) {
         uid_ = kNobody;
         gid_ = kNogroup;
-    }
-    if (kind_ != FtpServerKind::Vsftpd) {
         user_ = "tester";
         password_ = "secret pass";
     }
@@ -534,19 +543,15 @@ std::string FtpServer::log() const {
 std::vector<long long> FtpServer::restOffsets() const {
     std::vector<long long> out;
     std::ifstream in(dir_.path() + "/events.log");
-    std::string what;
-    std::string value;
-    while (in >> what >> value)
+    for (std::string what, value; in >> what >> value;)
         if (what == "REST") out.push_back(std::stoll(value));
     return out;
 }
 
 int FtpServer::events(std::string_view kind) const {
     std::ifstream in(dir_.path() + "/events.log");
-    std::string what;
-    std::string value;
     int n = 0;
-    while (in >> what >> value) n += what == kind;
+    for (std::string what, value; in >> what >> value;) n += what == kind;
     return n;
 }
 
@@ -588,13 +593,8 @@ std::string FtpServer::url(std::string_view serverPath) const {
 }
 
 ServerInfoPtr FtpServer::serverInfo(std::string_view ftpProtocol) const {
-    auto info = std::make_shared<ServerInfo>();
-    info->protocolType = ProtocolType::FTP;
+    auto info = loopbackRecord(port_, user_, password_);
     info->displayName = name();
-    info->setValue(std::string("127.0.0.1"), ServerProp::ADDR);
-    info->setValue(std::to_string(port_), ServerProp::PORT);
-    info->setValue(user_, ServerProp::USERNAME);
-    info->setValue(password_, ServerProp::PASSWORD);
     info->setValue(
         options_.implicitTls ? std::string("FTP_PROTOCOL_IMPLICIT") : std::string(ftpProtocol),
         ServerProp::FTP_PROTOCOL);
@@ -672,13 +672,7 @@ ScriptedFtpServer::~ScriptedFtpServer() {
 }
 
 ServerInfoPtr ScriptedFtpServer::serverInfo() const {
-    auto info = std::make_shared<ServerInfo>();
-    info->protocolType = ProtocolType::FTP;
-    info->setValue(std::string("127.0.0.1"), ServerProp::ADDR);
-    info->setValue(std::to_string(port_), ServerProp::PORT);
-    info->setValue(std::string("u"), ServerProp::USERNAME);
-    info->setValue(std::string("p"), ServerProp::PASSWORD);
-    return info;
+    return loopbackRecord(port_, "u", "p");
 }
 
 int ScriptedFtpServer::bystanderConnections() {

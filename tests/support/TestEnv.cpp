@@ -1,10 +1,7 @@
 #include "support/TestEnv.h"
 
 #include <fcntl.h>
-#include <poll.h>
-#include <spawn.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -22,8 +19,8 @@
 #include "core/AppPreference.h"
 #include "core/DBManager.h"
 #include "core/MainQueue.h"
-
-extern char** environ;
+#include "support/ChildProcess.h"
+#include "transfer/FileTransferTaskManager.h"
 
 namespace fs = std::filesystem;
 
@@ -99,75 +96,9 @@ ScopedTimeZone::~ScopedTimeZone() {
 }
 
 CommandResult runProgram(const std::vector<std::string>& argv, const std::string& input) {
-    int inPipe[2], outPipe[2], errPipe[2];
-    if (::pipe2(inPipe, O_CLOEXEC) || ::pipe2(outPipe, O_CLOEXEC) || ::pipe2(errPipe, O_CLOEXEC))
-        throw std::runtime_error("pipe failed");
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, inPipe[0], 0);
-    posix_spawn_file_actions_adddup2(&actions, outPipe[1], 1);
-    posix_spawn_file_actions_adddup2(&actions, errPipe[1], 2);
-    std::vector<char*> args;
-    for (auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-    args.push_back(nullptr);
-    pid_t pid = 0;
-    int rc = ::posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(inPipe[0]);
-    ::close(outPipe[1]);
-    ::close(errPipe[1]);
-    CommandResult result;
-    if (rc != 0) {
-        ::close(inPipe[1]);
-        ::close(outPipe[0]);
-        ::close(errPipe[0]);
-        result.err = "cannot start " + argv[0];
-        return result;
-    }
-    std::size_t written = 0;
-    if (input.empty()) {
-        ::close(inPipe[1]);
-        inPipe[1] = -1;
-    }
-    bool outOpen = true, errOpen = true;
-    char buf[65536];
-    while (outOpen || errOpen) {
-        pollfd fds[3];
-        int n = 0;
-        if (outOpen) fds[n++] = {outPipe[0], POLLIN, 0};
-        if (errOpen) fds[n++] = {errPipe[0], POLLIN, 0};
-        if (inPipe[1] >= 0) fds[n++] = {inPipe[1], POLLOUT, 0};
-        if (::poll(fds, n, -1) < 0) continue;
-        for (int i = 0; i < n; ++i) {
-            if (!fds[i].revents) continue;
-            if (fds[i].fd == inPipe[1]) {
-                ssize_t w = ::write(inPipe[1], input.data() + written, input.size() - written);
-                if (w > 0) written += static_cast<std::size_t>(w);
-                if (w < 0 || written == input.size()) {
-                    ::close(inPipe[1]);
-                    inPipe[1] = -1;
-                }
-                continue;
-            }
-            ssize_t r = ::read(fds[i].fd, buf, sizeof buf);
-            if (r <= 0) {
-                if (fds[i].fd == outPipe[0])
-                    outOpen = false;
-                else
-                    errOpen = false;
-                continue;
-            }
-            (fds[i].fd == outPipe[0] ? result.out : result.err)
-                .append(buf, static_cast<std::size_t>(r));
-        }
-    }
-    if (inPipe[1] >= 0) ::close(inPipe[1]);
-    ::close(outPipe[0]);
-    ::close(errPipe[0]);
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    return result;
+    ChildProcess p(argv, input);
+    int status = p.wait(std::chrono::hours(1));
+    return {status, p.out(), p.err()};
 }
 
 CommandResult runQuillon(const std::vector<std::string>& args, const std::string& input) {

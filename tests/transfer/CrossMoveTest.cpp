@@ -60,16 +60,6 @@ std::unique_ptr<FtpServer> startOrFail(FtpServerKind kind) {
     return startFtpServer(kind);
 }
 
-std::shared_ptr<CrossMoveTask> runMove(FileTransferTaskManager& manager, const ServerInfoPtr& from,
-                                       const KvMetadata& item, const ServerInfoPtr& to,
-                                       const KvMetadata& folder) {
-    auto task = makeTask<CrossMoveTask>(from, item, to, folder);
-    manager.addTask(task);
-    manager.start();
-    runToEnd(manager);
-    return task;
-}
-
 }  // namespace
 
 TEST(CrossMoveTask, VerifiedCopyDeletesTheSourceAlsoUnderAKeepBothName) {
@@ -91,7 +81,8 @@ TEST(CrossMoveTask, VerifiedCopyDeletesTheSourceAlsoUnderAKeepBothName) {
     prompts->conflictAnswers.push_back({ConflictAction::KeepBoth, false});
     manager.setUserPrompts(prompts);
 
-    auto folderMove = runMove(manager, src, remoteItem(src, "/album"), dst, remoteFolder(dst, "/"));
+    auto folderMove =
+        runOne<CrossMoveTask>(manager, src, remoteItem(src, "/album"), dst, remoteFolder(dst, "/"));
     ASSERT_EQ(folderMove->state(), TransferTaskState::Completed)
         << folderMove->error().value_or(Error{}).describe();
     EXPECT_FALSE(fs::exists(from->hostPath("/album")));
@@ -99,8 +90,8 @@ TEST(CrossMoveTask, VerifiedCopyDeletesTheSourceAlsoUnderAKeepBothName) {
     EXPECT_TRUE(fileHolds(to->hostPath("/album/.cover"), "c"));
     EXPECT_TRUE(fs::is_directory(to->hostPath("/album/empty")));
 
-    auto fileMove =
-        runMove(manager, src, remoteItem(src, "/notes.txt"), dst, remoteFolder(dst, "/"));
+    auto fileMove = runOne<CrossMoveTask>(manager, src, remoteItem(src, "/notes.txt"), dst,
+                                          remoteFolder(dst, "/"));
     ASSERT_EQ(prompts->conflictsAsked.size(), 1u);
     EXPECT_TRUE(prompts->conflictsAsked[0].hideReplaceButton);
     ASSERT_EQ(fileMove->state(), TransferTaskState::Completed)
@@ -113,8 +104,8 @@ TEST(CrossMoveTask, VerifiedCopyDeletesTheSourceAlsoUnderAKeepBothName) {
     // Local disk to a server is a cross move as well.
     ScratchDir dir("crossmovelocal");
     writeFile(dir / "local.txt", "from disk");
-    auto fromDisk =
-        runMove(manager, localServer(), localItem(dir / "local.txt"), dst, remoteFolder(dst, "/"));
+    auto fromDisk = runOne<CrossMoveTask>(manager, localServer(), localItem(dir / "local.txt"), dst,
+                                          remoteFolder(dst, "/"));
     ASSERT_EQ(fromDisk->state(), TransferTaskState::Completed)
         << fromDisk->error().value_or(Error{}).describe();
     EXPECT_TRUE(fileHolds(to->hostPath("/local.txt"), "from disk"));
@@ -141,10 +132,7 @@ TEST(CrossMoveTask, CopyOneByteShortReports10013AndKeepsTheSource) {
         makeTask<CrossMoveTask>(src, remoteItem(src, "/data.bin"), dst, remoteFolder(dst, "/"));
     auto folder =
         makeTask<CrossMoveTask>(src, remoteItem(src, "/tree"), dst, remoteFolder(dst, "/"));
-    manager.addTask(file);
-    manager.addTask(folder);
-    manager.start();
-    runToEnd(manager);
+    runAll(manager, file, folder);
     for (auto& task : {file, folder}) {
         ASSERT_EQ(task->state(), TransferTaskState::Failed);
         EXPECT_EQ(task->error()->domain, "Kv Generic");
@@ -185,9 +173,7 @@ TEST(CrossMoveTask, CancelDuringCopyKeepsSourceAndRemovesScratch) {
     auto task =
         makeTask<CrossMoveTask>(src, remoteItem(src, "/big.bin"), dst, remoteFolder(dst, "/"));
     view->stop = [&] { manager.stopTask(task); };
-    manager.addTask(task);
-    manager.start();
-    runToEnd(manager);
+    runAll(manager, task);
     EXPECT_EQ(task->state(), TransferTaskState::Stopped);
     EXPECT_EQ(fs::file_size(from->hostPath("/big.bin")), 2ull << 30);
     EXPECT_FALSE(fs::exists(to->hostPath("/big.bin")));

@@ -50,21 +50,6 @@ void expectUploadedTree(const std::string& root) {
               (std::vector<std::string>{".hidden", "a.txt", "empty", "link-to-a", "sub"}));
 }
 
-template <typename Task>
-std::shared_ptr<Task> runOne(FileTransferTaskManager& manager, const ServerInfoPtr& from,
-                             const KvMetadata& item, const ServerInfoPtr& to,
-                             const KvMetadata& folder) {
-    auto task = makeTask<Task>(from, item, to, folder);
-    manager.addTask(task);
-    manager.start();
-    runToEnd(manager);
-    return task;
-}
-
-std::string describe(const FileTransferTask& t) {
-    return std::string(stateName(t.state())) + " " + t.error().value_or(Error{}).describe();
-}
-
 // A view that calls `onFirstBytes` once, at the first progress report with bytes moved.
 struct FirstBytesView : FileTransferView {
     std::function<void()> onFirstBytes;
@@ -88,8 +73,9 @@ void makeSparseFile(const std::string& path, std::uint64_t size) {
 
 }  // namespace
 
-TEST(FtpTransfer, UploadsTreeAndDownloadsItBack) {
-    IsolatedHome home;
+using FtpTransfer = TransferFixture;
+
+TEST_F(FtpTransfer, UploadsTreeAndDownloadsItBack) {
     for (auto kind : {FtpServerKind::Vsftpd, FtpServerKind::PureFtpd}) {
         SCOPED_TRACE(std::string(ftpServerKindName(kind)));
         auto server = startFtpServer(kind);
@@ -120,8 +106,7 @@ TEST(FtpTransfer, UploadsTreeAndDownloadsItBack) {
     }
 }
 
-TEST(FtpTransfer, DownloadedLinkIsAFileNamedAfterItsTarget) {
-    IsolatedHome home;
+TEST_F(FtpTransfer, DownloadedLinkIsAFileNamedAfterItsTarget) {
     // vsftpd lists links with their targets ("name -> target").
     auto server = startFtpServer(FtpServerKind::Vsftpd);
     if (!server) return;
@@ -130,8 +115,6 @@ TEST(FtpTransfer, DownloadedLinkIsAFileNamedAfterItsTarget) {
     ASSERT_EQ(::symlink("../elsewhere/target.txt", server->hostPath("/box/shortcut").c_str()), 0);
     server->chownTree();
     auto ftp = server->serverInfo();
-    ScratchDir dir("ftplink");
-    FileTransferTaskManager manager;
     auto down = runOne<DownloadTask>(manager, ftp, remoteItem(ftp, "/box"), localServer(),
                                      localFolder(dir.path()));
     ASSERT_EQ(down->state(), TransferTaskState::Completed) << describe(*down);
@@ -140,8 +123,7 @@ TEST(FtpTransfer, DownloadedLinkIsAFileNamedAfterItsTarget) {
     EXPECT_TRUE(fileHolds(dir / "box/target.txt", "pointed at"));
 }
 
-TEST(FtpTransfer, CrossCopyBetweenTwoDifferentServers) {
-    IsolatedHome home;
+TEST_F(FtpTransfer, CrossCopyBetweenTwoDifferentServers) {
     auto from = startFtpServer(FtpServerKind::PureFtpd);
     auto to = startFtpServer(FtpServerKind::Vsftpd);
     if (!from || !to) return;
@@ -152,7 +134,6 @@ TEST(FtpTransfer, CrossCopyBetweenTwoDifferentServers) {
     from->chownTree();
     auto src = from->serverInfo();
     auto dst = to->serverInfo();
-    FileTransferTaskManager manager;
     auto copy =
         runOne<CrossCopyTask>(manager, src, remoteItem(src, "/tree"), dst, remoteFolder(dst, "/"));
     ASSERT_EQ(copy->state(), TransferTaskState::Completed) << describe(*copy) << to->log();
@@ -179,17 +160,14 @@ TEST(FtpTransfer, CrossCopyBetweenTwoDifferentServers) {
     EXPECT_TRUE(fileHolds(to->hostPath("/tree-1/sub/b.bin"), std::string(200000, 'b')));
 }
 
-TEST(FtpTransfer, KeepBothAndReplaceOnTheServer) {
-    IsolatedHome home;
+TEST_F(FtpTransfer, KeepBothAndReplaceOnTheServer) {
     auto server = startFtpServer(FtpServerKind::PureFtpd);
     if (!server) return;
     server->writeFile("/docs/report.txt", "first");
     server->writeFile("/docs/report-1.txt", "second");
     server->chownTree();
     auto ftp = server->serverInfo();
-    ScratchDir dir("ftpconflict");
     writeFile(dir / "report.txt", "newest");
-    FileTransferTaskManager manager;
     manager.setMaxSimultaneousTransfers(1);
     auto prompts = std::make_shared<ScriptedPrompts>();
     prompts->conflictAnswers.push_back({ConflictAction::KeepBoth, false});
@@ -219,24 +197,19 @@ TEST(FtpTransfer, KeepBothAndReplaceOnTheServer) {
     EXPECT_TRUE(fileHolds(dir / "local/report.txt", "l0"));
 }
 
-TEST(FtpTransfer, CancelledDownloadLeavesTargetFolderUntouched) {
-    IsolatedHome home;
+TEST_F(FtpTransfer, CancelledDownloadLeavesTargetFolderUntouched) {
     auto server = startFtpServer(FtpServerKind::Vsftpd);
     if (!server) return;
     makeSparseFile(server->hostPath("/huge.bin"), 3ull << 30);
     server->chownTree();
     auto ftp = server->serverInfo();
-    ScratchDir dir("ftpcancel");
     writeFile(dir / "target/existing.txt", "mine");
-    FileTransferTaskManager manager;
     auto view = std::make_shared<FirstBytesView>();
     manager.setFileTransferView(view);
     auto task = makeTask<DownloadTask>(ftp, remoteItem(ftp, "/huge.bin"), localServer(),
                                        localFolder(dir / "target"));
     view->onFirstBytes = [&] { manager.stopTask(task); };
-    manager.addTask(task);
-    manager.start();
-    runToEnd(manager);
+    runAll(manager, task);
     EXPECT_TRUE(view->fired);
     EXPECT_EQ(task->state(), TransferTaskState::Stopped);
     EXPECT_FALSE(task->error());
@@ -247,16 +220,13 @@ TEST(FtpTransfer, CancelledDownloadLeavesTargetFolderUntouched) {
     EXPECT_TRUE(fs::is_empty(PathUtils::getAppTempPath()));
 }
 
-TEST(FtpTransfer, ServerKilledMidDownloadFailsWithoutPartialTarget) {
-    IsolatedHome home;
+TEST_F(FtpTransfer, ServerKilledMidDownloadFailsWithoutPartialTarget) {
     auto server = startFtpServer(FtpServerKind::Pyftpdlib);
     if (!server) return;
     makeSparseFile(server->hostPath("/huge.bin"), 3ull << 30);
     server->chownTree();
     auto ftp = server->serverInfo();
-    ScratchDir dir("ftpkilled");
     fs::create_directories(dir / "target");
-    FileTransferTaskManager manager;
     auto prompts = std::make_shared<ScriptedPrompts>();
     manager.setUserPrompts(prompts);
     auto view = std::make_shared<FirstBytesView>();
@@ -275,18 +245,14 @@ TEST(FtpTransfer, ServerKilledMidDownloadFailsWithoutPartialTarget) {
     EXPECT_FALSE(fs::exists(task->taskTempFolderPath()));
 }
 
-TEST(FtpTransfer, DownloadLargerThanFreeSpaceFailsBeforeAnyByte) {
-    IsolatedHome home;
+TEST_F(FtpTransfer, DownloadLargerThanFreeSpaceFailsBeforeAnyByte) {
     auto server = startFtpServer(FtpServerKind::Pyftpdlib);
     if (!server) return;
-    // Larger than every volume of this machine can hold, so no mount is needed for the check
-    // itself; the command-line test runs the same case onto a small tmpfs.
-    ScratchDir dir("ftpnospace");
+    // Larger than every volume of this machine can hold, so no mount is needed for the check.
     auto free = FileTransferUtils::totalFreeDiskSpace(dir.path());
     makeSparseFile(server->hostPath("/enormous.bin"), free + (5ull << 30));
     server->chownTree();
     auto ftp = server->serverInfo();
-    FileTransferTaskManager manager;
     auto view = std::make_shared<FirstBytesView>();
     bool moved = false;
     view->onFirstBytes = [&] { moved = true; };

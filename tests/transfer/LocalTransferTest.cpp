@@ -65,9 +65,7 @@ TEST(CopyTask, CopiesTreeWithEmptyFoldersHiddenFilesAndLinks) {
     fs::create_directories(dir / "dst");
     FileTransferTaskManager manager;
     auto task = localTask<CopyTask>(dir / "src/tree", dir / "dst");
-    manager.addTask(task);
-    manager.start();
-    runToEnd(manager);
+    runAll(manager, task);
     ASSERT_EQ(task->state(), TransferTaskState::Completed)
         << task->error().value_or(Error{}).reason;
     expectSameTree(dir / "src/tree", dir / "dst/tree");
@@ -80,10 +78,7 @@ TEST(CopyTask, CopiesTreeWithEmptyFoldersHiddenFilesAndLinks) {
     // A lone link is copied as a link; an empty folder as an empty folder, with 0 bytes.
     auto link = localTask<CopyTask>(dir / "src/tree/link-to-sub", dir / "dst");
     auto empty = localTask<CopyTask>(dir / "src/tree/empty/deeper/deepest", dir / "dst");
-    manager.addTask(link);
-    manager.addTask(empty);
-    manager.start();
-    runToEnd(manager);
+    runAll(manager, link, empty);
     EXPECT_EQ(link->state(), TransferTaskState::Completed);
     EXPECT_EQ(fs::read_symlink(dir / "dst/link-to-sub"), "sub");
     EXPECT_EQ(empty->state(), TransferTaskState::Completed);
@@ -109,9 +104,7 @@ TEST(CopyTask, KeepBothAndReplace) {
     auto keep = localTask<CopyTask>(dir / "src/report.txt", dir / "dst");
     auto replaceFile = localTask<CopyTask>(dir / "src/report.txt", dir / "dst");
     auto replaceFolder = localTask<CopyTask>(dir / "src/folder", dir / "dst");
-    for (auto& t : {keep, replaceFile, replaceFolder}) manager.addTask(t);
-    manager.start();
-    runToEnd(manager);
+    for (auto& t : {keep, replaceFile, replaceFolder}) runAll(manager, t);
     EXPECT_EQ(prompts->conflictsAsked.size(), 3u);
     EXPECT_EQ(readFile(dir / "dst/report-2.txt"), "new report");
     EXPECT_EQ(keep->targetMetadata.nameOrEmpty(), "report-2.txt");
@@ -158,9 +151,7 @@ TEST(CopyTask, CancelledCopyLeavesNoPartialFile) {
         if (!once.exchange(true)) manager.stopTask(task);
         return 1e9;
     });
-    manager.addTask(task);
-    manager.start();
-    runToEnd(manager);
+    runAll(manager, task);
     FileTransferTask::setClock(nullptr);
     EXPECT_EQ(task->state(), TransferTaskState::Stopped);
     EXPECT_FALSE(task->error());
@@ -173,9 +164,7 @@ TEST(CopyTask, MissingSourceFailsWithNotFound) {
     fs::create_directories(dir / "dst");
     FileTransferTaskManager manager;
     auto task = localTask<CopyTask>(dir / "nothing.txt", dir / "dst");
-    manager.addTask(task);
-    manager.start();
-    runToEnd(manager);
+    runAll(manager, task);
     ASSERT_EQ(task->state(), TransferTaskState::Failed);
     EXPECT_EQ(task->error()->domain, "Kv Generic");
     EXPECT_EQ(task->error()->reason, "Not Found: " + dir / "nothing.txt");
@@ -186,9 +175,7 @@ TEST(CopyTask, MissingSourceFailsWithNotFound) {
         fs::create_directories(dir / "ro");
         ::chmod((dir / "ro").c_str(), 0555);
         auto denied = localTask<CopyTask>(dir / "src.txt", dir / "ro");
-        manager.addTask(denied);
-        manager.start();
-        runToEnd(manager);
+        runAll(manager, denied);
         ASSERT_EQ(denied->state(), TransferTaskState::Failed);
         EXPECT_EQ(denied->error()->domain, "Local");
         EXPECT_EQ(denied->error()->reason, "Cannot create file " + dir / "ro/src.txt");
@@ -209,9 +196,7 @@ TEST(MoveTask, MovesSeveralItemsInOneTaskAndHandlesConflicts) {
     task->sourceItems.push_back(localItem(dir / "src/dir"));
     task->sourceMetadata = task->sourceItems.front();
     task->targetMetadata = localFolder(dir / "dst");
-    manager.addTask(task);
-    manager.start();
-    runToEnd(manager);
+    runAll(manager, task);
     ASSERT_EQ(task->state(), TransferTaskState::Completed)
         << task->error().value_or(Error{}).reason;
     EXPECT_TRUE(fs::is_empty(dir / "src"));
@@ -225,9 +210,7 @@ TEST(MoveTask, MovesSeveralItemsInOneTaskAndHandlesConflicts) {
     prompts->conflictAnswers.push_back({ConflictAction::KeepBoth, true});
     manager.setUserPrompts(prompts);
     auto keep = localTask<MoveTask>(dir / "src/f0", dir / "dst");
-    manager.addTask(keep);
-    manager.start();
-    runToEnd(manager);
+    runAll(manager, keep);
     EXPECT_EQ(readFile(dir / "dst/f0-1"), "newer");
     EXPECT_EQ(readFile(dir / "dst/f0"), "0");
 }

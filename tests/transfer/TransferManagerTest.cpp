@@ -1,6 +1,6 @@
 // The task queue: the concurrency limit, stopping, conflict questions with their apply-to-all
-// memory, failure alerts, completion rules and the refresh notification; and the shared helpers
-// (unique names, free space, progress observation).
+// memory and the check before them, failure alerts, observers, completion rules and the refresh
+// notification; and the shared helpers (unique names, free space, progress observation).
 #include <gtest/gtest.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
@@ -8,10 +8,12 @@
 #include <any>
 #include <atomic>
 #include <condition_variable>
+#include <mutex>
 
 #include "TransferTestKit.h"
 #include "clients/local/LocalWrapper.h"
 #include "core/AppPreference.h"
+#include "core/KvConnectionPool.h"
 #include "core/NotificationCenter.h"
 #include "transfer/CopyTask.h"
 #include "transfer/FileTransferUtils.h"
@@ -70,6 +72,23 @@ int countStarted(const std::vector<std::shared_ptr<GateTask>>& gates) {
     for (auto& g : gates) n += g->starts.load();
     return n;
 }
+
+struct EventLog : TransferObserver {
+    std::vector<std::string> events;
+    void taskStarted(FileTransferTask& task) override { add("started", task); }
+    void taskEnded(FileTransferTask& task) override { add("ended", task); }
+    void add(const char* what, FileTransferTask& task) {
+        events.push_back(std::string(what) + " " + task.sourceMetadata.nameOrEmpty());
+    }
+};
+
+// Keeps each failure alert open until the test answers it.
+struct LaterPrompts : UnattendedPrompts {
+    std::vector<FailureAnswer> open;
+    void alertTaskFailure(const std::string&, bool, FailureAnswer answer) override {
+        open.push_back(std::move(answer));
+    }
+};
 
 }  // namespace
 
@@ -177,11 +196,11 @@ TEST(FileTransferUtils, AnUploadThatArrivesShortFailsAndReplacesNothing) {
     EXPECT_EQ(readFile(dir / "dst/data.bin"), std::string(1000, 'd'));
 }
 
-TEST(TransferManager, FourthTaskWaitsForFreeSlot) {
-    IsolatedHome home;
+using TransferManager = TransferFixture;
+
+TEST_F(TransferManager, FourthTaskWaitsForFreeSlot) {
     auto& prefs = AppPreference::sharedAppPreference();
     prefs.setValue(PlistValue(std::int64_t{3}), PrefKey::MaxSimultaneousTransfers);
-    FileTransferTaskManager manager;
     EXPECT_EQ(manager.maxSimultaneousTransfers(), 3);
     auto gates = addGates(manager, 4);
     manager.start();
@@ -214,9 +233,7 @@ TEST(TransferManager, FourthTaskWaitsForFreeSlot) {
     runToEnd(manager);
 }
 
-TEST(TransferManager, StoppingWaitingTaskNeverStartsIt) {
-    IsolatedHome home;
-    FileTransferTaskManager manager;
+TEST_F(TransferManager, StoppingWaitingTaskNeverStartsIt) {
     manager.setMaxSimultaneousTransfers(1);
     auto gates = addGates(manager, 3);
     manager.start();
@@ -243,14 +260,11 @@ TEST(TransferManager, StoppingWaitingTaskNeverStartsIt) {
     EXPECT_EQ(batch[1]->starts + batch[2]->starts, 0);
 }
 
-TEST(TransferManager, ConflictQuestionsAndApplyToAll) {
-    IsolatedHome home;
-    ScratchDir dir("conflict");
+TEST_F(TransferManager, ConflictQuestionsAndApplyToAll) {
     for (auto n : {"a.txt", "b.txt", "c.txt"}) {
         writeFile(dir / ("src/" + std::string(n)), std::string("new ") + n);
         writeFile(dir / ("dst/" + std::string(n)), std::string("old ") + n);
     }
-    FileTransferTaskManager manager;
     manager.setMaxSimultaneousTransfers(1);
     auto prompts = std::make_shared<ScriptedPrompts>();
     manager.setUserPrompts(prompts);
@@ -280,10 +294,7 @@ TEST(TransferManager, ConflictQuestionsAndApplyToAll) {
     prompts->conflictAnswers.push_back({ConflictAction::KeepBoth, false});
     auto skipped = localTask<CopyTask>(dir / "src/a.txt", dir / "dst");
     auto kept = localTask<CopyTask>(dir / "src/b.txt", dir / "dst");
-    manager.addTask(skipped);
-    manager.addTask(kept);
-    manager.start();
-    runToEnd(manager);
+    runAll(manager, skipped, kept);
     EXPECT_EQ(prompts->conflictsAsked.size(), 3u);
     EXPECT_EQ(skipped->state(), TransferTaskState::Stopped);
     EXPECT_FALSE(skipped->error());
@@ -306,20 +317,15 @@ TEST(TransferManager, ConflictQuestionsAndApplyToAll) {
               (std::vector<std::string>{"report-1.txt", "report-2.txt", "report.txt"}));
 }
 
-TEST(TransferManager, MoveConflictOffersOnlyKeepBothAndSkip) {
-    IsolatedHome home;
-    ScratchDir dir("moveconflict");
+TEST_F(TransferManager, MoveConflictOffersOnlyKeepBothAndSkip) {
     writeFile(dir / "src/x.txt", "moving");
     writeFile(dir / "dst/x.txt", "staying");
-    FileTransferTaskManager manager;
     auto prompts = std::make_shared<ScriptedPrompts>();
     manager.setUserPrompts(prompts);
     // A replace answer to a move question is not one of its buttons: it counts as skip.
     prompts->conflictAnswers.push_back({ConflictAction::Replace, false});
     auto refused = localTask<MoveTask>(dir / "src/x.txt", dir / "dst");
-    manager.addTask(refused);
-    manager.start();
-    runToEnd(manager);
+    runAll(manager, refused);
     ASSERT_EQ(prompts->conflictsAsked.size(), 1u);
     EXPECT_TRUE(prompts->conflictsAsked[0].hideReplaceButton);
     EXPECT_EQ(refused->state(), TransferTaskState::Stopped);
@@ -328,9 +334,7 @@ TEST(TransferManager, MoveConflictOffersOnlyKeepBothAndSkip) {
 
     prompts->conflictAnswers.push_back({ConflictAction::KeepBoth, false});
     auto kept = localTask<MoveTask>(dir / "src/x.txt", dir / "dst");
-    manager.addTask(kept);
-    manager.start();
-    runToEnd(manager);
+    runAll(manager, kept);
     EXPECT_TRUE(prompts->conflictsAsked.back().hideReplaceButton);
     EXPECT_EQ(kept->state(), TransferTaskState::Completed);
     EXPECT_EQ(readFile(dir / "dst/x-1.txt"), "moving");
@@ -338,11 +342,8 @@ TEST(TransferManager, MoveConflictOffersOnlyKeepBothAndSkip) {
     EXPECT_FALSE(std::filesystem::exists(dir / "src/x.txt"));
 }
 
-TEST(TransferManager, FailureAlertOffersIgnoreOnlyWhileTasksWait) {
-    IsolatedHome home;
-    ScratchDir dir("failure");
+TEST_F(TransferManager, FailureAlertOffersIgnoreOnlyWhileTasksWait) {
     writeFile(dir / "src/ok.txt", "fine");
-    FileTransferTaskManager manager;
     manager.setMaxSimultaneousTransfers(1);
     auto prompts = std::make_shared<ScriptedPrompts>();
     manager.setUserPrompts(prompts);
@@ -351,10 +352,7 @@ TEST(TransferManager, FailureAlertOffersIgnoreOnlyWhileTasksWait) {
     auto missing = localTask<CopyTask>(dir / "src/gone.txt", dir / "dst");
     std::filesystem::create_directories(dir / "dst");
     auto fine = localTask<CopyTask>(dir / "src/ok.txt", dir / "dst");
-    manager.addTask(missing);
-    manager.addTask(fine);
-    manager.start();
-    runToEnd(manager);
+    runAll(manager, missing, fine);
     ASSERT_EQ(prompts->failuresShown.size(), 1u);
     EXPECT_TRUE(prompts->failuresShown[0].second);
     EXPECT_EQ(prompts->failuresShown[0].first, "Not Found: " + dir / "src/gone.txt");
@@ -366,16 +364,12 @@ TEST(TransferManager, FailureAlertOffersIgnoreOnlyWhileTasksWait) {
 
     // Nothing waiting: only "Stop" is offered, and it stops the queue.
     auto again = localTask<CopyTask>(dir / "src/gone.txt", dir / "dst");
-    manager.addTask(again);
-    manager.start();
-    runToEnd(manager);
+    runAll(manager, again);
     ASSERT_EQ(prompts->failuresShown.size(), 2u);
     EXPECT_FALSE(prompts->failuresShown[1].second);
 }
 
-TEST(TransferManager, RefreshNotificationAfterTheLastTaskOfAClass) {
-    IsolatedHome home;
-    ScratchDir dir("refresh");
+TEST_F(TransferManager, RefreshNotificationAfterTheLastTaskOfAClass) {
     writeFile(dir / "src/a.txt", "a");
     writeFile(dir / "src/b.txt", "b");
     std::filesystem::create_directories(dir / "dst");
@@ -385,7 +379,6 @@ TEST(TransferManager, RefreshNotificationAfterTheLastTaskOfAClass) {
             auto it = info.find(std::string(REFRESH_FOLDER_USER_INFO));
             if (it != info.end()) posted.push_back(std::any_cast<KvMetadataList>(it->second));
         });
-    FileTransferTaskManager manager;
     manager.setMaxSimultaneousTransfers(1);
     for (auto n : {"a.txt", "b.txt"}) {
         auto item = localItem(dir / ("src/" + std::string(n)));
@@ -401,6 +394,93 @@ TEST(TransferManager, RefreshNotificationAfterTheLastTaskOfAClass) {
     ASSERT_EQ(posted[0].size(), 2u);
     EXPECT_EQ(posted[0][0].pathOrEmpty(), dir / "src");
     EXPECT_EQ(posted[0][1].pathOrEmpty(), dir / "dst");
+}
+
+// What a transfer list hears: each task's start and end in order, and a failure alert answered
+// later (as a window's dialog is) holding the queue until it is answered.
+TEST_F(TransferManager, ObserversHearStartsAndEndsAndALaterAnswerHoldsTheQueue) {
+    writeFile(dir / "src/a.txt", "a");
+    writeFile(dir / "src/c.txt", "c");
+    std::filesystem::create_directories(dir / "dst");
+    manager.setMaxSimultaneousTransfers(1);
+    auto prompts = std::make_shared<LaterPrompts>();
+    manager.setUserPrompts(prompts);
+    auto log = std::make_shared<EventLog>();
+    manager.addObserver(log);
+    std::vector<std::shared_ptr<CopyTask>> tasks;
+    for (auto name : {"gone1", "a.txt", "gone2", "c.txt"}) {
+        tasks.push_back(localTask<CopyTask>(dir / (std::string("src/") + name), dir / "dst"));
+        manager.addTask(tasks.back());
+    }
+    manager.start();
+
+    ASSERT_TRUE(pumpUntil([&] { return prompts->open.size() == 1; }));
+    // The main queue runs on while the alert is open; the next task waits for the answer.
+    MainQueue::shared().runFor(std::chrono::milliseconds(50));
+    EXPECT_EQ(tasks[1]->state(), TransferTaskState::Waiting);
+    prompts->open[0](FailureChoice::Ignore);
+
+    ASSERT_TRUE(pumpUntil([&] { return prompts->open.size() == 2; }));
+    prompts->open[1](FailureChoice::Stop);
+    runToEnd(manager);
+    manager.removeObserver(log);
+
+    EXPECT_EQ(tasks[1]->state(), TransferTaskState::Completed);
+    EXPECT_EQ(tasks[3]->state(), TransferTaskState::Stopped);
+    EXPECT_EQ(log->events,
+              (std::vector<std::string>{"started gone1", "ended gone1", "started a.txt",
+                                        "ended a.txt", "started gone2", "ended gone2"}));
+    EXPECT_EQ(namesIn(dir / "dst"), std::vector<std::string>{"a.txt"});
+}
+
+// The name-conflict check before a transfer: a target that cannot be looked up stops the task
+// with that failure instead of letting it run as if the name were free.
+TEST_F(TransferManager, MoveOntoAnFtpNameIsRefusedWhenTheTargetCannotBeListed) {
+    // A scripted fake: listings fail on the server side while renames would succeed, and a
+    // rename there replaces what bears the new name.
+    std::mutex mutex;
+    std::vector<std::string> renames;
+    ScriptedFtpServer server(
+        "220 fake\r\n", [&](const std::string& line, ScriptedFtpServer::Session& s) -> std::string {
+            if (auto r = ScriptedFtpServer::basics(line); !r.empty()) return r;
+            if (line == "FEAT") return "211-Features:\r\n SIZE\r\n211 End\r\n";
+            if (line.starts_with("SIZE")) return "550 Could not get file size.\r\n";
+            if (line == "PASV") return s.passive();
+            if (line.starts_with("LIST") || line.starts_with("NLST"))
+                return "451 Requested action aborted: local error in processing.\r\n";
+            if (line.starts_with("RNFR") || line.starts_with("RNTO")) {
+                std::lock_guard lock(mutex);
+                renames.push_back(line);
+                return line.starts_with("RNFR") ? "350 Ready\r\n" : "250 Renamed\r\n";
+            }
+            return "500 Unknown command\r\n";
+        });
+    auto info = server.serverInfo();
+    registerBuiltinClients();
+
+    KvMetadata source("/incoming/report.txt");
+    source.protocolType = ProtocolType::FTP;
+    source.serverID = info->serverID;
+    KvMetadata folder("/archive");
+    folder.isDir = true;
+    folder.protocolType = ProtocolType::FTP;
+    folder.serverID = info->serverID;
+
+    auto prompts = std::make_shared<ScriptedPrompts>();
+    manager.setUserPrompts(prompts);
+    auto task = makeTask<MoveTask>(info, source, info, folder);
+    runAll(manager, task);
+    KvConnectionPool::clearConnectionPool();
+
+    {
+        std::lock_guard lock(mutex);
+        EXPECT_TRUE(renames.empty())
+            << "the move ran although the target could not be checked: " << renames.front();
+    }
+    EXPECT_TRUE(prompts->conflictsAsked.empty());
+    EXPECT_EQ(task->state(), TransferTaskState::Failed);
+    ASSERT_TRUE(task->error().has_value());
+    EXPECT_EQ(task->error()->domain, "FTP") << task->error()->describe();
 }
 
 TEST(ProgressObserver, ForwardsChangesCancelAndCompletion) {

@@ -122,6 +122,33 @@ std::shared_ptr<Task> makeTask(const ServerInfoPtr& from, const KvMetadata& item
     task->targetMetadata = folder;
     return task;
 }
+// Adds the tasks to the queue, starts it and serves it until every task has ended.
+template <typename... Tasks>
+void runAll(FileTransferTaskManager& manager, const Tasks&... tasks) {
+    (manager.addTask(tasks), ...);
+    manager.start();
+    runToEnd(manager);
+}
+// Makes one task and runs it to its end.
+template <typename Task>
+std::shared_ptr<Task> runOne(FileTransferTaskManager& manager, const ServerInfoPtr& from,
+                             const KvMetadata& item, const ServerInfoPtr& to,
+                             const KvMetadata& folder) {
+    auto task = makeTask<Task>(from, item, to, folder);
+    runAll(manager, task);
+    return task;
+}
+// A task's state and error, for failure messages.
+inline std::string describe(const FileTransferTask& t) {
+    return std::string(stateName(t.state())) + " " + t.error().value_or(Error{}).describe();
+}
+// A home and a scratch folder of their own for each test, and a task queue.
+class TransferFixture : public ::testing::Test {
+  protected:
+    IsolatedHome home;
+    ScratchDir dir{"transfer"};
+    FileTransferTaskManager manager;
+};
 // A task taking the local item `from` into the local folder `toFolder`.
 template <typename Task>
 std::shared_ptr<Task> localTask(const std::string& from, const std::string& toFolder) {

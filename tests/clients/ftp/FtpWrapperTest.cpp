@@ -51,6 +51,15 @@ class FtpWrapperTest : public ::testing::Test {
         return m;
     }
 
+    // A record for the scripted server with its features known, so that no FEAT is asked;
+    // PASV (whose reply carries an address) rather than EPSV.
+    static ServerInfoPtr scripted(const ScriptedFtpServer& s) {
+        auto info = s.serverInfo();
+        info->supportMLSD = true;
+        info->supportUTF8 = info->supportMFMT = info->supportEPSV = false;
+        return info;
+    }
+
     test::IsolatedHome home_;
     test::ScratchDir local_{"ftp-local"};
 };
@@ -462,11 +471,7 @@ TEST_F(FtpWrapperTest, NeverConnectsToAPasvAddressOtherThanTheServersAndHealsThe
         if (line.starts_with("REST")) return "350 Restarting\r\n";
         return "502 No\r\n";
     });
-    auto info = s.serverInfo();
-    info->supportMLSD = true;
-    info->supportUTF8 = false;
-    info->supportMFMT = false;
-    info->supportEPSV = false;  // PASV, whose reply carries the address
+    auto info = scripted(s);
     ASSERT_TRUE(ServerInfoService::sharedServerInfoService().saveServerInfo(*info));
     const std::string content = test::randomBytes(20000, 3);
     test::writeFile(local_ / "up.bin", content);
@@ -530,10 +535,7 @@ TEST_F(FtpWrapperTest, AStalledDataConnectionEndsInATimeOut) {
         }
         return "502 No\r\n";
     });
-    auto info = s.serverInfo();
-    info->supportMLSD = true;
-    info->supportUTF8 = false;
-    info->supportEPSV = false;
+    auto info = scripted(s);
     FtpWrapper w(info);
     w.setStallLimit(std::chrono::seconds(1));
 
@@ -579,10 +581,7 @@ TEST_F(FtpWrapperTest, TransfersThatDoNotEndAtTheExpectedSizeAreResumedOrFail) {
         }
         return "502 No\r\n";
     });
-    auto info = s.serverInfo();
-    info->supportUTF8 = false;
-    info->supportEPSV = false;
-    info->supportMFMT = false;
+    auto info = scripted(s);
     struct Case {
         const char* what;
         std::string sizeReply;
