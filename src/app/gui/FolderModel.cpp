@@ -3,7 +3,6 @@
 #include <QApplication>
 #include <QDateTime>
 #include <QIcon>
-#include <QLocale>
 #include <QMimeData>
 #include <QStyle>
 #include <QTimer>
@@ -69,6 +68,11 @@ FolderModel::~FolderModel() = default;
 std::string FolderModel::locationText(const Location& loc) {
     if (loc.isLocal()) return loc.path;
     return loc.server->serverID + ":" + loc.path;
+}
+
+std::string FolderModel::parentFolderPath(const std::string& path) {
+    auto parent = FileTransferUtils::parentPath(path);
+    return parent.empty() ? std::string(1, '/') : parent;
 }
 
 std::string FolderModel::keyOf(const Location& loc) {
@@ -248,11 +252,11 @@ QVariant FolderModel::data(const QModelIndex& index, int role) const {
                     return kindOf(m);
                 case Modified:
                     if (!m.timestamp) return QString();
-                    return QLocale().toString(QDateTime::fromSecsSinceEpoch(
-                                                  std::chrono::duration_cast<std::chrono::seconds>(
-                                                      m.timestamp->time_since_epoch())
-                                                      .count()),
-                                              QLocale::ShortFormat);
+                    return QDateTime::fromSecsSinceEpoch(
+                               std::chrono::duration_cast<std::chrono::seconds>(
+                                   m.timestamp->time_since_epoch())
+                                   .count())
+                        .toString(QStringLiteral("yyyy-MM-dd HH:mm"));
             }
             return {};
         case Qt::DecorationRole:

@@ -38,6 +38,8 @@ class FolderModel : public QAbstractTableModel {
     Location locationOf(int row) const;
     // How a location is written for resolveLocation: the local path, or "serverID:/path".
     static std::string locationText(const Location& loc);
+    // The folder that holds `path` ("/" for the top folder).
+    static std::string parentFolderPath(const std::string& path);
     // Expires with the model: work finishing later checks it before touching the window.
     std::weak_ptr<int> alive() const { return alive_; }
 

@@ -160,8 +160,7 @@ void FolderTab::forward() {
 void FolderTab::up() {
     if (!model_->folder() || model_->folder()->path == "/") return;
     Location parent = *model_->folder();
-    parent.path = FileTransferUtils::parentPath(parent.path);
-    if (parent.path.empty()) parent.path = "/";
+    parent.path = FolderModel::parentFolderPath(parent.path);
     navigate(parent, true);
 }
 

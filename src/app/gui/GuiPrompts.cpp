@@ -75,8 +75,13 @@ void GuiPrompts::showNext() {
         if (*answered) return;
         *answered = true;
         bool applyToAll = all->isChecked();
+        open_ = nullptr;
         dialog->close();
         question->answer(action, applyToAll);
+        // The next question once this one is answered (the answer may settle it).
+        if (window_)
+            QMetaObject::invokeMethod(
+                window_, [this] { showNext(); }, Qt::QueuedConnection);
     };
     if (!question->item.hideReplaceButton) {
         auto* replace =
@@ -91,12 +96,6 @@ void GuiPrompts::showNext() {
     skip->setDefault(true);
     QObject::connect(skip, &QPushButton::clicked, dialog, [give] { give(ConflictAction::Skip); });
     QObject::connect(dialog, &QDialog::rejected, dialog, [give] { give(ConflictAction::Skip); });
-    QObject::connect(dialog, &QObject::destroyed, dialog, [this] {
-        // The next question once this window has gone.
-        if (window_)
-            QMetaObject::invokeMethod(
-                window_, [this] { showNext(); }, Qt::QueuedConnection);
-    });
     open_ = dialog;
     dialog->open();
 }

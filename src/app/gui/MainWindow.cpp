@@ -39,11 +39,15 @@ class ProgressDelegate : public QStyledItemDelegate {
     void paint(QPainter* painter, const QStyleOptionViewItem& option,
                const QModelIndex& index) const override {
         int value = index.data(TransferList::kProgressRole).toInt();
+        if (value < 0) {  // the size is not known yet: the bytes so far, without a bar
+            QStyledItemDelegate::paint(painter, option, index);
+            return;
+        }
         QStyleOptionProgressBar bar;
         bar.rect = option.rect.adjusted(2, 2, -2, -2);
         bar.minimum = 0;
-        bar.maximum = value < 0 ? 0 : 100;  // unknown size: a busy bar
-        bar.progress = std::max(value, 0);
+        bar.maximum = 100;
+        bar.progress = value;
         bar.text = index.data().toString();
         bar.textVisible = true;
         bar.state = option.state | QStyle::State_Horizontal;
@@ -221,7 +225,7 @@ void MainWindow::buildActions() {
             for (int i = 0; i < p->count(); ++i)
                 static_cast<FolderTab*>(p->widget(i))->model()->refresh();
     });
-    add(view, tr("Refresh"), "view-refresh", QKeySequence::Refresh,
+    add(view, tr("Refresh"), "view-refresh", QKeySequence(Qt::CTRL | Qt::Key_R),
         [this] { activePanel()->currentTab()->model()->refresh(); });
 
     add(go, tr("Back"), "go-previous", QKeySequence::Back,
@@ -354,24 +358,39 @@ void MainWindow::transfer(const std::vector<std::string>& sources, const std::st
         if (!problems.isEmpty()) showMessage(problems.join("\n"), true);
         return;
     }
-    inBackground([to = *to, from,
-                  moving] { return TransferPlanner::plan(to, from, moving, /*recursive=*/true); },
-                 [this, problems](std::expected<TransferPlan, Refusal> plan) mutable {
-                     if (!plan) {
-                         showMessage(errorText(plan.error()), true);
-                         return;
-                     }
-                     for (auto& refusal : plan->refusals) problems << errorText(refusal);
-                     for (auto& p : plan->transfers) {
-                         transfers_->add(p.task, p.label);
-                         manager_.addTask(p.task);
-                     }
-                     if (!plan->transfers.empty()) manager_.start();
-                     if (!problems.isEmpty())
-                         showMessage(problems.join("\n"), true);
-                     else
-                         showMessage(tr("%n transfer(s) queued.", "", int(plan->transfers.size())));
-                 });
+    // A plain pair rather than std::expected: GCC 12 warns about moving an expected through
+    // two lambdas.
+    struct Outcome {
+        TransferPlan plan;
+        std::optional<Refusal> refused;
+    };
+    inBackground(
+        [to = *to, from, moving] {
+            Outcome out;
+            if (auto plan = TransferPlanner::plan(to, from, moving, /*recursive=*/true))
+                out.plan = std::move(*plan);
+            else
+                out.refused = plan.error();
+            return out;
+        },
+        [this, problems](Outcome outcome) mutable {
+            if (outcome.refused) {
+                showMessage(errorText(*outcome.refused), true);
+                return;
+            }
+            auto& plan = outcome.plan;
+            for (auto& refusal : plan.refusals) problems << errorText(refusal);
+            for (auto& p : plan.transfers) {
+                transfers_->add(p.task, p.label);
+                manager_.addTask(p.task);
+            }
+            if (!plan.transfers.empty()) manager_.start();
+            int n = static_cast<int>(plan.transfers.size());
+            if (!problems.isEmpty())
+                showMessage(problems.join("\n"), true);
+            else
+                showMessage(n == 1 ? tr("1 transfer queued.") : tr("%1 transfers queued.").arg(n));
+        });
 }
 
 void MainWindow::transferToOtherPanel(bool moving) {
@@ -504,8 +523,7 @@ void MainWindow::newFolder() {
 
 void MainWindow::refreshFolderOf(const Location& item) {
     Location parent = item;
-    parent.path = FileTransferUtils::parentPath(item.path);
-    if (parent.path.empty()) parent.path = "/";
+    parent.path = FolderModel::parentFolderPath(item.path);
     refreshFolders({folderKey(parent)});
 }
 

@@ -113,12 +113,16 @@ QVariant TransferList::data(const QModelIndex& index, int role) const {
         if (total <= 0) return -1;
         return static_cast<int>(100 * std::min(done, total) / total);
     }
-    if (role == Qt::ToolTipRole && state == TransferTaskState::Failed && task.error())
-        return QString::fromStdString(task.error()->describe());
+    if (role == Qt::ToolTipRole) {
+        if (state == TransferTaskState::Failed && task.error())
+            return QString::fromStdString(task.error()->describe());
+        return QString::fromStdString(row.label + " -> " + task.targetMetadata.pathOrEmpty());
+    }
     if (role != Qt::DisplayRole) return {};
     switch (index.column()) {
         case Name: {
-            std::string name = row.label;
+            // The item's name; the whole source is in the tooltip.
+            std::string name = FileTransferUtils::itemName(task.sourceMetadata);
             if (auto current = task.transferringFileMeta(); current && task.sourceMetadata.isDir)
                 name += " > " + FileTransferUtils::itemName(*current);
             return QString::fromStdString(name);
