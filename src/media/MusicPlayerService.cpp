@@ -202,11 +202,11 @@ struct MusicPlayerService::Impl : std::enable_shared_from_this<Impl> {
             postItemChanged();
         }
         if (mode == RepeatMode::One) {
-            load(orderPos);
+            (void)load(orderPos);
         } else if (orderPos + 1 < static_cast<int>(order.size())) {
-            load(orderPos + 1);
+            (void)load(orderPos + 1);
         } else if (mode == RepeatMode::All) {
-            load(0);
+            (void)load(0);
         } else {
             halt(false);
         }
