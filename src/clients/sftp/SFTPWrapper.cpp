@@ -142,6 +142,14 @@ std::optional<std::chrono::system_clock::time_point> timeOf(const LIBSSH2_SFTP_A
     return std::chrono::system_clock::from_time_t(static_cast<std::time_t>(a.mtime));
 }
 
+// Closes a handle of a session that is given up (its requests may still be in flight, its peer
+// may be gone): the handle's memory is freed, and a dead peer is not waited for long.
+void abandonHandle(LIBSSH2_SESSION* session, LIBSSH2_SFTP_HANDLE* handle) {
+    if (!session || !handle) return;
+    libssh2_session_set_timeout(session, 2000);
+    libssh2_sftp_close(handle);
+}
+
 Status statusOf(const Result<bool>& r) {
     if (!r) return std::unexpected(r.error());
     return {};
@@ -648,6 +656,7 @@ Status SFTPWrapper::downloadSync(const KvMetadata& file, const std::string& save
             break;
         }
         // Read-ahead requests are still in flight: the session is not reused.
+        abandonHandle(session.session, h);
         session.cleanup();
         if (!isConnectionError(*failure)) break;
     }
@@ -767,11 +776,22 @@ Status SFTPWrapper::uploadSync(const KvMetadata& localFile, const KvMetadata& to
             report(progress, done, total, step);
         }
         if (failure) {
-            if (isConnectionError(*failure)) {
-                session.cleanup();
-                continue;
+            if (failure->is(ErrorKind::Cancelled)) {
+                // What was already sent is acknowledged first: the handle then closes cleanly
+                // and the session stays good for the clean-up and later requests.
+                while (offered < filled) {
+                    ssize_t n = libssh2_sftp_write(h, buffer.data() + offered, filled - offered);
+                    if (n <= 0) break;
+                    offered += static_cast<std::size_t>(n);
+                }
+                if (offered == filled && libssh2_sftp_close(h) == 0) {
+                    last = *s;
+                    break;
+                }
             }
+            abandonHandle(session.session, h);
             session.cleanup();
+            if (isConnectionError(*failure)) continue;
             break;
         }
         LIBSSH2_SFTP_ATTRIBUTES attrs{};
@@ -958,6 +978,7 @@ Result<Bytes> SFTPWrapper::readDataOfLength(std::uint64_t length) {
                 libssh2_sftp_read(h, reinterpret_cast<char*>(data.data() + got), data.size() - got);
             if (n < 0) {
                 auto e = lastError(s, ErrorCode::DownloadFailed, "Reading " + path);
+                abandonHandle(s.session, h);
                 // A failed read leaves requests in flight: the session must not be reused.
                 return std::unexpected(isConnectionError(e) ? e
                                                             : Error{e.domain, e.code, e.reason,

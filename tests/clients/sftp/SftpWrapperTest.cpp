@@ -305,6 +305,17 @@ TEST_F(SftpClient, CommandLineRefusesUnknownHostKeyWithoutTerminalUnlessAllowed)
     EXPECT_TRUE(quillonExits(0, {"ls", url, "--accept-new-host-key"}, "seen.txt"));
     // Remembered now.
     EXPECT_TRUE(quillonExits(0, {"ls", url}, "seen.txt"));
+
+    // A configured server that logs in with a key file, its passphrase read from standard input.
+    auto sshd = sharedServer(SftpServerKind::OpenSSH);
+    ASSERT_TRUE(sshd);
+    writeFile(sshd->hostPath("cli/listed.txt"), "y");
+    EXPECT_TRUE(quillonExits(0,
+                             {"server", "add", "keyed", "--type", "sftp", "--addr", "127.0.0.1",
+                              "--port", std::to_string(sshd->port()), "--user", "nobody",
+                              "--key-file", sshd->clientKey(), "--password-stdin"},
+                             "Added", std::string(SftpServer::keyPassphrase()) + "\n"));
+    EXPECT_TRUE(quillonExits(0, {"ls", "keyed:" + sshd->remotePath("cli")}, "listed.txt"));
 }
 
 }  // namespace quillon::test
