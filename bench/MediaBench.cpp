@@ -113,7 +113,7 @@ int main(int argc, char** argv) {
         registerPair(
             "play to first sample (FTP)", "mpv", 0,
             [&] {
-                MusicPlayerService player({{"ao", "null"}});
+                MusicPlayerService player(std::map<std::string, std::string>{{"ao", "null"}});
                 bool started = false;
                 player.setTimeObserver([&](double) { started = true; });
                 player.playItems({PlayListItem(file, info)}, info, 0, nullptr);
