@@ -112,18 +112,22 @@ int main(int argc, char** argv) {
         };
         registerPair(
             "play to first sample (FTP)", "mpv", 0,
-            [&] {
+            [info, file] {
                 MusicPlayerService player(std::map<std::string, std::string>{{"ao", "null"}});
                 bool started = false;
                 player.setTimeObserver([&](double) { started = true; });
-                player.playItems({PlayListItem(file, info)}, info, 0, nullptr);
+                player.playItems({PlayListItem(file, info)}, info, 0, [](auto e) {
+                    if (e) std::printf("player: %s\n", e->describe().c_str());
+                });
                 bool ok = test::pumpUntil([&] { return started || !player.isActive(); },
                                           std::chrono::seconds(60)) &&
                           started;
+                if (!ok && player.lastError())
+                    std::printf("player: %s\n", player.lastError()->describe().c_str());
                 player.close();
                 return ok;
             },
-            [&] {
+            [ftpUrl] {
                 // --end stops right after the first samples are out; mpv exits at once.
                 return runQuiet({"mpv", "--no-config", "--ao=null", "--vo=null", "--end=0.01",
                                  ftpUrl}) == 0;
