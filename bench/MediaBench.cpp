@@ -2,7 +2,7 @@
 //   - thumbnails of many 12-megapixel JPEG photos at 128 pixels: `quillon thumb` against
 //     `vipsthumbnail -s 128` (target >= 0.8) and, for reference, ImageMagick's
 //     `convert -thumbnail 128x128`. Each run starts with an empty thumbnail cache.
-//   - time from play to the first audio sample of a WAV file on vsftpd: our player (libmpv
+//   - time from play to the first audio sample of a WAV file on pyftpdlib: our player (libmpv
 //     reading the streaming URL, the player made anew each time) against the mpv program
 //     opening the plain FTP URL; both with null audio output; the time until the first
 //     playback position is reported.
@@ -93,7 +93,7 @@ int main(int argc, char** argv) {
     registerBuiltinClients();
     installStreaming();
     std::string why;
-    auto server = test::FtpServer::start(test::FtpServerKind::Vsftpd, {}, &why);
+    auto server = test::FtpServer::start(test::FtpServerKind::Pyftpdlib, {}, &why);
     bool toneMade =
         server && runQuiet({"sox", "-n", "-r", "44100", "-c", "2", server->hostPath("/tone.wav"),
                             "synth", "30", "sine", "440"}) == 0;
@@ -102,8 +102,7 @@ int main(int argc, char** argv) {
         KvMetadata file(server->remotePath("/tone.wav"));
         file.protocolType = ProtocolType::FTP;
         file.fileSizeInBytes = fs::file_size(server->hostPath("/tone.wav"));
-        std::string ftpUrl =
-            fmt::format("ftp://127.0.0.1:{}{}", server->port(), server->remotePath("/tone.wav"));
+        std::string ftpUrl = server->url("/tone.wav");
         StreamHttpServerService::sharedHttpServerService().setPort(0);
         auto emptyCache = [] {
             CachedDataReader::cancelAllBackgroundFetching();
@@ -112,18 +111,22 @@ int main(int argc, char** argv) {
         };
         registerPair(
             "play to first sample (FTP)", "mpv", 0,
-            [&] {
-                MusicPlayerService player({{"ao", "null"}});
+            [info, file] {
+                MusicPlayerService player(std::map<std::string, std::string>{{"ao", "null"}});
                 bool started = false;
                 player.setTimeObserver([&](double) { started = true; });
-                player.playItems({PlayListItem(file, info)}, info, 0, nullptr);
+                player.playItems({PlayListItem(file, info)}, info, 0, [](auto e) {
+                    if (e) std::printf("player: %s\n", e->describe().c_str());
+                });
                 bool ok = test::pumpUntil([&] { return started || !player.isActive(); },
                                           std::chrono::seconds(60)) &&
                           started;
+                if (!ok && player.lastError())
+                    std::printf("player: %s\n", player.lastError()->describe().c_str());
                 player.close();
                 return ok;
             },
-            [&] {
+            [ftpUrl] {
                 // --end stops right after the first samples are out; mpv exits at once.
                 return runQuiet({"mpv", "--no-config", "--ao=null", "--vo=null", "--end=0.01",
                                  ftpUrl}) == 0;

@@ -229,9 +229,9 @@ struct MusicPlayerService::Impl : std::enable_shared_from_this<Impl> {
         auto path = item.metadata.path().value_or("");
         auto host = item.serverInfo ? item.serverInfo : server;
         if (item.isURL() || !host || host->protocolType == ProtocolType::Local) return path;
-        auto client = WrapperProxy::wrapperWithServerInfo(host);
-        if (!client) return std::unexpected(playerError("No client for the item's server."));
-        auto streamURL = client->loadStreamableURLForFileSync(item.metadata);
+        auto client = WrapperProxy::clientForServerInfo(host);
+        if (!client) return std::unexpected(client.error());
+        auto streamURL = (*client)->loadStreamableURLForFileSync(item.metadata);
         if (!streamURL)
             return std::unexpected(
                 playerError(fmt::format("\"{}\" cannot be streamed from its server.", path)));
