@@ -404,15 +404,8 @@ TEST(SandboxFileAccess, TrashItemMovesIntoTheTrashWithItsInfo) {
     std::string original = std::string(real) + "/my file#1.txt";
     std::free(real);
     std::string info = readFile(trash + "/info/my file#1.txt.trashinfo");
-    std::string encoded;
-    for (char c : original) {
-        if (c == ' ')
-            encoded += "%20";
-        else if (c == '#')
-            encoded += "%23";
-        else
-            encoded += c;
-    }
+    std::string encoded = std::regex_replace(std::regex_replace(original, std::regex(" "), "%20"),
+                                             std::regex("#"), "%23");
     EXPECT_TRUE(
         std::regex_match(info, std::regex("\\[Trash Info\\]\nPath=" +
                                           std::regex_replace(encoded, std::regex("[.+]"), "\\$&") +

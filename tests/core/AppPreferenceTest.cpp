@@ -44,38 +44,12 @@ TEST(AppPreference, FirstLoadSeedsShippedDefaultsReadableByUserOnly) {
     // Absent means automatic detection of the text encoding.
     EXPECT_FALSE(prefs.valueForKey(PrefKey::TextEncoding));
 
-    for (auto key : {PrefKey::InitializeApp,
-                     PrefKey::SYS_SHOW_HIDDEN_FILES,
-                     PrefKey::SYS_DISPLAY_FILE_EXTENSION,
-                     PrefKey::SYS_AUTO_GEN_THUMBNAIL,
-                     PrefKey::SYS_AUTO_SYNC_CONN,
-                     PrefKey::SYS_ENABLE_NETWORK_DISCOVERY,
-                     PrefKey::MaxSimultaneousTransfers,
-                     PrefKey::MAX_CACHE_SIZE,
-                     PrefKey::ViewType,
-                     PrefKey::LISTVIEW_CELL_SIZE,
-                     PrefKey::THUMBVIEW_CELL_SIZE,
-                     PrefKey::CELL_ADJUSTMENT_USER_INFO,
-                     PrefKey::SortType,
-                     PrefKey::SortOrder,
-                     PrefKey::DualPanelMode,
-                     PrefKey::LAUNCH_WINDOW_WIDTH,
-                     PrefKey::LAUNCH_WINDOW_HEIGHT,
-                     PrefKey::FTP_SERVER_LOCATION,
-                     PrefKey::FTP_SERVER_PORT,
-                     PrefKey::FTP_SERVER_USERNAME,
-                     PrefKey::FTP_SERVER_PASSWORD,
-                     PrefKey::MusicRepeat,
-                     PrefKey::MusicShuffle,
-                     PrefKey::Volume,
-                     PrefKey::VideoPlayerRepeatMode,
-                     PrefKey::SlideshowInterval,
-                     PrefKey::SlideshowRepeat,
-                     PrefKey::SlideshowShuffle,
-                     PrefKey::NearbyLocation,
-                     PrefKey::NumberOfLaunchedTimes,
-                     PrefKey::CLOUD_SYNC_FOLDER})
-        EXPECT_TRUE(prefs.valueForKey(key)) << key;
+    // Every shipped default is there.
+    auto shipped = Plist::readFile(PathUtils::getResourceFolderPath() + "/pref.plist");
+    ASSERT_TRUE(shipped && shipped->is<PlistDict>());
+    EXPECT_GE(shipped->get<PlistDict>()->size(), 31u);
+    for (const auto& [key, value] : *shipped->get<PlistDict>())
+        EXPECT_EQ(prefs.valueForKey(key), value) << key;
 
     // Absent keys and absent key arguments.
     EXPECT_FALSE(prefs.valueForKey(""));
