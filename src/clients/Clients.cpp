@@ -4,6 +4,7 @@
 
 #include "clients/ftp/FtpWrapper.h"
 #include "clients/local/LocalWrapper.h"
+#include "clients/smb/SmbWrapper.h"
 #include "core/WrapperProxy.h"
 
 namespace quillon {
@@ -17,6 +18,9 @@ void registerBuiltinClients() {
         });
         WrapperProxy::registerClass("FtpWrapper", [](ServerInfoPtr info) -> WrapperPtr {
             return std::make_shared<FtpWrapper>(std::move(info));
+        });
+        WrapperProxy::registerClass("SmbWrapper", [](ServerInfoPtr info) -> WrapperPtr {
+            return std::make_shared<SmbWrapper>(std::move(info));
         });
     });
 }

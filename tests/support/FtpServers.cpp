@@ -183,13 +183,6 @@ int boundPort(int fd) {
     return ntohs(a.sin_port);
 }
 
-int freePort() {
-    int fd = listenOn("127.0.0.1", 0);
-    int port = fd < 0 ? 0 : boundPort(fd);
-    if (fd >= 0) ::close(fd);
-    return port;
-}
-
 // Connects and, unless the server speaks TLS first, waits for a "220" greeting.
 bool greets(int port, bool tlsFirst) {
     int s = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -221,6 +214,20 @@ bool greets(int port, bool tlsFirst) {
     return ok;
 }
 
+void writeText(const std::string& path, const std::string& text, mode_t mode = 0644) {
+    std::ofstream(path, std::ios::binary) << text;
+    ::chmod(path.c_str(), mode);
+}
+
+}  // namespace
+
+int freePort() {
+    int fd = listenOn("127.0.0.1", 0);
+    int port = fd < 0 ? 0 : boundPort(fd);
+    if (fd >= 0) ::close(fd);
+    return port;
+}
+
 // Whether process `pid` holds the socket that listens on 127.0.0.1:`port`.
 bool listensOn(pid_t pid, int port) {
     char local[32];
@@ -240,13 +247,6 @@ bool listensOn(pid_t pid, int port) {
         if (fs::read_symlink(it->path(), ec).string() == "socket:[" + inode + "]") return true;
     return false;
 }
-
-void writeText(const std::string& path, const std::string& text, mode_t mode = 0644) {
-    std::ofstream(path, std::ios::binary) << text;
-    ::chmod(path.c_str(), mode);
-}
-
-}  // namespace
 
 std::string_view ftpServerKindName(FtpServerKind kind) {
     switch (kind) {
