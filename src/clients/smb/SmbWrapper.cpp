@@ -161,6 +161,8 @@ Result<SMBCCTX*> SmbWrapper::context() {
         creds_.workgroup = creds_.user.substr(0, sep);
         creds_.user = creds_.user.substr(sep + 1);
     }
+    // A refused password must not end up as a guest login behind the user's back.
+    smbc_setOptionNoAutoAnonymousLogin(ctx, !creds_.user.empty());
     if (creds_.user.empty()) creds_.user = "guest";
     smbc_setDebug(ctx, 0);
     smbc_setTimeout(ctx, kTimeoutMs);
