@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -125,6 +126,17 @@ void SmbServer::stop() {
     ::kill(-group, SIGKILL);
     if (!reaped) ::waitpid(group, &status, 0);
     pid_ = -1;
+    // smbd starts its RPC helpers (for the list of shares) as a daemon of their own session:
+    // they are found by this server's configuration file, which no other program names.
+    const std::string conf = dir_.path() + "/smb.conf";
+    std::error_code ec;
+    for (fs::directory_iterator it("/proc", ec), end; !ec && it != end; it.increment(ec)) {
+        std::string name = it->path().filename().string();
+        if (name.empty() || !std::isdigit(static_cast<unsigned char>(name[0]))) continue;
+        std::string cmdline = readFile(it->path().string() + "/cmdline");
+        if (cmdline.find(conf) != std::string::npos)
+            ::kill(static_cast<pid_t>(std::stol(name)), SIGKILL);
+    }
 }
 
 SmbServer::~SmbServer() {
