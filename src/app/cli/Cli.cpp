@@ -69,6 +69,7 @@ int run(int argc, char** argv) {
     registerTransferCommands(cli);
     registerArchiveCommands(cli);
     registerNearbyCommands(cli);
+    registerSmbCommands(cli);
     try {
         cli.app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {

@@ -49,6 +49,7 @@ void registerSyncCommands(Cli& cli);
 void registerTransferCommands(Cli& cli);
 void registerArchiveCommands(Cli& cli);
 void registerNearbyCommands(Cli& cli);
+void registerSmbCommands(Cli& cli);
 
 // Parses and runs; returns the exit status.
 int run(int argc, char** argv);

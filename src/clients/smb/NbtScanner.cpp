@@ -314,7 +314,7 @@ void NbtScanner::scanNetwork(const std::string& target,
     });
 }
 
-void NbtScanner::backgroudScan() {
+std::optional<std::string> NbtScanner::localWirelessTarget() {
     // The wireless interfaces are those the kernel gives a "wireless" folder.
     std::optional<std::string> address;
     ifaddrs* list = nullptr;
@@ -332,14 +332,20 @@ void NbtScanner::backgroudScan() {
         }
         ::freeifaddrs(list);
     }
-    if (!address) {
+    if (!address) return std::nullopt;
+    auto lastDot = address->rfind('.');
+    return address->substr(0, lastDot) + ".0/24";
+}
+
+void NbtScanner::backgroudScan() {
+    auto target = localWirelessTarget();
+    if (!target) {
         log("{NBT} Cannot get correct local IP");
         return;
     }
-    auto lastDot = address->rfind('.');
-    std::string target = address->substr(0, lastDot) + ".0/24";
     NbtScanner scanner;
-    scanner.scanNetwork(target, [](const std::vector<NbtInfo>& found) { mergeFoundedInfo(found); });
+    scanner.scanNetwork(*target,
+                        [](const std::vector<NbtInfo>& found) { mergeFoundedInfo(found); });
 }
 
 void NbtScanner::mergeFoundedInfo(const std::vector<NbtInfo>& infos) {

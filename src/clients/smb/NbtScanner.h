@@ -60,6 +60,8 @@ class NbtScanner {
     // The local wireless interface's /24, merged into the name cache; no wireless IPv4 address,
     // no sweep.
     static void backgroudScan();
+    // "a.b.c.0/24" of the first wireless interface's IPv4 address, or none.
+    static std::optional<std::string> localWirelessTarget();
     static void mergeFoundedInfo(const std::vector<NbtInfo>& infos);
     static std::optional<NbtInfo> lookUpNbtInfoFromCache(const std::string& computerName);
     static std::optional<std::string> ipAddressWithNetbiosName(const std::string& name);

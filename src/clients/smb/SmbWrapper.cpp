@@ -14,6 +14,7 @@
 #include <mutex>
 #include <vector>
 
+#include "clients/smb/NbtScanner.h"
 #include "core/AppPreference.h"
 #include "core/GCD.h"
 #include "core/StreamingSupport.h"
@@ -128,7 +129,8 @@ Error SmbWrapper::errnoError(int err, long code, std::string_view what) const {
 }
 
 std::string SmbWrapper::urlOf(const std::string& path) const {
-    std::string host = serverInfo()->valueForKey(ServerProp::ADDR).value_or("");
+    std::string host =
+        host_.empty() ? serverInfo()->valueForKey(ServerProp::ADDR).value_or("") : host_;
     // An IPv6 literal is written in brackets.
     if (host.find(':') != std::string::npos && host.front() != '[') host = "[" + host + "]";
     std::string port = StringUtils::trim(serverInfo()->valueForKey(ServerProp::PORT).value_or(""));
@@ -149,6 +151,10 @@ std::string SmbWrapper::urlOf(const std::string& path) const {
 
 Result<SMBCCTX*> SmbWrapper::context() {
     if (ctx_) return ctx_;
+    // A NetBIOS name a sweep has seen reaches the address it was seen at.
+    auto hosts =
+        NbtScanner::ipListWithHostName(serverInfo()->valueForKey(ServerProp::ADDR).value_or(""));
+    host_ = hosts.empty() ? std::string() : hosts.front();
     SMBCCTX* ctx = smbc_new_context();
     if (!ctx)
         return KvError::fail(ErrorDomain::SMB, -1, "The SMB library cannot start",

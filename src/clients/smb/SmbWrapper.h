@@ -69,6 +69,7 @@ class SmbWrapper : public Wrapper {
 
     SMBCCTX* ctx_ = nullptr;
     Credentials creds_;
+    std::string host_;  // the address the server's name resolved to
     std::optional<KvMetadata> streamFile_;
 };
 

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "clients/smb/NbtScanner.h"
+#include "support/TestEnv.h"
 
 namespace quillon {
 namespace {
@@ -129,7 +130,6 @@ TEST(Nbt, SweepAndNameCache) {
     scanner.timeout_secs = 1;
     auto found = scanner.scann_impl("127.0.0.1");
     responder.join();
-    ::close(fd);
     ASSERT_EQ(found.size(), 1u);
     EXPECT_EQ(found[0].computerName, "SERVER");
     EXPECT_EQ(found[0].domainName, "WORKGROUP");
@@ -143,6 +143,27 @@ TEST(Nbt, SweepAndNameCache) {
     }
     EXPECT_TRUE(scanner.scann_impl("127.0.0.1/40").empty());
 
+    // The command line's sweep of the same responder.
+    std::thread again([fd] {
+        char buf[100];
+        sockaddr_in from{};
+        socklen_t flen = sizeof from;
+        if (::recvfrom(fd, buf, sizeof buf, 0, reinterpret_cast<sockaddr*>(&from), &flen) != 50)
+            return;
+        std::string reply =
+            response({{"SERVER", 0x00, false}, {"WORKGROUP", 0x00, true}, {"SERVER", 0x20, false}});
+        ::sendto(fd, reply.data(), reply.size(), 0, reinterpret_cast<sockaddr*>(&from), flen);
+    });
+    auto cli = test::runQuillon(
+        {"smb", "scan", "127.0.0.1", "--json", "--port", std::to_string(ntohs(a.sin_port))});
+    again.join();
+    EXPECT_EQ(cli.exitCode, 0) << cli.err;
+    EXPECT_EQ(cli.out,
+              "{\"name\":\"SERVER\",\"workgroup\":\"WORKGROUP\",\"ip\":\"127.0.0.1\","
+              "\"mac\":\"00:11:22:33:44:55\"}\n");
+    EXPECT_EQ(test::runQuillon({"smb", "scan", "10.0.0.0/8"}).exitCode, 2);
+
+    ::close(fd);
     NbtScanner::clearNbtNameCache();
     NbtScanner::mergeFoundedInfo(found);
     EXPECT_EQ(NbtScanner::ipListWithHostName("server.local"),
