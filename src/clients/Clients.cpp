@@ -5,6 +5,7 @@
 #include "clients/ftp/FtpWrapper.h"
 #include "clients/local/LocalWrapper.h"
 #include "clients/sftp/SFTPWrapper.h"
+#include "clients/smb/SmbWrapper.h"
 #include "clients/webdav/WebdavWrapper.h"
 #include "core/WrapperProxy.h"
 
@@ -25,6 +26,9 @@ void registerBuiltinClients() {
         });
         WrapperProxy::registerClass("WebdavWrapper", [](ServerInfoPtr info) -> WrapperPtr {
             return std::make_shared<WebdavWrapper>(std::move(info));
+        });
+        WrapperProxy::registerClass("SmbWrapper", [](ServerInfoPtr info) -> WrapperPtr {
+            return std::make_shared<SmbWrapper>(std::move(info));
         });
     });
 }

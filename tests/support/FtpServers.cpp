@@ -183,13 +183,6 @@ int boundPort(int fd) {
     return ntohs(a.sin_port);
 }
 
-int freePort() {
-    int fd = listenOn("127.0.0.1", 0);
-    int port = fd < 0 ? 0 : boundPort(fd);
-    if (fd >= 0) ::close(fd);
-    return port;
-}
-
 // Connects and, unless the server speaks TLS first, waits for a "220" greeting.
 bool greets(int port, bool tlsFirst) {
     int s = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -221,6 +214,20 @@ bool greets(int port, bool tlsFirst) {
     return ok;
 }
 
+void writeText(const std::string& path, const std::string& text, mode_t mode = 0644) {
+    std::ofstream(path, std::ios::binary) << text;
+    ::chmod(path.c_str(), mode);
+}
+
+}  // namespace
+
+int freePort() {
+    int fd = listenOn("127.0.0.1", 0);
+    int port = fd < 0 ? 0 : boundPort(fd);
+    if (fd >= 0) ::close(fd);
+    return port;
+}
+
 // Whether process `pid` holds the socket that listens on 127.0.0.1:`port`.
 bool listensOn(pid_t pid, int port) {
     char local[32];
@@ -241,6 +248,8 @@ bool listensOn(pid_t pid, int port) {
     return false;
 }
 
+namespace {
+
 // An FTP server record for 127.0.0.1:`port`.
 ServerInfoPtr loopbackRecord(int port, const std::string& user, const std::string& password) {
     auto info = std::make_shared<ServerInfo>();
@@ -250,11 +259,6 @@ ServerInfoPtr loopbackRecord(int port, const std::string& user, const std::strin
     info->setValue(user, ServerProp::USERNAME);
     info->setValue(password, ServerProp::PASSWORD);
     return info;
-}
-
-void writeText(const std::string& path, const std::string& text, mode_t mode = 0644) {
-    std::ofstream(path, std::ios::binary) << text;
-    ::chmod(path.c_str(), mode);
 }
 
 }  // namespace

@@ -23,6 +23,11 @@
 
 namespace quillon::test {
 
+// A loopback TCP port free at the moment of asking; another program may take it before use.
+int freePort();
+// Whether process `pid` holds the socket that listens on 127.0.0.1:`port`.
+bool listensOn(pid_t pid, int port);
+
 enum class FtpServerKind { Vsftpd, PureFtpd, Proftpd, Pyftpdlib };
 
 // "vsftpd", "pure-ftpd", "proftpd", "pyftpdlib".

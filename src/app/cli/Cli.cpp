@@ -131,6 +131,7 @@ int run(int argc, char** argv, GuiLauncher gui) {
     registerArchiveCommands(cli);
     registerNearbyCommands(cli);
     registerMediaCommands(cli);
+    registerSmbCommands(cli);
     auto guiLocation = std::make_shared<std::optional<std::string>>();
     if (gui) {
         auto* cmd = cli.app.add_subcommand("gui", "Open the desktop window");

@@ -50,6 +50,7 @@ void registerTransferCommands(Cli& cli);
 void registerArchiveCommands(Cli& cli);
 void registerNearbyCommands(Cli& cli);
 void registerMediaCommands(Cli& cli);
+void registerSmbCommands(Cli& cli);
 
 // Opens the desktop window, at `location` when given; returns the exit status.
 using GuiLauncher =
