@@ -143,28 +143,11 @@ bool SftpServer::launch(std::string* whyNot) {
         argv = {"/usr/sbin/sshd", "-D", "-f", d + "/sshd_config", "-E", logPath};
         ready = std::regex("Server listening on 127\\.0\\.0\\.1 port " + std::to_string(port_));
     } else {
-        argv = {"rclone",
-                "serve",
-                "sftp",
-                root_,
-                "--addr",
-                "127.0.0.1:" + std::to_string(port_),
-                "--user",
-                "tester",
-                "--pass",
-                "secret pass",
-                "--key",
-                d + "/host_key",
-                "--authorized-keys",
-                d + "/authorized_keys",
-                "--config",
-                "/dev/null",
+        argv = {"rclone", "serve", "sftp", root_, "--addr", "127.0.0.1:" + std::to_string(port_),
+                "--user", "tester", "--pass", "secret pass", "--key", d + "/host_key",
+                "--authorized-keys", d + "/authorized_keys", "--config", "/dev/null",
                 // Files the tests put behind the server's back show at once.
-                "--dir-cache-time",
-                "0s",
-                "--log-file",
-                logPath,
-                "-v"};
+                "--dir-cache-time", "0s", "--log-file", logPath, "-v"};
         ready = std::regex("SFTP server listening on 127\\.0\\.0\\.1:" + std::to_string(port_));
     }
     process_ = std::make_unique<ChildProcess>(argv);
