@@ -76,14 +76,16 @@ TEST(GCD, BackgroundQueueGrowsWhenEveryThreadIsBlocked) {
     auto gate = GCD::initSema();
     std::atomic<int> started{0};
     for (int i = 0; i < 5; ++i)
-        GCD::doInBackground([&] {
+        // The gate by value: the waiters outlive this test's frame.
+        GCD::doInBackground([&started, gate] {
             ++started;
             GCD::waitSema(gate, 30.0);
         });
     std::atomic<bool> sixth{false};
     GCD::doInBackground([&] { sixth = true; });
     EXPECT_TRUE(test::waitUntil([&] { return sixth && started == 5 && gate->waiters() == 5; }));
-    GCD::signalSema(gate);
+    for (int i = 0; i < 5; ++i) GCD::signalSema(gate);
+    EXPECT_TRUE(test::waitUntil([&] { return gate->waiters() == 0; }));
 }
 
 TEST(MainQueue, RunsTasksInOrderAndTimersWhenDue) {
