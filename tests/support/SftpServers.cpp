@@ -15,33 +15,14 @@
 #include <vector>
 
 #include "clients/sftp/SFTPWrapper.h"
+#include "support/FtpServers.h"
+#include "support/TestEnv.h"
 
 namespace fs = std::filesystem;
 
 namespace quillon::test {
 
 namespace {
-
-int freePort() {
-    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof a;
-    int port = 0;
-    if (fd >= 0 && ::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 &&
-        ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) == 0)
-        port = ntohs(a.sin_port);
-    if (fd >= 0) ::close(fd);
-    return port;
-}
-
-std::string text(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
 
 void writeText(const std::string& path, const std::string& content, mode_t mode) {
     std::ofstream(path, std::ios::binary) << content;
@@ -55,7 +36,7 @@ std::vector<pid_t> childrenOf(pid_t pid) {
     for (fs::directory_iterator it("/proc", ec), end; !ec && it != end; it.increment(ec)) {
         auto name = it->path().filename().string();
         if (name.find_first_not_of("0123456789") != std::string::npos) continue;
-        std::string stat = text(it->path().string() + "/stat");
+        std::string stat = readFile(it->path().string() + "/stat");
         auto close = stat.rfind(')');
         if (close == std::string::npos) continue;
         std::istringstream f(stat.substr(close + 2));
@@ -112,7 +93,7 @@ bool SftpServer::launch(std::string* whyNot) {
             *whyNot = "ssh-keygen failed: " + made.err;
             return false;
         }
-        hostKeyPublic_ = text(d + "/host_key.pub");
+        hostKeyPublic_ = readFile(d + "/host_key.pub");
         while (!hostKeyPublic_.empty() &&
                (hostKeyPublic_.back() == '\n' || hostKeyPublic_.back() == ' '))
             hostKeyPublic_.pop_back();
@@ -124,7 +105,7 @@ bool SftpServer::launch(std::string* whyNot) {
             return false;
         }
         clientKey_ = d + "/client_key";
-        writeText(d + "/authorized_keys", text(d + "/client_key.pub"), 0644);
+        writeText(d + "/authorized_keys", readFile(d + "/client_key.pub"), 0644);
     }
     port_ = freePort();
     std::vector<std::string> argv;
@@ -151,12 +132,12 @@ bool SftpServer::launch(std::string* whyNot) {
         ready = std::regex("SFTP server listening on 127\\.0\\.0\\.1:" + std::to_string(port_));
     }
     process_ = std::make_unique<ChildProcess>(argv);
-    bool up =
-        waitUntil([&] { return !process_->running() || std::regex_search(text(logPath), ready); },
-                  std::chrono::seconds(60));
+    bool up = waitUntil(
+        [&] { return !process_->running() || std::regex_search(readFile(logPath), ready); },
+        std::chrono::seconds(60));
     if (up && process_->running()) return true;
-    *whyNot = "the server did not listen on port " + std::to_string(port_) + ": " + text(logPath) +
-              process_->err();
+    *whyNot = "the server did not listen on port " + std::to_string(port_) + ": " +
+              readFile(logPath) + process_->err();
     process_.reset();
     return false;
 }
@@ -221,7 +202,7 @@ int SftpServer::logins() {
 }
 
 std::string SftpServer::log() {
-    return text(dir_.path() + "/server.log");
+    return readFile(dir_.path() + "/server.log");
 }
 
 }  // namespace quillon::test

@@ -12,32 +12,14 @@
 #include <regex>
 #include <sstream>
 
+#include "support/FtpServers.h"
+#include "support/TestEnv.h"
+
 namespace fs = std::filesystem;
 
 namespace quillon::test {
 
 namespace {
-
-int freePort() {
-    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof a;
-    int port = 0;
-    if (fd >= 0 && ::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 &&
-        ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) == 0)
-        port = ntohs(a.sin_port);
-    if (fd >= 0) ::close(fd);
-    return port;
-}
-
-std::string text(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
 
 constexpr const char* kUser = "tester";
 constexpr const char* kPassword = "secret pass";
@@ -125,12 +107,12 @@ bool WebdavServer::launch(std::string* whyNot) {
             "WebDav Server started on http://127\\.0\\.0\\.1:" + std::to_string(port_) + "/");
     }
     process_ = std::make_unique<ChildProcess>(argv);
-    bool up =
-        waitUntil([&] { return !process_->running() || std::regex_search(text(logPath), ready); },
-                  std::chrono::seconds(60));
+    bool up = waitUntil(
+        [&] { return !process_->running() || std::regex_search(readFile(logPath), ready); },
+        std::chrono::seconds(60));
     if (up && process_->running()) return true;
-    *whyNot = "the server did not listen on port " + std::to_string(port_) + ": " + text(logPath) +
-              process_->err();
+    *whyNot = "the server did not listen on port " + std::to_string(port_) + ": " +
+              readFile(logPath) + process_->err();
     process_.reset();
     return false;
 }
@@ -159,7 +141,7 @@ ServerInfoPtr WebdavServer::serverInfo() const {
 }
 
 std::string WebdavServer::log() {
-    return text(dir_.path() + "/server.log");
+    return readFile(dir_.path() + "/server.log");
 }
 
 }  // namespace quillon::test
