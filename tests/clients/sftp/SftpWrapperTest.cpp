@@ -1,8 +1,10 @@
 // The SFTP client: the conformance suite against OpenSSH's sshd (key file with a passphrase) and
 // `rclone serve sftp` (password), then what only SFTP has: the host-key question, the other ways
-// to log in, a download taken up again after the server dropped the session, links and times.
+// to log in, downloads and uploads taken up again after the connection broke, links and times.
 
 #include <fcntl.h>
+#include <fmt/format.h>
+#include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,6 +14,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <regex>
 #include <thread>
 
 #include "clients/Clients.h"
@@ -100,6 +103,41 @@ class SftpClient : public ::testing::Test {
     }
     static std::string knownHosts() { return readFile(SFTPWrapper::knownHostsPath()); }
 };
+
+// A TCP relay to 127.0.0.1:argv[1] that breaks its first connection once the client sent
+// argv[2] bytes, and tells how much each connection carried from the client.
+constexpr const char* kCuttingRelay = R"(import socket, sys, threading
+target, limit = int(sys.argv[1]), int(sys.argv[2])
+listener = socket.create_server(("127.0.0.1", 0))
+print("listening", listener.getsockname()[1], flush=True)
+first = True
+def pump(src, dst, cut):
+    carried = 0
+    try:
+        while cut is None or carried < cut:
+            data = src.recv(65536)
+            if not data:
+                break
+            dst.sendall(data)
+            carried += len(data)
+    except OSError:
+        pass
+    for s in (src, dst):
+        try:
+            s.shutdown(socket.SHUT_RDWR)
+        except OSError:
+            pass
+    return carried
+def serve(client, cut):
+    server = socket.create_connection(("127.0.0.1", target))
+    threading.Thread(target=pump, args=(server, client, None), daemon=True).start()
+    carried = pump(client, server, cut)
+    print("cut after" if cut else "carried", carried, "" if cut else "uncut", flush=True)
+while True:
+    client, _ = listener.accept()
+    threading.Thread(target=serve, args=(client, limit if first else None), daemon=True).start()
+    first = False
+)";
 
 // The fingerprint as ssh-keygen prints it for the key file.
 std::string fingerprintOf(const std::string& publicKeyFile) {
@@ -213,36 +251,38 @@ TEST_F(SftpClient, LogsInWithKeyFileAgentOrPasswordAndRefusesWrongSecrets) {
     EXPECT_TRUE(r) << r.error().describe();
 }
 
-TEST_F(SftpClient, DownloadContinuesAfterTheServerDroppedTheSession) {
+TEST_F(SftpClient, TransfersContinueAfterTheServerDroppedTheSession) {
     auto server = sharedServer(SftpServerKind::OpenSSH);
     ASSERT_TRUE(server);
     std::filesystem::create_directories(server->hostPath("resume"));
+    ::chmod(server->hostPath("resume").c_str(), 0777);
     const std::string content = randomBytes(24 * 1024 * 1024 + 7, 11);
     writeFile(server->hostPath("resume/big.bin"), content);
     ::chmod(server->hostPath("resume/big.bin").c_str(), 0644);
-
-    // The download writes into a pipe this test reads: it cannot run ahead of the reader, so the
-    // sessions end while most of the file is still to come.
-    ScratchDir local("resume");
-    std::string fifo = local / "big.bin";
-    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
     auto client = clientOf(server->serverInfo());
     client->setRetries(10, std::chrono::milliseconds(100));
+    ScratchDir local("resume");
+    char buffer[65536];
+
+    // Download: the client writes into a pipe this test reads, so it cannot run ahead of the
+    // reader, and the sessions end while most of the file is still to come.
+    std::string fifo = local / "big.bin";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
     KvMetadata file(server->remotePath("resume/big.bin"));
     file.protocolType = ProtocolType::SFTP;
     int loginsBefore = server->logins();
     Status result;
-    std::thread worker([&] { result = client->downloadSync(file, fifo, {}); });
+    std::thread worker([&] {
+        result = client->downloadSync(file, fifo, {});
+        // A download that never opened the pipe must not leave this test waiting for it.
+        if (int fd = ::open(fifo.c_str(), O_WRONLY | O_NONBLOCK); fd >= 0) ::close(fd);
+    });
     int in = ::open(fifo.c_str(), O_RDONLY);
     ASSERT_GE(in, 0);
     std::string got;
-    char buffer[65536];
-    bool ended = false;
-    while (!ended) {
-        ssize_t n = ::read(in, buffer, sizeof buffer);
-        if (n <= 0) break;
+    for (ssize_t n; (n = ::read(in, buffer, sizeof buffer)) > 0;) {
         got.append(buffer, static_cast<std::size_t>(n));
-        if (!ended && got.size() >= 2 * 1024 * 1024 && got.size() - n < 2 * 1024 * 1024)
+        if (got.size() >= 2 * 1024 * 1024 && got.size() - n < 2 * 1024 * 1024)
             server->endSessions();
     }
     ::close(in);
@@ -251,6 +291,38 @@ TEST_F(SftpClient, DownloadContinuesAfterTheServerDroppedTheSession) {
     EXPECT_TRUE(got == content) << "the continued download differs (" << got.size() << " of "
                                 << content.size() << " bytes)";
     EXPECT_GE(server->logins() - loginsBefore, 2) << "the download was not taken up again";
+
+    // Upload, through a relay that breaks the first connection after 20 MiB from the client: the
+    // upload goes on in a new connection from what the server holds, so that one carries only the
+    // rest (the relay prints what each connection carried when it ends). What the server had
+    // received but not yet written is lost with the connection: several MiB at most.
+    ChildProcess relay({"python3", "-c", kCuttingRelay, std::to_string(server->port()),
+                        std::to_string(20 * 1024 * 1024)});
+    auto relayPort = relay.waitForOutput(std::regex("listening ([0-9]+)\n"));
+    ASSERT_TRUE(relayPort) << relay.err();
+    auto viaRelay = server->serverInfo();
+    viaRelay->setValue(*relayPort, ServerProp::PORT);
+    std::ofstream(SFTPWrapper::knownHostsPath(), std::ios::app)
+        << "[127.0.0.1]:" << *relayPort
+        << server->knownHostsLine().substr(server->knownHostsLine().find(' ')) << "\n";
+    std::string source = local / "up.bin";
+    writeFile(source, content);
+    KvMetadata localFile(source);
+    localFile.localPath = source;
+    KvMetadata folder(server->remotePath("resume"));
+    folder.isDir = true;
+    folder.protocolType = ProtocolType::SFTP;
+    client = clientOf(viaRelay);
+    client->setRetries(10, std::chrono::milliseconds(100));
+    result = client->uploadSync(localFile, folder, {});
+    ASSERT_TRUE(result) << result.error().describe();
+    EXPECT_TRUE(readFile(server->hostPath("resume/up.bin")) == content)
+        << "the continued upload differs";
+    KvConnectionPool::clearConnectionPool();
+    auto carried = relay.waitForOutput(std::regex("carried ([0-9]+) uncut\n"));
+    ASSERT_TRUE(carried) << relay.out();
+    EXPECT_NE(relay.out().find("cut after"), std::string::npos) << relay.out();
+    EXPECT_LT(std::stoull(*carried), content.size() - 4 * 1024 * 1024) << "the upload started over";
 }
 
 TEST_F(SftpClient, KeepsTimesAndReportsLinksAsLinks) {
