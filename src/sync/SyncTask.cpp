@@ -84,80 +84,6 @@ Status localError(int err, const std::string& path) {
 
 }  // namespace
 
-std::string_view syncActionName(SyncAction action) {
-    switch (action) {
-        case SyncAction::Download:
-            return "download";
-        case SyncAction::Upload:
-            return "upload";
-        case SyncAction::DeleteRemote:
-            return "delete remote";
-        case SyncAction::DeleteLocal:
-            return "delete local";
-        case SyncAction::CreateLocalFolder:
-            return "mkdir local";
-        case SyncAction::CreateRemoteFolder:
-            return "mkdir remote";
-        case SyncAction::DeleteRemoteFolder:
-            return "rmdir remote";
-        case SyncAction::DeleteLocalFolder:
-            return "rmdir local";
-        case SyncAction::Keep:
-            return "keep";
-        case SyncAction::Skip:
-            return "skip";
-    }
-    return "unknown";
-}
-
-SyncSummary summarizeDecisions(const std::vector<SyncDecision>& decisions) {
-    SyncSummary s;
-    for (auto& d : decisions) {
-        switch (d.action) {
-            case SyncAction::Download:
-                ++s.downloaded;
-                s.bytesDownloaded += static_cast<std::int64_t>(d.size);
-                break;
-            case SyncAction::Upload:
-                ++s.uploaded;
-                s.bytesUploaded += static_cast<std::int64_t>(d.size);
-                break;
-            case SyncAction::DeleteRemote:
-                ++s.deletedRemote;
-                break;
-            case SyncAction::DeleteLocal:
-                ++s.deletedLocal;
-                break;
-            case SyncAction::CreateLocalFolder:
-                ++s.localFoldersCreated;
-                break;
-            case SyncAction::CreateRemoteFolder:
-                ++s.remoteFoldersCreated;
-                break;
-            case SyncAction::DeleteRemoteFolder:
-                ++s.remoteFoldersDeleted;
-                break;
-            case SyncAction::DeleteLocalFolder:
-                ++s.localFoldersDeleted;
-                break;
-            case SyncAction::Keep:
-                ++s.kept;
-                break;
-            case SyncAction::Skip:
-                ++s.skipped;
-                break;
-        }
-        if (d.conflict) ++s.conflicts;
-    }
-    return s;
-}
-
-bool SyncSummary::nothingChanged() const {
-    return downloaded == 0 && uploaded == 0 && deletedLocal == 0 && deletedRemote == 0 &&
-           localFoldersCreated == 0 && remoteFoldersCreated == 0 && localFoldersDeleted == 0 &&
-           remoteFoldersDeleted == 0;
-}
-
 // One folder's entries with an index by name.
 struct SyncTask::Listing {
     KvMetadataList entries;
@@ -290,7 +216,7 @@ bool SyncTask::remoteChangedSince(const KvMetadata& r, const KvMetadata& sr) {
     // edit is kept beside it).
     if (!exact) return true;
     if (!SyncUtils::fuzzyCompareDate(exact, sr.timestamp)) return true;
-    if (!planning_ && serverMinute_ && *r.timestamp < *serverMinute_) {
+    if (!options_.dryRun && serverMinute_ && *r.timestamp < *serverMinute_) {
         // Its minute is over: from now on the listed time tells.
         (void)remoteService_->updateRemoteItem(r);
     }
@@ -340,36 +266,16 @@ bool SyncTask::isRemoteRoot(const KvMetadata& folder) const {
 }
 
 void SyncTask::decide(SyncDecision decision) {
-    if (planning_) {
-        std::lock_guard lock(mutex_);
-        plan_.push_back(decision);
-    } else if (decision.action == SyncAction::Keep || decision.action == SyncAction::Skip) {
+    if (decision.action == SyncAction::Keep || decision.action == SyncAction::Skip) {
         std::lock_guard lock(mutex_);
         ++(decision.action == SyncAction::Keep ? summary_.kept : summary_.skipped);
     }
-    if (decisionHandler && !(planning_ && !options_.dryRun)) decisionHandler(decision);
+    if (decisionHandler) decisionHandler(decision);
 }
 
 std::vector<SyncDecision> SyncTask::plannedDecisions() const {
     std::lock_guard lock(mutex_);
     return plan_;
-}
-
-SyncSummary SyncTask::takePlanSummary() {
-    std::lock_guard lock(mutex_);
-    SyncSummary counted = summarizeDecisions(plan_);
-    counted.localFiles = summary_.localFiles;
-    counted.remoteFiles = summary_.remoteFiles;
-    summary_ = {};
-    return counted;
-}
-
-void SyncTask::countFiles(Side side, const KvMetadataList& entries) {
-    std::int64_t files = 0;
-    for (auto& e : entries)
-        if (!e.isDir) ++files;
-    std::lock_guard lock(mutex_);
-    (side == Side::Local ? summary_.localFiles : summary_.remoteFiles) += files;
 }
 
 // --- Listings
@@ -394,7 +300,7 @@ Result<KvMetadataList> SyncTask::contentsOfDirectory(const KvMetadata& folder, b
     if (!listing || withHidden) return listing;
     std::erase_if(*listing, [](const KvMetadata& m) {
         auto name = nameOf(m);
-        return name.empty() || isHiddenName(name) || name == kTestFileName;
+        return !SyncTreePlanner::isSyncedName(name);
     });
     return listing;
 }
@@ -402,18 +308,14 @@ Result<KvMetadataList> SyncTask::contentsOfDirectory(const KvMetadata& folder, b
 Result<std::shared_ptr<SyncTask::Listing>> SyncTask::listRemote(const KvMetadata& folder,
                                                                 bool exists) {
     if (!exists) return std::make_shared<Listing>(KvMetadataList{});
-    std::string key = SyncUtils::getFullPath(folder);
-    if (!planning_) {
-        if (auto it = plannedListings_.find(key); it != plannedListings_.end()) {
-            auto planned = std::make_shared<Listing>(std::move(it->second));
-            plannedListings_.erase(it);
-            return planned;
-        }
+    if (auto it = plannedListings_.find(SyncUtils::getFullPath(folder));
+        it != plannedListings_.end()) {
+        auto planned = std::make_shared<Listing>(std::move(it->second));
+        plannedListings_.erase(it);
+        return planned;
     }
     auto listing = contentsOfDirectory(folder);
     if (!listing) return std::unexpected(listing.error());
-    if (planning_) countFiles(Side::Remote, *listing);
-    if (planning_ && !options_.dryRun) plannedListings_[key] = *listing;
     return std::make_shared<Listing>(std::move(*listing));
 }
 
@@ -422,7 +324,6 @@ Result<std::shared_ptr<SyncTask::Listing>> SyncTask::listLocal(const KvMetadata&
     if (!exists) return std::make_shared<Listing>(KvMetadataList{});
     auto listing = contentsOfDirectory(folder);
     if (!listing) return std::unexpected(listing.error());
-    if (planning_) countFiles(Side::Local, *listing);
     return std::make_shared<Listing>(std::move(*listing));
 }
 
@@ -441,7 +342,6 @@ void SyncTask::startTransfer() {
     delRemoteFolderTwins_.clear();
     delLocalFolderTwins_.clear();
     listings_.clear();
-    plannedRemoteFolders_.clear();
     plannedListings_.clear();
     exactTimes_.clear();
     serverMinute_.reset();
@@ -534,16 +434,23 @@ void SyncTask::startTransfer() {
     localService_ = std::make_unique<SyncLocalService>(*db_);
     remoteService_ = std::make_unique<SyncRemoteService>(*db_);
 
-    Status result;
-    if (options_.dryRun) {
-        planning_ = true;
-        result = runPasses();
-        auto planned = takePlanSummary();
-        std::lock_guard lock(mutex_);
-        summary_ = planned;
-    } else {
-        if (options_.maxDeletePercent) result = runPlan();
-        if (result) result = runPasses();
+    auto plan = makePlan();
+    Status result = plan ? Status{} : Status(std::unexpected(plan.error()));
+    if (plan && running()) {
+        {
+            std::lock_guard lock(mutex_);
+            plan_ = plan->decisions;
+        }
+        if (options_.dryRun) {
+            for (auto& d : plan->decisions) decide(d);
+            std::lock_guard lock(mutex_);
+            summary_ = plan->summary();
+        } else {
+            // The total is known before the first byte moves.
+            setTotalBytes(plan->transferBytes());
+            result = checkPlanDeletes(plan->summary());
+            if (result) result = runPasses();
+        }
     }
     finish(result || stopped() ? std::nullopt : std::optional<Error>(result.error()));
 }
@@ -561,20 +468,64 @@ Status SyncTask::runPasses() {
     return {};
 }
 
-Status SyncTask::runPlan() {
-    planning_ = true;
-    auto planned = runPasses();
-    planning_ = false;
-    // The deletion limit reads the plan; the run that acts counts what it does.
-    SyncSummary plan = takePlanSummary();
-    delRemoteFolders.clear();
-    delLocalFolders.clear();
-    delRemoteFolderTwins_.clear();
-    delLocalFolderTwins_.clear();
-    listings_.clear();
-    plannedRemoteFolders_.clear();
-    if (!planned) return planned;
+Status SyncTask::snapshot(Side side, const KvMetadata& folder, const std::string& rel,
+                          SyncTreeSnapshot& tree) {
+    if (!running()) return {};
+    // Hidden entries are kept: a folder deleted on one side stays while it holds any.
+    auto listing = contentsOfDirectory(folder, true);
+    if (!listing) return std::unexpected(listing.error());
+    KvMetadataList& entries = tree.folders[rel] = std::move(*listing);
+    if (side == Side::Remote && !options_.dryRun) {
+        KvMetadataList synced;
+        for (auto& e : entries)
+            if (SyncTreePlanner::isSyncedName(nameOf(e))) synced.push_back(e);
+        plannedListings_[SyncUtils::getFullPath(folder)] = std::move(synced);
+    }
+    // Links are never followed.
+    for (std::size_t i = 0; i < entries.size(); ++i) {
+        const KvMetadata e = entries[i];
+        std::string name = nameOf(e);
+        if (!e.isDir || e.isSymbolLink || !SyncTreePlanner::isSyncedName(name)) continue;
+        if (auto s = snapshot(side, e, rel.empty() ? name : rel + "/" + name, tree); !s) return s;
+    }
+    return {};
+}
 
+Result<SyncPlan> SyncTask::makePlan() {
+    SyncTreeSnapshot remote, local;
+    if (auto s = snapshot(Side::Remote, remoteRoot_, "", remote); !s)
+        return std::unexpected(s.error());
+    std::error_code ec;
+    // A dry run of a pair never synced has no local folder yet.
+    if (std::filesystem::is_directory(localRoot_.pathOrEmpty(), ec)) {
+        if (auto s = snapshot(Side::Local, localRoot_, "", local); !s)
+            return std::unexpected(s.error());
+    }
+    SyncTreePlanner::Input input;
+    input.remote = &remote;
+    input.local = &local;
+    input.remoteRoot = remoteRoot_;
+    input.localRoot = localRoot_;
+    auto* rs = remoteService_.get();
+    auto* ls = localService_.get();
+    input.records.remoteByRemote = [rs](const KvMetadata& r) {
+        return rs->getRemoteItemByRemoteMeta(r);
+    };
+    input.records.localByRemote = [ls](const KvMetadata& r) {
+        return ls->getLocalItemByRemoteMeta(r);
+    };
+    input.records.localByLocal = [ls](const KvMetadata& l) {
+        return ls->getLocalItemByLocalMeta(l);
+    };
+    input.records.remoteByLocal = [rs](const KvMetadata& l) {
+        return rs->getRemoteItemByLocalMeta(l);
+    };
+    input.rules = timeRules();
+    return SyncTreePlanner::plan(input);
+}
+
+Status SyncTask::checkPlanDeletes(const SyncSummary& plan) {
+    if (!options_.maxDeletePercent) return {};
     double percent = *options_.maxDeletePercent;
     // Deletions allowed on a side: the share of its files, rounded down (1e-9 absorbs the
     // binary fraction of a percentage such as 60 %).
@@ -737,9 +688,7 @@ SyncTimeRules SyncTask::timeRules() {
 Status SyncTask::syncRemoteFolder(const KvMetadata& remoteFolder, const KvMetadata& localFolder) {
     auto remote = listRemote(remoteFolder, true);
     if (!remote) return std::unexpected(remote.error());
-    std::error_code ec;
-    bool localExists = !planning_ || std::filesystem::is_directory(localFolder.pathOrEmpty(), ec);
-    auto local = listLocal(localFolder, localExists);
+    auto local = listLocal(localFolder, true);
     if (!local) return std::unexpected(local.error());
     // Kept small for the local pass, so that the listings themselves go when this folder is done.
     listings_[localFolder.pathOrEmpty()] = std::make_shared<PairListing>(**local, **remote);
@@ -798,17 +747,15 @@ Status SyncTask::carryOutRemoteItem(const SyncItemPlan& plan, const SyncItemStat
     if (plan.verdict == SyncVerdict::CreateLocalFolder) {
         decide({SyncAction::CreateLocalFolder, false, true, false,
                 relativeLocalPath(lm.pathOrEmpty()), plan.reason});
-        if (!planning_) {
-            std::error_code ec;
-            std::filesystem::create_directories(lm.pathOrEmpty(), ec);
-            if (!std::filesystem::is_directory(lm.pathOrEmpty(), ec))
-                return KvError::fail(ErrorDomain::Local, ErrorCode::CreateFolderFailed,
-                                     fmt::format("Cannot create folder {}", lm.pathOrEmpty()));
-            std::lock_guard lock(mutex_);
-            ++summary_.localFoldersCreated;
-        }
+        std::error_code ec;
+        std::filesystem::create_directories(lm.pathOrEmpty(), ec);
+        if (!std::filesystem::is_directory(lm.pathOrEmpty(), ec))
+            return KvError::fail(ErrorDomain::Local, ErrorCode::CreateFolderFailed,
+                                 fmt::format("Cannot create folder {}", lm.pathOrEmpty()));
+        std::lock_guard lock(mutex_);
+        ++summary_.localFoldersCreated;
     }
-    if (!planning_ && (!sr || !sl)) {
+    if (!sr || !sl) {
         if (auto s = storeRecords(r, lm, sr, sl); !s) return s;
     }
     return syncRemoteFolder(r, lm);
@@ -824,10 +771,7 @@ Status SyncTask::syncLocalFolder(const KvMetadata& localFolder, const KvMetadata
     } else {
         auto local = listLocal(localFolder, true);
         if (!local) return std::unexpected(local.error());
-        // A folder this pass would create (dry run) has nothing on the server yet.
-        bool remoteExists =
-            !planning_ || !plannedRemoteFolders_.contains(SyncUtils::getFullPath(remoteFolder));
-        auto remote = listRemote(remoteFolder, remoteExists);
+        auto remote = listRemote(remoteFolder, true);
         if (!remote) return std::unexpected(remote.error());
         pairListing = std::make_shared<PairListing>(**local, **remote);
     }
@@ -877,10 +821,6 @@ Status SyncTask::carryOutLocalOnlyItem(const SyncItemPlan& plan, const SyncItemS
     KvMetadata rm = RemoteUpload::itemInFolder(remoteFolder, name, true);
     decide({SyncAction::CreateRemoteFolder, false, true, false, relativeLocalPath(l.pathOrEmpty()),
             plan.reason});
-    if (planning_) {
-        plannedRemoteFolders_.insert(SyncUtils::getFullPath(rm));
-        return syncLocalFolder(l, rm);
-    }
     auto w = wrapper();
     if (auto s = w->createFolderSync(rm); !s) return s;
     {
@@ -928,17 +868,6 @@ Status SyncTask::download(const KvMetadata& r, const std::optional<KvMetadata>& 
     KvMetadata target = localChild(localFolder, name, false);
     decide({SyncAction::Download, conflict, false, false, relativeLocalPath(target.pathOrEmpty()),
             reason, r.fileSizeInBytes.value_or(0)});
-    if (planning_) {
-        // The local version that loses is kept and sent up by the local pass (unless it turns
-        // out to hold the same bytes).
-        if (keepLocalCopy && l && options_.dryRun) {
-            std::string kept = FileTransferUtils::uniqueFilePathInFolder(localFolder.pathOrEmpty(),
-                                                                         name + ".original");
-            decide({SyncAction::Upload, false, false, false, relativeLocalPath(kept),
-                    "the local version that lost, kept beside it", l->fileSizeInBytes.value_or(0)});
-        }
-        return {};
-    }
     // Asked before the download: an edit racing it then shows as a change next time.
     std::optional<TimePoint> exact;
     if (coarseRemoteTimes()) exact = exactRemoteTime(r);
@@ -988,7 +917,7 @@ Result<bool> SyncTask::downloadInto(const KvMetadata& file, const KvMetadata& to
     std::weak_ptr<SyncTask> weak = std::static_pointer_cast<SyncTask>(shared_from_this());
     auto generation = ++transferGeneration_;
     std::int64_t base = doneBytes_;
-    setTotalBytes(totalBytes() + static_cast<std::int64_t>(size));
+    growTotalTo(base + static_cast<std::int64_t>(size));
     auto done =
         w->downloadSync(file, scratch, [weak, generation, base](std::int64_t d, std::int64_t) {
             auto self = weak.lock();
@@ -1076,7 +1005,6 @@ Status SyncTask::upload(const KvMetadata& l, const std::optional<KvMetadata>& r,
                         const KvMetadata& remoteFolder, bool conflict, const std::string& reason) {
     decide({SyncAction::Upload, conflict, false, false, relativeLocalPath(l.pathOrEmpty()), reason,
             l.fileSizeInBytes.value_or(0)});
-    if (planning_) return {};
     if (auto s = uploadLocalFile(l, r, remoteFolder, r.has_value()); !s) return s;
     if (!running()) return {};
     // The records hold the server's own size and time of the file.
@@ -1123,7 +1051,7 @@ Status SyncTask::uploadLocalFile(const KvMetadata& localFile,
     std::weak_ptr<SyncTask> weak = std::static_pointer_cast<SyncTask>(shared_from_this());
     auto generation = ++transferGeneration_;
     std::int64_t base = doneBytes_;
-    setTotalBytes(totalBytes() + size);
+    growTotalTo(base + size);
     // Replacing or not, the file goes up under a hidden name and takes its own name only when
     // complete: a run killed mid-upload leaves no partial file under the user's name.
     auto sent = RemoteUpload::uploadFile(
@@ -1168,7 +1096,6 @@ Status SyncTask::deleteRemoteFile(const KvMetadata& r, const std::optional<KvMet
                                   const std::optional<KvMetadata>& sl, const std::string& localPath,
                                   const std::string& reason) {
     decide({SyncAction::DeleteRemote, false, false, true, relativeLocalPath(localPath), reason, 0});
-    if (planning_) return {};
     if (auto s = checkDeleteLimit(Side::Remote); !s) return s;
     if (sl) {
         if (auto s = localService_->deleteLocalItem(*sl); !s) return s;
@@ -1185,7 +1112,6 @@ Status SyncTask::deleteLocalFile(const KvMetadata& l, const std::optional<KvMeta
                                  const std::optional<KvMetadata>& sr, const std::string& reason) {
     decide({SyncAction::DeleteLocal, false, false, false, relativeLocalPath(l.pathOrEmpty()),
             reason, 0});
-    if (planning_) return {};
     if (auto s = checkDeleteLimit(Side::Local); !s) return s;
     if (sr) {
         if (auto s = remoteService_->deleteRemoteItem(*sr); !s) return s;
@@ -1208,14 +1134,14 @@ Status SyncTask::deleteLocalFile(const KvMetadata& l, const std::optional<KvMeta
 
 Status SyncTask::deleteFolders() {
     // What the passes did not use of the plan is older than what they changed.
-    if (!planning_) plannedListings_.clear();
+    plannedListings_.clear();
     for (std::size_t i = 0; i < delRemoteFolders.size(); ++i) {
         if (!running()) return {};
         auto folder = delRemoteFolders[i];
         std::string twin = delRemoteFolderTwins_[i];
         auto removed = deleteRemoteFolderTree(folder, twin);
         if (!removed) return std::unexpected(removed.error());
-        if (*removed || planning_ || !running() || twin.empty()) continue;
+        if (*removed || !running() || twin.empty()) continue;
         // Something new or changed on the server inside it: the folder comes back here.
         KvMetadata local(twin);
         local.isDir = true;
@@ -1241,7 +1167,7 @@ Status SyncTask::deleteFolders() {
         auto twin = delLocalFolderTwins_[i];
         auto removed = deleteLocalFolderTree(folder, twin);
         if (!removed) return std::unexpected(removed.error());
-        if (*removed || planning_ || !running()) continue;
+        if (*removed || !running()) continue;
         // Something new or changed here inside it: the folder comes back on the server.
         KvMetadata remote = twin;
         remote.serverID = remoteRoot_.serverID;
@@ -1274,13 +1200,12 @@ Result<bool> SyncTask::deleteRemoteFolderTree(const KvMetadata& folder, const st
     if (isRemoteRoot(folder)) return false;
     auto listing = contentsOfDirectory(folder, true);
     if (!listing) return std::unexpected(listing.error());
-    if (planning_) countFiles(Side::Remote, *listing);
     bool kept = false;
     for (auto& e : *listing) {
         if (!running()) return false;
         std::string name = nameOf(e);
         std::string localPath = twin.empty() ? name : join(twin, name);
-        if (isHiddenName(name) || e.isSymbolLink || name == kTestFileName) {
+        if (!SyncTreePlanner::isSyncedName(name) || e.isSymbolLink) {
             kept = true;
             decide({SyncAction::Keep, false, e.isDir, true, relativeLocalPath(localPath),
                     "not synced (hidden or a link)"});
@@ -1314,19 +1239,16 @@ Result<bool> SyncTask::deleteRemoteFolderTree(const KvMetadata& folder, const st
     auto sl = localService_->getLocalItemByRemoteMeta(folder);
     if (kept) {
         // What is left makes the folder new to the next comparison.
-        if (!planning_) {
-            auto dropped = db_->transaction([&]() -> Status {
-                if (auto s = remoteService_->deleteRemoteItem(sr ? *sr : folder); !s) return s;
-                if (sl) return localService_->deleteLocalItem(*sl);
-                return {};
-            });
-            if (!dropped) return std::unexpected(dropped.error());
-        }
+        auto dropped = db_->transaction([&]() -> Status {
+            if (auto s = remoteService_->deleteRemoteItem(sr ? *sr : folder); !s) return s;
+            if (sl) return localService_->deleteLocalItem(*sl);
+            return {};
+        });
+        if (!dropped) return std::unexpected(dropped.error());
         return false;
     }
     decide({SyncAction::DeleteRemoteFolder, false, true, true, relativeLocalPath(twin),
             "deleted here"});
-    if (planning_) return true;
     if (sl) {
         if (auto s = localService_->deleteLocalItem(*sl); !s) return std::unexpected(s.error());
     }
@@ -1344,7 +1266,6 @@ Result<bool> SyncTask::deleteLocalFolderTree(const KvMetadata& folder,
     if (folder.pathOrEmpty() == localRoot_.pathOrEmpty()) return false;
     auto listing = contentsOfDirectory(folder, true);
     if (!listing) return std::unexpected(listing.error());
-    if (planning_) countFiles(Side::Local, *listing);
     bool kept = false;
     for (auto& e : *listing) {
         if (!running()) return false;
@@ -1383,7 +1304,7 @@ Result<bool> SyncTask::deleteLocalFolderTree(const KvMetadata& folder,
                 return std::unexpected(s.error());
             // A file that was touched meanwhile stays, and with it the folder.
             struct stat st {};
-            if (!planning_ && ::lstat(e.pathOrEmpty().c_str(), &st) == 0) kept = true;
+            if (::lstat(e.pathOrEmpty().c_str(), &st) == 0) kept = true;
         } else {
             kept = true;
             decide({SyncAction::Keep, false, false, false, relativeLocalPath(e.pathOrEmpty()),
@@ -1401,14 +1322,11 @@ Result<bool> SyncTask::deleteLocalFolderTree(const KvMetadata& folder,
         });
     };
     if (kept) {
-        if (!planning_) {
-            if (auto s = dropRecords(); !s) return std::unexpected(s.error());
-        }
+        if (auto s = dropRecords(); !s) return std::unexpected(s.error());
         return false;
     }
     decide({SyncAction::DeleteLocalFolder, false, true, false,
             relativeLocalPath(folder.pathOrEmpty()), "deleted on the server"});
-    if (planning_) return true;
     if (sr) {
         if (auto s = remoteService_->deleteRemoteItem(*sr); !s) return std::unexpected(s.error());
     }

@@ -31,64 +31,10 @@
 #include "sync/SyncLocalService.h"
 #include "sync/SyncPlanner.h"
 #include "sync/SyncRemoteService.h"
+#include "sync/SyncTreePlanner.h"
 #include "transfer/FileTransferTask.h"
 
 namespace quillon {
-
-// What a sync does (or, in a dry run, would do) with one item.
-enum class SyncAction {
-    Download,            // the server's file replaces or becomes the local one
-    Upload,              // the local file replaces or becomes the server's one
-    DeleteRemote,        // deleted locally since the last sync: deleted on the server
-    DeleteLocal,         // deleted on the server since the last sync: deleted locally
-    CreateLocalFolder,   // a folder new on the server
-    CreateRemoteFolder,  // a folder new locally
-    DeleteRemoteFolder,  // a folder deleted locally: removed on the server once empty
-    DeleteLocalFolder,   // a folder deleted on the server: removed locally once empty
-    Keep,                // inside a deleted folder, but new or changed since: kept
-    Skip,                // not synced (a link, or a file facing a folder of the same name)
-};
-
-// "download", "upload", "delete remote", "delete local", "mkdir local", "mkdir remote",
-// "rmdir remote", "rmdir local", "keep", "skip".
-std::string_view syncActionName(SyncAction action);
-
-struct SyncDecision {
-    SyncAction action = SyncAction::Skip;
-    bool conflict = false;  // both sides had a version of the file; the newer one won
-    bool isDir = false;
-    bool remoteSide = false;  // Keep and Skip: the item lies on the server
-    std::string path;         // relative to the pair's folders ("a/b.txt")
-    std::string reason;       // why, in a few words
-    std::uint64_t size = 0;   // bytes to transfer
-};
-
-// What a run did (or would do) on each side.
-struct SyncSummary {
-    std::int64_t downloaded = 0;
-    std::int64_t uploaded = 0;
-    std::int64_t deletedLocal = 0;
-    std::int64_t deletedRemote = 0;
-    std::int64_t localFoldersCreated = 0;
-    std::int64_t remoteFoldersCreated = 0;
-    std::int64_t localFoldersDeleted = 0;
-    std::int64_t remoteFoldersDeleted = 0;
-    std::int64_t conflicts = 0;
-    std::int64_t kept = 0;
-    std::int64_t skipped = 0;
-    std::int64_t bytesDownloaded = 0;
-    std::int64_t bytesUploaded = 0;
-    // Files seen on each side.
-    std::int64_t localFiles = 0;
-    std::int64_t remoteFiles = 0;
-    // When the delete limit stopped the run: the smallest limit (percent) that lets it go ahead.
-    std::optional<double> deletePercentNeeded;
-    // True when nothing was transferred, deleted or created.
-    bool nothingChanged() const;
-};
-
-// The counts of a list of decisions (the files seen are not among them).
-SyncSummary summarizeDecisions(const std::vector<SyncDecision>& decisions);
 
 struct SyncOptions {
     // Decide and report every action without touching either side or the pair's records.
@@ -103,7 +49,7 @@ struct SyncOptions {
 class SyncTask : public FileTransferTask {
   public:
     // The name, text and time (seconds after 2001-01-01 UTC) of the ability-check file.
-    static constexpr const char* kTestFileName = "test_1f36ebe4-a6a8-11e8-98d0-529269fb1459.txt";
+    static constexpr const char* kTestFileName = kSyncTestFileName;
     static constexpr const char* kTestFileText = "Testing file sync ability...";
     static constexpr double kTestFileReferenceSeconds = 1000000.0;
     // Error codes of domain "File Sync" beyond the listing failure 20001.
@@ -126,7 +72,8 @@ class SyncTask : public FileTransferTask {
     SyncInfo syncInfo() const;
     const SyncOptions& options() const { return options_; }
     SyncSummary summary() const;
-    // The decisions of the planning pass (a dry run, or the pass the delete limit reads).
+    // The run's plan: every decision, made before anything is changed (a dry run reports it,
+    // the delete limit and the progress total read it).
     std::vector<SyncDecision> plannedDecisions() const;
     // True once the run has ended and handed its completion to the main queue (a stopped task
     // reaches state 3 before its thread is done).
@@ -195,7 +142,6 @@ class SyncTask : public FileTransferTask {
     void completeFileTransfer(std::optional<Error> error);
     void finish(std::optional<Error> error);
     bool running() const { return state() == TransferTaskState::Running; }
-    bool planning() const { return planning_; }
 
     Result<std::shared_ptr<Listing>> listRemote(const KvMetadata& folder, bool exists);
     Result<std::shared_ptr<Listing>> listLocal(const KvMetadata& folder, bool exists);
@@ -205,7 +151,12 @@ class SyncTask : public FileTransferTask {
                               const KvMetadata& remoteFolder, const KvMetadata& localFolder);
     Status carryOutLocalOnlyItem(const SyncItemPlan& plan, const SyncItemState& item,
                                  const KvMetadata& remoteFolder);
-    Status runPlan();
+    // Both trees as they are now, and the decisions taken from them and the records.
+    Result<SyncPlan> makePlan();
+    Status snapshot(Side side, const KvMetadata& folder, const std::string& rel,
+                    SyncTreeSnapshot& tree);
+    // The delete limit, read from the plan.
+    Status checkPlanDeletes(const SyncSummary& plan);
     Status runPasses();
 
     Status download(const KvMetadata& r, const std::optional<KvMetadata>& l,
@@ -245,13 +196,14 @@ class SyncTask : public FileTransferTask {
     Result<std::string> moveAsideAsOriginal(const KvMetadata& file);
 
     void decide(SyncDecision decision);
-    // The plan's counts with the files the planning pass saw; the running counts start over.
-    SyncSummary takePlanSummary();
+    // The plan sets the total; a file that grew since it was listed raises it.
+    void growTotalTo(std::int64_t bytes) {
+        if (bytes > totalBytes()) setTotalBytes(bytes);
+    }
     std::string relativeLocalPath(const std::string& localPath) const;
     KvMetadata localChild(const KvMetadata& folder, const std::string& name, bool isDir) const;
     bool isRemoteRoot(const KvMetadata& folder) const;
     WrapperPtr wrapper() const;
-    void countFiles(Side side, const KvMetadataList& entries);
 
     SyncInfo info_;
     SyncOptions options_;
@@ -263,7 +215,6 @@ class SyncTask : public FileTransferTask {
     KvMetadata remoteRoot_;
     KvMetadata localRoot_;
     std::string localRootPrefix_;
-    bool planning_ = false;
     SyncSummary summary_;
     std::vector<SyncDecision> plan_;
     // Listings of the remote pass, reused by the local pass (keyed by local folder path).
@@ -271,10 +222,8 @@ class SyncTask : public FileTransferTask {
     // The other side's path of each folder in delRemoteFolders and delLocalFolders.
     std::vector<std::string> delRemoteFolderTwins_;
     KvMetadataList delLocalFolderTwins_;
-    // Remote folders a dry run would create (record paths).
-    std::unordered_set<std::string> plannedRemoteFolders_;
-    // Remote listings of the planning pass, used once by the pass that acts (keyed by record
-    // path), so that the delete limit does not cost a second listing of the server.
+    // Remote listings of the plan, used once by the pass that acts (keyed by record path), so
+    // that planning does not cost a second listing of the server.
     std::unordered_map<std::string, KvMetadataList> plannedListings_;
     // Exact times asked of the server in this run, by record path, listed time and size.
     std::unordered_map<std::string, std::optional<TimePoint>> exactTimes_;

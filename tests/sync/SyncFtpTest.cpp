@@ -167,5 +167,34 @@ TEST(SyncFtp, AFolderThatCannotBeListedEndsTheRunAndDeletesNothing) {
     EXPECT_EQ(run.stored.status, SyncStatus::Failed);
 }
 
+TEST(SyncFtp, LocalLinksAreSkippedOnceEachAndNeverDeleteTheirTwin) {
+    auto p = startPair(FtpServerKind::Vsftpd, "ftp-links");
+    if (!p) return;
+    writeFile(p->l("real.txt"), "real");
+    writeFile(p->l("dir/in.txt"), "in");
+    std::error_code ec;
+    std::filesystem::create_symlink("real.txt", p->l("file-link"), ec);
+    std::filesystem::create_directory_symlink("dir", p->l("dir-link"), ec);
+    std::filesystem::create_symlink("missing", p->l("dangling"), ec);
+    ASSERT_FALSE(ec) << ec.message();
+    auto first = runSync(p->info);
+    ASSERT_EQ(first.state(), TransferTaskState::Completed) << first.task->error()->describe();
+    EXPECT_EQ(first.decisionTexts(),
+              (std::vector<std::string>{"mkdir remote dir", "skip dangling", "skip dir-link",
+                                        "skip file-link", "upload dir/in.txt", "upload real.txt"}));
+    for (auto name : {"file-link", "dir-link", "dangling"}) EXPECT_FALSE(exists(p->r(name)));
+
+    // A synced file replaced here by a link stays on the server; the links stay here.
+    std::filesystem::remove(p->l("dir/in.txt"));
+    std::filesystem::create_symlink("../real.txt", p->l("dir/in.txt"), ec);
+    auto second = runSync(p->info);
+    ASSERT_EQ(second.state(), TransferTaskState::Completed) << second.task->error()->describe();
+    EXPECT_EQ(second.decisionTexts(),
+              (std::vector<std::string>{"skip dangling", "skip dir-link", "skip dir/in.txt",
+                                        "skip file-link"}));
+    EXPECT_EQ(readFile(p->r("dir/in.txt")), "in");
+    EXPECT_TRUE(std::filesystem::is_symlink(p->l("dangling"), ec));
+}
+
 }  // namespace
 }  // namespace quillon::test

@@ -1,10 +1,14 @@
-// The sync planner's decisions for one item, from the pair's records and both sides' items.
+// The sync planner's decisions: for one item, from the pair's records and both sides' items;
+// for whole trees, in the order a run takes them.
 
 #include <gtest/gtest.h>
 
+#include <map>
+#include <sstream>
 #include <string>
 
 #include "sync/SyncPlanner.h"
+#include "sync/SyncTreePlanner.h"
 
 namespace quillon::test {
 namespace {
@@ -88,6 +92,89 @@ TEST(SyncPlanner, DecidesEachItemFromItsRecordsAndBothSides) {
     EXPECT_EQ(decide(same, exact), "download");
     same.localRecord = item("f50");
     EXPECT_EQ(decide(same, exact), "conflict upload");
+}
+
+// A tree as "path=kind" words: "d" a folder, "l" a link, "f<seconds>" a file.
+using Tree = std::map<std::string, std::string>;
+
+Tree parseTree(const std::string& text) {
+    Tree tree;
+    std::istringstream words(text);
+    for (std::string w; words >> w;) tree[w.substr(0, w.find('='))] = w.substr(w.find('=') + 1);
+    return tree;
+}
+
+KvMetadata entry(const std::string& root, const std::string& rel, const std::string& kind) {
+    auto m = *item(kind);
+    m.setPath(root + "/" + rel);
+    m.setName(rel.substr(rel.rfind('/') + 1));
+    m.fileSizeInBytes = 10;
+    return m;
+}
+
+SyncTreeSnapshot snapshotOf(const std::string& root, const Tree& tree) {
+    SyncTreeSnapshot snap;
+    snap.folders[""];
+    for (auto& [rel, kind] : tree) {
+        auto slash = rel.rfind('/');
+        snap.folders[slash == std::string::npos ? "" : rel.substr(0, slash)].push_back(
+            entry(root, rel, kind));
+        if (kind == "d") snap.folders[rel];
+    }
+    return snap;
+}
+
+// The decisions for both trees and the records (each recorded item on both sides).
+std::string planTrees(const std::string& records, const std::string& remote,
+                      const std::string& local) {
+    Tree recorded = parseTree(records);
+    auto lookup = [recorded](const std::string& root, const std::string& recordRoot) {
+        return [recorded, root, recordRoot](const KvMetadata& m) -> std::optional<KvMetadata> {
+            auto rel = m.pathOrEmpty().substr(root.size() + 1);
+            auto it = recorded.find(rel);
+            if (it == recorded.end() || (it->second == "d") != m.isDir) return std::nullopt;
+            return entry(recordRoot, rel, it->second);
+        };
+    };
+    auto remoteTree = snapshotOf("/r", parseTree(remote));
+    auto localTree = snapshotOf("/l", parseTree(local));
+    SyncTreePlanner::Input input;
+    input.remote = &remoteTree;
+    input.local = &localTree;
+    input.remoteRoot = KvMetadata("/r");
+    input.localRoot = KvMetadata("/l");
+    input.records = {lookup("/r", "/r"), lookup("/r", "/l"), lookup("/l", "/l"),
+                     lookup("/l", "/r")};
+    std::string out;
+    for (auto& d : SyncTreePlanner::plan(input).decisions)
+        out += (out.empty() ? "" : ", ") + std::string(syncActionName(d.action)) + " " + d.path;
+    return out;
+}
+
+TEST(SyncTreePlanner, DecidesWholeTreesInTheOrderARunTakesThem) {
+    struct Row {
+        std::string records, remote, local, decisions;
+    };
+    const Row table[] = {
+        // New on the server: its folder first, then what it holds.
+        {"", "a=d a/b=f100", "", "mkdir local a, download a/b"},
+        // A conflict's local loser joins the local pass, after the local items.
+        {"c=f100", "c=f300", "c=f200 n=f100", "download c, upload n, upload c.original"},
+        // New here, in a new folder.
+        {"", "", "n=d n/x=f100", "mkdir remote n, upload n/x"},
+        // Folders deleted on one side go after both passes, down to what changed since.
+        {"g=d g/x=f100", "g=d g/x=f100", "", "delete remote g/x, rmdir remote g"},
+        {"d=d d/x=f100 d/y=f100", "d=d d/x=f100 d/y=f200", "",
+         "delete remote d/x, keep d/y, mkdir local d, download d/y"},
+        {"e=d e/u=f100 e/v=f100", "", "e=d e/u=f100 e/v=f300 e/.h=f1",
+         "keep e/.h, delete local e/u, keep e/v, mkdir remote e, upload e/v"},
+        // Links on either side are skipped once each and never delete their twin.
+        {"f=f100 gone=f100 rl=f100", "f=f100 rl=l", "f=l gone=l rl=f100 dl=l",
+         "skip f, skip rl, skip dl, skip gone"},
+    };
+    for (const Row& row : table)
+        EXPECT_EQ(planTrees(row.records, row.remote, row.local), row.decisions)
+            << "records " << row.records << "; server " << row.remote << "; local " << row.local;
 }
 
 }  // namespace

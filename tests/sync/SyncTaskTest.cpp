@@ -43,8 +43,14 @@ TEST(SyncTask, FirstSyncOfAnEmptyLocalFolderDownloadsEverythingAndRecordsEveryIt
             if (it != u.end()) notified = std::any_cast<SyncInfo>(it->second);
         });
     double before = nowSeconds();
-    auto run = runSync(p.info);
+    // The progress total is the whole run's from its first transfer on (5 + 4 + 5 bytes).
+    std::vector<std::int64_t> totals;
+    auto run = runSync(p.info, quickOptions(), [&](SyncTask& task, const SyncDecision&) {
+        totals.push_back(task.totalBytes());
+    });
     NotificationCenter::defaultCenter().removeObserver(token);
+    EXPECT_EQ(totals, std::vector<std::int64_t>(totals.size(), 14));
+    EXPECT_EQ(run.task->transferredBytes(), 14);
 
     ASSERT_EQ(run.state(), TransferTaskState::Completed) << run.task->error()->describe();
     EXPECT_EQ(treeOf(p.local), treeOf(p.remote.path()));
@@ -334,7 +340,12 @@ TEST(SyncTask, DryRunReportsWhatARealRunDoesAndTouchesNothing) {
     writeWithTime(p.r("gone-here.txt"), "g", t0);
     writeWithTime(p.r("both.txt"), "b1", t0);
     writeWithTime(p.r("gone-there.txt"), "gt", t0);
+    writeWithTime(p.r("back/same.txt"), "s", t0);
+    writeWithTime(p.r("back/edited.txt"), "e", t0);
     ASSERT_EQ(runSync(p.info).state(), TransferTaskState::Completed);
+    // Deleted here, but a file in it changed on the server: the folder comes back with it.
+    std::filesystem::remove_all(p.l("back"));
+    writeWithTime(p.r("back/edited.txt"), "e2", t0 + 60);
     writeWithTime(p.r("new/remote.txt"), "nr", t0);
     writeWithTime(p.l("newdir/local.txt"), "nl", t0);
     std::filesystem::remove(p.l("gone-here.txt"));
@@ -358,8 +369,12 @@ TEST(SyncTask, DryRunReportsWhatARealRunDoesAndTouchesNothing) {
     ASSERT_EQ(real.state(), TransferTaskState::Completed);
     std::vector<std::string> expected{"conflict download both.txt",
                                       "delete local gone-there.txt",
+                                      "delete remote back/same.txt",
                                       "delete remote gone-here.txt",
+                                      "download back/edited.txt",
                                       "download new/remote.txt",
+                                      "keep back/edited.txt",
+                                      "mkdir local back",
                                       "mkdir local new",
                                       "mkdir remote newdir",
                                       "upload both.txt.original",
@@ -367,7 +382,8 @@ TEST(SyncTask, DryRunReportsWhatARealRunDoesAndTouchesNothing) {
     EXPECT_EQ(dry.decisionTexts(), expected);
     EXPECT_EQ(real.decisionTexts(), expected);
     EXPECT_EQ(dry.summary().downloaded, real.summary().downloaded);
-    EXPECT_EQ(dry.summary().deletedLocal, real.summary().deletedLocal);
+    EXPECT_EQ(dry.summary().deletedRemote, real.summary().deletedRemote);
+    EXPECT_EQ(dry.summary().localFoldersCreated, real.summary().localFoldersCreated);
     EXPECT_NE(real.stored.lastSyncDate, storedBefore.lastSyncDate);
 
     // A pair never synced: a dry run lists the downloads without creating its folder.

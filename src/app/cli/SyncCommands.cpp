@@ -218,12 +218,15 @@ int runPairs(const RunOptions& opts) {
     std::vector<std::shared_ptr<SyncTask>> tasks;
     for (auto& info : chosen) {
         auto task = std::make_shared<SyncTask>(info, options);
-        if (opts.dryRun || opts.verbose) {
+        {
             std::int64_t id = info.syncInfoID;
+            bool everyAction = opts.dryRun || opts.verbose;
             // Decisions are printed on the main thread, where the progress line is drawn too.
             // The view holds the task: the task holds the view weakly, or neither would go.
+            // What is not synced (links) is always told, once per item.
             std::weak_ptr<ProgressView> weakView = view;
-            task->decisionHandler = [id, weakView](const SyncDecision& d) {
+            task->decisionHandler = [id, weakView, everyAction](const SyncDecision& d) {
+                if (!everyAction && d.action != SyncAction::Skip) return;
                 GCD::doInForeground([id, weakView, d] {
                     if (auto v = weakView.lock()) v->clearBlock();
                     std::string what(syncActionName(d.action));
