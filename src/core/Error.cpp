@@ -2,10 +2,19 @@
 
 #include <fmt/format.h>
 
+#include "core/StringUtils.h"
+
 namespace quillon {
 
 std::string Error::describe() const {
-    return fmt::format("{} ({} {})", reason, domain, code);
+    // Control characters in a name or a reply would act on a terminal: they are shown escaped.
+    std::string text = item.empty() ? reason : StringUtils::escapedForDisplay(item) + ": " + reason;
+    // Libraries often quote the reply code alone ("Failed FTP upload: 553"): the whole reply
+    // says why.
+    if (!serverReply.empty() && reason.find(serverReply) == std::string::npos)
+        text +=
+            fmt::format("; the server said \"{}\"", StringUtils::escapedForDisplay(serverReply));
+    return fmt::format("{} ({} {})", text, domain, code);
 }
 
 namespace KvError {

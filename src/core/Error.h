@@ -27,11 +27,25 @@ struct Error {
     long code = 0;
     std::string reason;
     ErrorKind kind = ErrorKind::Other;
+    // The item the failure is about as a person names it ("py:/tree/a.txt", a local path); empty
+    // when the failure is about no one item. Filled where the failure happens, where the item
+    // is known: a folder's operation names the child that failed, not the folder.
+    std::string item = {};
+    // The server's own words, when it refused ("553 Prohibited file name: back\slash").
+    std::string serverReply = {};
 
     bool is(ErrorKind k) const { return kind == k; }
 
-    // "reason (domain code)" for messages shown to the user.
+    // What a person reads, in every face of the program: the item, what failed, the server's
+    // reply, then domain and code ("py:/a.txt: Permission denied; the server said \"550 No
+    // such file\" (FTP 21)"); "reason (domain code)" when there is neither item nor reply.
     std::string describe() const;
+    // The error about `name` unless it names an item already.
+    Error about(const std::string& name) const& {
+        Error e = *this;
+        if (e.item.empty()) e.item = name;
+        return e;
+    }
     // The kind follows from the rest, so two errors are the same when domain, code and reason
     // are.
     bool operator==(const Error& other) const {

@@ -27,8 +27,21 @@ KvMetadata Location::metadata(bool isDir) const {
 }
 
 std::string Location::display() const {
-    if (isLocal()) return path;
-    return server->displayName + ":" + path;
+    return displayItem(*server, path);
+}
+
+std::string displayItem(const ServerInfo& server, const std::string& path) {
+    if (server.protocolType == ProtocolType::Local) return path;
+    return server.displayName + ":" + path;
+}
+
+std::string displayItem(const KvMetadata& item) {
+    std::string path = item.pathOrEmpty();
+    if (item.protocolType == ProtocolType::Local || !item.serverID || item.serverID->empty())
+        return path;
+    auto server =
+        ServerInfoService::sharedServerInfoService().serverInfoWithServerID(*item.serverID);
+    return server ? displayItem(*server, path) : path;
 }
 
 std::optional<ServerInfo> findServer(const std::string& nameOrId) {
@@ -245,6 +258,16 @@ Result<Location> resolveLocation(const std::string& text) {
         loc.path = normalizeServerPath(rest);
     } else {
         loc.path = absoluteLocalPath(text);
+        // "typo:/x" is far more often a mistyped server than a local name with a colon.
+        auto slash = text.find('/');
+        std::error_code ec;
+        if (colon != std::string::npos && colon > 0 &&
+            (slash == std::string::npos || colon < slash) && text[0] != '.' && text[0] != '~' &&
+            !std::filesystem::exists(loc.path, ec))
+            return std::unexpected(
+                usage(fmt::format("No server named \"{}\" (for a local item of that name, write "
+                                  "./{})",
+                                  text.substr(0, colon), text)));
         loc.server = std::make_shared<ServerInfo>(volumeFor(loc.path));
     }
     auto client = WrapperProxy::clientForServerInfo(loc.server);
@@ -255,7 +278,9 @@ Result<Location> resolveLocation(const std::string& text) {
 
 Result<KvMetadata> statLocation(const Location& loc) {
     if (loc.path == "/") return loc.metadata(true);
-    return loc.client->metadataOfItemSync(loc.metadata(false));
+    auto item = loc.client->metadataOfItemSync(loc.metadata(false));
+    if (!item) return std::unexpected(item.error().about(loc.display()));
+    return item;
 }
 
 }  // namespace quillon

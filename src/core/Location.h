@@ -24,14 +24,21 @@ struct Location {
     std::string display() const;
 };
 
+// An item as a person names it: "NAME:/path" on a server, the path alone on the local disk (the
+// server looked up by the record's serverID).
+std::string displayItem(const KvMetadata& item);
+std::string displayItem(const ServerInfo& server, const std::string& path);
+
 // Finds the server for the text: a configured server's display name or id, else none.
 std::optional<ServerInfo> findServer(const std::string& nameOrId);
 
-// Parses a location and makes its client.
+// Parses a location and makes its client. "NAME:/path" whose NAME is no configured server and
+// that is no existing local path fails with "No server named ...".
 Result<Location> resolveLocation(const std::string& text);
 
 // The record of the item at the location (the top folder is the client's root folder). Fails
-// with kind NotFound, 10008 "File not found!", when it does not exist.
+// with kind NotFound, 10008 "File not found!", when it does not exist; a failure names the
+// location.
 Result<KvMetadata> statLocation(const Location& loc);
 
 }  // namespace quillon

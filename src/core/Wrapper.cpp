@@ -11,6 +11,18 @@ Wrapper::Wrapper(ServerInfoPtr serverInfo) : serverInfo_(std::move(serverInfo)) 
     if (!serverInfo_) serverInfo_ = std::make_shared<ServerInfo>();
 }
 
+namespace {
+std::atomic<bool> gEveryOperationCancelled{false};
+}  // namespace
+
+void Wrapper::cancelEveryOperation() {
+    gEveryOperationCancelled = true;
+}
+
+bool Wrapper::everyOperationCancelled() {
+    return gEveryOperationCancelled.load(std::memory_order_relaxed);
+}
+
 Error Wrapper::unsupported(std::string_view operation) const {
     return KvError::errorWithDomain(ErrorDomain::Generic, -1,
                                     fmt::format("{} is not supported by this server", operation),

@@ -115,8 +115,14 @@ class Wrapper : public std::enable_shared_from_this<Wrapper> {
 
     const ServerInfoPtr& serverInfo() const { return serverInfo_; }
     void setServerInfo(ServerInfoPtr info) { serverInfo_ = std::move(info); }
-    bool cancelled() const { return cancelled_; }
+    // Cancelled on its own, or with every client of the process.
+    bool cancelled() const { return cancelled_ || everyOperationCancelled(); }
     void setCancelled(bool c) { cancelled_ = c; }
+    // Cancels every operation of every client, running or to come, for the rest of the process:
+    // a command that the user stops (Ctrl-C) must not wait for a client it does not hold, such
+    // as one still connecting to a server that never answers. Safe from any thread.
+    static void cancelEveryOperation();
+    static bool everyOperationCancelled();
     bool isServiceForThumbnail() const { return isServiceForThumbnail_; }
     void setIsServiceForThumbnail(bool b) { isServiceForThumbnail_ = b; }
     bool forceIncludesHiddenFiles() const { return forceIncludesHiddenFiles_; }

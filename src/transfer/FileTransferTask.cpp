@@ -1,8 +1,11 @@
 #include "transfer/FileTransferTask.h"
 
+#include "core/Location.h"
+
 #include <fmt/format.h>
 
 #include "core/GCD.h"
+#include "core/Location.h"
 #include "core/NotificationCenter.h"
 #include "core/StringUtils.h"
 #include "core/WrapperProxy.h"
@@ -68,9 +71,11 @@ std::vector<FileTransferTask::ItemFailure> FileTransferTask::itemFailures() cons
 }
 
 Status FileTransferTask::itemFailed(const KvMetadata& item, const Error& error) {
-    if (!continueAfterItemFailure || stopped()) return std::unexpected(error);
+    // The failure is the child's: it names the child, not the folder the task copies.
+    Error named = error.about(displayItem(item));
+    if (!continueAfterItemFailure || stopped()) return std::unexpected(named);
     std::lock_guard lock(mutex_);
-    itemFailures_.push_back({item.pathOrEmpty(), error});
+    itemFailures_.push_back({item.pathOrEmpty(), named});
     return {};
 }
 
@@ -169,11 +174,12 @@ void FileTransferTask::completeFileTransfer(std::optional<Error> err) {
         if (!itemFailures_.empty()) {
             const auto& first = itemFailures_.front();
             Error summary = first.error;
-            summary.reason = fmt::format("{}: {}", StringUtils::escapedForDisplay(first.path),
-                                         first.error.reason);
-            if (itemFailures_.size() > 1)
-                summary.reason = fmt::format("{} items failed; the first, {}", itemFailures_.size(),
-                                             summary.reason);
+            if (itemFailures_.size() > 1) {
+                summary.reason =
+                    fmt::format("{} items failed; the first, {}: {}", itemFailures_.size(),
+                                first.error.item, first.error.reason);
+                summary.item.clear();
+            }
             err = summary;
         }
     }

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include "core/Location.h"
 #include "core/ServerInfo.h"
 #include "core/StringUtils.h"
 #include "core/TemporaryItems.h"
@@ -111,6 +112,12 @@ Status uploadFile(Wrapper& wrapper, const KvMetadata& record, const std::string&
     }
     if (!r || stopped()) removeQuietly(wrapper, partial);
     TemporaryItems::forgetTemporary(place, partial.pathOrEmpty());
+    if (!r) {
+        // The failure is the file's, not that of the hidden name it travelled under.
+        Error failure = r.error();
+        failure.item = displayItem(target);
+        return std::unexpected(failure);
+    }
     return r;
 }
 

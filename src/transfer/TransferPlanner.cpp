@@ -123,7 +123,7 @@ std::expected<void, Refusal> TransferPlanner::rename(const Location& source, con
     if (!folder || !folder->isDir) return refuse(parent.display() + " is not a folder.");
     auto client = target.isLocal() ? target.client : source.client;
     if (auto r = client->moveSync(item, target.metadata(item.isDir)); !r)
-        return std::unexpected(Refusal::failed(r.error()));
+        return std::unexpected(Refusal::failed(r.error().about(source.display())));
     return {};
 }
 

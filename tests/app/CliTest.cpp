@@ -1,10 +1,15 @@
 // The quillon command as a user runs it: servers, settings and local browsing, with the exit
-// status and messages a script relies on.
+// status and messages a script relies on; the exact message of each failure; Ctrl-C.
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <regex>
 
+#include "support/ChildProcess.h"
+#include "support/FtpServers.h"
 #include "support/TestEnv.h"
 
 using namespace quillon::test;
@@ -124,8 +129,168 @@ TEST(Cli, BrowsesAndManagesLocalFolders) {
     EXPECT_TRUE(fs::exists(dir / "sub"));
     EXPECT_TRUE(quillonExits(0, {"rm", "-r", dir / "sub"}));
     EXPECT_FALSE(fs::exists(dir / "sub"));
+}
 
-    // Missing items: exit 1 with the reason, domain and code.
-    EXPECT_TRUE(quillonExits(1, {"ls", dir / "nothing-here"}, "10008"));
-    EXPECT_TRUE(quillonExits(1, {"ls", "nosuchserver:/x"}));
+namespace {
+
+// Runs quillon; passes when it exits with `status` and one line of its standard error is
+// "quillon: " + `says` (or matches "quillon: " + `pattern`).
+::testing::AssertionResult failsSaying(int status, const std::vector<std::string>& args,
+                                       const std::string& says, bool pattern = false) {
+    auto r = runQuillon(args);
+    auto errLines = lines(r.err);
+    std::regex wanted("quillon: " + says);
+    auto matches = [&](const std::string& line) {
+        return pattern ? std::regex_match(line, wanted) : line == "quillon: " + says;
+    };
+    if (r.exitCode == status && std::any_of(errLines.begin(), errLines.end(), matches))
+        return ::testing::AssertionSuccess();
+    auto failure = ::testing::AssertionFailure() << "quillon";
+    for (auto& a : args) failure << " '" << a << "'";
+    return failure << " exited " << r.exitCode << ", not " << status << " with \"quillon: " << says
+                   << "\"\nout: " << r.out << "\nerr: " << r.err;
+}
+
+// The quillon binary in the background.
+struct QuillonProcess : ChildProcess {
+    explicit QuillonProcess(std::vector<std::string> args) : ChildProcess(withBinary(args)) {}
+    static std::vector<std::string> withBinary(std::vector<std::string> args) {
+        args.insert(args.begin(), QUILLON_BINARY);
+        return args;
+    }
+};
+
+}  // namespace
+
+TEST(Cli, LocalFailuresNameTheItemAndMistypedWordsAreNamed) {
+    IsolatedHome home;
+    ScratchDir dir("clierr");
+    writeFile(dir / "f.txt", "f");
+    std::string nope = dir / "nope";
+    std::string missing = nope + ": File not found! (Local 10008)";
+    for (const char* command : {"ls", "stat", "cat", "rm"})
+        EXPECT_TRUE(failsSaying(1, {command, nope}, missing));
+    EXPECT_TRUE(failsSaying(1, {"cp", nope, dir.path()}, missing));
+    EXPECT_TRUE(failsSaying(1, {"mv", nope, dir / "elsewhere"}, missing));
+    EXPECT_TRUE(failsSaying(1, {"cp", dir / "f.txt", dir / "no-dir"},
+                            dir / "no-dir: File not found! (Local 10008)"));
+    EXPECT_TRUE(fs::exists(dir / "f.txt"));
+
+    // A move within one disk moves no bytes, yet reports those of what it moved.
+    fs::create_directory(dir / "sub");
+    auto moved = runQuillon({"mv", dir / "f.txt", dir / "sub"});
+    EXPECT_EQ(moved.exitCode, 0) << moved.err;
+    EXPECT_TRUE(contains(moved.err,
+                         "moved  " + (dir / "f.txt") + " -> " + (dir / "sub/f.txt") + "  1 B in "))
+        << moved.err;
+
+    // With --json a failure before any transfer is a JSON line too.
+    auto json = runQuillon({"cp", "--json", nope, dir.path()});
+    EXPECT_EQ(json.exitCode, 1);
+    EXPECT_EQ(json.out,
+              "{\"event\":\"error\",\"error\":{\"domain\":\"Local\",\"code\":10008,\"reason\":"
+              "\"File not found!\",\"item\":\"" +
+                  nope + "\",\"serverReply\":null,\"message\":\"" + missing + "\"}}\n")
+        << json.err;
+
+    // A NAME: that is no server and no local item is a mistyped server; ./ makes it local.
+    EXPECT_TRUE(failsSaying(1, {"ls", "typo:/x"},
+                            "No server named \"typo\" (for a local item of that name, write "
+                            "./typo:/x) (Kv Generic -1)"));
+    writeFile(dir / "a:b", "colon");
+    EXPECT_EQ(runQuillon({"cat", dir / "a:b"}).out, "colon");
+
+    EXPECT_TRUE(failsSaying(2, {"no-such-command"},
+                            "unknown command \"no-such-command\"; `quillon --help` lists the "
+                            "commands."));
+    EXPECT_TRUE(failsSaying(2, {"sync", "frob", "1"},
+                            "unknown command \"frob\"; `quillon sync --help` lists the commands."));
+}
+
+// The built-in FTP server is a real server that refuses with replies of its own: an anonymous
+// session may not write, and it offers no TLS.
+TEST(Cli, ServerFailuresNameTheItemWithItsServerAndKeepTheReply) {
+    IsolatedHome home;
+    ScratchDir root("clisrv");
+    ScratchDir local("clisrvlocal");
+    writeFile(root / "pub.txt", "public");
+    writeFile(local / "up.txt", "up");
+    QuillonProcess server({"serve", "ftp", root.path(), "--port", "0", "--bind", "127.0.0.1"});
+    auto port = server.waitForOutput(std::regex(R"(Connect to ftp://127\.0\.0\.1:(\d+)/)"));
+    ASSERT_TRUE(port) << server.out() << server.err();
+    // A quick-connect server is named by its address.
+    std::string name = "127.0.0.1:" + *port;
+    std::string url = "ftp://" + name;
+
+    // The file went up under a hidden name, which the server's reply names; the error names the
+    // file.
+    EXPECT_TRUE(failsSaying(1, {"cp", local / "up.txt", url + "/"},
+                            std::regex_replace(name, std::regex("\\."), "\\.") +
+                                R"(:/up\.txt: Failed FTP upload: 553; the server said "553 )"
+                                R"(\.quillon-[^ ]+-up\.txt: Permission denied\." \(FTP 25\))",
+                            true));
+    EXPECT_TRUE(failsSaying(1, {"mkdir", url + "/new"},
+                            name + ":/new: Permission denied; the server said \"550 Permission "
+                                   "denied.\" (FTP 21)"));
+    EXPECT_TRUE(
+        failsSaying(1, {"stat", url + "/nope"}, name + ":/nope: File not found! (FTP 10008)"));
+    EXPECT_TRUE(
+        failsSaying(1, {"ls", "ftpes://" + name + "/"},
+                    name + ":/: TLS is required by the settings, but the server refused it; "
+                           "the server said \"500 'AUTH': command not understood.\" (FTP 64)"));
+    EXPECT_FALSE(fs::exists(root / "up.txt"));
+    EXPECT_FALSE(fs::exists(root / "new"));
+
+    // Where uploads are allowed: the result line names the server, and a conflict answered with
+    // skip is reported as skipped.
+    ScratchDir open("clisrvopen");
+    QuillonProcess writable({"serve", "ftp", open.path(), "--port", "0", "--bind", "127.0.0.1",
+                             "--allow-anonymous-upload"});
+    auto openPort = writable.waitForOutput(std::regex(R"(Connect to ftp://127\.0\.0\.1:(\d+)/)"));
+    ASSERT_TRUE(openPort) << writable.out() << writable.err();
+    std::string openName = "127.0.0.1:" + *openPort;
+    auto copied = runQuillon({"cp", local / "up.txt", "ftp://" + openName + "/"});
+    EXPECT_EQ(copied.exitCode, 0) << copied.err;
+    EXPECT_TRUE(contains(copied.err,
+                         "copied " + (local / "up.txt") + " -> " + openName + ":/up.txt  2 B in "))
+        << copied.err;
+    auto skipped = runQuillon(
+        {"cp", "--json", "--on-conflict", "skip", local / "up.txt", "ftp://" + openName + "/"});
+    EXPECT_EQ(skipped.exitCode, 0) << skipped.err;
+    EXPECT_TRUE(contains(skipped.out, "\"state\":\"skipped\"")) << skipped.out;
+}
+
+// Ctrl-C while connecting to a server that never answers: every command ends at once with 130
+// and leaves nothing behind.
+TEST(Cli, CtrlCStopsCommandsWaitingOnASilentServer) {
+    IsolatedHome home;
+    ScratchDir local("clisilent");
+    writeFile(local / "tree/a.txt", "a");
+    ScriptedFtpServer silent("", [](const std::string&) { return std::string(); });
+    std::string port = std::to_string(silent.port());
+    ASSERT_TRUE(quillonExits(0, {"server", "add", "silent", "--type", "ftp", "--addr", "127.0.0.1",
+                                 "--port", port, "--user", "u", "--password", "p"}));
+    ASSERT_TRUE(quillonExits(0, {"sync", "add", "silent:/", "pair"}));
+    std::string synced = home.path() + "/home/Synced/pair";
+    const std::vector<std::vector<std::string>> commands = {
+        {"ls", "silent:/"},
+        {"cp", "silent:/a.txt", local / "tree"},
+        {"cp", "-r", local / "tree", "silent:/"},
+        {"sync", "run", "1"},
+    };
+    for (auto& args : commands) {
+        SCOPED_TRACE(args[0] + " " + args[1]);
+        int before = silent.sessions();
+        QuillonProcess p(args);
+        ASSERT_TRUE(waitUntil([&] { return silent.sessions() > before || !p.running(); }));
+        ASSERT_TRUE(p.running()) << p.out() << p.err();
+        // Twice for sync, which finishes its records after the first and ignores the second.
+        ::kill(p.pid(), SIGINT);
+        if (args[0] == "sync") ::kill(p.pid(), SIGINT);
+        // Well below the server's 30 s reply time-out, which was the only way out before.
+        EXPECT_EQ(p.wait(std::chrono::seconds(20)), 130) << p.out() << p.err();
+    }
+    EXPECT_EQ(namesIn(local / "tree"), std::vector<std::string>{"a.txt"});
+    // The sync folder holds its lock file only.
+    EXPECT_EQ(namesIn(synced), std::vector<std::string>{".sync_lock"});
 }

@@ -710,6 +710,7 @@ void ScriptedFtpServer::run() {
         int c = ::accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC);
         if (c < 0) return;
         client_ = c;
+        ++sessions_;
         if (stop_) ::shutdown(c, SHUT_RDWR);
         Session session(*this, c);
         session.reply(greeting_);

@@ -143,6 +143,7 @@ class ScriptedFtpServer {
     // hang up, or text ending in "<CLOSE>" to send it and hang up.
     using Script = std::function<std::string(const std::string& line, Session& session)>;
 
+    // An empty greeting makes a server that accepts and never says a word.
     ScriptedFtpServer(std::string greeting, Script script);
     ScriptedFtpServer(std::string greeting, std::function<std::string(const std::string&)> reply);
     ~ScriptedFtpServer();
@@ -152,6 +153,8 @@ class ScriptedFtpServer {
     int port() const { return port_; }
     // A server record for it (user "u", password "p").
     ServerInfoPtr serverInfo() const;
+    // Control connections accepted so far.
+    int sessions() const { return sessions_; }
     // Connections that reached a bystander of `passive`.
     int bystanderConnections();
     // The login dialogue and the commands every request sends first (USER, PASS, PWD, CWD, TYPE,
@@ -165,6 +168,7 @@ class ScriptedFtpServer {
     int port_ = 0;
     std::atomic<bool> stop_{false};
     std::atomic<int> client_{-1};
+    std::atomic<int> sessions_{0};
     std::atomic<int> data_{-1};
     std::string greeting_;
     Script script_;

@@ -74,6 +74,26 @@ void installHostKeyAsker(bool acceptNew) {
     });
 }
 
+// The first word that names no command where one is required ("quillon frob", "quillon sync
+// frob"), with the command it was given to; none when every command word is known.
+std::optional<std::pair<std::string, std::string>> unknownCommand(CLI::App& app, int argc,
+                                                                  char** argv) {
+    CLI::App* current = &app;
+    std::string path = "quillon";
+    for (int i = 1; i < argc; ++i) {
+        std::string word = argv[i];
+        if (word == "--") return std::nullopt;
+        if (word.starts_with('-')) continue;
+        if (current->get_require_subcommand_min() == 0) return std::nullopt;
+        auto found =
+            current->get_subcommands([&word](CLI::App* sub) { return sub->check_name(word); });
+        if (found.empty()) return std::make_pair(word, path);
+        current = found.front();
+        path += " " + current->get_name();
+    }
+    return std::nullopt;
+}
+
 // The one application object of a command-line run; started by the first command that needs it.
 std::unique_ptr<Application>& application() {
     static std::unique_ptr<Application> app;
@@ -144,6 +164,10 @@ int run(int argc, char** argv, GuiLauncher gui) {
         fmt::print(stderr, "{}", cli.app.help());
         return kExitUsage;
     }
+    if (auto unknown = unknownCommand(cli.app, argc, argv))
+        return reportMessage(fmt::format("unknown command \"{}\"; `{} --help` lists the commands.",
+                                         unknown->first, unknown->second),
+                             kExitUsage);
     try {
         cli.app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {

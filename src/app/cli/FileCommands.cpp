@@ -92,7 +92,7 @@ void registerFileCommands(Cli& cli) {
             std::vector<const KvMetadata*> order;
             if (item->isDir) {
                 auto listing = loc->client->contentsOfDirectoryAtPathSync(loc->metadata(true));
-                if (!listing) return reportError(listing.error());
+                if (!listing) return reportError(listing.error().about(loc->display()));
                 entries = std::move(*listing);
                 if (!*lsAll) {
                     std::erase_if(entries, [](const KvMetadata& m) {
@@ -172,7 +172,7 @@ void registerFileCommands(Cli& cli) {
                 auto loc = resolveAndStart(t);
                 if (!loc) return reportError(loc.error());
                 if (auto r = loc->client->createFolderSync(loc->metadata(true)); !r)
-                    rc = reportError(r.error());
+                    rc = reportError(r.error().about(loc->display()));
             }
             return rc;
         };
@@ -203,7 +203,8 @@ void registerFileCommands(Cli& cli) {
                     rc = reportMessage(loc->display() + " is a folder: use -r to delete it.");
                     continue;
                 }
-                if (auto r = loc->client->removeSync({*item}); !r) rc = reportError(r.error());
+                if (auto r = loc->client->removeSync({*item}); !r)
+                    rc = reportError(r.error().about(loc->display()));
             }
             return rc;
         };
@@ -225,14 +226,15 @@ void registerFileCommands(Cli& cli) {
                 return std::fwrite(chunk.data(), 1, chunk.size(), stdout) == chunk.size();
             };
             if (!caps.streaming) return reportMessage("This server cannot stream files yet.");
-            if (auto r = loc->client->initStreamFileMeta(*item); !r) return reportError(r.error());
+            if (auto r = loc->client->initStreamFileMeta(*item); !r)
+                return reportError(r.error().about(loc->display()));
             if (caps.readFromOffsetToEnd) {
                 if (auto r = loc->client->readDataFromOffsetToEnd(0, write); !r)
-                    return reportError(r.error());
+                    return reportError(r.error().about(loc->display()));
             } else {
                 while (true) {
                     auto chunk = loc->client->readDataOfLength(1 << 20);
-                    if (!chunk) return reportError(chunk.error());
+                    if (!chunk) return reportError(chunk.error().about(loc->display()));
                     if (chunk->empty()) break;
                     if (!write(*chunk)) return reportMessage("Cannot write to standard output.");
                 }

@@ -56,6 +56,14 @@ std::string jsonString(std::string_view s) {
     return out;
 }
 
+std::string errorJson(const Error& error) {
+    auto optional = [](const std::string& s) { return s.empty() ? "null" : jsonString(s); };
+    return fmt::format(
+        "{{\"domain\":{},\"code\":{},\"reason\":{},\"item\":{},\"serverReply\":{},\"message\":{}}}",
+        jsonString(error.domain), error.code, jsonString(error.reason), optional(error.item),
+        optional(error.serverReply), jsonString(error.describe()));
+}
+
 std::string jsonTime(const std::optional<std::chrono::system_clock::time_point>& t) {
     if (!t) return "null";
     // fmt formats a time point in the local zone: the "Z" needs the UTC calendar time.

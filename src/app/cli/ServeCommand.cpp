@@ -51,10 +51,17 @@ void logLine(const std::string& line) {
 int runServeFtp(ServeFtpOptions& o) {
     FtpServerService service;
     service.loadSettings();
-    if (!o.folder.empty()) service.rootFolder = o.folder;
+    // What is shared and with whom when the command line does not say: told before the server
+    // opens, so nobody shares a folder or opens it to everyone without knowing.
+    std::string folderFrom = "given";
+    if (!o.folder.empty())
+        service.rootFolder = o.folder;
+    else if (!service.rootFolder.empty())
+        folderFrom = "the FTP_SERVER_LOCATION preference";
     if (service.rootFolder.empty()) {
         std::error_code ec;
         service.rootFolder = std::filesystem::current_path(ec).string();
+        folderFrom = "the current folder: no FOLDER given";
     }
     std::error_code ec;
     if (!std::filesystem::is_directory(service.rootFolder, ec))
@@ -80,9 +87,20 @@ int runServeFtp(ServeFtpOptions& o) {
         logLine(fmt::format("received {}, stopping", StopSignals::name(sig)));
         stop = true;
     });
+    bool anonymous = service.username.empty() || service.username == "anonymous";
+    if (o.folder.empty())
+        fmt::print(stderr, "quillon: sharing {} ({})\n", service.rootFolder, folderFrom);
+    if (o.userOption->count() == 0)
+        fmt::print(stderr, "quillon: {}\n",
+                   anonymous ? fmt::format("no --user given: anyone may log in, without a password "
+                                           "({})",
+                                           o.allowAnonymousUpload ? "uploads allowed" : "read-only")
+                             : fmt::format("no --user given: logging in as {} (the "
+                                           "FTP_SERVER_USERNAME preference)",
+                                           service.username));
+    std::fflush(stderr);
     if (auto started = service.startServer(); !started) return reportError(started.error());
 
-    bool anonymous = service.username.empty() || service.username == "anonymous";
     std::string host = o.bind;
     if (host == "0.0.0.0" || host == "::") {
         host = service.localIPAddress();

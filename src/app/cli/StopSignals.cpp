@@ -9,6 +9,7 @@
 #include <cerrno>
 
 #include "core/MainQueue.h"
+#include "core/Wrapper.h"
 
 namespace quillon::cli {
 
@@ -52,6 +53,9 @@ StopSignals::StopSignals(Second second, std::function<void(int)> onStop)
             // 0 is the destructor's word to end; a closed or broken pipe ends the wait too.
             if (n <= 0 || byte == 0) return;
             int sig = byte;
+            // Clients blocked in a connect or a read on any thread give up now, not when the
+            // main queue gets round to the command's own stop.
+            Wrapper::cancelEveryOperation();
             // A stop that arrives after the command's end finds the state inactive.
             MainQueue::shared().post([state, sig] {
                 if (state->active && state->onStop) state->onStop(sig);

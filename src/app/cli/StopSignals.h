@@ -1,10 +1,11 @@
 #pragma once
 // StopSignals: Ctrl-C, SIGTERM and SIGHUP, handled the same way by every command while one is
-// held. The first signal asks the command to stop: `onStop` runs on the main queue (which wakes
-// up for it), and stopRequested() turns true. A second one ends the process at once with 128 +
-// the first signal when the command asks for that (a stop that hangs can still be cut short).
-// A blocking read on the main thread returns EINTR when a signal arrives, so a pending question
-// on the terminal gives way.
+// held. The first signal asks the command to stop: every client operation of the process is
+// cancelled at once (Wrapper::cancelEveryOperation), `onStop` runs on the main queue (which
+// wakes up for it), and stopRequested() turns true. A second one ends the process at once with 128
+// + the first signal when the command asks for that (a stop that hangs can still be cut short). A
+// blocking read on the main thread returns EINTR when a signal arrives, so a pending question on
+// the terminal gives way.
 
 #include <functional>
 #include <memory>

@@ -267,6 +267,8 @@ int runPairs(const RunOptions& opts) {
         printSummary(*t, opts.dryRun);
         if (t->state() != TransferTaskState::Completed) rc = kExitError;
     }
+    // Stopped by the user: the status says so, as for every other command.
+    if (StopSignals::stopRequested()) return 128 + StopSignals::signal();
     return rc;
 }
 

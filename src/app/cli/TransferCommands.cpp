@@ -119,10 +119,9 @@ class TransferConsole : public ProgressView {
         auto state = task.state();
         auto error = task.error();
         auto failures = task.itemFailures();
-        auto errorJson = [](const Error& e) {
-            return fmt::format("{{\"domain\":{},\"code\":{},\"reason\":{}}}", jsonString(e.domain),
-                               e.code, jsonString(e.reason));
-        };
+        // A conflict answered with skip ends the task stopped: it was skipped, not stopped.
+        bool skipped =
+            state == TransferTaskState::Stopped && task.fileConflict() == ConflictAction::Skip;
         if (json_) {
             std::string failed;
             for (auto& f : failures)
@@ -132,8 +131,8 @@ class TransferConsole : public ProgressView {
                        "{{\"event\":\"end\",\"id\":{},\"source\":{},\"target\":{},\"state\":{},"
                        "\"transferred\":{},\"total\":{},\"error\":{}{}}}\n",
                        row.id, jsonString(row.label), jsonString(task.targetMetadata.pathOrEmpty()),
-                       jsonString(stateName(state)), task.transferredBytes(), task.totalBytes(),
-                       error ? errorJson(*error) : "null",
+                       jsonString(skipped ? "skipped" : stateName(state)), task.transferredBytes(),
+                       task.totalBytes(), error ? errorJson(*error) : "null",
                        failed.empty() ? "" : ",\"failedItems\":[" + failed + "]");
             std::fflush(stdout);
             return;
@@ -141,8 +140,7 @@ class TransferConsole : public ProgressView {
         // Items of a folder that failed while the rest went on, each on its own line (the task's
         // own line names a single one).
         for (auto& f : failures.size() > 1 ? failures : decltype(failures){})
-            message(fmt::format("quillon: {} failed: {}", StringUtils::escapedForDisplay(f.path),
-                                f.error.describe()));
+            message(fmt::format("quillon: {}", f.error.describe()));
         std::string text;
         switch (state) {
             case TransferTaskState::Completed: {
@@ -151,21 +149,29 @@ class TransferConsole : public ProgressView {
                     seconds =
                         std::chrono::duration<double>(*task.endTime() - *task.startTime()).count();
                 text = fmt::format("{} {} -> {}  {} in {}", moving_ ? "moved " : "copied",
-                                   row.label, task.targetMetadata.pathOrEmpty(),
-                                   formatBytes(task.totalBytes()), formatDuration(seconds));
+                                   row.label, displayItem(task.targetMetadata),
+                                   formatBytes(bytesOf(task)), formatDuration(seconds));
                 break;
             }
             case TransferTaskState::Failed:
-                text = fmt::format("quillon: {} failed: {}", row.label,
-                                   error ? error->describe() : std::string("unknown error"));
+                text = error ? fmt::format("quillon: {}", error->about(row.label).describe())
+                             : fmt::format("quillon: {}: failed", row.label);
                 break;
             default:
-                text = fmt::format(
-                    "{} {}", task.fileConflict() == ConflictAction::Skip ? "skipped" : "stopped",
-                    row.label);
+                text = fmt::format("{} {}", skipped ? "skipped" : "stopped", row.label);
                 break;
         }
         message(text);
+    }
+
+    // A move within one server transfers nothing: its bytes are those of the files it moved.
+    static std::int64_t bytesOf(const FileTransferTask& task) {
+        if (task.totalBytes() > 0) return task.totalBytes();
+        std::int64_t sum = 0;
+        for (auto& item : task.sourceItems)
+            if (!item.isDir && item.fileSizeInBytes)
+                sum += static_cast<std::int64_t>(*item.fileSizeInBytes);
+        return sum;
     }
 
     bool json_;
@@ -291,38 +297,51 @@ int runTransfer(const Options& opt, bool moving) {
     if (*policy == ConflictPolicy::Ask && !interactive)
         return reportMessage("--on-conflict ask needs a terminal on standard input.", kExitUsage);
     if (opt.jobs < 0) return reportMessage("--jobs takes a number of 1 or more.", kExitUsage);
-    if (auto r = startApplication(); !r) return reportError(r.error());
+    // With --json a failure before the first transfer is a JSON line too, as later ones are.
+    auto fail = [&opt](const Error& error) {
+        if (!opt.json) return reportError(error);
+        fmt::print("{{\"event\":\"error\",\"error\":{}}}\n", errorJson(error));
+        std::fflush(stdout);
+        return kExitError;
+    };
+    auto refuse = [&](const Refusal& refusal) {
+        if (!opt.json || refusal.error)
+            return refusal.error ? fail(*refusal.error) : reportRefusal(refusal);
+        fmt::print("{{\"event\":\"error\",\"message\":{}}}\n", jsonString(refusal.message));
+        std::fflush(stdout);
+        return refusal.badRequest ? kExitUsage : kExitError;
+    };
+    if (auto r = startApplication(); !r) return fail(r.error());
 
     auto dst = resolveLocation(opt.target);
-    if (!dst) return reportError(dst.error());
+    if (!dst) return fail(dst.error());
     auto dstItem = statLocation(*dst);
 
     if (moving && opt.sources.size() == 1 && (!dstItem || !dstItem->isDir)) {
         auto src = resolveLocation(opt.sources[0]);
-        if (!src) return reportError(src.error());
+        if (!src) return fail(src.error());
         auto item = statLocation(*src);
-        if (!item) return reportError(item.error());
-        if (auto r = TransferPlanner::rename(*src, *item, *dst); !r)
-            return reportRefusal(r.error());
+        if (!item) return fail(item.error());
+        if (auto r = TransferPlanner::rename(*src, *item, *dst); !r) return refuse(r.error());
         return kExitOk;
     }
     auto planner = TransferPlanner::into(*dst, dstItem, moving, opt.recursive);
-    if (!planner) return reportRefusal(planner.error());
+    if (!planner) return refuse(planner.error());
 
     auto console = std::make_shared<TransferConsole>(opt.json, moving);
     int rc = kExitOk;
     for (auto& text : opt.sources) {
         auto src = resolveLocation(text);
         if (!src) {
-            rc = reportError(src.error());
+            rc = fail(src.error());
             continue;
         }
         auto item = statLocation(*src);
         if (!item) {
-            rc = reportError(item.error());
+            rc = fail(item.error());
             continue;
         }
-        if (auto refusal = planner->add(*src, *item)) rc = reportRefusal(*refusal);
+        if (auto refusal = planner->add(*src, *item)) rc = refuse(*refusal);
     }
     auto planned = planner->tasks();
     if (planned.empty()) return rc;

@@ -9,11 +9,13 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cstring>
 #include <map>
 
 #include "clients/ftp/FtpWrapper.h"
 #include "core/LocalizedUtils.h"
+#include "core/Location.h"
 #include "core/ServerInfoService.h"
 #include "core/StringEncoding.h"
 #include "core/StringUtils.h"
@@ -84,6 +86,45 @@ std::string percentEscape(std::string_view bytes) {
         }
     }
     return out;
+}
+
+// The server's last refusal among the replies of a request ("553 Prohibited file name"), or its
+// last reply when it refused nothing; without the line end.
+std::string lastRefusal(std::string_view replies) {
+    std::string_view refusal, last;
+    while (!replies.empty()) {
+        auto nl = replies.find('\n');
+        auto line = replies.substr(0, nl);
+        replies = nl == std::string_view::npos ? std::string_view{} : replies.substr(nl + 1);
+        while (!line.empty() && (line.back() == '\r' || line.back() == ' ')) line.remove_suffix(1);
+        if (line.size() < 4 || !std::isdigit(static_cast<unsigned char>(line[0])) ||
+            !std::isdigit(static_cast<unsigned char>(line[1])) ||
+            !std::isdigit(static_cast<unsigned char>(line[2])) || line[3] != ' ')
+            continue;
+        last = line;
+        if (line[0] == '4' || line[0] == '5') refusal = line;
+    }
+    return std::string(refusal.empty() ? last : refusal);
+}
+
+// The item a command list is about: the argument of its first command that names one.
+std::string itemOfCommands(const std::vector<std::string>& commands) {
+    for (auto& c : commands) {
+        auto space = c.find(' ');
+        if (space == std::string::npos) continue;
+        auto verb = StringUtils::toUpper(c.substr(0, space));
+        if (verb == "MKD" || verb == "RMD" || verb == "DELE" || verb == "RNFR" || verb == "MLST" ||
+            verb == "SIZE" || verb == "MDTM")
+            return c.substr(space + 1);
+        if (verb == "SITE" || verb == "MFMT") {
+            // "SITE CHMOD 644 /a", "MFMT 20240101000000 /a": the path comes third.
+            auto second = c.find(' ', c.find_first_not_of(' ', space));
+            auto third = second == std::string::npos ? second : c.find(' ', second + 1);
+            if (verb == "MFMT" && second != std::string::npos) return c.substr(second + 1);
+            if (third != std::string::npos) return c.substr(third + 1);
+        }
+    }
+    return {};
 }
 
 }  // namespace
@@ -411,6 +452,7 @@ Result<std::string> FtpWrapper::curl_runCommandWithoutBodyWithCommandList(
     auto conn = retrieveFTPConnection();
     if (!conn) return std::unexpected(conn.error());
     Operation op{this, *conn};
+    op.item = itemOfCommands(commands);
     CURL* curl = (*conn)->curl();
     resetCURL(op);
     curl_slist* list = nullptr;
@@ -444,10 +486,21 @@ Error FtpWrapper::curlError(int code, const char* errorBuffer, const Operation& 
         text = LocalizedUtils::localizedStringForKey("trans.operation.timeout", "");
         if (text == "trans.operation.timeout") text = "Operation Time Out";
     }
-    if (text.empty()) text = parseErrorInMessage(stringForHeaderResp(op));
+    std::string replies = stringForHeaderResp(op);
+    if (text.empty()) text = parseErrorInMessage(replies);
+    // libcurl leaves some failures without words: say what failed.
+    if (text.empty() || text == "Unknown error!") {
+        if (code == CURLE_USE_SSL_FAILED)
+            text = "TLS is required by the settings, but the server refused it";
+        else if (const char* words = curl_easy_strerror(static_cast<CURLcode>(code)))
+            text = words;
+    }
     long reported = code;
     if (forListing && (code == CURLE_LOGIN_DENIED || code == 69)) reported = 13;
-    return KvError::errorWithDomain(ErrorDomain::FTP, reported, text, kindOfCurlCode(code));
+    auto error = KvError::errorWithDomain(ErrorDomain::FTP, reported, text, kindOfCurlCode(code));
+    error.serverReply = lastRefusal(replies);
+    if (!op.item.empty()) error.item = displayItem(*serverInfo(), op.item);
+    return error;
 }
 
 ErrorKind FtpWrapper::kindOfCurlCode(long code) {

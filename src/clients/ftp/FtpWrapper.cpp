@@ -249,6 +249,7 @@ Result<KvMetadataList> FtpWrapper::listDir(const KvMetadata& folder, const char*
     auto conn = retrieveFTPConnection();
     if (!conn) return std::unexpected(conn.error());
     Operation op{this, *conn};
+    op.item = path;
     CURL* curl = (*conn)->curl();
     resetCURL(op);
     // A trailing "/" makes libcurl list the folder instead of fetching a file of that name.
@@ -402,6 +403,7 @@ Status FtpWrapper::downloadFile(const KvMetadata& file, const std::string& saveT
     Operation op{this, nullptr};
     op.progress_ = progress;
     std::string path = file.pathOrEmpty();
+    op.item = path;
     if (auto s = refuseUnsafe(path); !s) return s;
     std::FILE* f = nullptr;
     if (resumeFrom > 0) {
@@ -480,8 +482,12 @@ Status FtpWrapper::downloadFile(const KvMetadata& file, const std::string& saveT
         finishProgress(op, op.totalDlSize_ > 0 ? op.totalDlSize_ : op.finishedDlSize_ + got);
         return {};
     }
-    if (rc == CURLE_REMOTE_FILE_NOT_FOUND)
-        return ftpFailure(ErrorCode::NotFound, "File not found, check permission");
+    if (rc == CURLE_REMOTE_FILE_NOT_FOUND) {
+        auto e = curlError(rc, errorBuffer, op);
+        e.code = ErrorCode::NotFound;
+        e.reason = "File not found, check permission";
+        return std::unexpected(e);
+    }
     return std::unexpected(curlError(rc, errorBuffer, op));
 }
 
@@ -511,6 +517,7 @@ Status FtpWrapper::uploadFileForFTP(const KvMetadata& localFile, const KvMetadat
     std::string name = serverFileName.value_or(StringUtils::lastPathComponent(localPath));
     std::string target = FTPDirListParser::childPath(toFolder.pathOrEmpty(), name);
     if (auto s = refuseUnsafe(target); !s) return s;
+    op.item = target;
     std::FILE* f = std::fopen(localPath.c_str(), "rb");
     if (!f) return ftpFailure(ErrorCode::UploadFailed, "Cannot open file to read");
     struct stat st {};
@@ -579,10 +586,7 @@ Status FtpWrapper::uploadFileForFTP(const KvMetadata& localFile, const KvMetadat
     }
     if (rc != CURLE_OK) {
         op.direction_ = Direction::None;
-        std::string text = errorBuffer;
-        auto e = curlError(rc, errorBuffer, op);
-        if (text.empty()) e.reason = parseErrorInMessage(stringForHeaderResp(op));
-        return std::unexpected(e);
+        return std::unexpected(curlError(rc, errorBuffer, op));
     }
     finishProgress(op, size);
     op.direction_ = Direction::None;
@@ -811,6 +815,7 @@ Status FtpWrapper::initStreamFileMeta(const KvMetadata& file) {
     char errorBuffer[CURL_ERROR_SIZE] = {0};
     std::int64_t length = -1;
     Operation op{this, *conn};
+    op.item = file.pathOrEmpty();
     int rc = querySize(op, file.pathOrEmpty(), errorBuffer, length);
     recycleFTPConnection(*conn, rc);
     if (rc != CURLE_OK) return std::unexpected(curlError(rc, errorBuffer, op));
@@ -858,6 +863,7 @@ Status FtpWrapper::readRange(std::uint64_t from, std::optional<std::uint64_t> le
     auto conn = retrieveFTPConnection();
     if (!conn) return std::unexpected(conn.error());
     Operation op{this, *conn};
+    op.item = streamFile_->pathOrEmpty();
     CURL* curl = (*conn)->curl();
     resetCURL(op);
     curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, 5L);

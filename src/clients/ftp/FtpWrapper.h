@@ -44,6 +44,8 @@ class FtpWrapper : public Wrapper {
         std::FILE* file_ = nullptr;
         // Set by a PASV or EPSV reply: the next connection libcurl opens is the data connection.
         bool dataConnectionNext_ = false;
+        // The server path the request is about, named by its errors.
+        std::string item;
     };
 
     explicit FtpWrapper(ServerInfoPtr serverInfo);
