@@ -11,6 +11,7 @@
 #include <QElapsedTimer>
 #include <QHeaderView>
 #include <QInputDialog>
+#include <QLabel>
 #include <QLineEdit>
 #include <QMessageBox>
 #include <QMimeData>
@@ -19,6 +20,7 @@
 #include <QSpinBox>
 #include <QTest>
 #include <QTimer>
+#include <QToolButton>
 #include <QTreeView>
 #include <QTreeWidget>
 #include <atomic>
@@ -421,6 +423,7 @@ TEST_F(GuiTest, ServerEditorAddsSftpServerAndAsksHostKeyInWindow) {
     EXPECT_TRUE(editor->isVisible());
     EXPECT_TRUE(ServerInfoService::sharedServerInfoService().remoteServerInfos().empty());
     field("serverAddress")->setText("127.0.0.1");
+    EXPECT_TRUE(editor->errorText().isEmpty()) << "a refusal outlived the field it was about";
     screenshot(editor, "server-editor");
     editor->findChild<QPushButton*>("saveServer")->click();
     ASSERT_TRUE(waitFor([&] { return sidebarItem(window_->sidebar(), "sshbox"); }));
@@ -516,6 +519,7 @@ TEST_F(GuiTest, FtpServerPaneSharesFolderUntilStopped) {
     EXPECT_TRUE(pane->addresses().contains(local)) << pane->addresses().join(" ").toStdString();
     EXPECT_TRUE(pane->stateText().contains(QString::fromStdString(shared.path())));
     EXPECT_FALSE(pane->folderField()->isEnabled());
+    EXPECT_FALSE(pane->findChild<QToolButton*>("ftpServerChooseFolder")->isEnabled());
     expectAccessibleNames(pane);
     screenshot(pane, "ftp-server-pane");
     EXPECT_EQ(AppPreference::sharedAppPreference().stringForKey(PrefKey::FTP_SERVER_USERNAME),
@@ -575,6 +579,8 @@ TEST_F(GuiTest, SyncPanePreviewsEachDecisionBeforeRunning) {
                       decisions->topLevelItem(i)->text(1).toStdString());
     EXPECT_EQ(listed,
               (std::set<std::string>{"download a.txt", "mkdir local sub/", "download sub/b.txt"}));
+    EXPECT_EQ(pane->previewDialog()->findChild<QLabel*>("syncPreviewSummary")->text().toStdString(),
+              "2 files to download, 1 folder to create here. Nothing has been changed yet.");
     // Nothing has happened yet.
     EXPECT_FALSE(std::filesystem::exists(localFolder + "/a.txt"));
     expectAccessibleNames(pane->previewDialog());

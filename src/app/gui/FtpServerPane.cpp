@@ -43,6 +43,7 @@ FtpServerPane::FtpServerPane(FtpServerService& service, QWidget* parent)
     browse->setAccessibleName(tr("Choose the shared folder"));
     folderLayout->addWidget(folder_, 1);
     folderLayout->addWidget(browse);
+    chooseFolder_ = browse;
     form->addRow(tr("Folder:"), folderRow);
     connect(browse, &QToolButton::clicked, this, [this] {
         auto* pick = new QFileDialog(this, tr("Folder to Share"), folder_->text());
@@ -157,7 +158,7 @@ QString FtpServerPane::stateText() const {
 
 void FtpServerPane::showState(const QString& problem) {
     bool online = service_.online();
-    for (auto* field : {static_cast<QWidget*>(folder_), static_cast<QWidget*>(port_),
+    for (auto* field : {static_cast<QWidget*>(folder_), chooseFolder_, static_cast<QWidget*>(port_),
                         static_cast<QWidget*>(user_), static_cast<QWidget*>(password_)})
         field->setEnabled(!online && !starting_);
     toggle_->setEnabled(!starting_);

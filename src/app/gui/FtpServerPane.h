@@ -43,6 +43,7 @@ class FtpServerPane : public QDialog {
     FtpServerService& service_;
     bool starting_ = false;
     QLineEdit* folder_;
+    QWidget* chooseFolder_;
     QSpinBox* port_;
     QLineEdit* user_;
     QLineEdit* password_;

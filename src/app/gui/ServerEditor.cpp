@@ -139,6 +139,11 @@ void ServerEditor::build() {
         connect(box, &QComboBox::currentIndexChanged, this, [this] { updateFields(); });
     for (auto* check : {https_, guest_})
         connect(check, &QCheckBox::toggled, this, [this] { updateFields(); });
+    // A refusal is about what was typed: it goes once the fields change.
+    for (auto* field : {name_, addr_, port_, path_, keyFile_, user_, password_})
+        connect(field, &QLineEdit::textChanged, this, [this] { showError({}); });
+    for (auto* box : {kind_, ftpProtocol_, encoding_, sftpLogin_})
+        connect(box, &QComboBox::currentIndexChanged, this, [this] { showError({}); });
     setMinimumWidth(440);
 }
 

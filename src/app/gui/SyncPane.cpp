@@ -35,6 +35,33 @@ QString timeText(const std::optional<TimePoint>& t) {
     return QLocale().toString(QDateTime::fromMSecsSinceEpoch(ms), QLocale::ShortFormat);
 }
 
+// The counts that are not zero, in a sentence: "2 files to download, 1 folder to create here."
+QString summaryText(const SyncSummary& s) {
+    QStringList parts;
+    auto add = [&](std::int64_t n, const char* one, const char* many, const char* what) {
+        if (n > 0)
+            parts << QObject::tr("%1 %2 %3")
+                         .arg(n)
+                         .arg(QObject::tr(n == 1 ? one : many), QObject::tr(what));
+    };
+    add(s.downloaded, "file", "files", "to download");
+    add(s.uploaded, "file", "files", "to upload");
+    add(s.deletedLocal, "file", "files", "to delete here");
+    add(s.deletedRemote, "file", "files", "to delete on the server");
+    add(s.localFoldersCreated, "folder", "folders", "to create here");
+    add(s.remoteFoldersCreated, "folder", "folders", "to create on the server");
+    add(s.localFoldersDeleted, "folder", "folders", "to remove here");
+    add(s.remoteFoldersDeleted, "folder", "folders", "to remove on the server");
+    add(s.kept, "item", "items", "kept inside deleted folders");
+    add(s.skipped, "item", "items", "not synced (links or kind clashes)");
+    auto text = parts.join(", ") + ".";
+    if (s.conflicts > 0)
+        text += " " + QObject::tr("%1 changed on both sides: the newer version wins.")
+                          .arg(s.conflicts == 1 ? QObject::tr("1 file")
+                                                : QObject::tr("%1 files").arg(s.conflicts));
+    return text;
+}
+
 QPushButton* button(QWidget* parent, const QString& text, const char* name,
                     const QString& accessible) {
     auto* b = new QPushButton(text, parent);
@@ -262,13 +289,7 @@ void SyncPane::showPreview(std::int64_t pairID, const SyncPreview& p) {
     else if (p.decisions.empty())
         summary = tr("Both sides are in step: nothing would be done.");
     else
-        summary = tr("%1 to download, %2 to upload, %3 to delete here, %4 to delete on the server, "
-                     "%5 conflicts (the newer version wins). Nothing has been changed yet.")
-                      .arg(s.downloaded)
-                      .arg(s.uploaded)
-                      .arg(s.deletedLocal)
-                      .arg(s.deletedRemote)
-                      .arg(s.conflicts);
+        summary = summaryText(s) + " " + tr("Nothing has been changed yet.");
     auto* label = new QLabel(summary, dialog);
     label->setObjectName("syncPreviewSummary");
     label->setWordWrap(true);
