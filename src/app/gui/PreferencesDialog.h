@@ -1,6 +1,6 @@
 #pragma once
 // PreferencesDialog: the settings of the preference store a person changes: display (hidden
-// items, extensions, thumbnails, view kind, two panels), transfers, the cache, the text encoding
+// items, extensions, thumbnails, view kind), transfers, the cache, the text encoding
 // and the network. Saved to the store when accepted.
 
 #include <QDialog>
