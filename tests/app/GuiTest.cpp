@@ -45,6 +45,7 @@
 #include "core/GCD.h"
 #include "core/KvConnectionPool.h"
 #include "core/MainQueue.h"
+#include "core/PathUtils.h"
 #include "core/ServerInfoService.h"
 #include "servers/ftpserver/FtpServerService.h"
 #include "support/FtpServers.h"
@@ -467,6 +468,27 @@ TEST_F(GuiTest, ServerEditorAddsSftpServerAndAsksHostKeyInWindow) {
                namesIn(*left()->model()) == std::vector<std::string>{"hello.txt"};
     }));
     screenshots("sftp-panel");
+
+    // Another key for the same host: the question says it changed, and refusing is the default.
+    auto other = PathUtils::getHomeFolderPath() + "/other_key";
+    ASSERT_EQ(runProgram({"ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", other}).exitCode, 0);
+    auto keyLine = server->knownHostsLine();
+    auto key = keyLine.substr(keyLine.find(' ') + 1);
+    auto text = readFile(SFTPWrapper::knownHostsPath());
+    auto at = text.find(key);
+    ASSERT_NE(at, std::string::npos) << text;
+    auto otherKey = readFile(other + ".pub");
+    text.replace(at, key.size(), otherKey.substr(0, otherKey.rfind(' ')));
+    writeFile(SFTPWrapper::knownHostsPath(), text);
+    KvConnectionPool::clearConnectionPool();
+    question = connectTo();
+    ASSERT_TRUE(question);
+    EXPECT_TRUE(question->text().contains("CHANGED"));
+    EXPECT_EQ(question->defaultButton(), question->findChild<QPushButton*>("refuseHostKey"));
+    screenshot(question, "host-key-changed");
+    QTest::keyClick(question, Qt::Key_Escape);
+    ASSERT_TRUE(waitFor([&] { return !left()->errorText().isEmpty(); }));
+    EXPECT_EQ(readFile(SFTPWrapper::knownHostsPath()), text);
 
     // Edited through the same form: the stored settings come back, a bad port is refused.
     editor = window_->editServer(stored->serverID);

@@ -1,6 +1,7 @@
 #include "app/gui/HostKeyDialog.h"
 
 #include <QCoreApplication>
+#include <QLabel>
 #include <QMessageBox>
 #include <QPushButton>
 #include <QThread>
@@ -96,6 +97,10 @@ void HostKeyAsker::ask(const HostKeyQuestion& q, std::function<void(HostKeyAnswe
             tr("%1\n\nTrust this key and remember it in the known hosts?").arg(key));
     }
     box->setTextInteractionFlags(Qt::TextSelectableByMouse);
+    // Wide enough for the fingerprint on one line: a broken one is hard to compare.
+    if (auto* info = box->findChild<QLabel*>("qt_msgbox_informativelabel"))
+        info->setMinimumWidth(
+            info->fontMetrics().horizontalAdvance(QString::fromStdString(q.fingerprint)) + 8);
     auto* trust =
         box->addButton(q.changed ? tr("Trust New Key") : tr("Trust"), QMessageBox::AcceptRole);
     trust->setObjectName("trustHostKey");
