@@ -666,6 +666,7 @@ TEST_F(GuiTest, SyncPanePreviewsEachDecisionBeforeRunning) {
     EXPECT_TRUE(fileHolds(localFolder + "/a.txt", "alpha"));
     EXPECT_TRUE(fileHolds(localFolder + "/sub/b.txt", "beta"));
     EXPECT_NE(pane->pairs()->topLevelItem(0)->text(3), "never");
+    screenshot(pane, "sync-pane");
 
     pane->pairs()->setCurrentItem(pane->pairs()->topLevelItem(0));
     pane->findChild<QPushButton*>("removeSyncPair")->click();

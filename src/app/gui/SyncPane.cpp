@@ -84,6 +84,8 @@ SyncPane::SyncPane(FileTransferTaskManager& manager, TransferList* transfers, QW
         {tr("Local folder"), tr("Server folder"), tr("Status"), tr("Last sync")});
     pairs_->setRootIsDecorated(false);
     pairs_->setUniformRowHeights(true);
+    // The ends of the paths name the folders; their common starts can go.
+    pairs_->setTextElideMode(Qt::ElideMiddle);
     pairs_->header()->setSectionResizeMode(0, QHeaderView::Stretch);
     pairs_->header()->setSectionResizeMode(1, QHeaderView::Stretch);
     pairs_->header()->setSectionResizeMode(2, QHeaderView::ResizeToContents);
@@ -175,6 +177,8 @@ void SyncPane::reload() {
                      remoteText(p), QString::fromStdString(SyncInfoService::statusText(p)),
                      timeText(p.lastSyncDate)});
                 item->setData(0, Qt::UserRole, QVariant::fromValue<qlonglong>(p.syncInfoID));
+                item->setToolTip(0, item->text(0));
+                item->setToolTip(1, item->text(1));
                 if (p.syncInfoID == chosen) pairs_->setCurrentItem(item);
                 known_[p.syncInfoID] = p;
             }
