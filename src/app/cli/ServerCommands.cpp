@@ -7,6 +7,7 @@
 
 #include "app/cli/Cli.h"
 #include "app/cli/Json.h"
+#include "clients/ServerForm.h"
 #include "clients/sftp/SFTPWrapper.h"
 #include "core/Location.h"
 #include "core/ServerInfoService.h"
@@ -36,21 +37,6 @@ std::string typeName(std::int32_t type) {
     for (auto& [name, t] : kTypes)
         if (t == type) return name;
     return std::to_string(type);
-}
-
-std::string defaultPort(std::int32_t type, const std::string& ftpProtocol) {
-    switch (type) {
-        case ProtocolType::FTP:
-            return ftpProtocol == "FTP_PROTOCOL_IMPLICIT" ? "990" : "21";
-        case ProtocolType::SFTP:
-            return "22";
-        case ProtocolType::SMB:
-            return "445";
-        case ProtocolType::WebDAV:
-            return "80";
-        default:
-            return "";
-    }
 }
 
 // Secrets are not printed.
@@ -86,12 +72,6 @@ std::string serverLine(const ServerInfo& info) {
         if (info.boolValueForKey(ServerProp::QUICK_CONNECT)) where += "  (quick connect)";
     }
     return fmt::format("{:<8} {:<24} {}", typeName(info.protocolType), info.displayName, where);
-}
-
-std::string absolutePath(const std::string& path) {
-    std::error_code ec;
-    auto full = std::filesystem::absolute(path, ec);
-    return ec ? path : full.lexically_normal().string();
 }
 
 Result<ServerInfo> requireServer(const std::string& name) {
@@ -172,16 +152,8 @@ void registerServerCommands(Cli& cli) {
             info.protocolType = kTypes.at(add->type);
             std::string ftpProtocol =
                 add->ftpProtocol.empty() ? "" : kFtpProtocols.at(add->ftpProtocol);
-            if (!ftpProtocol.empty()) {
-                if (info.protocolType != ProtocolType::FTP)
-                    return reportMessage("--ftp-protocol is only for FTP servers.", kExitUsage);
-                info.setValue(ftpProtocol, ServerProp::FTP_PROTOCOL);
-            }
-            if (!add->addr.empty()) info.setValue(add->addr, ServerProp::ADDR);
-            auto port = add->port.empty() ? defaultPort(info.protocolType, ftpProtocol) : add->port;
-            if (!port.empty()) info.setValue(port, ServerProp::PORT);
-            if (!add->path.empty()) info.setValue(add->path, ServerProp::PATH);
-            if (!add->user.empty()) info.setValue(add->user, ServerProp::USERNAME);
+            if (!ftpProtocol.empty() && info.protocolType != ProtocolType::FTP)
+                return reportMessage("--ftp-protocol is only for FTP servers.", kExitUsage);
             std::optional<std::string> password;
             if (add->passwordStdin) {
                 password = readPasswordFromStdin();
@@ -189,43 +161,42 @@ void registerServerCommands(Cli& cli) {
             } else if (!add->password.empty()) {
                 password = add->password;
             }
-            if (password) {
-                info.setValue(*password, ServerProp::PASSWORD);
-                info.setValue("YES", ServerProp::REMEMBER_PASSWORD);
-            }
-            if (add->active) info.setValue("YES", ServerProp::FTP_ACTIVE_MODE);
             if ((!add->keyFile.empty() || add->agent) && info.protocolType != ProtocolType::SFTP)
                 return reportMessage("--key-file and --agent are only for SFTP servers.",
                                      kExitUsage);
-            if (!add->keyFile.empty()) {
-                info.setValue("SFTP_LOGIN_TYPE_KEYFILE", SftpProp::LOGIN_TYPE);
-                info.setValue(absolutePath(add->keyFile), SftpProp::KEYFILE);
-                if (password) {
-                    info.setValue(*password, SftpProp::PASSPHRASE);
-                    info.removeObjectForKey(ServerProp::PASSWORD);
-                }
-            } else if (add->agent) {
-                info.setValue("SFTP_LOGIN_TYPE_AGENT", SftpProp::LOGIN_TYPE);
-            } else if (info.protocolType == ProtocolType::SFTP) {
-                info.setValue("SFTP_LOGIN_TYPE_NORMAL", SftpProp::LOGIN_TYPE);
-            }
-            if (!add->encoding.empty()) {
-                auto number = StringEncoding::encodingNumberForName(add->encoding);
-                if (!number)
-                    return reportMessage("Unknown encoding \"" + add->encoding + "\".", kExitUsage);
-                info.setValue(std::to_string(*number), ServerProp::SERVER_ENCODING);
-            }
-            if (info.protocolType != ProtocolType::Local && add->addr.empty() &&
-                (info.protocolType == ProtocolType::FTP ||
-                 info.protocolType == ProtocolType::SFTP ||
-                 info.protocolType == ProtocolType::SMB ||
-                 info.protocolType == ProtocolType::WebDAV))
+            if (!add->encoding.empty() && !StringEncoding::encodingNumberForName(add->encoding))
+                return reportMessage("Unknown encoding \"" + add->encoding + "\".", kExitUsage);
+            if (ServerForm::handles(info.protocolType) && add->addr.empty())
                 return reportMessage("--addr is required for this kind of server.", kExitUsage);
-            auto& service = ServerInfoService::sharedServerInfoService();
-            auto remote = service.remoteServerInfos();
-            info.sortID = static_cast<std::int64_t>(remote.size());
-            info.setValue(std::to_string(remote.size()), ServerProp::CONNECTION_SORT_ID);
-            if (auto r = service.saveServerInfo(info); !r) return reportError(r.error());
+            if (ServerForm::handles(info.protocolType)) {
+                ServerForm form;
+                form.name = add->name;
+                form.protocolType = info.protocolType;
+                form.addr = add->addr;
+                form.port = add->port;
+                form.path = add->path;
+                form.user = add->user;
+                form.password = password;
+                form.ftpProtocol = ftpProtocol;
+                form.encoding = add->encoding;
+                form.activeMode = add->active;
+                form.keyFile = add->keyFile;
+                form.sftpLogin = !add->keyFile.empty() ? ServerForm::SftpLogin::KeyFile
+                                 : add->agent          ? ServerForm::SftpLogin::Agent
+                                                       : ServerForm::SftpLogin::Password;
+                if (auto r = form.applyTo(info); !r) return reportError(r.error());
+            } else {
+                // Cloud accounts and local volumes: what was given, as it was given.
+                if (!add->addr.empty()) info.setValue(add->addr, ServerProp::ADDR);
+                if (!add->port.empty()) info.setValue(add->port, ServerProp::PORT);
+                if (!add->path.empty()) info.setValue(add->path, ServerProp::PATH);
+                if (!add->user.empty()) info.setValue(add->user, ServerProp::USERNAME);
+                if (password) {
+                    info.setValue(*password, ServerProp::PASSWORD);
+                    info.setValue("YES", ServerProp::REMEMBER_PASSWORD);
+                }
+            }
+            if (auto r = addServer(info); !r) return reportError(r.error());
             fmt::print("Added {} ({})\n", info.displayName, info.serverID);
             return kExitOk;
         };

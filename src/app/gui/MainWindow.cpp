@@ -19,12 +19,19 @@
 #include <QVBoxLayout>
 #include <any>
 
+#include "app/gui/FtpServerPane.h"
+#include "app/gui/HostKeyDialog.h"
+#include "app/gui/PreferencesDialog.h"
+#include "app/gui/ServerEditor.h"
+#include "app/gui/SyncPane.h"
 #include "clients/local/SandboxFileAccess.h"
+#include "clients/smb/NbtScanner.h"
 #include "core/AppPreference.h"
 #include "core/GCD.h"
 #include "core/PathUtils.h"
 #include "core/ServerInfoService.h"
 #include "core/WrapperProxy.h"
+#include "servers/ftpserver/FtpServerService.h"
 #include "sync/SyncInfoService.h"
 #include "transfer/FileTransferUtils.h"
 #include "transfer/TransferPlanner.h"
@@ -81,7 +88,8 @@ MainWindow::MainWindow(FileTransferTaskManager& manager, const std::optional<std
     : QMainWindow(parent),
       manager_(manager),
       transfers_(new TransferList(manager, this)),
-      prompts_(std::make_shared<GuiPrompts>(this)) {
+      prompts_(std::make_shared<GuiPrompts>(this)),
+      hostKeys_(new HostKeyAsker(this)) {
     setWindowTitle(tr("Quillon"));
     setObjectName("mainWindow");
     resize(1100, 680);
@@ -129,6 +137,7 @@ MainWindow::MainWindow(FileTransferTaskManager& manager, const std::optional<std
     }
     buildTransfersDock();
     buildActions();
+    buildServerActions();
     reloadSidebar();
     statusBar()->showMessage(tr("Ready"));
 
@@ -213,6 +222,7 @@ void MainWindow::buildActions() {
 
     auto* hidden =
         add(view, tr("Show Hidden Items"), "", QKeySequence(Qt::CTRL | Qt::Key_H), [] {});
+    hidden->setObjectName("showHiddenAction");
     hidden->setCheckable(true);
     hidden->setChecked(
         AppPreference::sharedAppPreference().boolForKey(PrefKey::SYS_SHOW_HIDDEN_FILES));
@@ -308,6 +318,7 @@ void MainWindow::reloadSidebar() {
         item->setData(0, Qt::UserRole, QString::fromStdString(where));
         item->setToolTip(0, QString::fromStdString(where));
         item->setIcon(0, QIcon::fromTheme(icon, QApplication::style()->standardIcon(fallback)));
+        return item;
     };
     auto& servers = ServerInfoService::sharedServerInfoService();
     auto* places = section(tr("Places"));
@@ -322,7 +333,22 @@ void MainWindow::reloadSidebar() {
         auto* group = section(tr("Servers"));
         for (auto& info : remote)
             entry(group, QString::fromStdString(info.displayName), info.serverID + ":/",
-                  "network-server", QStyle::SP_DriveNetIcon);
+                  "network-server", QStyle::SP_DriveNetIcon)
+                ->setData(0, kServerIdRole, QString::fromStdString(info.serverID));
+    }
+    // Hosts the NetBIOS sweeps found; reached by address, as guest until the user adds them.
+    auto hosts = NbtScanner::cachedInfos();
+    if (!hosts.empty()) {
+        auto* group = section(tr("SMB Hosts"));
+        group->setData(0, Qt::UserRole + 2, QStringLiteral("smbHosts"));
+        for (auto& host : hosts) {
+            auto name = host.computerName.empty() ? host.ip : host.computerName;
+            auto* item = entry(group, QString::fromStdString(name), "smb://" + host.ip + "/",
+                               "network-workgroup", QStyle::SP_DriveNetIcon);
+            item->setToolTip(0, QString::fromStdString(host.domainName.empty()
+                                                           ? host.ip
+                                                           : host.domainName + " - " + host.ip));
+        }
     }
     auto pairs = SyncInfoService::sharedInstance().getAllSyncInfo();
     if (!pairs.empty()) {

@@ -5,6 +5,7 @@
 // listings and changes run on the background queue, never on the window's thread.
 
 #include <QMainWindow>
+#include <QPointer>
 #include <memory>
 #include <optional>
 #include <string>
@@ -15,10 +16,17 @@
 #include "app/gui/TransferList.h"
 #include "core/NotificationCenter.h"
 
+class QLineEdit;
 class QTreeWidget;
 class QTreeView;
 
 namespace quillon::gui {
+
+class FtpServerPane;
+class HostKeyAsker;
+class PreferencesDialog;
+class ServerEditor;
+class SyncPane;
 
 class MainWindow : public QMainWindow {
     Q_OBJECT
@@ -52,12 +60,32 @@ class MainWindow : public QMainWindow {
     // Fills the sidebar again from the services.
     void reloadSidebar();
 
+    // Servers, sync, sharing and settings: each opens its window (or brings it forward) and
+    // returns it.
+    ServerEditor* addServer(std::int32_t kind);
+    // Null when no server has the id.
+    ServerEditor* editServer(const std::string& serverID);
+    // Asks first.
+    void removeServer(const std::string& serverID);
+    SyncPane* showSyncPane();
+    FtpServerPane* showFtpServerPane();
+    PreferencesDialog* showPreferences();
+    // A NetBIOS sweep of the local network, asked for by the user; the hosts found join the
+    // sidebar.
+    void scanSmbHosts();
+    QLineEdit* quickConnectBar() const { return quickConnect_; }
+    HostKeyAsker* hostKeys() const { return hostKeys_; }
+    // Sidebar item data: the server id of a server's entry.
+    static constexpr int kServerIdRole = Qt::UserRole + 1;
+
   protected:
     bool focusNextPrevChild(bool next) override;
 
   private:
     void buildActions();
     void buildTransfersDock();
+    void buildServerActions();
+    void showSidebarMenu(const QPoint& at);
     void rename(const Location& item, const std::string& newName);
     void refreshFolders(const std::vector<std::pair<std::string, std::string>>& folders);
     void refreshFolderOf(const Location& item);
@@ -74,6 +102,11 @@ class MainWindow : public QMainWindow {
     TransferList* transfers_;
     QTreeView* transferView_ = nullptr;
     std::shared_ptr<GuiPrompts> prompts_;
+    HostKeyAsker* hostKeys_ = nullptr;
+    QLineEdit* quickConnect_ = nullptr;
+    QPointer<SyncPane> syncPane_;
+    QPointer<FtpServerPane> ftpPane_;
+    QPointer<PreferencesDialog> preferences_;
     QString lastMessage_;
     NotificationCenter::Token refreshToken_ = 0;
     std::shared_ptr<int> alive_ = std::make_shared<int>(0);

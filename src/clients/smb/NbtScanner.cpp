@@ -363,6 +363,13 @@ std::optional<NbtInfo> NbtScanner::lookUpNbtInfoFromCache(const std::string& com
     return it->second;
 }
 
+std::vector<NbtInfo> NbtScanner::cachedInfos() {
+    std::lock_guard guard(cacheLock());
+    std::vector<NbtInfo> out;
+    for (auto& [key, info] : cache()) out.push_back(info);
+    return out;
+}
+
 std::optional<std::string> NbtScanner::ipAddressWithNetbiosName(const std::string& name) {
     std::lock_guard guard(cacheLock());
     for (auto& [key, info] : cache())

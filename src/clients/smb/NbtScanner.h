@@ -64,6 +64,8 @@ class NbtScanner {
     static std::optional<std::string> localWirelessTarget();
     static void mergeFoundedInfo(const std::vector<NbtInfo>& infos);
     static std::optional<NbtInfo> lookUpNbtInfoFromCache(const std::string& computerName);
+    // Every host the sweeps found so far, by name.
+    static std::vector<NbtInfo> cachedInfos();
     static std::optional<std::string> ipAddressWithNetbiosName(const std::string& name);
     static void clearNbtNameCache();
     // The addresses to try for an SMB host, in order.
