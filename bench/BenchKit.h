@@ -97,6 +97,25 @@ inline bool makeBigFile(const std::string& path, long mib) {
     return ok;
 }
 
+inline void removeFile(const std::string& path) {
+    std::error_code ec;
+    std::filesystem::remove(path, ec);
+}
+
+// Empty files named like a photo library's, for the listing benchmarks.
+inline bool makeManyEntries(const std::string& folder, long count) {
+    std::error_code ec;
+    std::filesystem::create_directories(folder, ec);
+    for (long i = 0; i < count; ++i) {
+        char name[64];
+        std::snprintf(name, sizeof name, "/IMG_%06ld %s.jpg", i, i % 2 ? "copy" : "edit");
+        int fd = ::open((folder + name).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+        if (fd < 0) return false;
+        ::close(fd);
+    }
+    return true;
+}
+
 // A folder made empty, for a copy to land in.
 inline void emptyFolder(const std::string& path) {
     std::error_code ec;

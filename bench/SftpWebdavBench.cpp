@@ -56,23 +56,6 @@ KvMetadata localFile(const std::string& path) {
     return m;
 }
 
-void removeFile(const std::string& path) {
-    std::error_code ec;
-    fs::remove(path, ec);
-}
-
-bool makeManyEntries(const std::string& folder, long count) {
-    fs::create_directories(folder);
-    for (long i = 0; i < count; ++i) {
-        char name[64];
-        std::snprintf(name, sizeof name, "/IMG_%06ld %s.jpg", i, i % 2 ? "copy" : "edit");
-        int fd = ::open((folder + name).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
-        if (fd < 0) return false;
-        ::close(fd);
-    }
-    return true;
-}
-
 std::string readAll(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     std::ostringstream out;

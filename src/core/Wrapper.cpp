@@ -2,8 +2,13 @@
 
 #include <fmt/format.h>
 
+#include <cerrno>
+#include <cstring>
+
 #include "core/GCD.h"
+#include "core/StreamingSupport.h"
 #include "core/StringUtils.h"
+#include "core/ThumbnailSupport.h"
 
 namespace quillon {
 
@@ -21,6 +26,47 @@ void Wrapper::cancelEveryOperation() {
 
 bool Wrapper::everyOperationCancelled() {
     return gEveryOperationCancelled.load(std::memory_order_relaxed);
+}
+
+std::int64_t ProgressThrottle::stepsFor(std::int64_t total) {
+    return total > 524288000 ? 1000 : 100;
+}
+
+void ProgressThrottle::report(std::int64_t done, std::int64_t total) {
+    if (!handler_ || total <= 0) return;
+    std::int64_t now = stepsFor(total) * done / total;
+    if (now == step_) return;
+    step_ = now;
+    GCD::doInForeground([handler = handler_, done, total] { handler(done, total); });
+}
+
+void ProgressThrottle::finish(std::int64_t done, std::int64_t total) {
+    if (!handler_ || step_ == stepsFor(total)) return;
+    step_ = stepsFor(total);
+    GCD::doInForeground([handler = handler_, done, total] { handler(done, total); });
+}
+
+Status Wrapper::downloadThumbnailSync(const KvMetadata& item) {
+    if (item.isDir)
+        return KvError::fail(thumbnailErrorDomain(), ErrorCode::NoThumbnail,
+                             "Folder has no thumbnail.");
+    auto made = ThumbnailSupport::downloadThumbnailSync(*this, item);
+    if (!made && made.error().code == ErrorCode::NoThumbnail &&
+        made.error().domain == ErrorDomain::Local)
+        made.error().domain = std::string(thumbnailErrorDomain());
+    return made;
+}
+
+std::optional<std::string> Wrapper::loadStreamableURLForFileSync(const KvMetadata& file) {
+    std::string path = file.pathOrEmpty();
+    while (!path.empty() && path.front() == '/') path.erase(0, 1);
+    return StreamingSupport::streamableURL(serverInfo(), file, path);
+}
+
+Error Wrapper::localWriteError(long code, const std::string& path, int err) const {
+    return KvError::errorWithDomain(errorDomain(), code,
+                                    fmt::format("Cannot write {}: {}", path, std::strerror(err)),
+                                    err == ENOSPC ? ErrorKind::NoSpace : ErrorKind::Other);
 }
 
 Error Wrapper::unsupported(std::string_view operation) const {

@@ -23,6 +23,22 @@ using CompletionHandler = std::function<void(std::optional<Error>)>;
 using ListingHandler = std::function<void(Result<KvMetadataList>)>;
 using Bytes = std::vector<std::uint8_t>;
 
+// Hands a transfer's progress to the main thread a step at a time: a hundredth of the total, a
+// thousandth above 500 MiB, so that a fast transfer does not flood the main queue.
+class ProgressThrottle {
+  public:
+    explicit ProgressThrottle(ProgressHandler handler) : handler_(std::move(handler)) {}
+    static std::int64_t stepsFor(std::int64_t total);
+    // Reports when `done` reaches a step not reported yet.
+    void report(std::int64_t done, std::int64_t total);
+    // The closing report (`done` of `total`), unless the last step already said so.
+    void finish(std::int64_t done, std::int64_t total);
+
+  private:
+    ProgressHandler handler_;
+    std::int64_t step_ = -1;
+};
+
 // Optional operations a client offers; callers test before calling.
 struct WrapperCapabilities {
     bool streaming = false;            // initStreamFileMeta, readDataOfLength, offsets, length
@@ -70,12 +86,14 @@ class Wrapper : public std::enable_shared_from_this<Wrapper> {
     [[nodiscard]] virtual Status moveSync(const KvMetadata& item, const KvMetadata& to) = 0;
     // Deletes every item, folders with their contents. Fails with 10003 or the underlying error.
     [[nodiscard]] virtual Status removeSync(const KvMetadataList& items) = 0;
-    // Writes the item's thumbnail into the thumbnail cache. Folders fail with 10009.
-    [[nodiscard]] virtual Status downloadThumbnailSync(const KvMetadata& item) = 0;
+    // Writes the item's thumbnail into the thumbnail cache, made by the media layer from the file
+    // read through this client. Folders fail with 10009.
+    [[nodiscard]] virtual Status downloadThumbnailSync(const KvMetadata& item);
     // Creates the folder named by `folder`'s path. Fails with 10014 or the underlying error.
     [[nodiscard]] virtual Status createFolderSync(const KvMetadata& folder) = 0;
-    // A URL a media player can read the file from, or absent.
-    virtual std::optional<std::string> loadStreamableURLForFileSync(const KvMetadata& file) = 0;
+    // A URL a media player can read the file from (the streaming service's, when this program
+    // has one), or absent.
+    virtual std::optional<std::string> loadStreamableURLForFileSync(const KvMetadata& file);
     // The server's top folder.
     virtual KvMetadata rootFolder() = 0;
 
@@ -136,6 +154,11 @@ class Wrapper : public std::enable_shared_from_this<Wrapper> {
     Error unsupported(std::string_view operation) const;
     // The domain of this client's errors ("Local", "FTP", ...).
     virtual std::string_view errorDomain() const { return ErrorDomain::Generic; }
+    // "Cannot write PATH: reason" of a local file a download goes to, in this client's domain
+    // (a full disk is NoSpace).
+    Error localWriteError(long code, const std::string& path, int err) const;
+    // The domain of thumbnail refusals: "Local" for most clients, whatever their own domain.
+    virtual std::string_view thumbnailErrorDomain() const { return ErrorDomain::Local; }
 
     std::uint64_t offset_ = 0;
     std::uint64_t contentLength_ = 0;

@@ -8,6 +8,7 @@
 
 #include <cctype>
 #include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <thread>
@@ -137,6 +138,25 @@ void SmbServer::stop() {
         if (cmdline.find(conf) != std::string::npos)
             ::kill(static_cast<pid_t>(std::stol(name)), SIGKILL);
     }
+}
+
+int SmbServer::endSessions() {
+    if (pid_ <= 0) return 0;
+    int ended = 0;
+    std::error_code ec;
+    for (fs::directory_iterator it("/proc", ec), end; !ec && it != end; it.increment(ec)) {
+        std::string name = it->path().filename().string();
+        if (name.empty() || !std::isdigit(static_cast<unsigned char>(name[0]))) continue;
+        // "pid (comm) state ppid ...": the server's helpers name themselves ("smbd-notifyd",
+        // "cleanupd"); a client's process keeps the name "smbd".
+        std::string stat = readFile(it->path().string() + "/stat");
+        auto close = stat.rfind(')');
+        if (close == std::string::npos || stat.find(" (smbd) ") == std::string::npos) continue;
+        long ppid = std::strtol(stat.c_str() + close + 4, nullptr, 10);
+        if (ppid != pid_) continue;
+        if (::kill(static_cast<pid_t>(std::stol(name)), SIGKILL) == 0) ++ended;
+    }
+    return ended;
 }
 
 SmbServer::~SmbServer() {

@@ -34,6 +34,9 @@ class SmbServer {
     ServerInfoPtr serverInfo(std::string_view password = SmbServer::password()) const;
     // Ends the server and every session process.
     void stop();
+    // Ends the processes that serve clients (one per connection), as a dropped network would;
+    // the server goes on accepting. How many it ended.
+    int endSessions();
     std::string log() const;
 
   private:

@@ -23,7 +23,6 @@
 #include "core/GCD.h"
 #include "core/HostKeyPrompt.h"
 #include "core/PathUtils.h"
-#include "core/StreamingSupport.h"
 #include "core/StringUtils.h"
 
 namespace quillon {
@@ -36,7 +35,6 @@ namespace {
 constexpr std::size_t kTransferBuffer = 4 * 1024 * 1024;
 constexpr long kSessionTimeoutMs = 60000;
 constexpr int kConnectTimeoutMs = 15000;
-constexpr std::int64_t kFineProgressAbove = 524288000;
 
 void initLibrary() {
     static std::once_flag once;
@@ -547,16 +545,6 @@ Result<KvMetadata> SFTPWrapper::metadataOfItemSync(const KvMetadata& item) {
     });
 }
 
-void SFTPWrapper::report(const ProgressHandler& progress, std::int64_t done, std::int64_t total,
-                         int& step) {
-    if (!progress || total <= 0) return;
-    std::int64_t scale = total > kFineProgressAbove ? 1000 : 100;
-    int now = static_cast<int>(scale * done / total);
-    if (now == step) return;
-    step = now;
-    GCD::doInForeground([progress, done, total] { progress(done, total); });
-}
-
 // --- Download
 
 Status SFTPWrapper::downloadSync(const KvMetadata& file, const std::string& saveTo,
@@ -568,7 +556,7 @@ Status SFTPWrapper::downloadSync(const KvMetadata& file, const std::string& save
     const std::string path = trimmedSlashes(file.pathOrEmpty());
     std::FILE* out = nullptr;
     std::int64_t done = 0, total = -1;
-    int step = -1;
+    ProgressThrottle throttle(progress);
     std::optional<std::chrono::system_clock::time_point> mtime;
     std::vector<char> buffer(kTransferBuffer);
     std::optional<Error> failure;
@@ -616,9 +604,7 @@ Status SFTPWrapper::downloadSync(const KvMetadata& file, const std::string& save
             if (!out) {
                 libssh2_sftp_close(h);
                 giveBack(*s);
-                failure = KvError::errorWithDomain(
-                    ErrorDomain::SFTP, ErrorCode::DownloadFailed,
-                    fmt::format("Cannot write {}: {}", saveTo, std::strerror(errno)));
+                failure = localWriteError(ErrorCode::DownloadFailed, saveTo, errno);
                 break;
             }
         }
@@ -641,14 +627,11 @@ Status SFTPWrapper::downloadSync(const KvMetadata& file, const std::string& save
             }
             if (std::fwrite(buffer.data(), 1, static_cast<std::size_t>(n), out) !=
                 static_cast<std::size_t>(n)) {
-                failure = KvError::errorWithDomain(
-                    ErrorDomain::SFTP, ErrorCode::DownloadFailed,
-                    fmt::format("Cannot write {}: {}", saveTo, std::strerror(errno)),
-                    errno == ENOSPC ? ErrorKind::NoSpace : ErrorKind::Other);
+                failure = localWriteError(ErrorCode::DownloadFailed, saveTo, errno);
                 break;
             }
             done += n;
-            report(progress, done, std::max(total, done), step);
+            throttle.report(done, std::max(total, done));
         }
         if (ended) {
             libssh2_sftp_close(h);
@@ -677,10 +660,7 @@ Status SFTPWrapper::downloadSync(const KvMetadata& file, const std::string& save
         times[0].tv_nsec = times[1].tv_nsec = 0;
         ::utimensat(AT_FDCWD, saveTo.c_str(), times, 0);
     }
-    if (progress) {
-        if (step != (total > kFineProgressAbove ? 1000 : 100) && done > 0)
-            GCD::doInForeground([progress, done] { progress(done, done); });
-    }
+    if (done > 0) throttle.finish(done, done);
     return {};
 }
 
@@ -706,7 +686,7 @@ Status SFTPWrapper::uploadSync(const KvMetadata& localFile, const KvMetadata& to
     const std::int64_t total = st.st_size;
     std::vector<char> buffer(kTransferBuffer);
     std::int64_t done = 0;
-    int step = -1;
+    ProgressThrottle throttle(progress);
     std::optional<Error> failure;
     SessionPtr last;
     bool written = false;
@@ -773,7 +753,7 @@ Status SFTPWrapper::uploadSync(const KvMetadata& localFile, const KvMetadata& to
             }
             offered += static_cast<std::size_t>(n);
             done += n;
-            report(progress, done, total, step);
+            throttle.report(done, total);
         }
         if (failure) {
             if (failure->is(ErrorKind::Cancelled)) {
@@ -858,8 +838,7 @@ Status SFTPWrapper::uploadSync(const KvMetadata& localFile, const KvMetadata& to
         result = std::unexpected(lastError(s, ErrorCode::UploadFailed, "Replacing " + target));
         discard(&s);
     }
-    if (result && progress && step != (total > kFineProgressAbove ? 1000 : 100))
-        GCD::doInForeground([progress, total] { progress(total, total); });
+    if (result) throttle.finish(total, total);
     if (isConnectionError(result ? Error{} : result.error()))
         s.cleanup();
     else
@@ -923,20 +902,6 @@ Status SFTPWrapper::createFolderSync(const KvMetadata& folder) {
             return std::unexpected(lastError(s, ErrorCode::CreateFolderFailed, "Creating " + path));
         return true;
     }));
-}
-
-Status SFTPWrapper::downloadThumbnailSync(const KvMetadata& item) {
-    if (item.isDir)
-        return KvError::fail(ErrorDomain::Local, ErrorCode::NoThumbnail,
-                             "Folder has no thumbnail.");
-    return KvError::fail(ErrorDomain::Local, ErrorCode::NoThumbnail,
-                         "It doesn't have a thumbnail.");
-}
-
-std::optional<std::string> SFTPWrapper::loadStreamableURLForFileSync(const KvMetadata& file) {
-    std::string path = file.pathOrEmpty();
-    while (!path.empty() && path.front() == '/') path.erase(0, 1);
-    return StreamingSupport::streamableURL(serverInfo(), file, path);
 }
 
 Status SFTPWrapper::initStreamFileMeta(const KvMetadata& file) {

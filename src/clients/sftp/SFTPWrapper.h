@@ -45,6 +45,7 @@ class SFTPWrapper : public Wrapper {
 
     WrapperCapabilities capabilities() const override;
     std::string_view errorDomain() const override { return ErrorDomain::SFTP; }
+    std::string_view thumbnailErrorDomain() const override { return ErrorDomain::SFTP; }
 
     // Connects, checks the host key and logs in.
     [[nodiscard]] Status signInSync() override;
@@ -63,9 +64,7 @@ class SFTPWrapper : public Wrapper {
                                     const ProgressHandler& progress) override;
     [[nodiscard]] Status moveSync(const KvMetadata& item, const KvMetadata& to) override;
     [[nodiscard]] Status removeSync(const KvMetadataList& items) override;
-    [[nodiscard]] Status downloadThumbnailSync(const KvMetadata& item) override;
     [[nodiscard]] Status createFolderSync(const KvMetadata& folder) override;
-    std::optional<std::string> loadStreamableURLForFileSync(const KvMetadata& file) override;
     // The "PATH" setting; the login folder when it is empty.
     KvMetadata rootFolder() override;
 
@@ -103,7 +102,6 @@ class SFTPWrapper : public Wrapper {
     Result<KvMetadataList> list(SftpSession& s, const std::string& path, bool includeHidden);
     Status removeTree(SftpSession& s, const std::string& path);
     bool includesHiddenFiles() const;
-    void report(const ProgressHandler& progress, std::int64_t done, std::int64_t total, int& step);
 
     std::optional<KvMetadata> streamFile_;
     std::optional<std::string> loginFolder_;

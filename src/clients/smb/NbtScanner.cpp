@@ -107,6 +107,7 @@ std::optional<NbtNodeStatus> parseNodeStatus(std::string_view d, std::string* wh
     if (!(u8(2) & 0x80)) return fail("not a response");
     if (u16(6) < 1) return fail("no answer");
     std::size_t at = 12;
+    if (at >= d.size()) return fail("short answer");
     if ((u8(at) & 0xC0) == 0xC0) {
         at += 2;
     } else {

@@ -12,12 +12,12 @@
 #include <cstdio>
 #include <cstring>
 #include <mutex>
+#include <thread>
 #include <vector>
 
 #include "clients/smb/NbtScanner.h"
 #include "core/AppPreference.h"
 #include "core/GCD.h"
-#include "core/StreamingSupport.h"
 #include "core/StringUtils.h"
 
 namespace quillon {
@@ -28,7 +28,6 @@ namespace {
 // (8 MiB for Samba); a large buffer keeps several requests in flight.
 constexpr std::size_t kTransferBuffer = 4 * 1024 * 1024;
 constexpr int kTimeoutMs = 20000;
-constexpr std::int64_t kFineProgressAbove = 524288000;
 
 std::string trimmedSlashes(std::string path) {
     while (path.size() > 1 && path.back() == '/') path.pop_back();
@@ -66,6 +65,8 @@ bool isConnectionErrno(int err) {
         case ENOTCONN:
         case EHOSTUNREACH:
         case ENETUNREACH:
+        case ENETRESET:
+        case ENETDOWN:
         case EHOSTDOWN:
             return true;
         default:
@@ -193,6 +194,20 @@ Result<SMBCCTX*> SmbWrapper::context() {
     return ctx_;
 }
 
+Result<SMBCCTX*> SmbWrapper::contextForAttempt(int attempt,
+                                               std::unique_lock<std::recursive_mutex>& guard) {
+    if (attempt > 0) {
+        // A broken connection: a new session, after a pause in which other clients may call the
+        // library, continues where the transfer stopped.
+        dropContext();
+        guard.unlock();
+        std::this_thread::sleep_for(retryPause_);
+        guard.lock();
+        if (cancelled()) return std::unexpected(cancelledError());
+    }
+    return context();
+}
+
 void SmbWrapper::dropContext() {
     std::lock_guard guard(libraryLock());
     if (!ctx_) return;
@@ -314,16 +329,6 @@ Result<KvMetadata> SmbWrapper::metadataOfItemSync(const KvMetadata& item) {
                     static_cast<std::uint64_t>(st.st_size), timeOf(st));
 }
 
-void SmbWrapper::report(const ProgressHandler& progress, std::int64_t done, std::int64_t total,
-                        int& step) {
-    if (!progress || total <= 0) return;
-    std::int64_t scale = total > kFineProgressAbove ? 1000 : 100;
-    int now = static_cast<int>(scale * done / total);
-    if (now == step) return;
-    step = now;
-    GCD::doInForeground([progress, done, total] { progress(done, total); });
-}
-
 Status SmbWrapper::downloadSync(const KvMetadata& file, const std::string& saveTo,
                                 const ProgressHandler& progress) {
     if (file.isDir)
@@ -331,80 +336,98 @@ Status SmbWrapper::downloadSync(const KvMetadata& file, const std::string& saveT
                              "Internal Error: download folder");
     if (cancelled()) return std::unexpected(cancelledError());
     const std::string path = trimmedSlashes(file.pathOrEmpty());
-    std::lock_guard guard(libraryLock());
-    auto ctx = context();
-    if (!ctx) return std::unexpected(ctx.error());
     const std::string url = urlOf(path);
-    struct stat st {};
-    if (smbc_getFunctionStat(*ctx)(*ctx, url.c_str(), &st) != 0) {
-        auto e = errnoError(errno, ErrorCode::DownloadFailed, "Opening " + path);
-        if (e.is(ErrorKind::Connection)) dropContext();
-        return std::unexpected(e);
-    }
-    if (S_ISDIR(st.st_mode))
-        return KvError::fail(ErrorDomain::SMB, ErrorCode::DownloadFailed,
-                             "Internal Error: download folder");
-    SMBCFILE* in = smbc_getFunctionOpen(*ctx)(*ctx, url.c_str(), O_RDONLY, 0);
-    if (!in) {
-        auto e = errnoError(errno, ErrorCode::DownloadFailed, "Opening " + path);
-        if (e.is(ErrorKind::Connection)) dropContext();
-        return std::unexpected(e);
-    }
-    std::FILE* out = std::fopen(saveTo.c_str(), "wb");
-    if (!out) {
-        smbc_getFunctionClose (*ctx)(*ctx, in);
-        return KvError::fail(ErrorDomain::SMB, ErrorCode::DownloadFailed,
-                             fmt::format("Cannot write {}: {}", saveTo, std::strerror(errno)));
-    }
-    const std::int64_t total = st.st_size;
-    std::int64_t done = 0;
-    int step = -1;
+    std::unique_lock guard(libraryLock());
+    std::FILE* out = nullptr;
+    std::int64_t done = 0, total = -1;
+    std::optional<TimePoint> mtime;
+    ProgressThrottle throttle(progress);
     std::optional<Error> failure;
     std::vector<char> buffer(kTransferBuffer);
-    while (!failure) {
-        if (cancelled()) {
-            failure = cancelledError();
+    bool ended = false;
+
+    for (int attempt = 0; attempt < maxAttempts_ && !ended; ++attempt) {
+        auto ctx = contextForAttempt(attempt, guard);
+        if (!ctx) {
+            failure = ctx.error();
+            if (failure->is(ErrorKind::Connection)) continue;
             break;
         }
-        ssize_t n = smbc_getFunctionRead(*ctx)(*ctx, in, buffer.data(), buffer.size());
-        if (n == 0) break;
-        if (n < 0) {
+        if (total < 0) {
+            struct stat st {};
+            if (smbc_getFunctionStat(*ctx)(*ctx, url.c_str(), &st) != 0) {
+                failure = errnoError(errno, ErrorCode::DownloadFailed, "Opening " + path);
+                if (failure->is(ErrorKind::Connection)) continue;
+                break;
+            }
+            if (S_ISDIR(st.st_mode)) {
+                failure = KvError::errorWithDomain(ErrorDomain::SMB, ErrorCode::DownloadFailed,
+                                                   "Internal Error: download folder");
+                break;
+            }
+            total = st.st_size;
+            mtime = timeOf(st);
+        }
+        SMBCFILE* in = smbc_getFunctionOpen(*ctx)(*ctx, url.c_str(), O_RDONLY, 0);
+        if (!in) {
+            failure = errnoError(errno, ErrorCode::DownloadFailed, "Opening " + path);
+            if (failure->is(ErrorKind::Connection)) continue;
+            break;
+        }
+        if (!out && !(out = std::fopen(saveTo.c_str(), "wb"))) {
+            failure = localWriteError(ErrorCode::DownloadFailed, saveTo, errno);
+            smbc_getFunctionClose (*ctx)(*ctx, in);
+            break;
+        }
+        failure.reset();
+        if (done > 0 &&
+            smbc_getFunctionLseek(*ctx)(*ctx, in, static_cast<off_t>(done), SEEK_SET) < 0)
             failure = errnoError(errno, ErrorCode::DownloadFailed, "Reading " + path);
-            break;
+        while (!failure) {
+            if (cancelled()) {
+                failure = cancelledError();
+                break;
+            }
+            ssize_t n = smbc_getFunctionRead(*ctx)(*ctx, in, buffer.data(), buffer.size());
+            if (n == 0) {
+                ended = true;
+                break;
+            }
+            if (n < 0) {
+                failure = errnoError(errno, ErrorCode::DownloadFailed, "Reading " + path);
+                break;
+            }
+            if (std::fwrite(buffer.data(), 1, static_cast<std::size_t>(n), out) !=
+                static_cast<std::size_t>(n)) {
+                failure = localWriteError(ErrorCode::DownloadFailed, saveTo, errno);
+                break;
+            }
+            done += n;
+            throttle.report(done, std::max(total, done));
         }
-        if (std::fwrite(buffer.data(), 1, static_cast<std::size_t>(n), out) !=
-            static_cast<std::size_t>(n)) {
-            failure = KvError::errorWithDomain(
-                ErrorDomain::SMB, ErrorCode::DownloadFailed,
-                fmt::format("Cannot write {}: {}", saveTo, std::strerror(errno)),
-                errno == ENOSPC ? ErrorKind::NoSpace : ErrorKind::Other);
-            break;
-        }
-        done += n;
-        report(progress, done, std::max(total, done), step);
+        smbc_getFunctionClose (*ctx)(*ctx, in);
+        if (failure && !failure->is(ErrorKind::Connection)) break;
     }
-    smbc_getFunctionClose (*ctx)(*ctx, in);
-    if (std::fclose(out) != 0 && !failure)
+    if (out && std::fclose(out) != 0 && !failure)
         failure = KvError::errorWithDomain(ErrorDomain::SMB, ErrorCode::DownloadFailed,
                                            "Cannot write " + saveTo);
-    // A file that shrank or was cut short on the way is not whole.
-    if (!failure && done < total)
+    // A file that shrank on the way is not whole.
+    if (ended && !failure && done < total)
         failure = KvError::errorWithDomain(
             ErrorDomain::SMB, ErrorCode::DownloadFailed,
-            fmt::format("{} ended after {} of {} bytes", path, done, total), ErrorKind::Connection);
-    if (failure) {
-        if (failure->is(ErrorKind::Connection)) dropContext();
-        ::unlink(saveTo.c_str());
-        return std::unexpected(*failure);
+            fmt::format("{} ended after {} of {} bytes", path, done, total));
+    if (!ended || failure) {
+        if (failure && failure->is(ErrorKind::Connection)) dropContext();
+        if (out) ::unlink(saveTo.c_str());
+        return std::unexpected(failure.value_or(cancelledError()));
     }
-    if (auto mtime = timeOf(st)) {
+    if (mtime) {
         timespec times[2];
         times[0].tv_sec = times[1].tv_sec = std::chrono::system_clock::to_time_t(*mtime);
         times[0].tv_nsec = times[1].tv_nsec = 0;
         ::utimensat(AT_FDCWD, saveTo.c_str(), times, 0);
     }
-    if (progress && step != (total > kFineProgressAbove ? 1000 : 100))
-        GCD::doInForeground([progress, done] { progress(done, done); });
+    throttle.finish(done, done);
     return {};
 }
 
@@ -431,54 +454,77 @@ Status SmbWrapper::uploadSync(const KvMetadata& localFile, const KvMetadata& toF
     ::fstat(in, &st);
     const std::int64_t total = st.st_size;
 
-    std::lock_guard guard(libraryLock());
-    auto ctx = context();
-    if (!ctx) {
-        ::close(in);
-        return std::unexpected(ctx.error());
-    }
-    SMBCFILE* out = smbc_getFunctionCreat(*ctx)(*ctx, urlOf(temporary).c_str(), 0644);
-    if (!out) {
-        auto e = errnoError(errno, ErrorCode::UploadFailed, "Creating " + target);
-        ::close(in);
-        if (e.is(ErrorKind::Connection)) dropContext();
-        return std::unexpected(e);
-    }
+    std::unique_lock guard(libraryLock());
     std::vector<char> buffer(kTransferBuffer);
+    // The file is read once, front to back: what the server has not taken of the buffer is
+    // offered again after a broken connection.
+    std::size_t filled = 0, offered = 0;
     std::int64_t done = 0;
-    int step = -1;
+    bool sourceEnded = false;
+    ProgressThrottle throttle(progress);
     std::optional<Error> failure;
-    while (!failure) {
-        if (cancelled()) {
-            failure = cancelledError();
+    SMBCCTX* ctx = nullptr;
+    SMBCFILE* out = nullptr;
+    for (int attempt = 0; attempt < maxAttempts_ && !sourceEnded; ++attempt) {
+        auto made = contextForAttempt(attempt, guard);
+        if (!made) {
+            failure = made.error();
+            if (failure->is(ErrorKind::Connection)) continue;
             break;
         }
-        ssize_t r = ::read(in, buffer.data(), buffer.size());
-        if (r < 0) {
-            failure = KvError::errorWithDomain(
-                ErrorDomain::SMB, ErrorCode::UploadFailed,
-                fmt::format("Cannot read {}: {}", local, std::strerror(errno)));
+        ctx = *made;
+        out = attempt == 0
+                  ? smbc_getFunctionCreat(ctx)(ctx, urlOf(temporary).c_str(), 0644)
+                  : smbc_getFunctionOpen(ctx)(ctx, urlOf(temporary).c_str(), O_WRONLY, 0644);
+        if (!out) {
+            failure = errnoError(errno, ErrorCode::UploadFailed, "Creating " + target);
+            if (failure->is(ErrorKind::Connection)) continue;
             break;
         }
-        if (r == 0) break;
-        std::size_t offered = 0;
-        while (offered < static_cast<std::size_t>(r)) {
-            ssize_t n = smbc_getFunctionWrite(*ctx)(*ctx, out, buffer.data() + offered,
-                                                    static_cast<std::size_t>(r) - offered);
+        failure.reset();
+        if (done > 0 &&
+            smbc_getFunctionLseek(ctx)(ctx, out, static_cast<off_t>(done), SEEK_SET) < 0)
+            failure = errnoError(errno, ErrorCode::UploadFailed, "Writing " + target);
+        while (!failure) {
+            if (cancelled()) {
+                failure = cancelledError();
+                break;
+            }
+            if (offered == filled) {
+                offered = filled = 0;
+                ssize_t r = ::read(in, buffer.data(), buffer.size());
+                if (r < 0) {
+                    failure = KvError::errorWithDomain(
+                        ErrorDomain::SMB, ErrorCode::UploadFailed,
+                        fmt::format("Cannot read {}: {}", local, std::strerror(errno)));
+                    break;
+                }
+                if (r == 0) {
+                    sourceEnded = true;
+                    break;
+                }
+                filled = static_cast<std::size_t>(r);
+            }
+            ssize_t n =
+                smbc_getFunctionWrite(ctx)(ctx, out, buffer.data() + offered, filled - offered);
             if (n <= 0) {
                 failure =
                     errnoError(n < 0 ? errno : EIO, ErrorCode::UploadFailed, "Writing " + target);
                 break;
             }
             offered += static_cast<std::size_t>(n);
+            done += n;
+            throttle.report(done, total);
         }
-        if (failure) break;
-        done += r;
-        report(progress, done, total, step);
+        if (sourceEnded) break;
+        smbc_getFunctionClose(ctx)(ctx, out);
+        out = nullptr;
+        if (failure && !failure->is(ErrorKind::Connection)) break;
     }
     ::close(in);
-    if (smbc_getFunctionClose(*ctx)(*ctx, out) != 0 && !failure)
+    if (out && smbc_getFunctionClose(ctx)(ctx, out) != 0 && !failure)
         failure = errnoError(errno, ErrorCode::UploadFailed, "Writing " + target);
+    if (!sourceEnded && !failure) failure = cancelledError();
     auto discard = [&] {
         if (ctx_) smbc_getFunctionUnlink(ctx_)(ctx_, urlOf(temporary).c_str());
     };
@@ -494,26 +540,25 @@ Status SmbWrapper::uploadSync(const KvMetadata& localFile, const KvMetadata& toF
     times[0].tv_sec = st.st_atim.tv_sec;
     times[1].tv_sec = st.st_mtim.tv_sec;
     times[0].tv_usec = times[1].tv_usec = 0;
-    smbc_getFunctionUtimes (*ctx)(*ctx, urlOf(temporary).c_str(), times);
+    smbc_getFunctionUtimes(ctx)(ctx, urlOf(temporary).c_str(), times);
 
-    auto rename = smbc_getFunctionRename(*ctx);
-    if (rename(*ctx, urlOf(temporary).c_str(), *ctx, urlOf(target).c_str()) != 0) {
+    auto rename = smbc_getFunctionRename(ctx);
+    if (rename(ctx, urlOf(temporary).c_str(), ctx, urlOf(target).c_str()) != 0) {
         int err = errno;
         // Servers that refuse to replace: the old file goes first, now that the new one is
         // complete; a folder of that name stays.
         struct stat old {};
-        bool replaced = smbc_getFunctionStat(*ctx)(*ctx, urlOf(target).c_str(), &old) == 0 &&
+        bool replaced = smbc_getFunctionStat(ctx)(ctx, urlOf(target).c_str(), &old) == 0 &&
                         !S_ISDIR(old.st_mode) &&
-                        smbc_getFunctionUnlink(*ctx)(*ctx, urlOf(target).c_str()) == 0 &&
-                        rename(*ctx, urlOf(temporary).c_str(), *ctx, urlOf(target).c_str()) == 0;
+                        smbc_getFunctionUnlink(ctx)(ctx, urlOf(target).c_str()) == 0 &&
+                        rename(ctx, urlOf(temporary).c_str(), ctx, urlOf(target).c_str()) == 0;
         if (!replaced) {
             auto e = errnoError(err, ErrorCode::UploadFailed, "Replacing " + target);
             discard();
             return std::unexpected(e);
         }
     }
-    if (progress && step != (total > kFineProgressAbove ? 1000 : 100))
-        GCD::doInForeground([progress, total] { progress(total, total); });
+    throttle.finish(total, total);
     return {};
 }
 
@@ -587,20 +632,6 @@ Status SmbWrapper::createFolderSync(const KvMetadata& folder) {
         return std::unexpected(e);
     }
     return {};
-}
-
-Status SmbWrapper::downloadThumbnailSync(const KvMetadata& item) {
-    if (item.isDir)
-        return KvError::fail(ErrorDomain::Local, ErrorCode::NoThumbnail,
-                             "Folder has no thumbnail.");
-    return KvError::fail(ErrorDomain::Local, ErrorCode::NoThumbnail,
-                         "It doesn't have a thumbnail.");
-}
-
-std::optional<std::string> SmbWrapper::loadStreamableURLForFileSync(const KvMetadata& file) {
-    std::string path = file.pathOrEmpty();
-    while (!path.empty() && path.front() == '/') path.erase(0, 1);
-    return StreamingSupport::streamableURL(serverInfo(), file, path);
 }
 
 Status SmbWrapper::initStreamFileMeta(const KvMetadata& file) {

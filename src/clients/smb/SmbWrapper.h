@@ -4,7 +4,9 @@
 // speaks SMB2 or later. Paths are "/share/folder/file"; "/" lists the server's shares. No session
 // is pooled: the context is the session. Errors are of domain "SMB".
 
+#include <chrono>
 #include <cstdint>
+#include <mutex>
 #include <optional>
 #include <string>
 
@@ -29,22 +31,28 @@ class SmbWrapper : public Wrapper {
     [[nodiscard]] Result<KvMetadataList> contentsOfDirectoryAtPathSync(
         const KvMetadata& folder) override;
     [[nodiscard]] Result<KvMetadata> metadataOfItemSync(const KvMetadata& item) override;
-    // Reads into `saveTo`; a file that did not arrive whole is removed. The server's time is kept.
+    // Reads into `saveTo`, continued after a broken connection; a file that did not arrive whole
+    // is removed. The server's time is kept.
     [[nodiscard]] Status downloadSync(const KvMetadata& file, const std::string& saveTo,
                                       const ProgressHandler& progress) override;
-    // Writes to a hidden name beside the target, then renames it over the target.
+    // Writes to a hidden name beside the target, continued after a broken connection, then
+    // renames it over the target.
     [[nodiscard]] Status uploadSync(const KvMetadata& localFile, const KvMetadata& toFolder,
                                     const ProgressHandler& progress) override;
     [[nodiscard]] Status moveSync(const KvMetadata& item, const KvMetadata& to) override;
     [[nodiscard]] Status removeSync(const KvMetadataList& items) override;
-    [[nodiscard]] Status downloadThumbnailSync(const KvMetadata& item) override;
     [[nodiscard]] Status createFolderSync(const KvMetadata& folder) override;
-    std::optional<std::string> loadStreamableURLForFileSync(const KvMetadata& file) override;
     // The "PATH" setting ("/share/folder"), or "/" (the list of shares) when it is empty.
     KvMetadata rootFolder() override;
 
     [[nodiscard]] Status initStreamFileMeta(const KvMetadata& file) override;
     [[nodiscard]] Result<Bytes> readDataOfLength(std::uint64_t length) override;
+
+    // How many times a broken transfer is taken up again, and the pause before each attempt.
+    void setRetries(int attempts, std::chrono::milliseconds pause) {
+        maxAttempts_ = attempts;
+        retryPause_ = pause;
+    }
 
     // "smb://host[:port]" + the percent-escaped path, as libsmbclient takes it.
     std::string urlOf(const std::string& path) const;
@@ -57,6 +65,8 @@ class SmbWrapper : public Wrapper {
   private:
     // The context, made on first use; none when the library cannot start.
     Result<SMBCCTX*> context();
+    // The context of a transfer's attempt: after the first, a new one after the pause.
+    Result<SMBCCTX*> contextForAttempt(int attempt, std::unique_lock<std::recursive_mutex>& guard);
     void dropContext();
     Error errnoError(int err, long code, std::string_view what) const;
     Error cancelledError() const;
@@ -65,12 +75,13 @@ class SmbWrapper : public Wrapper {
     Result<KvMetadataList> list(SMBCCTX* ctx, const std::string& path, bool includeHidden);
     Status removeTree(SMBCCTX* ctx, const std::string& path);
     bool includesHiddenFiles() const;
-    void report(const ProgressHandler& progress, std::int64_t done, std::int64_t total, int& step);
 
     SMBCCTX* ctx_ = nullptr;
     Credentials creds_;
     std::string host_;  // the address the server's name resolved to
     std::optional<KvMetadata> streamFile_;
+    int maxAttempts_ = 10;
+    std::chrono::milliseconds retryPause_{1000};
 };
 
 }  // namespace quillon

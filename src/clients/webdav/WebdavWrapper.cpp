@@ -14,7 +14,6 @@
 
 #include "core/AppPreference.h"
 #include "core/GCD.h"
-#include "core/StreamingSupport.h"
 #include "core/StringUtils.h"
 
 namespace quillon {
@@ -718,20 +717,6 @@ Status WebdavWrapper::createFolderSync(const KvMetadata& folder) {
                              "The parent folder does not exist", ErrorKind::NotFound);
     return std::unexpected(
         errorOf(reply, ErrorCode::CreateFolderFailed, "Creating " + request.path));
-}
-
-Status WebdavWrapper::downloadThumbnailSync(const KvMetadata& item) {
-    if (item.isDir)
-        return KvError::fail(ErrorDomain::Local, ErrorCode::NoThumbnail,
-                             "Folder has no thumbnail.");
-    return KvError::fail(ErrorDomain::Local, ErrorCode::NoThumbnail,
-                         "It doesn't have a thumbnail.");
-}
-
-std::optional<std::string> WebdavWrapper::loadStreamableURLForFileSync(const KvMetadata& file) {
-    std::string path = file.pathOrEmpty();
-    while (!path.empty() && path.front() == '/') path.erase(0, 1);
-    return StreamingSupport::streamableURL(serverInfo(), file, path);
 }
 
 // --- Streaming

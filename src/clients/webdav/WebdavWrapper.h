@@ -56,12 +56,10 @@ class WebdavWrapper : public Wrapper {
     [[nodiscard]] Status moveSync(const KvMetadata& item, const KvMetadata& to) override;
     // DELETE (the server removes a folder with its contents).
     [[nodiscard]] Status removeSync(const KvMetadataList& items) override;
-    [[nodiscard]] Status downloadThumbnailSync(const KvMetadata& item) override;
     // MKCOL.
     [[nodiscard]] Status createFolderSync(const KvMetadata& folder) override;
     // COPY on the server; never over an existing item.
     [[nodiscard]] Status copySync(const KvMetadata& item, const KvMetadata& to);
-    std::optional<std::string> loadStreamableURLForFileSync(const KvMetadata& file) override;
     // The "PATH" setting, "/" when it is empty.
     KvMetadata rootFolder() override;
 

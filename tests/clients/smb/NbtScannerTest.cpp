@@ -1,18 +1,27 @@
-// The NetBIOS name scan: the request and response bytes, and a sweep of 127.0.0.1 answered by a
-// scripted fake responder (no real host can be made to send a malformed or GB 18030 reply).
+// The NetBIOS name scan: the request and response bytes; a sweep of 127.0.0.1 answered by a
+// scripted fake responder (no real host can be made to send a malformed or GB 18030 reply); a
+// sweep of a /24 of network namespaces where Samba's nmbd and the fake responder answer.
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <poll.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstring>
+#include <fstream>
+#include <future>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "clients/smb/NbtScanner.h"
+#include "support/ChildProcess.h"
+#include "support/NetNamespaces.h"
 #include "support/TestEnv.h"
 
 namespace quillon {
@@ -89,6 +98,20 @@ TEST(Nbt, RequestAndResponseBytes) {
         EXPECT_EQ(info.macaddr, "00:11:22:33:44:55") << c.what;
         EXPECT_EQ(info.ip, "10.0.0.9");
     }
+
+    // A header that promises an answer and ends right before a page that cannot be read: the
+    // parser must not look past it.
+    const std::size_t page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+    void* pages =
+        ::mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(pages, MAP_FAILED);
+    char* header = static_cast<char*>(pages) + page - 12;
+    ASSERT_EQ(::mprotect(header + 12, page, PROT_NONE), 0);
+    std::memcpy(header, "\x6c\x00\x84\x00\x00\x00\x00\x01\0\0\0\0", 12);
+    std::string why;
+    EXPECT_FALSE(Nbt::parseNodeStatus(std::string_view(header, 12), &why));
+    EXPECT_EQ(why, "short answer");
+    ::munmap(pages, 2 * page);
 
     EXPECT_EQ(Nbt::targetAddresses("192.168.1.0/24")->size(), 254u);
     EXPECT_EQ(Nbt::targetAddresses("192.168.1.0/24")->front(), "192.168.1.1");
@@ -179,6 +202,192 @@ TEST(Nbt, SweepAndNameCache) {
                         "fication: 127.0.0.1/40",
                         "{NBT}: ========= Clear NBT cache ...",
                         "{NBT} Update table: SERVER , old: 127.0.0.1, new: 127.0.0.7"}));
+    NbtScanner::setLogHandler({});
+}
+
+// A scripted fake NetBIOS host: it lives in a network namespace and answers each node status
+// request sent to one of its addresses with that address's datagram, until it is destroyed.
+class FakeNbtHost {
+  public:
+    FakeNbtHost(std::string ns, std::vector<std::pair<std::string, std::string>> replies)
+        : ns_(std::move(ns)), replies_(std::move(replies)) {
+        if (::pipe(wake_) != 0) return;
+        std::promise<bool> bound;
+        auto ready = bound.get_future();
+        thread_ = std::thread([this, &bound] { serve(bound); });
+        ready_ = ready.get();
+    }
+    ~FakeNbtHost() {
+        if (thread_.joinable()) {
+            (void)::write(wake_[1], "x", 1);
+            thread_.join();
+        }
+        ::close(wake_[0]);
+        ::close(wake_[1]);
+    }
+    bool ready() const { return ready_; }
+
+  private:
+    void serve(std::promise<bool>& bound) {
+        std::vector<pollfd> fds{{wake_[0], POLLIN, 0}};
+        bool ok = test::NetLab::enter(ns_);
+        for (auto& [ip, reply] : replies_) {
+            int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+            sockaddr_in a{};
+            a.sin_family = AF_INET;
+            a.sin_port = htons(137);
+            ::inet_pton(AF_INET, ip.c_str(), &a.sin_addr);
+            ok = ok && fd >= 0 && ::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
+            fds.push_back({fd, POLLIN, 0});
+        }
+        bound.set_value(ok);
+        while (ok && ::poll(fds.data(), fds.size(), -1) > 0 && !fds[0].revents) {
+            for (std::size_t i = 1; i < fds.size(); ++i) {
+                if (!(fds[i].revents & POLLIN)) continue;
+                char buf[100];
+                sockaddr_in from{};
+                socklen_t len = sizeof from;
+                if (::recvfrom(fds[i].fd, buf, sizeof buf, 0, reinterpret_cast<sockaddr*>(&from),
+                               &len) != 50)
+                    continue;
+                const std::string& reply = replies_[i - 1].second;
+                ::sendto(fds[i].fd, reply.data(), reply.size(), 0,
+                         reinterpret_cast<sockaddr*>(&from), len);
+            }
+        }
+        for (std::size_t i = 1; i < fds.size(); ++i) ::close(fds[i].fd);
+    }
+
+    std::string ns_;
+    std::vector<std::pair<std::string, std::string>> replies_;
+    int wake_[2] = {-1, -1};
+    std::thread thread_;
+    bool ready_ = false;
+};
+
+// Samba's nmbd as the NetBIOS host FILESRV of workgroup TESTGRP on one address of a namespace,
+// its state in `dir`; ready once a node status request to that address is answered.
+std::unique_ptr<test::ChildProcess> startNmbd(const test::NetLab& lab, const std::string& ns,
+                                              int host, const test::ScratchDir& dir) {
+    const std::string& d = dir.path();
+    std::ofstream(d + "/smb.conf")
+        << "[global]\nnetbios name = FILESRV\nworkgroup = TESTGRP\n"
+        << "interfaces = " << lab.address(host) << "/24\n"
+        << "bind interfaces only = yes\nlocal master = no\n"
+        << "dns proxy = no\nserver role = standalone server\n"
+        << "private dir = " << d << "\nlock directory = " << d << "\nstate directory = " << d
+        << "\ncache directory = " << d << "\npid directory = " << d << "\nlog file = " << d
+        << "/nmbd.log\n";
+    // nmbd in the foreground ends when its standard input does, unless that is no pipe.
+    auto nmbd = std::make_unique<test::ChildProcess>(test::NetLab::inside(
+        ns, {"sh", "-c",
+             "exec /usr/sbin/nmbd --foreground --no-process-group '--configfile=" + d +
+                 "/smb.conf' </dev/null"}));
+    NbtScanner probe;
+    probe.timeout_secs = 1;
+    probe.write_sleep_msecs = 0;
+    bool answered = test::waitUntil(
+        [&] {
+            std::vector<NbtInfo> found;
+            test::NetLab::runInside(lab.lan(),
+                                    [&] { found = probe.scann_impl(lab.address(host)); });
+            return !found.empty() || !nmbd->running();
+        },
+        std::chrono::seconds(60));
+    if (!answered || !nmbd->running()) {
+        ADD_FAILURE() << "nmbd did not answer: " << nmbd->err() << test::readFile(d + "/nmbd.log");
+        return nullptr;
+    }
+    return nmbd;
+}
+
+// A sweep of a /24 of the test's own, from a namespace: nmbd (a file server) is reported; of the
+// fake host's addresses, the one without sharing is logged and left out, the GB 18030 name and
+// the bytes that are no GB 18030 are shown as such, the malformed reply is logged and dropped.
+// The command line sweeps the same. Then nmbd moves to another address: the next sweep replaces
+// the cache entry and logs it, and FILESRV.local resolves to the new address.
+TEST(Nbt, SweepOfANetworkOfNamespaces) {
+    std::string why;
+    auto lab = test::NetLab::create("10.213.77", &why);
+    if (!lab) GTEST_SKIP() << "the sweep runs only inside network namespaces: " << why;
+    std::string server = lab->addHost({2}, &why);
+    std::string fake = server.empty() ? server : lab->addHost({3, 4, 5, 6}, &why);
+    ASSERT_FALSE(fake.empty()) << why;
+    test::ScratchDir state("nmbd");
+    auto nmbd = startNmbd(*lab, server, 2, state);
+    ASSERT_TRUE(nmbd);
+    FakeNbtHost fakeHost(
+        fake, {{lab->address(3), response({{"LAPTOP", 0x00, false}, {"HOME", 0x00, true}})},
+               {lab->address(4),
+                response({{"\xB2\xE2\xCA\xD4", 0x00, false}, {"\xB2\xE2\xCA\xD4", 0x20, false}})},
+               {lab->address(5), response({{"NAS\xFF", 0x00, false}, {"NAS\xFF", 0x20, false}})},
+               {lab->address(6), std::string("\x6c\x00\x84\x00\x00\x00\x00\x01\0\0\0\0", 12)}});
+    ASSERT_TRUE(fakeHost.ready());
+
+    std::vector<std::string> logs;
+    std::mutex logMutex;
+    NbtScanner::setLogHandler([&](const std::string& line) {
+        std::lock_guard g(logMutex);
+        logs.push_back(line);
+    });
+    auto sweep = [&] {
+        std::vector<NbtInfo> found;
+        EXPECT_TRUE(test::NetLab::runInside(
+            lab->lan(), [&] { found = NbtScanner().scann_impl("10.213.77.0/24"); }));
+        std::sort(found.begin(), found.end(),
+                  [](const NbtInfo& a, const NbtInfo& b) { return a.ip < b.ip; });
+        return found;
+    };
+    auto found = sweep();
+    ASSERT_EQ(found.size(), 3u);
+    EXPECT_EQ(found[0].computerName, "FILESRV");
+    EXPECT_EQ(found[0].domainName, "TESTGRP");
+    EXPECT_EQ(found[0].ip, "10.213.77.2");
+    EXPECT_EQ(found[1].computerName, "测试");
+    EXPECT_EQ(found[1].ip, "10.213.77.4");
+    EXPECT_EQ(found[2].computerName, "NAS\xC3\xBF");
+    EXPECT_EQ(found[2].ip, "10.213.77.5");
+    {
+        std::lock_guard g(logMutex);
+        std::sort(logs.begin(), logs.end());
+        EXPECT_EQ(logs,
+                  (std::vector<std::string>{
+                      "ERROR: no parse for 10.213.77.6 -- short answer",
+                      "Found computer LAPTOP(10.213.77.3), but no sharing on it, ignore it"}));
+        logs.clear();
+    }
+
+    auto cli = test::runProgram(test::NetLab::inside(
+        lab->lan(), {QUILLON_BINARY, "smb", "scan", "10.213.77.0/24", "--json"}));
+    EXPECT_EQ(cli.exitCode, 0) << cli.err;
+    auto lines = test::lines(cli.out);
+    EXPECT_EQ(lines.size(), 3u) << cli.out;
+    EXPECT_NE(std::find(lines.begin(), lines.end(),
+                        "{\"name\":\"FILESRV\",\"workgroup\":\"TESTGRP\",\"ip\":\"10.213.77.2\","
+                        "\"mac\":\"00:00:00:00:00:00\"}"),
+              lines.end())
+        << cli.out;
+
+    NbtScanner::clearNbtNameCache();
+    NbtScanner::mergeFoundedInfo(found);
+    EXPECT_EQ(NbtScanner::ipListWithHostName("FILESRV.local"),
+              std::vector<std::string>{"10.213.77.2"});
+    nmbd.reset();
+    ASSERT_TRUE(lab->moveAddress(server, 2, 7));
+    nmbd = startNmbd(*lab, server, 7, state);
+    ASSERT_TRUE(nmbd);
+    found = sweep();
+    ASSERT_EQ(found.size(), 3u);
+    EXPECT_EQ(found[2].computerName, "FILESRV");
+    EXPECT_EQ(found[2].ip, "10.213.77.7");
+    NbtScanner::mergeFoundedInfo(found);
+    EXPECT_EQ(NbtScanner::ipListWithHostName("filesrv.local"),
+              std::vector<std::string>{"10.213.77.7"});
+    EXPECT_EQ(NbtScanner::ipListWithHostName("filesrv"), std::vector<std::string>{"10.213.77.7"});
+    std::lock_guard g(logMutex);
+    EXPECT_NE(std::find(logs.begin(), logs.end(),
+                        "{NBT} Update table: FILESRV , old: 10.213.77.2, new: 10.213.77.7"),
+              logs.end());
     NbtScanner::setLogHandler({});
 }
 

@@ -1,8 +1,11 @@
 // The storage-client conformance suite against a real Samba smbd, and what only SMB has: a
-// refused password, guests, a server that goes away mid-download, the shares of the server.
+// refused password, guests, a server that goes away mid-download, sessions that break and are
+// taken up again, the shares of the server, thumbnails of pictures on a share.
 
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <memory>
@@ -11,6 +14,7 @@
 #include "clients/WrapperConformance.h"
 #include "clients/smb/SmbWrapper.h"
 #include "core/WrapperProxy.h"
+#include "media/Thumbnails.h"
 #include "support/SmbServers.h"
 
 namespace quillon::test {
@@ -110,7 +114,8 @@ TEST_F(SmbClient, ServerStoppedMidDownloadLeavesNothing) {
     // progress report stops the server.
     std::string big = server_->shareDir() + "/big.bin";
     std::filesystem::resize_file((writeFile(big, "x"), big), 256u << 20);
-    auto smb = client(server_->serverInfo());
+    auto smb = std::make_shared<SmbWrapper>(server_->serverInfo());
+    smb->setRetries(3, std::chrono::milliseconds(20));
     KvMetadata file("/data/big.bin");
     std::atomic<bool> done{false};
     Status result;
@@ -126,6 +131,88 @@ TEST_F(SmbClient, ServerStoppedMidDownloadLeavesNothing) {
     ASSERT_FALSE(result) << "the download succeeded";
     EXPECT_EQ(result.error().domain, "SMB");
     EXPECT_FALSE(std::filesystem::exists(local_ / "big.bin")) << "a partial file was left";
+}
+
+// The connection breaks in the middle of a download and of an upload (the server ends the
+// sessions): each is taken up again in a new session where it stopped, and the files arrive byte
+// for byte. Both go through a pipe this test feeds or drains, so the break comes at a chosen
+// point while most of the file is still to come.
+TEST_F(SmbClient, BrokenTransfersContinueWhereTheyStopped) {
+    const std::size_t size = 24 * 1024 * 1024 + 7, breakAt = 2 * 1024 * 1024;
+    const std::string content = randomBytes(size, 17);
+    writeFile(server_->shareDir() + "/big.bin", content);
+    auto smb = std::make_shared<SmbWrapper>(server_->serverInfo());
+    smb->setRetries(10, std::chrono::milliseconds(50));
+
+    std::string fifo = local_ / "down.bin";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    Status result;
+    std::thread worker([&] { result = smb->downloadSync(KvMetadata("/data/big.bin"), fifo, {}); });
+    int in = ::open(fifo.c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(in, 0);
+    std::string got;
+    char buffer[65536];
+    int ended = 0;
+    for (ssize_t n; (n = ::read(in, buffer, sizeof buffer)) > 0;) {
+        got.append(buffer, static_cast<std::size_t>(n));
+        if (ended == 0 && got.size() >= breakAt) ended = server_->endSessions();
+    }
+    ::close(in);
+    worker.join();
+    ASSERT_TRUE(result) << result.error().describe();
+    EXPECT_GE(ended, 1) << "no session was ended";
+    EXPECT_TRUE(got == content) << "the continued download differs (" << got.size() << " of "
+                                << size << " bytes)";
+
+    // An upload that gives up closes the pipe: this side sees EPIPE rather than the signal.
+    ::signal(SIGPIPE, SIG_IGN);
+    fifo = local_ / "up.bin";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    KvMetadata source(fifo);
+    source.localPath = fifo;
+    KvMetadata folder("/data");
+    folder.isDir = true;
+    worker = std::thread([&] { result = smb->uploadSync(source, folder, {}); });
+    int out = ::open(fifo.c_str(), O_WRONLY | O_CLOEXEC);
+    ASSERT_GE(out, 0);
+    auto feed = [&](std::size_t from, std::size_t to) {
+        for (std::size_t at = from; at < to;) {
+            ssize_t n = ::write(out, content.data() + at, to - at);
+            if (n <= 0) return false;
+            at += static_cast<std::size_t>(n);
+        }
+        return true;
+    };
+    // The upload has opened its file on the server once it takes what is written here.
+    bool fed = feed(0, breakAt);
+    ended = fed ? server_->endSessions() : 0;
+    fed = fed && feed(breakAt, size);
+    ::close(out);
+    worker.join();
+    ASSERT_TRUE(fed) << "the upload stopped reading: "
+                     << (result ? std::string() : result.error().describe());
+    ASSERT_TRUE(result) << result.error().describe();
+    EXPECT_GE(ended, 1) << "no session was ended";
+    EXPECT_TRUE(readFile(server_->shareDir() + "/up.bin") == content)
+        << "the continued upload differs";
+    EXPECT_FALSE(std::filesystem::exists(server_->shareDir() + "/.up.bin.quillon-upload"));
+}
+
+// A picture on a share gets its thumbnail from the media layer, read through the client.
+TEST_F(SmbClient, PicturesOnAShareGetThumbnails) {
+    Thumbnails::installThumbnails();
+    std::string photo = server_->shareDir() + "/photo.jpg";
+    auto made = runProgram({"convert", "-size", "300x100", "xc:red", photo});
+    ASSERT_EQ(made.exitCode, 0) << made.err;
+    auto smb = client(server_->serverInfo());
+    KvMetadata item("/data/photo.jpg");
+    item.protocolType = ProtocolType::SMB;
+    item.fileSizeInBytes = std::filesystem::file_size(photo);
+    auto r = smb->downloadThumbnailSync(item);
+    ASSERT_TRUE(r) << r.error().describe();
+    std::string uri = Thumbnails::uriForItem(*smb->serverInfo(), item);
+    EXPECT_TRUE(std::filesystem::exists(Thumbnails::cachePathForURI(uri, Thumbnails::Size::Normal)))
+        << uri;
 }
 
 }  // namespace
