@@ -19,11 +19,7 @@
 #include <QVBoxLayout>
 #include <any>
 
-#include "app/gui/FtpServerPane.h"
 #include "app/gui/HostKeyDialog.h"
-#include "app/gui/PreferencesDialog.h"
-#include "app/gui/ServerEditor.h"
-#include "app/gui/SyncPane.h"
 #include "clients/local/SandboxFileAccess.h"
 #include "clients/smb/NbtScanner.h"
 #include "core/AppPreference.h"
@@ -31,7 +27,6 @@
 #include "core/PathUtils.h"
 #include "core/ServerInfoService.h"
 #include "core/WrapperProxy.h"
-#include "servers/ftpserver/FtpServerService.h"
 #include "sync/SyncInfoService.h"
 #include "transfer/FileTransferUtils.h"
 #include "transfer/TransferPlanner.h"
@@ -340,7 +335,6 @@ void MainWindow::reloadSidebar() {
     auto hosts = NbtScanner::cachedInfos();
     if (!hosts.empty()) {
         auto* group = section(tr("SMB Hosts"));
-        group->setData(0, Qt::UserRole + 2, QStringLiteral("smbHosts"));
         for (auto& host : hosts) {
             auto name = host.computerName.empty() ? host.ip : host.computerName;
             auto* item = entry(group, QString::fromStdString(name), "smb://" + host.ip + "/",
