@@ -2,51 +2,48 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
+
 #include "core/KvMetadata.h"
 #include "core/ServerInfo.h"
 
 using namespace quillon;
 namespace ft = quillon::FileTypeUtils;
 
-TEST(FileTypeUtils, DeliberateExclusionsOverrideTheTypeTable) {
-    EXPECT_FALSE(ft::isImage("a.PSD"));
-    EXPECT_TRUE(ft::conformsTo("a.psd", "public.image"));  // the table alone would say image
-    EXPECT_TRUE(ft::isImage("a.JPG"));
-    EXPECT_TRUE(ft::isImage("scan.tiff"));
-    EXPECT_FALSE(ft::isImage("clip.mkv"));
-    EXPECT_FALSE(ft::isImage("clip.AVI"));
-    EXPECT_TRUE(ft::isMovie("clip.mkv"));
+namespace {
 
-    EXPECT_FALSE(ft::isMovie("film.srt"));
-    EXPECT_FALSE(ft::isMovie("film.ASS"));
-    EXPECT_FALSE(ft::isMovie("film.sub"));
-    EXPECT_TRUE(ft::isExternalSubtitle("film.ssa"));
-    EXPECT_TRUE(ft::isMovie("film.mp4"));
-    EXPECT_TRUE(ft::isMovie("capture.ts"));
-
-    EXPECT_TRUE(ft::isAudio("list.m3u8"));
-    EXPECT_TRUE(ft::isAudio("disc.CUE"));
-    EXPECT_FALSE(ft::isAudio("song.mid"));
-    EXPECT_FALSE(ft::isAudio("song.MIDI"));
-    EXPECT_TRUE(ft::conformsTo("song.mid", "public.audio"));
-    EXPECT_TRUE(ft::isAudio("song.mp3"));
-    EXPECT_TRUE(ft::isAudio("track.dsf"));
+// Each name the predicate accepts, then each it refuses.
+void decides(const char* what, const std::function<bool(const std::string&)>& is,
+             std::initializer_list<const char*> yes, std::initializer_list<const char*> no) {
+    for (auto name : yes) EXPECT_TRUE(is(name)) << what << " " << name;
+    for (auto name : no) EXPECT_FALSE(is(name)) << what << " " << name;
 }
 
-TEST(FileTypeUtils, TextAndHtmlDecisions) {
-    EXPECT_TRUE(ft::isText("main.rs"));
-    EXPECT_TRUE(ft::isText("main.go"));
-    EXPECT_TRUE(ft::isText("main.c"));
-    EXPECT_TRUE(ft::isText("run.py"));
-    EXPECT_TRUE(ft::isText("notes.TXT"));
-    EXPECT_TRUE(ft::isText("settings.ini"));
-    EXPECT_FALSE(ft::isText("page.html"));  // rich text, not plain
-    EXPECT_FALSE(ft::isText("photo.png"));
-    EXPECT_TRUE(ft::isHTML("page.HTM"));
-    EXPECT_TRUE(ft::isHTML("saved.webarchive"));
-    EXPECT_FALSE(ft::isHTML("notes.txt"));
-    EXPECT_TRUE(ft::isTextForWebView("page.html"));
-    EXPECT_FALSE(ft::isTextForWebView("notes.txt"));
+}  // namespace
+
+TEST(FileTypeUtils, DecisionsIncludingDeliberateExclusionsFromTheTypeTable) {
+    // The table alone would call a PSD an image, MIDI audio and subtitles movies.
+    EXPECT_TRUE(ft::conformsTo("a.psd", "public.image"));
+    EXPECT_TRUE(ft::conformsTo("song.mid", "public.audio"));
+    decides("image", ft::isImage, {"a.JPG", "scan.tiff"}, {"a.PSD", "clip.mkv", "clip.AVI"});
+    decides("movie", ft::isMovie, {"clip.mkv", "film.mp4", "capture.ts"},
+            {"film.srt", "film.ASS", "film.sub"});
+    decides("subtitle", ft::isExternalSubtitle, {"film.ssa"}, {});
+    decides("audio", ft::isAudio, {"list.m3u8", "disc.CUE", "song.mp3", "track.dsf"},
+            {"song.mid", "song.MIDI"});
+    decides("text", ft::isText,
+            {"main.rs", "main.go", "main.c", "run.py", "notes.TXT", "settings.ini"},
+            {"page.html", "photo.png"});  // HTML is rich text, not plain
+    decides("html", ft::isHTML, {"page.HTM", "saved.webarchive"}, {"notes.txt"});
+    decides("web view", ft::isTextForWebView, {"page.html"}, {"notes.txt"});
+    decides("keynote", ft::isKeynote, {"Talk.key.zip"}, {});
+    decides("numbers", ft::isNumbers, {"Budget.NUMBERS"}, {});
+    decides("pages", ft::isPages, {"/a/Letter.pages.zip"}, {"pages"});
+    decides("iwork", ft::isIWork, {"Talk.keynote"}, {});
+    decides("document", ft::isDocument, {"sheet.csv"}, {"book.epub"});
+    decides("archive", ft::isSupportedArchiveFile, {"x.TBZ2"}, {"x.xz"});
+    decides("artwork", ft::hasArtworkPossible, {"a.FLAC"}, {"a.wav"});
+    decides("quick look", ft::isQuickLookSupportFile, {"a.m4v"}, {"a.mkv"});
 }
 
 TEST(FileTypeUtils, NamesWithoutAUsableExtension) {
@@ -60,73 +57,37 @@ TEST(FileTypeUtils, NamesWithoutAUsableExtension) {
     EXPECT_EQ(ft::getUTIString("/srv/Photo.JPEG"), "public.jpeg");
 }
 
-TEST(FileTypeUtils, IWorkNamesAndDocuments) {
-    EXPECT_TRUE(ft::isKeynote("Talk.key.zip"));
-    EXPECT_TRUE(ft::isNumbers("Budget.NUMBERS"));
-    EXPECT_TRUE(ft::isPages("/a/Letter.pages.zip"));
-    EXPECT_FALSE(ft::isPages("pages"));
-    EXPECT_TRUE(ft::isIWork("Talk.keynote"));
-    EXPECT_TRUE(ft::isDocument("sheet.csv"));
-    EXPECT_FALSE(ft::isDocument("book.epub"));
-    EXPECT_TRUE(ft::isSupportedArchiveFile("x.TBZ2"));
-    EXPECT_FALSE(ft::isSupportedArchiveFile("x.xz"));
-    EXPECT_TRUE(ft::hasArtworkPossible("a.FLAC"));
-    EXPECT_FALSE(ft::hasArtworkPossible("a.wav"));
-    EXPECT_TRUE(ft::isQuickLookSupportFile("a.m4v"));
-    EXPECT_FALSE(ft::isQuickLookSupportFile("a.mkv"));
-}
-
-TEST(FileTypeUtils, IconNamesFollowTheTestOrder) {
-    EXPECT_EQ(ft::iconNameForFileName("x.pdf"), "pdf");
-    EXPECT_EQ(ft::iconNameForFileName("x.rar"), "zip");
-    EXPECT_EQ(ft::iconNameForFileName("x.tar.gz"), "zip");
-    EXPECT_EQ(ft::iconNameForFileName("x.jpg"), "photo");
-    EXPECT_EQ(ft::iconNameForFileName("x.webm"), "video");
-    EXPECT_EQ(ft::iconNameForFileName("x.m3u"), "music");  // playlists are audio before text
-    EXPECT_EQ(ft::iconNameForFileName("x.md"), "txt");
-    EXPECT_EQ(ft::iconNameForFileName("x.docx"), "word");
-    EXPECT_EQ(ft::iconNameForFileName("x.xlsx"), "excel");
-    EXPECT_EQ(ft::iconNameForFileName("x.ppsx"), "ppt");
-    EXPECT_EQ(ft::iconNameForFileName("x.key"), "keynote");
-    EXPECT_EQ(ft::iconNameForFileName("x.numbers"), "numbers");
-    EXPECT_EQ(ft::iconNameForFileName("x.pages"), "pages");
-    EXPECT_EQ(ft::iconNameForFileName("x.html"), "html");
-    EXPECT_EQ(ft::iconNameForFileName("x.epub"), "epub");
-    EXPECT_EQ(ft::iconNameForFileName("x.srt"), "unknown");
-}
-
-TEST(FileTypeUtils, KindsForListings) {
+TEST(FileTypeUtils, IconNamesFollowTheTestOrderAndKindsForListings) {
+    // Playlists are audio before text.
+    const std::pair<const char*, const char*> icons[] = {
+        {"x.pdf", "pdf"},     {"x.rar", "zip"},   {"x.tar.gz", "zip"},  {"x.jpg", "photo"},
+        {"x.webm", "video"},  {"x.m3u", "music"}, {"x.md", "txt"},      {"x.docx", "word"},
+        {"x.xlsx", "excel"},  {"x.ppsx", "ppt"},  {"x.key", "keynote"}, {"x.numbers", "numbers"},
+        {"x.pages", "pages"}, {"x.html", "html"}, {"x.epub", "epub"},   {"x.srt", "unknown"}};
+    for (auto [name, icon] : icons) EXPECT_EQ(ft::iconNameForFileName(name), icon) << name;
+    const std::pair<const char*, const char*> kinds[] = {
+        {"x.pdf", "PDF document"},  {"x.PNG", "Image"},
+        {"x.mkv", "Movie"},         {"x.srt", "Subtitle"},
+        {"x.m3u8", "Playlist"},     {"x.flac", "Audio"},
+        {"x.doc", "Word document"}, {"x.7z", "Archive"},
+        {"x.xz", "Archive"},        {"x.rs", "Text"}};
+    for (auto [name, kind] : kinds) EXPECT_EQ(ft::kindForFileName(name, false), kind) << name;
     EXPECT_EQ(ft::kindForFileName("Photos", true), "Folder");
     EXPECT_EQ(ft::kindForFileName("Plan.pages", true), "Pages document");
-    EXPECT_EQ(ft::kindForFileName("x.pdf", false), "PDF document");
-    EXPECT_EQ(ft::kindForFileName("x.PNG", false), "Image");
-    EXPECT_EQ(ft::kindForFileName("x.mkv", false), "Movie");
-    EXPECT_EQ(ft::kindForFileName("x.srt", false), "Subtitle");
-    EXPECT_EQ(ft::kindForFileName("x.m3u8", false), "Playlist");
-    EXPECT_EQ(ft::kindForFileName("x.flac", false), "Audio");
-    EXPECT_EQ(ft::kindForFileName("x.doc", false), "Word document");
-    EXPECT_EQ(ft::kindForFileName("x.7z", false), "Archive");
-    EXPECT_EQ(ft::kindForFileName("x.xz", false), "Archive");
-    EXPECT_EQ(ft::kindForFileName("x.rs", false), "Text");
 }
 
 TEST(FileTypeUtils, FilePackagesAreLocalFolders) {
-    KvMetadata app("/opt/Tool.app");
-    app.isDir = true;
-    EXPECT_TRUE(ft::isFilePackage(app));
-    KvMetadata pages("/home/u/Plan.pages");
-    pages.isDir = true;
-    EXPECT_TRUE(ft::isFilePackage(pages));
-
-    KvMetadata remote("/srv/Tool.app");
-    remote.isDir = true;
-    remote.protocolType = ProtocolType::FTP;
-    EXPECT_FALSE(ft::isFilePackage(remote));
-    KvMetadata file("/home/u/Plan.pages");
-    EXPECT_FALSE(ft::isFilePackage(file));
-    KvMetadata folder("/home/u/Projects");
-    folder.isDir = true;
-    EXPECT_FALSE(ft::isFilePackage(folder));
+    auto package = [](const std::string& path, bool isDir, std::int32_t protocol) {
+        KvMetadata m(path);
+        m.isDir = isDir;
+        m.protocolType = protocol;
+        return ft::isFilePackage(m);
+    };
+    EXPECT_TRUE(package("/opt/Tool.app", true, ProtocolType::Local));
+    EXPECT_TRUE(package("/home/u/Plan.pages", true, ProtocolType::Local));
+    EXPECT_FALSE(package("/srv/Tool.app", true, ProtocolType::FTP));
+    EXPECT_FALSE(package("/home/u/Plan.pages", false, ProtocolType::Local));
+    EXPECT_FALSE(package("/home/u/Projects", true, ProtocolType::Local));
 }
 
 TEST(FileTypeUtils, SupportedTypesEndWithTheProgramsOwnType) {

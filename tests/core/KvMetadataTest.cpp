@@ -5,6 +5,7 @@
 
 #include <filesystem>
 #include <set>
+#include <tuple>
 
 #include "core/ServerInfo.h"
 #include "core/ServerInfoService.h"
@@ -52,37 +53,34 @@ KvMetadata fullRecord(std::shared_ptr<const KvMetadata> parent) {
 
 }  // namespace
 
-TEST(KvMetadata, NameResolvesLinkTargetWhileStoredNameStays) {
+TEST(KvMetadata, NamesKeysAndPathsAsTheyAreRead) {
     KvMetadata plain("/home/u/notes.txt");
     EXPECT_EQ(plain.name(), "notes.txt");
-    EXPECT_EQ(plain.path(), "/home/u/notes.txt");
     EXPECT_EQ(plain.description(), "Name=notes.txt; PATH=/home/u/notes.txt");
+    EXPECT_EQ(KvMetadata().description(), "Name=(null); PATH=(null)");
 
+    // A link's name getter resolves its target while the stored name stays; the archive stores
+    // what the getter shows.
     KvMetadata link("/usr/lib/libz.1.dylib");
     link.setName("libz.1.dylib");
     link.symbolLinkTarget = "/usr/lib/libz.dylib";
     EXPECT_EQ(link.name(), "libz.dylib");
     EXPECT_EQ(link.nameIgnoreLinkResolve(), "libz.1.dylib");
-    // The archive stores what the name getter shows.
     auto back = KvMetadata::unarchive(link.archivedData());
     ASSERT_TRUE(back.has_value());
     EXPECT_EQ(back->nameIgnoreLinkResolve(), "libz.dylib");
 
-    EXPECT_EQ(KvMetadata().description(), "Name=(null); PATH=(null)");
-}
+    // An iWork document is a folder.
+    for (auto [path, isDir, pkg] : {std::tuple{"/Docs/Plan.pages", true, true},
+                                    {"/Docs/Plan.pages", false, false},
+                                    {"/Docs/Plans", true, false}}) {
+        KvMetadata m(path);
+        m.isDir = isDir;
+        EXPECT_EQ(m.iWorkDocFolder(), pkg) << path << isDir;
+    }
 
-TEST(KvMetadata, IWorkDocFolderOnlyForFolders) {
-    KvMetadata pkg("/Docs/Plan.pages");
-    pkg.isDir = true;
-    EXPECT_TRUE(pkg.iWorkDocFolder());
-    KvMetadata file("/Docs/Plan.pages");
-    EXPECT_FALSE(file.iWorkDocFolder());
-    KvMetadata folder("/Docs/Plans");
-    folder.isDir = true;
-    EXPECT_FALSE(folder.iWorkDocFolder());
-}
-
-TEST(KvMetadata, SftpPathNormalisedOnFirstRead) {
+    // SFTP paths are normalised on first read and stored back: a later change of isDir no
+    // longer affects them.
     struct Case {
         std::int32_t protocol;
         bool isDir;
@@ -101,25 +99,21 @@ TEST(KvMetadata, SftpPathNormalisedOnFirstRead) {
         m.isDir = c.isDir;
         m.setPath(c.path);
         EXPECT_EQ(m.path(), c.read) << c.path;
-        // Stored back: a later change of isDir no longer affects it.
         m.isDir = false;
         EXPECT_EQ(m.path(), c.read) << c.path;
     }
-}
 
-TEST(KvMetadata, KeyIdIsLowerCasedOnlyForDropbox) {
+    // Key ids are lower-cased only for Dropbox.
     KvMetadata dropbox("/Docs/A");
     dropbox.protocolType = ProtocolType::Dropbox;
     dropbox.isDir = true;
     dropbox.serverID = "S1";
     EXPECT_EQ(dropbox.keyID(), "s1:1:(null):/docs/a");
-
     KvMetadata drive("/Docs/A");
     drive.protocolType = ProtocolType::GoogleDrive;
     drive.serverID = "S1";
     drive.identifier = "AbC";
     EXPECT_EQ(drive.keyID(), "S1:0:AbC:/Docs/A");
-
     KvMetadata sftp;
     sftp.protocolType = ProtocolType::SFTP;
     sftp.isDir = true;

@@ -150,12 +150,12 @@ TEST(ServerInfoCloudNames, PropertyTableTranslatesBothWays) {
                                                passive);
     EXPECT_FALSE(passive.boolValueForKey(ServerProp::FTP_ACTIVE_MODE));
 
-    for (long t = ServerOSType::Unknown; t <= ServerOSType::ToshibaNAS; ++t)
-        EXPECT_EQ(ServerInfoService::serverTypeFromCloud(ServerInfoService::serverTypeToCloud(t)),
-                  t);
     std::set<std::string> names;
-    for (long t = ServerOSType::Unknown; t <= ServerOSType::ToshibaNAS; ++t)
-        names.insert(ServerInfoService::serverTypeToCloud(t));
+    for (long t = ServerOSType::Unknown; t <= ServerOSType::ToshibaNAS; ++t) {
+        auto name = ServerInfoService::serverTypeToCloud(t);
+        names.insert(name);
+        EXPECT_EQ(ServerInfoService::serverTypeFromCloud(name), t);
+    }
     EXPECT_EQ(names, (std::set<std::string>{"WDNAS", "ToshibaNAS", "Apple", "Linux", "Windows",
                                             "Darwin", "Unknown"}));
     EXPECT_EQ(ServerInfoService::serverTypeFromCloud("BeOS"), ServerOSType::Unknown);

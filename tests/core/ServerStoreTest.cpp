@@ -150,16 +150,14 @@ TEST(ServerInfoService, LocalVolumesAreRealFileSystemsWithRootFirst) {
     ASSERT_GE(volumes.size(), 1u);
     EXPECT_EQ(volumes[0].rootFolderPath, "/");
     EXPECT_EQ(volumes[0].protocolType, 0);
+    std::set<std::string> roots;
     for (auto& v : volumes) {
-        EXPECT_NE(v.rootFolderPath, "/proc");
-        EXPECT_NE(v.rootFolderPath, "/dev/shm");
-        EXPECT_NE(v.rootFolderPath, "/sys/fs/cgroup");
+        roots.insert(v.rootFolderPath);
         EXPECT_FALSE(v.displayName.empty());
     }
+    for (auto pseudo : {"/proc", "/dev/shm", "/sys/fs/cgroup"}) EXPECT_FALSE(roots.count(pseudo));
     // /tmp exists on every machine, so the ext4 volume there is listed.
-    bool tmp = false;
-    for (auto& v : volumes) tmp |= v.rootFolderPath == "/tmp";
-    EXPECT_TRUE(tmp);
+    EXPECT_TRUE(roots.count("/tmp"));
     // The real machine's list starts with "/" too.
     EXPECT_EQ(ServerInfoService::sharedServerInfoService().rootLocalServerInfo().rootFolderPath,
               "/");

@@ -211,10 +211,7 @@ TEST_F(MusicPlayerTest, RemoteFilePlaysThroughTheStreamingUrlAndSeeks) {
     service.setPort(0);
     RunningFtpServer ftp;
     makeTone(ftp / "tone.wav", 4.0);
-    auto info = std::make_shared<ServerInfo>();
-    info->protocolType = ProtocolType::FTP;
-    info->setValue(std::string("127.0.0.1"), ServerProp::ADDR);
-    info->setValue(std::to_string(ftp.port()), ServerProp::PORT);
+    auto info = ftp.serverInfo();
     KvMetadata remote(std::string("/tone.wav"));
     remote.protocolType = ProtocolType::FTP;
     remote.fileSizeInBytes = std::filesystem::file_size(ftp / "tone.wav");

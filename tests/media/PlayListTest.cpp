@@ -161,10 +161,7 @@ TEST_F(PlayListTest, FolderAudioInListingOrderAndRemoteListsFromTheCache) {
     registerBuiltinClients();
     RunningFtpServer ftp;
     writeFile(ftp / "music/list.m3u8", "#EXTINF:3,Über\nsong.mp3\n/other/x.mp3\n");
-    auto info = std::make_shared<ServerInfo>();
-    info->protocolType = ProtocolType::FTP;
-    info->setValue(std::string("127.0.0.1"), ServerProp::ADDR);
-    info->setValue(std::to_string(ftp.port()), ServerProp::PORT);
+    auto info = ftp.serverInfo();
     KvMetadata remote(std::string("/music/list.m3u8"));
     remote.protocolType = ProtocolType::FTP;
     auto fromFtp = PlayList::initWithStartMetadata(remote, info, {});

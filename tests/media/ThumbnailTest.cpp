@@ -165,10 +165,7 @@ TEST_F(ThumbnailTest, BrokenFileIsRecordedUnderFailAndNotRetriedUntilItChanges) 
 TEST_F(ThumbnailTest, RemoteFileIsSampledThroughItsClientAndCachedUnderItsUri) {
     RunningFtpServer ftp;
     makeRotatedJpeg(ftp / "photo.jpg");
-    auto info = std::make_shared<ServerInfo>();
-    info->protocolType = ProtocolType::FTP;
-    info->setValue(std::string("127.0.0.1"), ServerProp::ADDR);
-    info->setValue(std::to_string(ftp.port()), ServerProp::PORT);
+    auto info = ftp.serverInfo();
     auto client = WrapperProxy::wrapperWithServerInfo(info);
     KvMetadata item(std::string("/photo.jpg"));
     item.protocolType = ProtocolType::FTP;

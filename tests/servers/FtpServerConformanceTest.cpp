@@ -41,11 +41,8 @@ ConformanceTarget ourServerTarget() {
         ConformanceSession session;
         session.remoteRoot = "/" + folder;
         session.serverDir = server / folder;
-        auto info = std::make_shared<ServerInfo>();
-        info->protocolType = ProtocolType::FTP;
+        auto info = server.serverInfo();
         info->displayName = "quillon";
-        info->setValue(std::string("127.0.0.1"), ServerProp::ADDR);
-        info->setValue(std::to_string(server.port()), ServerProp::PORT);
         info->setValue(std::string("conform"), ServerProp::USERNAME);
         info->setValue(std::string("pass word"), ServerProp::PASSWORD);
         info->setValue(std::string("FTP_PROTOCOL_PLAIN"), ServerProp::FTP_PROTOCOL);

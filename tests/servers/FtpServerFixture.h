@@ -17,6 +17,7 @@
 #include <thread>
 #include <vector>
 
+#include "core/ServerInfo.h"
 #include "servers/ftpserver/FtpServer.h"
 #include "support/TestEnv.h"
 
@@ -66,6 +67,14 @@ class RunningFtpServer {
     int port() const { return server_->portNumber(); }
     std::string url(const std::string& path = "/") const {
         return "ftp://127.0.0.1:" + std::to_string(port()) + path;
+    }
+    // A plain FTP record for this server, as the clients are given one.
+    ServerInfoPtr serverInfo() const {
+        auto info = std::make_shared<ServerInfo>();
+        info->protocolType = ProtocolType::FTP;
+        info->setValue(std::string("127.0.0.1"), ServerProp::ADDR);
+        info->setValue(std::to_string(port()), ServerProp::PORT);
+        return info;
     }
     // The canonical shared folder (what the server reports in change notifications).
     const std::string& rootPath() const { return server_->baseDir(); }
@@ -227,8 +236,6 @@ class RawFtpClient {
         auto r = reply();
         return r.empty() ? std::string() : r.back();
     }
-    asio::ip::tcp::socket& socket() { return socket_; }
-    asio::io_context& io() { return io_; }
 
   private:
     // Waits for something to read (or the end) for 30 seconds at most: only a bound for a server

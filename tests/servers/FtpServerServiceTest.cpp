@@ -3,8 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <asio.hpp>
-
 #include <any>
 #include <filesystem>
 
@@ -15,19 +13,13 @@
 #include "media/Thumbnails.h"
 #include "servers/ftpserver/FtpPath.h"
 #include "servers/ftpserver/FtpServerService.h"
+#include "support/FtpServers.h"
 #include "support/TestEnv.h"
 
 namespace quillon {
 namespace {
 
 using test::ScratchDir;
-
-// A port that is free now (another program may take it before it is used).
-int freeLoopbackPort() {
-    asio::io_context io;
-    asio::ip::tcp::acceptor a(io, {asio::ip::make_address("127.0.0.1"), 0});
-    return a.local_endpoint().port();
-}
 
 TEST(FtpServerService, StartsFromThePreferencesPostsRefreshesAndStops) {
     test::IsolatedHome home;
@@ -47,7 +39,7 @@ TEST(FtpServerService, StartsFromThePreferencesPostsRefreshesAndStops) {
     // by another program since, so another is tried then.
     int port = 0;
     for (int attempt = 0; attempt < 20; ++attempt) {
-        port = freeLoopbackPort();
+        port = test::freePort();
         prefs.setValue(port, PrefKey::FTP_SERVER_PORT);
         service.loadSettings();
         EXPECT_EQ(service.rootFolder, root.path());

@@ -57,11 +57,9 @@ TEST(FtpServer, CommandTableComesFromThePlistWithAliases) {
           "cdup", "pasv", "epsv", "lprt", "port", "eprt", "list", "nlst", "mlsd", "mlst", "retr",
           "stor", "rest", "dele", "mkd",  "rmd",  "rnfr", "rnto", "size", "mdtm", "mfmt"})
         EXPECT_TRUE(commands.count(word)) << word;
-    EXPECT_EQ(commands["xpwd"], commands["pwd"]);
-    EXPECT_EQ(commands["xcwd"], commands["cwd"]);
-    EXPECT_EQ(commands["xmkd"], commands["mkd"]);
-    EXPECT_EQ(commands["xrmd"], commands["rmd"]);
-    EXPECT_EQ(commands["xcup"], commands["cdup"]);
+    const std::pair<const char*, const char*> aliases[] = {
+        {"xpwd", "pwd"}, {"xcwd", "cwd"}, {"xmkd", "mkd"}, {"xrmd", "rmd"}, {"xcup", "cdup"}};
+    for (auto [alias, word] : aliases) EXPECT_EQ(commands[alias], commands[word]) << alias;
     // Every name in the table is a handler that exists.
     for (const auto& [word, handler] : commands)
         EXPECT_TRUE(FtpConnection::handlers().count(handler + "arguments:"))
@@ -274,10 +272,6 @@ TEST(FtpServer, AnonymousSessionsAreReadOnlyUnlessUploadsAreAllowed) {
         auto get = test::curl({srv.url("/pub.txt")});
         EXPECT_EQ(get.exitCode, 0) << get.err;
         EXPECT_EQ(get.out, "public");
-        auto put = test::curl({"-T", local / "f.txt", srv.url("/f.txt")});
-        EXPECT_NE(put.exitCode, 0);
-        EXPECT_FALSE(fs::exists(srv / "f.txt"));
-
         RawFtpClient c(srv.port());
         c.reply();
         EXPECT_EQ(c.ask("USER anonymous"), "230 User anonymous logged in.");
@@ -287,6 +281,7 @@ TEST(FtpServer, AnonymousSessionsAreReadOnlyUnlessUploadsAreAllowed) {
         EXPECT_EQ(c.ask("RNFR pub.txt"), "550 Permission denied.");
         EXPECT_EQ(c.ask("MFMT 20200101000000 pub.txt"), "550 Permission denied.");
         EXPECT_TRUE(fs::exists(srv / "pub.txt"));
+        EXPECT_FALSE(fs::exists(srv / "x"));
     }
     {
         FtpServerOptions o;
@@ -348,15 +343,7 @@ TEST(FtpServer, ConfinesEveryPathToTheSharedFolder) {
     EXPECT_EQ(test::readFile(outside / "secret.txt"), "secret");
 
     // Listings leave the escaping links out; the inside one shows.
-    auto listing = test::curl({"--user", "bob:s3cret pw", srv.url("/")});
-    EXPECT_EQ(listing.exitCode, 0) << listing.err;
-    EXPECT_FALSE(test::contains(listing.out, "etc-link")) << listing.out;
-    EXPECT_FALSE(test::contains(listing.out, "secret-link"));
-    EXPECT_TRUE(test::contains(listing.out, "inner-link"));
-    auto passwd =
-        test::curl({"--user", "bob:s3cret pw", "--path-as-is", srv.url("/../../etc/passwd")});
-    EXPECT_NE(passwd.exitCode, 0);
-    EXPECT_FALSE(test::contains(passwd.out, "root:"));
+    EXPECT_EQ(c.fetch("NLST").data, "inner-link\r\ninside\r\n");
 }
 
 TEST(FtpServer, RefusesPortAndEprtToAnotherAddressAndDropsForeignPassiveConnections) {
@@ -752,14 +739,10 @@ TEST(FtpServer, NoCommandReachesOutsideWhileALinkIsSwappedInUnderIt) {
 
 TEST(FtpServer, ReportsChangedFoldersToTheNotificationObject) {
     RunningFtpServer srv(userOptions());
-    ScratchDir local("notify");
-    test::writeFile(local / "f.txt", "x");
     fs::create_directory(srv / "sub");
-    auto put =
-        test::curl({"--user", "bob:s3cret pw", "-T", local / "f.txt", srv.url("/sub/f.txt")});
-    ASSERT_EQ(put.exitCode, 0) << put.err;
     RawFtpClient c(srv.port());
     ASSERT_TRUE(c.login("bob", "s3cret pw"));
+    EXPECT_EQ(c.store("sub/f.txt", "x"), "226 Transfer complete.");
     EXPECT_EQ(c.ask("MKD made"), "250 MKD command successful.");
     EXPECT_EQ(c.ask("DELE sub/f.txt"), "250 DELE sub/f.txt successful.");
     EXPECT_EQ(c.ask("NOOP"), "200 NOOP command successful.");
@@ -779,11 +762,11 @@ TEST(FtpServer, SendsThumbnailsFromTheProviderForThumbnailNames) {
     RunningFtpServer srv(o);
     test::writeFile(srv / "photo.raw", "RAWDATA");
     test::writeFile(srv / "other.raw", "RAWDATA");
-    auto thumb = test::curl({"--user", "bob:s3cret pw", srv.url("/photo.raw::thumbnail")});
-    EXPECT_EQ(thumb.exitCode, 0) << thumb.err;
-    EXPECT_EQ(thumb.out, "JPEGDATA");
     RawFtpClient c(srv.port());
     ASSERT_TRUE(c.login("bob", "s3cret pw"));
+    auto thumb = c.fetch("RETR photo.raw::thumbnail");
+    EXPECT_EQ(thumb.data, "JPEGDATA");
+    EXPECT_EQ(thumb.end, "226 Transfer complete.");
     EXPECT_EQ(c.ask("RETR other.raw::thumbnail"),
               "550 other.raw::thumbnail No such file or directory.");
     EXPECT_EQ(c.ask("RETR missing.raw::thumbnail"),

@@ -4,12 +4,8 @@
 // progress, a port in use, mpv seeking in a real media file and ffprobe reading its duration, and
 // `quillon stream` serving until interrupted.
 
-#include <arpa/inet.h>
 #include <fmt/format.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -90,14 +86,6 @@ class StreamRig {
     std::vector<std::string> requests_;
 };
 
-ServerInfoPtr ourServerInfo(const RunningFtpServer& ftp) {
-    auto info = std::make_shared<ServerInfo>();
-    info->protocolType = ProtocolType::FTP;
-    info->setValue(std::string("127.0.0.1"), ServerProp::ADDR);
-    info->setValue(std::to_string(ftp.port()), ServerProp::PORT);
-    return info;
-}
-
 // RETR commands the server received (not its lines about finished transfers).
 int retrCount(const RunningFtpServer& ftp) {
     int n = 0;
@@ -107,22 +95,6 @@ int retrCount(const RunningFtpServer& ftp) {
             ++n;
     return n;
 }
-
-// A listening socket on a free loopback port, so that the port is taken.
-struct TakenPort {
-    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    int port = 0;
-    TakenPort() {
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t len = sizeof a;
-        if (::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 && ::listen(fd, 1) == 0 &&
-            ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) == 0)
-            port = ntohs(a.sin_port);
-    }
-    ~TakenPort() { ::close(fd); }
-};
 
 TEST(StreamServer, RangesAndRandomReadsFromFtpServersAndLocalFiles) {
     StreamRig rig;
@@ -140,7 +112,7 @@ TEST(StreamServer, RangesAndRandomReadsFromFtpServersAndLocalFiles) {
         std::function<std::string(const std::string&, const std::string&)> put;  // its path
     };
     std::vector<Target> targets{
-        {"our server", ourServerInfo(ours),
+        {"our server", ours.serverInfo(),
          [&](const std::string& name, const std::string& content) {
              writeFile(ours / name, content);
              return "/" + name;
@@ -207,7 +179,7 @@ TEST(StreamServer, RepeatedRangeComesFromTheCacheAlsoAfterItsFilesVanish) {
     RunningFtpServer ours;
     const std::uint64_t size = 4 * kMiB;
     writeFile(ours / "big.bin", patternString(0, size));
-    auto url = rig.offer(ourServerInfo(ours), "/big.bin", size);
+    auto url = rig.offer(ours.serverInfo(), "/big.bin", size);
     const std::vector<std::string> range{"--range", "1000000-1999999"};
     const std::string expected = patternString(1000000, 1000000);
 
@@ -239,25 +211,25 @@ TEST(StreamServer, ANewFileEndsAnswersInProgressAndATakenPortIsNamed) {
     const std::uint64_t size = 32 * kMiB;
     writeFile(ours / "long.bin", patternString(0, size));
     writeFile(ours / "next.bin", patternString(0, 10));
-    auto url = rig.offer(ourServerInfo(ours), "/long.bin", size);
+    auto url = rig.offer(ours.serverInfo(), "/long.bin", size);
     HttpReply slow;
     std::thread reader([&] { slow = httpGet(url, {"--limit-rate", "200K"}); });
     EXPECT_TRUE(rig.waitForRequests(1));
-    rig.offer(ourServerInfo(ours), "/next.bin", 10);
+    rig.offer(ours.serverInfo(), "/next.bin", 10);
     reader.join();
     EXPECT_NE(slow.curlExit, 0);  // the body ended before its announced length
     EXPECT_LT(slow.body.size(), size);
     EXPECT_TRUE(slow.body == patternString(0, slow.body.size()));
     EXPECT_EQ(httpGet(url).body, patternString(0, 10));
 
-    TakenPort taken;
-    ASSERT_GT(taken.port, 0);
+    asio::io_context io;
+    asio::ip::tcp::acceptor taken(io, {asio::ip::make_address("127.0.0.1"), 0});
     StreamHttpServerService other(false);
-    other.setPort(taken.port);
+    other.setPort(taken.local_endpoint().port());
     auto started = other.startServer();
     ASSERT_FALSE(started);
-    EXPECT_EQ(started.error().reason,
-              fmt::format("Port {} on 127.0.0.1 is already in use.", taken.port));
+    EXPECT_EQ(started.error().reason, fmt::format("Port {} on 127.0.0.1 is already in use.",
+                                                  taken.local_endpoint().port()));
     EXPECT_FALSE(other.isOnline());
 }
 
@@ -270,7 +242,7 @@ TEST(StreamServer, MpvSeeksThreeTimesAndFfprobeReadsTheDuration) {
                             "sine=frequency=440:duration=120", "-ac", "2", "-ar", "48000", "-c:a",
                             "pcm_s16le", ours / "tone.wav"});
     ASSERT_EQ(made.exitCode, 0) << made.err;
-    auto url = rig.offer(ourServerInfo(ours), "/tone.wav", fs::file_size(ours / "tone.wav"));
+    auto url = rig.offer(ours.serverInfo(), "/tone.wav", fs::file_size(ours / "tone.wav"));
 
     ScratchDir dir("mpv");
     writeFile(dir / "seeks.lua", R"(
