@@ -20,6 +20,8 @@ class QTreeView;
 
 namespace quillon::gui {
 
+class PanelActions;
+
 class MainWindow : public QMainWindow {
     Q_OBJECT
   public:
@@ -37,6 +39,8 @@ class MainWindow : public QMainWindow {
     TransferList* transfers() const { return transfers_; }
     const std::shared_ptr<GuiPrompts>& prompts() const { return prompts_; }
     QTreeWidget* sidebar() const { return sidebar_; }
+    // Open, clipboard, properties, archives, play and stream, retry.
+    PanelActions* panelActions() const { return panelActions_; }
     // The last message shown in the status bar.
     QString lastMessage() const { return lastMessage_; }
 
@@ -56,7 +60,10 @@ class MainWindow : public QMainWindow {
     bool focusNextPrevChild(bool next) override;
 
   private:
+    friend class PanelActions;
     void buildActions();
+    void buildPanelActions();
+    void retrySelectedTransfers();
     void buildTransfersDock();
     void rename(const Location& item, const std::string& newName);
     void refreshFolders(const std::vector<std::pair<std::string, std::string>>& folders);
@@ -73,6 +80,7 @@ class MainWindow : public QMainWindow {
     QTreeWidget* sidebar_;
     TransferList* transfers_;
     QTreeView* transferView_ = nullptr;
+    PanelActions* panelActions_ = nullptr;
     std::shared_ptr<GuiPrompts> prompts_;
     QString lastMessage_;
     NotificationCenter::Token refreshToken_ = 0;
