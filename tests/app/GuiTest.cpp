@@ -38,6 +38,7 @@
 #include "core/ServerInfoService.h"
 #include "media/MediaKit.h"
 #include "media/MusicPlayerService.h"
+#include "nearby/NearbyController.h"
 #include "support/FtpServers.h"
 #include "support/TestEnv.h"
 
@@ -609,6 +610,32 @@ TEST_F(GuiTest, FailedTransferIsRetried) {
               100);
     EXPECT_EQ(window_->transfers()->index(2, 1).data(gui::TransferList::kProgressRole).toInt(), -1)
         << transferText(2, gui::TransferList::Progress).toStdString();
+}
+
+TEST_F(GuiTest, NearbyWindowSendsTheSelectionToAnAddress) {
+    ScratchDir out("nearby-out"), inbox("nearby-in");
+    auto bytes = randomBytes(200000, 6);
+    writeFile(out / "gift.bin", bytes);
+    // A receiver on loopback, not announced: sending by address needs no discovery.
+    auto receiver = NearbyController::create();
+    ASSERT_TRUE(receiver->startReceiving({inbox.path(), "127.0.0.1", 0, false, true}));
+    ASSERT_TRUE(show(left(), out.path()));
+    window_->setActivePanel(0);
+    ASSERT_TRUE(select(left(), "gift.bin"));
+    fromMenu("nearbyAction");
+    auto* w = window_->panelActions()->nearbyWindow();
+    ASSERT_TRUE(w && w->isVisible());
+    w->target()->setText(QString("127.0.0.1:%1").arg(receiver->receivingPort()));
+    w->findChild<QPushButton*>("nearbySend")->click();
+    ASSERT_TRUE(waitFor([&] { return w->statusText() == "Sent."; }))
+        << w->statusText().toStdString();
+    EXPECT_TRUE(fileHolds(inbox / "gift.bin", bytes));
+    ASSERT_EQ(w->items()->count(), 1);
+    EXPECT_TRUE(w->items()->item(0)->text().contains("done"))
+        << w->items()->item(0)->text().toStdString();
+    screenshot(w, "nearby-window");
+    delete w;
+    receiver->stopReceiving();
 }
 
 TEST(GuiCommand, WithoutDisplayPrintsUsage) {

@@ -110,6 +110,8 @@ void PanelActions::install() {
     edit->addSeparator();
     add(edit, tr("Properties"), "document-properties", QKeySequence(Qt::ALT | Qt::Key_Return),
         [this] { showProperties(); });
+    edit->addSeparator();
+    add(edit, tr("Nearby Devices"), "network-wireless", {}, [this] { showNearby(); });
     QMenu* view = edit;
     for (auto* a : window_->menuBar()->actions())
         if (a->menu() && a->text() == tr("&View")) view = a->menu();
@@ -192,6 +194,9 @@ QMenu* PanelActions::contextMenu(FolderTab* t) {
         tr("Delete"), "edit-delete", "deleteAction", [this] { window_->deleteSelected(); }, files,
         Qt::Key_Delete);
     menu->addSeparator();
+    add(
+        tr("Send to Device Nearby..."), "network-wireless", "nearbyAction",
+        [this] { showNearby(); }, files && local);
     add(
         tr("Compress"), "package-x-generic", "compressAction", [this] { compressSelected(); },
         files && local);
@@ -614,6 +619,25 @@ void PanelActions::streamSelected() {
             message(tr("Streaming %1 at %2")
                         .arg(QString::fromStdString(loc.display()), url.toString()));
         });
+}
+
+void PanelActions::showNearby() {
+    if (!nearbyWindow_) {
+        nearbyWindow_ = new NearbyWindow(
+            [this] {
+                KvMetadataList items;
+                auto* t = tab();
+                auto& folder = t->model()->folder();
+                if (!folder || !folder->isLocal()) return items;
+                for (int row : t->selectedRows()) items.push_back(t->model()->item(row));
+                return items;
+            },
+            window_);
+        nearbyWindow_->setAttribute(Qt::WA_DeleteOnClose);
+        nearbyWindow_->startBrowsing();
+    }
+    nearbyWindow_->show();
+    nearbyWindow_->raise();
 }
 
 bool PanelActions::retry(int row) {

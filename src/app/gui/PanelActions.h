@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "app/gui/NearbyWindow.h"
 #include "app/gui/PlayerWindow.h"
 #include "core/Location.h"
 #include "transfer/FileTransferTask.h"
@@ -69,11 +70,14 @@ class PanelActions : public QObject {
     // The selected file offered by the streaming server; its URL goes to the opener.
     void streamSelected();
     void toggleIconView(bool on);
+    // The nearby window, whose sends take the active panel's local selection.
+    void showNearby();
     // Asks again for the copy or move of a failed (or stopped) row of the transfers list.
     bool retry(int row);
 
     QDialog* propertiesDialog() const { return properties_; }
     PlayerWindow* playerWindow() const { return playerWindow_; }
+    NearbyWindow* nearbyWindow() const { return nearbyWindow_; }
 
   private:
     struct Job;
@@ -93,6 +97,7 @@ class PanelActions : public QObject {
     MusicPlayerService* player_ = nullptr;
     QPointer<QDialog> properties_;
     QPointer<PlayerWindow> playerWindow_;
+    QPointer<NearbyWindow> nearbyWindow_;
     std::vector<std::shared_ptr<Job>> jobs_;
     QAction* iconView_ = nullptr;
     std::shared_ptr<int> alive_ = std::make_shared<int>(0);
