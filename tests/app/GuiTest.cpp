@@ -3,12 +3,15 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <QAbstractButton>
 #include <QAbstractItemModelTester>
+#include <QAbstractSlider>
 #include <QApplication>
 #include <QCheckBox>
 #include <QClipboard>
 #include <QDialog>
 #include <QElapsedTimer>
+#include <QHeaderView>
 #include <QInputDialog>
 #include <QLabel>
 #include <QLineEdit>
@@ -155,6 +158,22 @@ class GuiTest : public FreshHome {
         ASSERT_TRUE(action) << name;
         ASSERT_TRUE(action->isEnabled()) << name;
         action->trigger();
+    }
+    // Every control of `w` a person can act on has a name for assistive tools.
+    static void expectNamed(QWidget* w) {
+        for (auto* c : w->findChildren<QWidget*>()) {
+            // A line edit's clear button and a view's header are parts of those widgets.
+            if (qobject_cast<QLineEdit*>(c->parentWidget()) || qobject_cast<QHeaderView*>(c))
+                continue;
+            bool actionable = qobject_cast<QAbstractButton*>(c) || qobject_cast<QLineEdit*>(c) ||
+                              qobject_cast<QAbstractItemView*>(c) ||
+                              qobject_cast<QAbstractSlider*>(c);
+            auto* button = qobject_cast<QAbstractButton*>(c);
+            if (actionable && !c->accessibleName().isEmpty()) continue;
+            if (button && !button->text().isEmpty()) continue;
+            EXPECT_FALSE(actionable && c->isVisibleTo(w))
+                << c->metaObject()->className() << " " << c->objectName().toStdString();
+        }
     }
     bool transfersDone(int rows) {
         return waitFor([&] {
@@ -473,6 +492,8 @@ TEST_F(GuiTest, ClipboardToFtpOpenAndPropertiesOfRemoteFile) {
     EXPECT_EQ(dialog->findChild<QLabel*>("propertyWhere")->text().toStdString(),
               info->displayName + ":/a.bin");
     screenshot(dialog, "properties-dialog");
+    expectNamed(dialog);
+    expectNamed(window_.get());
     dialog->close();
 }
 
@@ -554,6 +575,7 @@ TEST_F(GuiTest, CompressExtractIconViewAndPlayerFromContextMenu) {
     w->findChild<QToolButton*>("playerPlayPause")->click();
     EXPECT_FALSE(player.isPlaying());
     screenshot(w, "player-window");
+    expectNamed(w);
     w->findChild<QToolButton*>("playerNext")->click();
     EXPECT_TRUE(waitFor([&] { return w->list()->currentRow() == 1; }));
     delete w;  // it follows the player, which ends with this test
@@ -634,6 +656,7 @@ TEST_F(GuiTest, NearbyWindowSendsTheSelectionToAnAddress) {
     EXPECT_TRUE(w->items()->item(0)->text().contains("done"))
         << w->items()->item(0)->text().toStdString();
     screenshot(w, "nearby-window");
+    expectNamed(w);
     delete w;
     receiver->stopReceiving();
 }

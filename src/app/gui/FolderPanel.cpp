@@ -10,6 +10,7 @@
 #include <QListView>
 #include <QStackedWidget>
 #include <QStyle>
+#include <QTabBar>
 #include <QToolButton>
 #include <QTreeView>
 #include <QVBoxLayout>
@@ -368,6 +369,8 @@ FolderTab* FolderPanel::addTab(const std::optional<Location>& at) {
             [this, tab](int row) { emit openRequested(tab, row); });
     connect(tab, &FolderTab::contextMenuRequested, this,
             [this, tab](const QPoint& at) { emit contextMenuRequested(tab, at); });
+    if (auto* close = tabBar()->tabButton(index, QTabBar::RightSide))
+        close->setAccessibleName(tr("Close tab"));
     if (where) tab->showFolder(*where);
     setCurrentIndex(index);
     return tab;
