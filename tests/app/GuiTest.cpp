@@ -12,6 +12,7 @@
 #include <QDialog>
 #include <QElapsedTimer>
 #include <QHeaderView>
+#include <QImage>
 #include <QInputDialog>
 #include <QLabel>
 #include <QLineEdit>
@@ -641,7 +642,11 @@ TEST_F(GuiTest, NearbyWindowSendsTheSelectionToAnAddress) {
     // A receiver on loopback, not announced: sending by address needs no discovery.
     auto receiver = NearbyController::create();
     ASSERT_TRUE(receiver->startReceiving({inbox.path(), "127.0.0.1", 0, false, true}));
-    ASSERT_TRUE(show(left(), out.path()));
+    // The desktop's launcher hands folders over as file URLs.
+    left()->goTo(QUrl::fromLocalFile(QString::fromStdString(out.path())).toString());
+    ASSERT_TRUE(waitFor([&] {
+        return left()->model()->folder()->path == out.path() && !left()->model()->isLoading();
+    })) << left()->errorText().toStdString();
     window_->setActivePanel(0);
     ASSERT_TRUE(select(left(), "gift.bin"));
     fromMenu("nearbyAction");
@@ -659,6 +664,18 @@ TEST_F(GuiTest, NearbyWindowSendsTheSelectionToAnAddress) {
     expectNamed(w);
     delete w;
     receiver->stopReceiving();
+}
+
+// What cmake --install puts beside the program: a menu entry the desktop accepts and its icon.
+TEST_F(GuiTest, DesktopEntryAndIconAreValid) {
+    std::string data = std::string(QUILLON_SOURCE_DIR) + "/data/";
+    auto check = runProgram({"desktop-file-validate", data + "quillon.desktop"});
+    EXPECT_EQ(check.exitCode, 0) << check.err;
+    EXPECT_EQ(check.out + check.err, "");
+    EXPECT_TRUE(contains(readFile(data + "quillon.desktop"), "Icon=quillon\n"));
+    QImage icon(QString::fromStdString(data + "quillon.svg"));
+    ASSERT_FALSE(icon.isNull());
+    EXPECT_EQ(icon.size(), QSize(128, 128));
 }
 
 TEST(GuiCommand, WithoutDisplayPrintsUsage) {

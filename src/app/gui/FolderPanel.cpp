@@ -13,6 +13,7 @@
 #include <QTabBar>
 #include <QToolButton>
 #include <QTreeView>
+#include <QUrl>
 #include <QVBoxLayout>
 
 #include "core/GCD.h"
@@ -149,7 +150,10 @@ void FolderTab::showError(const QString& message) {
 }
 
 void FolderTab::goTo(const QString& text) {
-    auto loc = resolveLocation(text.trimmed().toStdString());
+    // A file URL (from the desktop's launcher, or pasted) is the local path it names.
+    QUrl url(text.trimmed());
+    auto where = url.isLocalFile() ? url.toLocalFile() : text.trimmed();
+    auto loc = resolveLocation(where.toStdString());
     if (!loc) {
         showError(QString::fromStdString(loc.error().describe()));
         return;
