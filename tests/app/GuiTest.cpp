@@ -548,6 +548,13 @@ TEST_F(GuiTest, CompressExtractIconViewAndPlayerFromContextMenu) {
     EXPECT_EQ(crumbs.back()->text().toStdString(), std::filesystem::path(b.path()).filename());
     for (auto* crumb : crumbs) EXPECT_FALSE(crumb->accessibleName().isEmpty());
     screenshots("icon-view");
+    // A single tab has no close button; a second one gives both theirs.
+    EXPECT_FALSE(window_->panel(0)->tabsClosable());
+    window_->panel(0)->addTab();
+    EXPECT_TRUE(window_->panel(0)->tabsClosable());
+    expectNamed(window_.get());
+    window_->panel(0)->closeCurrentTab();
+    EXPECT_FALSE(window_->panel(0)->tabsClosable());
     crumbs[crumbs.size() - 2]->click();
     EXPECT_TRUE(waitFor([&] {
         return left()->model()->folder()->path == std::filesystem::path(b.path()).parent_path();
@@ -563,7 +570,11 @@ TEST_F(GuiTest, CompressExtractIconViewAndPlayerFromContextMenu) {
     MusicPlayerService player{{{"ao", "null"}, {"vo", "null"}}};
     window_->panelActions()->setPlayer(&player);
     left()->model()->refresh();
-    ASSERT_TRUE(waitFor([&] { return select(left(), "a tone.wav"); }));
+    // A listing still on its way would clear the selection when it lands: wait for the last one.
+    ASSERT_TRUE(waitFor(
+        [&] { return !left()->model()->isLoading() && namesIn(*left()->model()).size() == 4; }));
+    ASSERT_TRUE(select(left(), "a tone.wav"));
+    window_->setActivePanel(0);  // the closed tab's focus went elsewhere
     fromMenu("playAction");
     ASSERT_TRUE(waitFor([&] {
         auto* w = window_->panelActions()->playerWindow();

@@ -335,7 +335,6 @@ bool FolderTab::eventFilter(QObject* watched, QEvent* event) {
 FolderPanel::FolderPanel(const QString& name, QWidget* parent) : QTabWidget(parent) {
     setAccessibleName(name);
     setDocumentMode(true);
-    setTabsClosable(true);
     setMovable(true);
     connect(this, &QTabWidget::tabCloseRequested, this, [this](int index) {
         if (count() > 1) delete widget(index);
@@ -373,11 +372,25 @@ FolderTab* FolderPanel::addTab(const std::optional<Location>& at) {
             [this, tab](int row) { emit openRequested(tab, row); });
     connect(tab, &FolderTab::contextMenuRequested, this,
             [this, tab](const QPoint& at) { emit contextMenuRequested(tab, at); });
-    if (auto* close = tabBar()->tabButton(index, QTabBar::RightSide))
-        close->setAccessibleName(tr("Close tab"));
     if (where) tab->showFolder(*where);
     setCurrentIndex(index);
     return tab;
+}
+
+void FolderPanel::tabInserted(int) {
+    updateCloseButtons();
+}
+
+void FolderPanel::tabRemoved(int) {
+    updateCloseButtons();
+}
+
+void FolderPanel::updateCloseButtons() {
+    // The last tab stays: it shows no close button.
+    setTabsClosable(count() > 1);
+    for (int i = 0; i < count(); ++i)
+        if (auto* close = tabBar()->tabButton(i, QTabBar::RightSide))
+            close->setAccessibleName(tr("Close tab"));
 }
 
 void FolderPanel::closeCurrentTab() {

@@ -108,6 +108,13 @@ class FolderPanel : public QTabWidget {
     void dropped(const std::vector<std::string>& sources, const std::string& target, bool moving);
     void openRequested(FolderTab* tab, int row);
     void contextMenuRequested(FolderTab* tab, const QPoint& globalPos);
+
+  protected:
+    void tabInserted(int index) override;
+    void tabRemoved(int index) override;
+
+  private:
+    void updateCloseButtons();
 };
 
 }  // namespace quillon::gui
