@@ -3,16 +3,23 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <QAbstractButton>
 #include <QAbstractItemModelTester>
+#include <QAbstractSlider>
 #include <QApplication>
 #include <QCheckBox>
+#include <QClipboard>
 #include <QComboBox>
 #include <QDialog>
 #include <QElapsedTimer>
 #include <QHeaderView>
+#include <QImage>
 #include <QInputDialog>
 #include <QLabel>
 #include <QLineEdit>
+#include <QListView>
+#include <QListWidget>
+#include <QMenu>
 #include <QMessageBox>
 #include <QMimeData>
 #include <QPushButton>
@@ -32,6 +39,8 @@
 #include "app/gui/FtpServerPane.h"
 #include "app/gui/HostKeyDialog.h"
 #include "app/gui/MainWindow.h"
+#include "app/gui/PanelActions.h"
+#include "app/gui/PlayerWindow.h"
 #include "app/gui/PreferencesDialog.h"
 #include "app/gui/QueuePump.h"
 #include "app/gui/ServerEditor.h"
@@ -47,6 +56,9 @@
 #include "core/MainQueue.h"
 #include "core/PathUtils.h"
 #include "core/ServerInfoService.h"
+#include "media/MediaKit.h"
+#include "media/MusicPlayerService.h"
+#include "nearby/NearbyController.h"
 #include "servers/ftpserver/FtpServerService.h"
 #include "support/FtpServers.h"
 #include "support/SftpServers.h"
@@ -139,6 +151,59 @@ class GuiTest : public FreshHome {
         window_->resize(1280, 720);
         screenshot(window_.get(), name + "-1280x720");
         window_->resize(size);
+    }
+
+    // Shows `folder` in `tab` and waits until it is listed.
+    static bool show(FolderTab* tab, const std::string& folder) {
+        tab->goTo(QString::fromStdString(folder));
+        return waitFor([&] {
+            auto& shown = tab->model()->folder();
+            return shown && FolderModel::locationText(*shown) == folder &&
+                   !tab->model()->isLoading();
+        });
+    }
+    // Selects the row named `name` in `tab`; false when there is none.
+    static bool select(FolderTab* tab, const std::string& name) {
+        auto names = namesIn(*tab->model());
+        auto it = std::find(names.begin(), names.end(), name);
+        if (it == names.end()) return false;
+        tab->view()->setCurrentIndex(
+            tab->model()->index(static_cast<int>(it - names.begin()), FolderModel::Name));
+        return true;
+    }
+    // Runs the context menu's action `name` on the active panel's selection.
+    void fromMenu(const char* name) {
+        std::unique_ptr<QMenu> menu(
+            window_->panelActions()->contextMenu(window_->activePanel()->currentTab()));
+        auto* action = menu->findChild<QAction*>(name);
+        ASSERT_TRUE(action) << name;
+        ASSERT_TRUE(action->isEnabled()) << name;
+        action->trigger();
+    }
+    // Every control of `w` a person can act on has a name for assistive tools.
+    static void expectNamed(QWidget* w) {
+        for (auto* c : w->findChildren<QWidget*>()) {
+            // A line edit's clear button and a view's header are parts of those widgets.
+            if (qobject_cast<QLineEdit*>(c->parentWidget()) || qobject_cast<QHeaderView*>(c))
+                continue;
+            bool actionable = qobject_cast<QAbstractButton*>(c) || qobject_cast<QLineEdit*>(c) ||
+                              qobject_cast<QAbstractItemView*>(c) ||
+                              qobject_cast<QAbstractSlider*>(c);
+            auto* button = qobject_cast<QAbstractButton*>(c);
+            if (actionable && !c->accessibleName().isEmpty()) continue;
+            if (button && !button->text().isEmpty()) continue;
+            EXPECT_FALSE(actionable && c->isVisibleTo(w))
+                << c->metaObject()->className() << " " << c->objectName().toStdString();
+        }
+    }
+    bool transfersDone(int rows) {
+        return waitFor([&] {
+            return window_->transfers()->rowCount() == rows &&
+                   window_->transfers()->activeCount() == 0;
+        });
+    }
+    QString transferText(int row, int column) {
+        return window_->transfers()->index(row, column).data().toString();
     }
 
     FileTransferTaskManager manager_;
@@ -714,6 +779,274 @@ TEST_F(GuiTest, PreferencesWindowWritesTheStore) {
     prefs->textEncoding()->setCurrentIndex(0);
     prefs->findChild<QPushButton*>("savePreferences")->click();
     EXPECT_FALSE(store.valueForKey(PrefKey::TextEncoding));
+}
+
+// --- Panel actions: clipboard, open, properties, archives, player, retry ---
+
+TEST_F(GuiTest, ClipboardToFtpOpenAndPropertiesOfRemoteFile) {
+    auto server = FtpServer::start(FtpServerKind::Pyftpdlib);
+    ASSERT_TRUE(server);
+    auto info = server->serverInfo();
+    ASSERT_TRUE(ServerInfoService::sharedServerInfoService().saveServerInfo(*info));
+    ScratchDir local("clip");
+    auto bytes = randomBytes(1 << 20, 3), cutBytes = randomBytes(70000, 4);
+    writeFile(local / "a.bin", bytes);
+    writeFile(local / "cut.bin", cutBytes);
+    std::string remote = info->serverID + ":/";
+    ASSERT_TRUE(show(left(), local.path()));
+    ASSERT_TRUE(show(right(), remote));
+
+    // Copy in the local panel, paste in the FTP panel: one task, the file arrives whole.
+    window_->setActivePanel(0);
+    ASSERT_TRUE(select(left(), "a.bin"));
+    fromMenu("copyAction");
+    auto* clip = QGuiApplication::clipboard()->mimeData();
+    ASSERT_TRUE(clip && clip->hasUrls());
+    EXPECT_EQ(clip->urls().front().toLocalFile().toStdString(), local / "a.bin");
+    window_->setActivePanel(1);
+    fromMenu("pasteAction");
+    ASSERT_TRUE(transfersDone(1));
+    EXPECT_TRUE(fileHolds(server->hostPath("/a.bin"), bytes));
+    // A finished row shows what it moved, with a full bar.
+    EXPECT_EQ(transferText(0, gui::TransferList::Progress).toStdString(), "1.0 MB of 1.0 MB");
+    EXPECT_EQ(window_->transfers()->index(0, 1).data(gui::TransferList::kProgressRole).toInt(),
+              100);
+
+    // Cut and paste moves: the local item goes, and the clipboard is emptied.
+    window_->setActivePanel(0);
+    ASSERT_TRUE(select(left(), "cut.bin"));
+    fromMenu("cutAction");
+    window_->setActivePanel(1);
+    window_->panelActions()->paste();
+    ASSERT_TRUE(transfersDone(2));
+    EXPECT_TRUE(fileHolds(server->hostPath("/cut.bin"), cutBytes));
+    EXPECT_FALSE(std::filesystem::exists(local / "cut.bin"));
+    EXPECT_TRUE(FolderModel::sourcesOf(QGuiApplication::clipboard()->mimeData()).empty());
+
+    // Opening a remote file downloads it, then hands the local copy to the opener.
+    std::vector<QUrl> opened;
+    window_->panelActions()->setOpener([&](const QUrl& url) {
+        opened.push_back(url);
+        return true;
+    });
+    ASSERT_TRUE(waitFor([&] { return select(right(), "a.bin"); }));
+    QTest::keyClick(right()->view(), Qt::Key_Return);
+    ASSERT_TRUE(waitFor([&] { return !opened.empty(); }));
+    ASSERT_TRUE(opened.front().isLocalFile()) << opened.front().toString().toStdString();
+    EXPECT_TRUE(fileHolds(opened.front().toLocalFile().toStdString(), bytes));
+    EXPECT_EQ(window_->transfers()->rowCount(), 3);
+    // A local file goes to the opener as it is.
+    window_->setActivePanel(0);
+    ASSERT_TRUE(waitFor([&] { return select(left(), "a.bin"); }));
+    fromMenu("openAction");
+    ASSERT_EQ(opened.size(), 2u);
+    EXPECT_EQ(opened.back().toLocalFile().toStdString(), local / "a.bin");
+
+    // Properties of the remote file, from its own lookup.
+    window_->setActivePanel(1);
+    ASSERT_TRUE(select(right(), "a.bin"));
+    fromMenu("propertiesAction");
+    ASSERT_TRUE(waitFor([&] { return window_->panelActions()->propertiesDialog() != nullptr; }));
+    auto* dialog = window_->panelActions()->propertiesDialog();
+    EXPECT_EQ(dialog->findChild<QLabel*>("propertyName")->text(), "a.bin");
+    EXPECT_TRUE(dialog->findChild<QLabel*>("propertySize")->text().remove(',').contains("1048576"));
+    EXPECT_EQ(dialog->findChild<QLabel*>("propertyWhere")->text().toStdString(),
+              info->displayName + ":/a.bin");
+    screenshot(dialog, "properties-dialog");
+    expectNamed(dialog);
+    expectNamed(window_.get());
+    dialog->close();
+}
+
+TEST_F(GuiTest, CompressExtractIconViewAndPlayerFromContextMenu) {
+    ScratchDir a("zip-a"), b("zip-b");
+    std::filesystem::create_directories(a / "docs/inner");
+    auto big = randomBytes(300000, 5);
+    writeFile(a / "docs/one.txt", "first");
+    writeFile(a / "docs/inner/two.bin", big);
+    ASSERT_TRUE(show(left(), a.path()));
+    window_->setActivePanel(0);
+    ASSERT_TRUE(select(left(), "docs"));
+    {
+        std::unique_ptr<QMenu> menu(window_->panelActions()->contextMenu(left()));
+        EXPECT_EQ(menu->findChild<QAction*>("extractAction"), nullptr);  // not an archive
+        menu->popup(window_->mapToGlobal(QPoint(300, 200)));
+        ASSERT_TRUE(QTest::qWaitForWindowExposed(menu.get()));
+        screenshot(menu.get(), "context-menu");
+        menu->close();
+    }
+    fromMenu("compressAction");
+    ASSERT_TRUE(waitFor([&] {
+        auto names = namesIn(*left()->model());
+        return std::count(names.begin(), names.end(), "docs.zip") == 1;
+    }));
+    ASSERT_TRUE(transfersDone(1));
+    EXPECT_EQ(transferText(0, gui::TransferList::State), "Completed");
+
+    // The zip, extracted elsewhere, gives back the same files.
+    std::filesystem::rename(a / "docs.zip", b / "docs.zip");
+    ASSERT_TRUE(show(left(), b.path()));
+    ASSERT_TRUE(select(left(), "docs.zip"));
+    fromMenu("extractAction");
+    ASSERT_TRUE(waitFor([&] { return namesIn(*left()->model()).size() == 2; }));
+    ASSERT_TRUE(transfersDone(2));
+    // A new folder named by the archive holds what was zipped.
+    EXPECT_TRUE(fileHolds(b / "docs/docs/one.txt", "first"));
+    EXPECT_TRUE(fileHolds(b / "docs/docs/inner/two.bin", big));
+
+    // The icon view shows the same rows and shares the selection.
+    ASSERT_TRUE(select(left(), "docs.zip"));
+    fromMenu("iconViewAction");
+    EXPECT_TRUE(left()->isIconView());
+    EXPECT_TRUE(right()->isIconView());
+    EXPECT_TRUE(left()->iconView()->isVisible());
+    EXPECT_EQ(left()->iconView()->currentIndex().data().toString(), "docs.zip");
+    EXPECT_EQ(left()->selectedLocations(), std::vector<std::string>{b / "docs.zip"});
+    // Breadcrumbs: one button per folder of the path, the last one the folder shown.
+    auto crumbs = left()->breadcrumbs()->findChildren<QToolButton*>();
+    ASSERT_FALSE(crumbs.isEmpty());
+    EXPECT_EQ(crumbs.back()->text().toStdString(), std::filesystem::path(b.path()).filename());
+    for (auto* crumb : crumbs) EXPECT_FALSE(crumb->accessibleName().isEmpty());
+    screenshots("icon-view");
+    // A single tab has no close button; a second one gives both theirs.
+    EXPECT_FALSE(window_->panel(0)->tabsClosable());
+    window_->panel(0)->addTab();
+    EXPECT_TRUE(window_->panel(0)->tabsClosable());
+    expectNamed(window_.get());
+    window_->panel(0)->closeCurrentTab();
+    EXPECT_FALSE(window_->panel(0)->tabsClosable());
+    crumbs[crumbs.size() - 2]->click();
+    EXPECT_TRUE(waitFor([&] {
+        return left()->model()->folder()->path == std::filesystem::path(b.path()).parent_path();
+    }));
+    left()->back();
+    ASSERT_TRUE(waitFor([&] { return !left()->model()->isLoading(); }));
+    fromMenu("iconViewAction");
+    EXPECT_FALSE(left()->isIconView());
+
+    // Playing a tone opens the player window over the folder's audio files.
+    makeTone(b / "a tone.wav", 3);
+    makeTone(b / "b tone.wav", 2, 660);
+    MusicPlayerService player{{{"ao", "null"}, {"vo", "null"}}};
+    window_->panelActions()->setPlayer(&player);
+    left()->model()->refresh();
+    // A listing still on its way would clear the selection when it lands: wait for the last one.
+    ASSERT_TRUE(waitFor(
+        [&] { return !left()->model()->isLoading() && namesIn(*left()->model()).size() == 4; }));
+    ASSERT_TRUE(select(left(), "a tone.wav"));
+    window_->setActivePanel(0);  // the closed tab's focus went elsewhere
+    fromMenu("playAction");
+    ASSERT_TRUE(waitFor([&] {
+        auto* w = window_->panelActions()->playerWindow();
+        return w && w->isVisible() && player.isPlaying();
+    }));
+    auto* w = window_->panelActions()->playerWindow();
+    ASSERT_TRUE(waitFor([&] { return player.itemDuration().has_value(); }));
+    EXPECT_EQ(w->list()->count(), 2);
+    EXPECT_EQ(w->list()->currentRow(), 0);
+    w->findChild<QToolButton*>("playerPlayPause")->click();
+    EXPECT_FALSE(player.isPlaying());
+    screenshot(w, "player-window");
+    expectNamed(w);
+    w->findChild<QToolButton*>("playerNext")->click();
+    EXPECT_TRUE(waitFor([&] { return w->list()->currentRow() == 1; }));
+    delete w;  // it follows the player, which ends with this test
+    player.close();
+}
+
+TEST_F(GuiTest, FailedTransferIsRetried) {
+    ScratchDir a("retry-a"), b("retry-b");
+    writeFile(a / "f.txt", "new");
+    writeFile(b / "f.txt", "old");
+    window_->transfer({a / "f.txt"}, b.path(), false);
+    auto dialog = [&] {
+        return waitFor([&] {
+            auto* open = window_->prompts()->openDialog();
+            return open && open->isVisible();
+        });
+    };
+    ASSERT_TRUE(dialog());
+    EXPECT_FALSE(window_->transfers()->retryOf(0));  // still running
+    // The source goes away while the question is open: the copy fails.
+    std::filesystem::remove(a / "f.txt");
+    window_->prompts()->openDialog()->findChild<QPushButton*>("keepBoth")->click();
+    ASSERT_TRUE(waitFor([&] {
+        auto* open = window_->prompts()->openDialog();
+        if (open && open->isVisible())
+            if (auto* ignore = open->findChild<QPushButton*>("ignore")) ignore->click();
+        return window_->transfers()->activeCount() == 0;
+    }));
+    ASSERT_EQ(transferText(0, gui::TransferList::State), "Failed");
+    EXPECT_EQ(test::namesIn(b.path()), std::vector<std::string>{"f.txt"});
+
+    // Back in place, the failed row is asked for again from the transfers dock.
+    writeFile(a / "f.txt", "new");
+    auto* list = window_->findChild<QTreeView*>("transferList");
+    list->setCurrentIndex(window_->transfers()->index(0, 0));
+    window_->findChild<QPushButton*>("retryTransfer")->click();
+    ASSERT_TRUE(dialog());
+    window_->prompts()->openDialog()->findChild<QPushButton*>("replace")->click();
+    ASSERT_TRUE(transfersDone(2));
+    EXPECT_EQ(transferText(1, gui::TransferList::State), "Completed");
+    EXPECT_TRUE(fileHolds(b / "f.txt", "new"));
+    // A completed row is not retried.
+    list->setCurrentIndex(window_->transfers()->index(1, 0));
+    window_->findChild<QPushButton*>("retryTransfer")->click();
+    EXPECT_EQ(window_->transfers()->rowCount(), 2);
+
+    // A move within the disk is a rename: nothing is counted, and its row shows no bar.
+    ScratchDir c("retry-c");
+    window_->transfer({b / "f.txt"}, c.path(), true);
+    ASSERT_TRUE(transfersDone(3));
+    EXPECT_TRUE(fileHolds(c / "f.txt", "new"));
+    EXPECT_EQ(transferText(2, gui::TransferList::State), "Completed");
+    EXPECT_EQ(window_->transfers()->index(1, 1).data(gui::TransferList::kProgressRole).toInt(),
+              100);
+    EXPECT_EQ(window_->transfers()->index(2, 1).data(gui::TransferList::kProgressRole).toInt(), -1)
+        << transferText(2, gui::TransferList::Progress).toStdString();
+}
+
+TEST_F(GuiTest, NearbyWindowSendsTheSelectionToAnAddress) {
+    ScratchDir out("nearby-out"), inbox("nearby-in");
+    auto bytes = randomBytes(200000, 6);
+    writeFile(out / "gift.bin", bytes);
+    // A receiver on loopback, not announced: sending by address needs no discovery.
+    auto receiver = NearbyController::create();
+    ASSERT_TRUE(receiver->startReceiving({inbox.path(), "127.0.0.1", 0, false, true}));
+    // The desktop's launcher hands folders over as file URLs.
+    left()->goTo(QUrl::fromLocalFile(QString::fromStdString(out.path())).toString());
+    ASSERT_TRUE(waitFor([&] {
+        return left()->model()->folder()->path == out.path() && !left()->model()->isLoading();
+    })) << left()->errorText().toStdString();
+    window_->setActivePanel(0);
+    ASSERT_TRUE(select(left(), "gift.bin"));
+    fromMenu("nearbyAction");
+    auto* w = window_->panelActions()->nearbyWindow();
+    ASSERT_TRUE(w && w->isVisible());
+    w->target()->setText(QString("127.0.0.1:%1").arg(receiver->receivingPort()));
+    w->findChild<QPushButton*>("nearbySend")->click();
+    ASSERT_TRUE(waitFor([&] { return w->statusText() == "Sent."; }))
+        << w->statusText().toStdString();
+    EXPECT_TRUE(fileHolds(inbox / "gift.bin", bytes));
+    ASSERT_EQ(w->items()->count(), 1);
+    EXPECT_TRUE(w->items()->item(0)->text().contains("done"))
+        << w->items()->item(0)->text().toStdString();
+    screenshot(w, "nearby-window");
+    expectNamed(w);
+    delete w;
+    receiver->stopReceiving();
+}
+
+// What cmake --install puts beside the program: a menu entry the desktop accepts and its icon.
+TEST_F(GuiTest, DesktopEntryAndIconAreValid) {
+    std::string data = std::string(QUILLON_SOURCE_DIR) + "/data/";
+    auto check = runProgram({"desktop-file-validate", data + "quillon.desktop"});
+    EXPECT_EQ(check.exitCode, 0) << check.err;
+    EXPECT_EQ(check.out + check.err, "");
+    EXPECT_TRUE(contains(readFile(data + "quillon.desktop"), "Icon=quillon\n"));
+    QImage icon(QString::fromStdString(data + "quillon.svg"));
+    ASSERT_FALSE(icon.isNull());
+    EXPECT_EQ(icon.size(), QSize(128, 128));
 }
 
 TEST(GuiCommand, WithoutDisplayPrintsUsage) {

@@ -7,9 +7,13 @@
 #include <QKeyEvent>
 #include <QLabel>
 #include <QLineEdit>
+#include <QListView>
+#include <QStackedWidget>
 #include <QStyle>
+#include <QTabBar>
 #include <QToolButton>
 #include <QTreeView>
+#include <QUrl>
 #include <QVBoxLayout>
 
 #include "core/GCD.h"
@@ -58,6 +62,15 @@ FolderTab::FolderTab(QWidget* parent) : QWidget(parent), model_(new FolderModel(
     error_->hide();
     layout->addWidget(error_);
 
+    crumbs_ = new QWidget(this);
+    crumbs_->setObjectName("breadcrumbs");
+    crumbs_->setAccessibleName(tr("Path"));
+    crumbsLayout_ = new QHBoxLayout(crumbs_);
+    crumbsLayout_->setContentsMargins(0, 0, 0, 0);
+    crumbsLayout_->setSpacing(0);
+    layout->addWidget(crumbs_);
+
+    views_ = new QStackedWidget(this);
     view_ = new QTreeView(this);
     view_->setAccessibleName(tr("Folder contents"));
     view_->setModel(model_);
@@ -81,13 +94,47 @@ FolderTab::FolderTab(QWidget* parent) : QWidget(parent), model_(new FolderModel(
     view_->header()->resizeSection(FolderModel::Kind, 110);
     view_->header()->resizeSection(FolderModel::Modified, 130);
     view_->installEventFilter(this);
-    layout->addWidget(view_, 1);
+    view_->setContextMenuPolicy(Qt::CustomContextMenu);
+    views_->addWidget(view_);
+
+    icons_ = new QListView(this);
+    icons_->setObjectName("iconView");
+    icons_->setAccessibleName(tr("Folder contents as icons"));
+    icons_->setModel(model_);
+    icons_->setSelectionModel(view_->selectionModel());
+    icons_->setViewMode(QListView::IconMode);
+    icons_->setResizeMode(QListView::Adjust);
+    icons_->setMovement(QListView::Static);
+    icons_->setWrapping(true);
+    icons_->setWordWrap(true);
+    icons_->setUniformItemSizes(true);
+    icons_->setIconSize(QSize(48, 48));
+    icons_->setGridSize(QSize(104, 88));
+    icons_->setLayoutMode(QListView::Batched);  // a big folder is laid out a batch at a time
+    icons_->setBatchSize(500);
+    icons_->setSelectionMode(QAbstractItemView::ExtendedSelection);
+    icons_->setEditTriggers(QAbstractItemView::EditKeyPressed);
+    icons_->setDragEnabled(true);
+    icons_->setAcceptDrops(true);
+    icons_->setDropIndicatorShown(true);
+    icons_->setDragDropMode(QAbstractItemView::DragDrop);
+    icons_->setDefaultDropAction(Qt::CopyAction);
+    icons_->setContextMenuPolicy(Qt::CustomContextMenu);
+    icons_->installEventFilter(this);
+    views_->addWidget(icons_);
+    layout->addWidget(views_, 1);
 
     connect(address_, &QLineEdit::returnPressed, this, [this] { goTo(address_->text()); });
     connect(backButton_, &QToolButton::clicked, this, &FolderTab::back);
     connect(forwardButton_, &QToolButton::clicked, this, &FolderTab::forward);
     connect(upButton_, &QToolButton::clicked, this, &FolderTab::up);
     connect(view_, &QTreeView::activated, this, [this] { openCurrent(); });
+    connect(icons_, &QListView::activated, this, [this] { openCurrent(); });
+    for (QAbstractItemView* v :
+         {static_cast<QAbstractItemView*>(view_), static_cast<QAbstractItemView*>(icons_)})
+        connect(v, &QWidget::customContextMenuRequested, this, [this, v](const QPoint& at) {
+            emit contextMenuRequested(v->viewport()->mapToGlobal(at));
+        });
     connect(model_, &FolderModel::listingFailed, this, &FolderTab::showError);
     updateControls();
 }
@@ -103,7 +150,10 @@ void FolderTab::showError(const QString& message) {
 }
 
 void FolderTab::goTo(const QString& text) {
-    auto loc = resolveLocation(text.trimmed().toStdString());
+    // A file URL (from the desktop's launcher, or pasted) is the local path it names.
+    QUrl url(text.trimmed());
+    auto where = url.isLocalFile() ? url.toLocalFile() : text.trimmed();
+    auto loc = resolveLocation(where.toStdString());
     if (!loc) {
         showError(QString::fromStdString(loc.error().describe()));
         return;
@@ -168,7 +218,78 @@ void FolderTab::openCurrent() {
     auto index = view_->currentIndex();
     if (!index.isValid()) return;
     const auto& item = model_->item(index.row());
-    if (item.isDir) navigate(model_->locationOf(index.row()), true);
+    if (item.isDir)
+        navigate(model_->locationOf(index.row()), true);
+    else
+        emit openRequested(index.row());
+}
+
+void FolderTab::setIconView(bool on) {
+    bool focus = currentView()->hasFocus();
+    views_->setCurrentWidget(on ? static_cast<QWidget*>(icons_) : view_);
+    if (focus) currentView()->setFocus();
+}
+
+bool FolderTab::isIconView() const {
+    return views_->currentWidget() == icons_;
+}
+
+QAbstractItemView* FolderTab::currentView() const {
+    return isIconView() ? static_cast<QAbstractItemView*>(icons_) : view_;
+}
+
+void FolderTab::updateBreadcrumbs() {
+    // Later, not now: the button clicked may be the one whose signal got us here.
+    while (auto* child = crumbsLayout_->takeAt(0)) {
+        if (auto* w = child->widget()) {
+            w->hide();
+            w->deleteLater();
+        }
+        delete child;
+    }
+    if (!model_->folder()) return;
+    const Location& folder = *model_->folder();
+    // The folders from the top down to the shown one, each a button that goes there.
+    std::vector<std::pair<QString, std::string>> steps;
+    steps.emplace_back(
+        folder.isLocal() ? QStringLiteral("/") : QString::fromStdString(folder.server->displayName),
+        "/");
+    std::string path;
+    for (auto& part : QString::fromStdString(folder.path).split('/', Qt::SkipEmptyParts)) {
+        path += "/" + part.toStdString();
+        steps.emplace_back(part, path);
+    }
+    constexpr std::size_t kShown = 6;  // deeper paths keep their last folders
+    std::size_t first = steps.size() > kShown ? steps.size() - kShown : 0;
+    if (first > 0) {
+        auto* more = new QLabel(QStringLiteral("\u2026"), crumbs_);
+        crumbsLayout_->addWidget(more);
+    }
+    for (std::size_t i = first; i < steps.size(); ++i) {
+        auto* b = new QToolButton(crumbs_);
+        b->setText(steps[i].first);
+        b->setAutoRaise(true);
+        b->setAccessibleName(tr("Go to %1").arg(steps[i].first));
+        b->setToolTip(QString::fromStdString(steps[i].second));
+        bool last = i + 1 == steps.size();
+        if (last) {
+            auto font = b->font();
+            font.setBold(true);
+            b->setFont(font);
+        }
+        Location to = folder;
+        to.path = steps[i].second;
+        connect(b, &QToolButton::clicked, this, [this, to, last] {
+            if (!last) navigate(to, true);
+        });
+        crumbsLayout_->addWidget(b);
+        if (!last) {
+            auto* sep = new QLabel(QStringLiteral("\u203a"), crumbs_);
+            sep->setEnabled(false);
+            crumbsLayout_->addWidget(sep);
+        }
+    }
+    crumbsLayout_->addStretch(1);
 }
 
 std::vector<int> FolderTab::selectedRows() const {
@@ -190,11 +311,13 @@ void FolderTab::updateControls() {
     forwardButton_->setEnabled(!forwardStack_.empty());
     upButton_->setEnabled(model_->folder() && model_->folder()->path != "/");
     if (model_->folder()) address_->setText(QString::fromStdString(model_->folder()->display()));
+    updateBreadcrumbs();
 }
 
 bool FolderTab::eventFilter(QObject* watched, QEvent* event) {
-    if (watched == view_ && event->type() == QEvent::FocusIn) emit focused();
-    if (watched == view_ && event->type() == QEvent::KeyPress) {
+    bool ours = watched == view_ || watched == icons_;
+    if (ours && event->type() == QEvent::FocusIn) emit focused();
+    if (ours && event->type() == QEvent::KeyPress) {
         auto* key = static_cast<QKeyEvent*>(event);
         // While a name is edited in place, keys go to the editor, not here.
         if (key->key() == Qt::Key_Return || key->key() == Qt::Key_Enter) {
@@ -212,7 +335,6 @@ bool FolderTab::eventFilter(QObject* watched, QEvent* event) {
 FolderPanel::FolderPanel(const QString& name, QWidget* parent) : QTabWidget(parent) {
     setAccessibleName(name);
     setDocumentMode(true);
-    setTabsClosable(true);
     setMovable(true);
     connect(this, &QTabWidget::tabCloseRequested, this, [this](int index) {
         if (count() > 1) delete widget(index);
@@ -246,9 +368,29 @@ FolderTab* FolderPanel::addTab(const std::optional<Location>& at) {
     connect(tab, &FolderTab::focused, this, &FolderPanel::focused);
     connect(tab->model(), &FolderModel::dropped, this, &FolderPanel::dropped);
     connect(tab->model(), &FolderModel::renameRequested, this, &FolderPanel::renameRequested);
+    connect(tab, &FolderTab::openRequested, this,
+            [this, tab](int row) { emit openRequested(tab, row); });
+    connect(tab, &FolderTab::contextMenuRequested, this,
+            [this, tab](const QPoint& at) { emit contextMenuRequested(tab, at); });
     if (where) tab->showFolder(*where);
     setCurrentIndex(index);
     return tab;
+}
+
+void FolderPanel::tabInserted(int) {
+    updateCloseButtons();
+}
+
+void FolderPanel::tabRemoved(int) {
+    updateCloseButtons();
+}
+
+void FolderPanel::updateCloseButtons() {
+    // The last tab stays: it shows no close button.
+    setTabsClosable(count() > 1);
+    for (int i = 0; i < count(); ++i)
+        if (auto* close = tabBar()->tabButton(i, QTabBar::RightSide))
+            close->setAccessibleName(tr("Close tab"));
 }
 
 void FolderPanel::closeCurrentTab() {

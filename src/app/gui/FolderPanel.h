@@ -12,8 +12,12 @@
 #include "app/gui/FolderModel.h"
 #include "core/Location.h"
 
+class QAbstractItemView;
+class QHBoxLayout;
 class QLabel;
 class QLineEdit;
+class QListView;
+class QStackedWidget;
 class QToolButton;
 class QTreeView;
 
@@ -32,12 +36,20 @@ class FolderTab : public QWidget {
     void back();
     void forward();
     void up();
-    // Opens the current row: a folder is entered.
+    // Opens the current row: a folder is entered, a file is asked for (openRequested).
     void openCurrent();
+    // Shows the folder as icons rather than as a list with columns.
+    void setIconView(bool on);
+    bool isIconView() const;
+    // The view shown now (the list or the icons; both share one selection).
+    QAbstractItemView* currentView() const;
 
     FolderModel* model() const { return model_; }
     QTreeView* view() const { return view_; }
     QLineEdit* addressBar() const { return address_; }
+    QListView* iconView() const { return icons_; }
+    // The path buttons above the list, from the top folder to the one shown.
+    QWidget* breadcrumbs() const { return crumbs_; }
     // The error of the last failed lookup or listing ("" when there is none).
     QString errorText() const;
     // The location texts of the selected rows.
@@ -48,6 +60,10 @@ class FolderTab : public QWidget {
     // The tab now shows another folder (or an error).
     void folderChanged();
     void focused();
+    // A file was opened (Enter, a double click).
+    void openRequested(int row);
+    // A context menu was asked for at `globalPos`.
+    void contextMenuRequested(const QPoint& globalPos);
 
   protected:
     bool eventFilter(QObject* watched, QEvent* event) override;
@@ -56,9 +72,14 @@ class FolderTab : public QWidget {
     void navigate(const Location& folder, bool record);
     void showError(const QString& message);
     void updateControls();
+    void updateBreadcrumbs();
 
     FolderModel* model_;
     QTreeView* view_;
+    QListView* icons_;
+    QStackedWidget* views_;
+    QWidget* crumbs_;
+    QHBoxLayout* crumbsLayout_;
     QLineEdit* address_;
     QLabel* error_;
     QToolButton* backButton_;
@@ -85,6 +106,15 @@ class FolderPanel : public QTabWidget {
     void focused();
     void renameRequested(const Location& item, const std::string& newName);
     void dropped(const std::vector<std::string>& sources, const std::string& target, bool moving);
+    void openRequested(FolderTab* tab, int row);
+    void contextMenuRequested(FolderTab* tab, const QPoint& globalPos);
+
+  protected:
+    void tabInserted(int index) override;
+    void tabRemoved(int index) override;
+
+  private:
+    void updateCloseButtons();
 };
 
 }  // namespace quillon::gui

@@ -1,6 +1,7 @@
 #include "app/gui/Gui.h"
 
 #include <QApplication>
+#include <QIcon>
 #include <QMessageBox>
 #include <QStatusBar>
 
@@ -15,6 +16,7 @@ int run(int argc, char** argv, const std::optional<std::string>& location) {
     QApplication qt(argc, argv);
     QApplication::setApplicationName("Quillon");
     QApplication::setDesktopFileName("quillon");
+    QApplication::setWindowIcon(QIcon::fromTheme("quillon"));
     QueuePump pump;
     Application app;  // a long run: the cloud merge waits on main-queue timers
     if (auto r = app.start(); !r) {

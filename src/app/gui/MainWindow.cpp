@@ -1,5 +1,7 @@
 #include "app/gui/MainWindow.h"
 
+#include "app/gui/PanelActions.h"
+
 #include <QAction>
 #include <QApplication>
 #include <QDockWidget>
@@ -133,6 +135,7 @@ MainWindow::MainWindow(FileTransferTaskManager& manager, const std::optional<std
     buildTransfersDock();
     buildActions();
     buildServerActions();
+    buildPanelActions();
     reloadSidebar();
     statusBar()->showMessage(tr("Ready"));
 
@@ -279,8 +282,13 @@ void MainWindow::buildTransfersDock() {
     auto* stopAll = new QPushButton(tr("Stop All"), box);
     stopAll->setObjectName("stopAllTransfers");
     stopAll->setAccessibleName(tr("Stop all transfers"));
+    auto* retry = new QPushButton(tr("Retry"), box);
+    retry->setObjectName("retryTransfer");
+    retry->setAccessibleName(tr("Retry the selected failed transfers"));
+    connect(retry, &QPushButton::clicked, this, [this] { retrySelectedTransfers(); });
     buttons->addWidget(stop);
     buttons->addWidget(stopAll);
+    buttons->addWidget(retry);
     buttons->addStretch(1);
     layout->addLayout(buttons);
     connect(stop, &QPushButton::clicked, this, [this] {
@@ -294,6 +302,18 @@ void MainWindow::buildTransfersDock() {
     dock->setMinimumHeight(120);
     addDockWidget(Qt::BottomDockWidgetArea, dock);
     resizeDocks({dock}, {150}, Qt::Vertical);
+}
+
+void MainWindow::buildPanelActions() {
+    panelActions_ = new PanelActions(this);
+    panelActions_->install();
+}
+
+void MainWindow::retrySelectedTransfers() {
+    int asked = 0;
+    for (auto& index : transferView_->selectionModel()->selectedRows())
+        asked += panelActions_->retry(index.row()) ? 1 : 0;
+    if (asked == 0) showMessage(tr("Only failed or stopped transfers can be retried."));
 }
 
 void MainWindow::reloadSidebar() {

@@ -27,6 +27,7 @@ class HostKeyAsker;
 class PreferencesDialog;
 class ServerEditor;
 class SyncPane;
+class PanelActions;
 
 class MainWindow : public QMainWindow {
     Q_OBJECT
@@ -45,6 +46,8 @@ class MainWindow : public QMainWindow {
     TransferList* transfers() const { return transfers_; }
     const std::shared_ptr<GuiPrompts>& prompts() const { return prompts_; }
     QTreeWidget* sidebar() const { return sidebar_; }
+    // Open, clipboard, properties, archives, play and stream, retry.
+    PanelActions* panelActions() const { return panelActions_; }
     // The last message shown in the status bar.
     QString lastMessage() const { return lastMessage_; }
 
@@ -82,7 +85,10 @@ class MainWindow : public QMainWindow {
     bool focusNextPrevChild(bool next) override;
 
   private:
+    friend class PanelActions;
     void buildActions();
+    void buildPanelActions();
+    void retrySelectedTransfers();
     void buildTransfersDock();
     void buildServerActions();
     void showSidebarMenu(const QPoint& at);
@@ -101,6 +107,7 @@ class MainWindow : public QMainWindow {
     QTreeWidget* sidebar_;
     TransferList* transfers_;
     QTreeView* transferView_ = nullptr;
+    PanelActions* panelActions_ = nullptr;
     std::shared_ptr<GuiPrompts> prompts_;
     HostKeyAsker* hostKeys_ = nullptr;
     QLineEdit* quickConnect_ = nullptr;

@@ -39,11 +39,34 @@ TransferList::~TransferList() {
     manager_.removeObserver(feed_);
 }
 
+namespace {
+
+std::string locationText(const ServerInfoPtr& server, const KvMetadata& item) {
+    if (server->protocolType == ProtocolType::Local) return item.pathOrEmpty();
+    return server->serverID + ":" + item.pathOrEmpty();
+}
+
+}  // namespace
+
 void TransferList::add(const FileTransferTaskPtr& task, std::string label) {
     int row = rowCount();
+    std::optional<Retry> retry;
+    if (task->sourceServerInfo && task->targetServerInfo &&
+        !task->sourceMetadata.pathOrEmpty().empty() && !task->targetMetadata.pathOrEmpty().empty())
+        retry =
+            Retry{locationText(task->sourceServerInfo, task->sourceMetadata),
+                  locationText(task->targetServerInfo, task->targetMetadata), task->isMoveTask()};
     beginInsertRows({}, row, row);
-    rows_.push_back({task, std::move(label), {}, 0, 0});
+    rows_.push_back({task, std::move(label), {}, 0, 0, std::move(retry)});
     endInsertRows();
+}
+
+std::optional<TransferList::Retry> TransferList::retryOf(int row) const {
+    if (row < 0 || row >= rowCount()) return std::nullopt;
+    auto& r = rows_[static_cast<std::size_t>(row)];
+    auto state = r.task->state();
+    if (state != TransferTaskState::Failed && state != TransferTaskState::Stopped) return {};
+    return r.retry;
 }
 
 FileTransferTaskPtr TransferList::taskAt(int row) const {
@@ -106,10 +129,12 @@ QVariant TransferList::data(const QModelIndex& index, int role) const {
     auto& task = *row.task;
     auto state = task.state();
     bool running = state == TransferTaskState::Running;
-    std::int64_t done = running ? row.done : task.transferredBytes();
-    std::int64_t total = running && row.total ? row.total : task.totalBytes();
+    // The last report counts too: some tasks clear their own counters when they end.
+    std::int64_t done = running ? row.done : std::max(row.done, task.transferredBytes());
+    std::int64_t total = running && row.total ? row.total : std::max(row.total, task.totalBytes());
     if (role == kProgressRole) {
-        if (state == TransferTaskState::Completed) return 100;
+        // A finished run is a full bar, unless nothing at all was counted (a skipped item).
+        if (state == TransferTaskState::Completed) return total > 0 || done > 0 ? 100 : -1;
         if (total <= 0) return -1;
         return static_cast<int>(100 * std::min(done, total) / total);
     }

@@ -5,6 +5,7 @@
 #include <QAbstractTableModel>
 #include <QTimer>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -23,9 +24,20 @@ class TransferList : public QAbstractTableModel {
     explicit TransferList(FileTransferTaskManager& manager, QObject* parent = nullptr);
     ~TransferList() override;
 
+    // How a copy or move is asked for again: its source, its target folder (location texts, as
+    // resolveLocation reads them) and whether it moves.
+    struct Retry {
+        std::string source;
+        std::string target;
+        bool moving = false;
+    };
+
     // Shows `task` as `label` (call before it is added to the manager).
     void add(const FileTransferTaskPtr& task, std::string label);
     FileTransferTaskPtr taskAt(int row) const;
+    // What retrying the row's task asks for: none while it waits or runs, once it completed, or
+    // for a task that is not a copy or move between two places (an archive's work).
+    std::optional<Retry> retryOf(int row) const;
     // How many rows wait or run.
     int activeCount() const;
 
@@ -46,6 +58,7 @@ class TransferList : public QAbstractTableModel {
         RateEstimator rate;
         std::int64_t done = 0;
         std::int64_t total = 0;
+        std::optional<Retry> retry;  // taken when the task is added, before it can change
     };
     Row* find(const FileTransferTask& task);
     void started(FileTransferTask& task);
