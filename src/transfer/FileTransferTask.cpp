@@ -175,9 +175,9 @@ void FileTransferTask::completeFileTransfer(std::optional<Error> err) {
             const auto& first = itemFailures_.front();
             Error summary = first.error;
             if (itemFailures_.size() > 1) {
-                summary.reason =
-                    fmt::format("{} items failed; the first, {}: {}", itemFailures_.size(),
-                                first.error.item, first.error.reason);
+                summary.reason = fmt::format(
+                    "{} items failed; the first, {}: {}", itemFailures_.size(),
+                    StringUtils::escapedForDisplay(first.error.item), first.error.reason);
                 summary.item.clear();
             }
             err = summary;

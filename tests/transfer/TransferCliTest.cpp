@@ -299,8 +299,8 @@ TEST_F(TransferCli, FailureStopsTheRestUnlessKeepGoing) {
     auto rest = runQuillon(
         {"cp", "-r", "--keep-going", "--on-conflict", "replace", dir / "names", py->url("/")});
     EXPECT_EQ(rest.exitCode, 1);
-    EXPECT_TRUE(contains(rest.err, "names/bad'$'\\377''.txt' failed: The name of")) << rest.err;
-    EXPECT_TRUE(contains(rest.err, "names/bad'$'\\376''.txt' failed: The name of")) << rest.err;
+    EXPECT_TRUE(contains(rest.err, "names/bad'$'\\377''.txt': The name of")) << rest.err;
+    EXPECT_TRUE(contains(rest.err, "names/bad'$'\\376''.txt': The name of")) << rest.err;
     EXPECT_TRUE(contains(rest.err, "2 items failed")) << rest.err;
     EXPECT_EQ(namesIn(py->hostPath("/names")), (std::vector<std::string>{"a.txt", "z.txt"}));
 }
