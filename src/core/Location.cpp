@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <string_view>
 
+#include "core/ClientExtras.h"
 #include "core/PathUtils.h"
 #include "core/ServerInfoService.h"
 #include "core/StringUtils.h"
@@ -42,6 +43,19 @@ std::string displayItem(const KvMetadata& item) {
     auto server =
         ServerInfoService::sharedServerInfoService().serverInfoWithServerID(*item.serverID);
     return server ? displayItem(*server, path) : path;
+}
+
+Status checkNewServerName(const std::string& name) {
+    auto refuse = [](std::string reason) {
+        return KvError::fail(ErrorDomain::Generic, -1, std::move(reason));
+    };
+    if (StringUtils::trim(name).empty()) return refuse("A server needs a name.");
+    if (name.find(':') != std::string::npos)
+        return refuse("A server name cannot contain \":\" (NAME:/path names a place on it).");
+    for (auto& other : ServerInfoService::sharedServerInfoService().remoteServerInfos())
+        if (other.displayName == name)
+            return refuse("A server named \"" + name + "\" exists already.");
+    return {};
 }
 
 std::optional<ServerInfo> findServer(const std::string& nameOrId) {
@@ -242,6 +256,7 @@ Result<Location> resolveLocation(const std::string& text) {
     if (text.find('\0') != std::string::npos)
         return std::unexpected(usage("A location cannot contain a NUL byte."));
     Location loc;
+    bool relative = false;
     auto scheme = text.find("://");
     auto colon = text.find(':');
     if (scheme != std::string::npos && scheme == colon && text[0] != '/') {
@@ -254,7 +269,7 @@ Result<Location> resolveLocation(const std::string& text) {
                text[0] != '~' && findServer(text.substr(0, colon))) {
         loc.server = std::make_shared<ServerInfo>(*findServer(text.substr(0, colon)));
         std::string rest = text.substr(colon + 1);
-        if (rest.empty() || rest[0] != '/') rest = "/" + rest;
+        relative = rest.empty() || rest[0] != '/';
         loc.path = normalizeServerPath(rest);
     } else {
         loc.path = absoluteLocalPath(text);
@@ -273,6 +288,22 @@ Result<Location> resolveLocation(const std::string& text) {
     auto client = WrapperProxy::clientForServerInfo(loc.server);
     if (!client) return std::unexpected(client.error());
     loc.client = *client;
+    if (relative) {
+        // NAME: and NAME:relative/path start at the server's start folder: its path setting, else
+        // the folder the login lands in (a server that does not confine its users would
+        // otherwise show its whole disk).
+        std::string start = loc.client->rootFolder().pathOrEmpty();
+        if (start.empty() || start[0] != '/') {
+            std::string login = "/";
+            if (auto* knows = dynamic_cast<LoginFolder*>(loc.client.get())) {
+                auto found = knows->loginFolderSync();
+                if (!found) return std::unexpected(found.error());
+                login = *found;
+            }
+            start = login + "/" + start;
+        }
+        loc.path = normalizeServerPath(start + "/" + loc.path);
+    }
     return loc;
 }
 

@@ -32,8 +32,13 @@ std::string displayItem(const ServerInfo& server, const std::string& path);
 // Finds the server for the text: a configured server's display name or id, else none.
 std::optional<ServerInfo> findServer(const std::string& nameOrId);
 
-// Parses a location and makes its client. "NAME:/path" whose NAME is no configured server and
-// that is no existing local path fails with "No server named ...".
+// Whether a new server may be called `name`: not blank, no ":" (NAME:/path names a place on
+// it), and no other server called so. The refusal says why.
+[[nodiscard]] Status checkNewServerName(const std::string& name);
+
+// Parses a location and makes its client. NAME: and NAME:relative/path start at the server's
+// start folder: its path setting, else the folder the login lands in. "NAME:/path" whose NAME is
+// no configured server and that is no existing local path fails with "No server named ...".
 Result<Location> resolveLocation(const std::string& text);
 
 // The record of the item at the location (the top folder is the client's root folder). Fails

@@ -91,6 +91,12 @@ std::vector<SyncInfo> SyncInfoService::getAllSyncInfo() {
     return load(kSelectAll, {});
 }
 
+std::vector<SyncInfo> SyncInfoService::pairsUsingServer(const std::string& serverID) {
+    auto all = getAllSyncInfo();
+    std::erase_if(all, [&](const SyncInfo& pair) { return pair.serverUUID != serverID; });
+    return all;
+}
+
 std::optional<SyncInfo> SyncInfoService::getSyncInfoByID(std::int64_t syncInfoID) {
     for (auto& info : getAllSyncInfo())
         if (info.syncInfoID == syncInfoID) return info;

@@ -26,6 +26,8 @@ class SyncInfoService {
     // Every pair, oldest first, each with its properties and its server looked up among all
     // configured servers (absent when none has the stored id).
     std::vector<SyncInfo> getAllSyncInfo();
+    // The pairs whose server has that id, oldest first.
+    std::vector<SyncInfo> pairsUsingServer(const std::string& serverID);
     // The pair with that row id, or absent.
     std::optional<SyncInfo> getSyncInfoByID(std::int64_t syncInfoID);
     // Inserts the pair and its string properties; sets syncInfoID.

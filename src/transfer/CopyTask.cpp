@@ -76,7 +76,8 @@ Status CopyTask::copyRoot(const std::string& from, const std::string& to) {
         return KvError::fail(ErrorDomain::Generic, ErrorCode::NotFound,
                              fmt::format("Not Found: {}", from));
     struct stat existing {};
-    bool replace = fileConflict() == ConflictAction::Replace && ::lstat(to.c_str(), &existing) == 0;
+    bool exists = ::lstat(to.c_str(), &existing) == 0;
+    bool replace = overwrites() && exists;
 
     if (S_ISLNK(st.st_mode)) {
         setTransferringFileMeta(sourceMetadata);
@@ -91,6 +92,11 @@ Status CopyTask::copyRoot(const std::string& from, const std::string& to) {
         LocalWrapper::calculateLocalFolderItemsAndSize(from, true, [this] { return !stopped(); });
     setTotalBytes(count.totalBytes);
     if (stopped()) return {};
+    if (replace && fileConflict() == ConflictAction::Merge && S_ISDIR(existing.st_mode)) {
+        // Into the folder that is there, item by item.
+        merging_ = true;
+        return copyFolder(sourceMetadata, from, to);
+    }
 
     // The new folder is built under a hidden name beside its target and takes the target's name
     // only when complete, so a failed, stopped or killed copy never leaves a partial folder
@@ -149,7 +155,8 @@ Status CopyTask::copyFolder(const KvMetadata& folder, const std::string& from,
             r = sourceProxy_->downloadSync(child, childTo, nullptr);
         } else {
             // Inside the hidden folder that becomes the target: written in place.
-            r = copyFile(child, childFrom, childTo, false, /*staged=*/true);
+            r = merging_ ? copyFile(child, childFrom, childTo, true)
+                         : copyFile(child, childFrom, childTo, false, /*staged=*/true);
         }
         if (!r) {
             if (auto failed = itemFailed(child, r.error()); !failed) return failed;

@@ -27,6 +27,7 @@ class CopyTask : public FileTransferTask {
 
     LocalFileCopier copier_;
     double lastUpdateTick_ = 0;
+    bool merging_ = false;  // into an existing folder: files of the same name are replaced
 };
 
 }  // namespace quillon

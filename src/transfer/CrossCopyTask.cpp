@@ -81,29 +81,48 @@ void CrossCopyTask::startTransfer() {
             finish(usable.error());
             return;
         }
-    auto root = std::make_shared<FileTransferNode>(sourceMetadata, targetItem, folder);
-    if (sourceMetadata.isDir) {
-        auto made = targetProxy_->createFolderSync(targetItem);
-        // Replacing a folder merges into it: it may be there already.
-        if (!made && fileConflict() != ConflictAction::Replace) {
-            finish(made.error());
-            return;
-        }
-        if (auto r = contentsOfDirectory(root); !r) {
-            finish(stopped() ? std::nullopt : std::optional<Error>(r.error()));
-            return;
-        }
-    } else {
-        setTotalBytes(static_cast<std::int64_t>(sourceMetadata.fileSizeInBytes.value_or(0)));
-        fileNodes_.push_back(root);
-    }
-    if (stopped()) {
-        finish(std::nullopt);
+    if (sourceMetadata.isSymbolLink) {
+        auto r =
+            transferLink(sourceMetadata, targetItem, *sourceProxy_, *targetProxy_, overwrites());
+        finish(r ? std::nullopt : std::optional<Error>(r.error()));
         return;
     }
+    auto root = std::make_shared<FileTransferNode>(sourceMetadata, targetItem, folder);
+    if (sourceMetadata.isDir) {
+        auto r = copyFolder(root);
+        reportProgress();
+        finish(r || stopped() ? std::nullopt : std::optional<Error>(r.error()));
+        return;
+    }
+    setTotalBytes(static_cast<std::int64_t>(sourceMetadata.fileSizeInBytes.value_or(0)));
+    fileNodes_.push_back(root);
     auto r = transferFiles();
     reportProgress();
     finish(r ? std::nullopt : std::optional<Error>(r.error()));
+}
+
+Status CrossCopyTask::copyFolder(const FileTransferNode::Ptr& root) {
+    // Replacing builds the new folder under a hidden name and swaps it in when complete;
+    // merging writes into the folder that is there.
+    KvMetadata finalTarget = root->targetMetadata;
+    bool swap = false;
+    if (overwrites()) {
+        auto there = targetProxy_->metadataOfItemSync(finalTarget);
+        if (!there && !there.error().is(ErrorKind::NotFound)) return std::unexpected(there.error());
+        swap = there &&
+               (fileConflict() == ConflictAction::Replace || !there->isDir || there->isSymbolLink);
+    }
+    if (swap) root->targetMetadata = RemoteUpload::stagedFolderFor(*targetProxy_, finalTarget);
+    Status built = targetProxy_->createFolderSync(root->targetMetadata);
+    if (!built && fileConflict() == ConflictAction::Merge && !swap) built = {};
+    if (built) built = contentsOfDirectory(root);
+    if (built && !stopped()) built = transferFiles();
+    if (swap) {
+        auto placed = RemoteUpload::finishStagedFolder(*targetProxy_, root->targetMetadata,
+                                                       finalTarget, built && !stopped());
+        if (built && !stopped()) built = placed;
+    }
+    return built;
 }
 
 Status CrossCopyTask::contentsOfDirectory(const FileTransferNode::Ptr& node) {
@@ -114,9 +133,12 @@ Status CrossCopyTask::contentsOfDirectory(const FileTransferNode::Ptr& node) {
     };
     walk.makeFolder = [this](const KvMetadata& target) -> Status {
         auto made = targetProxy_->createFolderSync(target);
-        if (!made && fileConflict() != ConflictAction::Replace) return made;
+        // Merging: the folder may be there already.
+        if (!made && fileConflict() != ConflictAction::Merge) return made;
         return {};
     };
+    walk.linkSource = sourceProxy_.get();
+    walk.linkTarget = targetProxy_.get();
     return collectTree(node, walk, fileNodes_);
 }
 
@@ -139,7 +161,7 @@ Status CrossCopyTask::transferFile(const FileTransferNode& node, std::int64_t ba
     const auto& source = node.sourceMetadata;
     setTransferringFileMeta(source);
     std::string name = itemName(node.targetMetadata);
-    bool replace = fileConflict() == ConflictAction::Replace;
+    bool replace = overwrites();
     auto stoppedFn = [this] { return stopped(); };
 
     if (isLocal(sourceServerInfo)) {

@@ -7,6 +7,7 @@
 
 #include <filesystem>
 
+#include "clients/local/LocalFileOps.h"
 #include "core/LocalizedUtils.h"
 #include "core/StringUtils.h"
 #include "core/WrapperProxy.h"
@@ -38,10 +39,6 @@ Status makeLocalFolder(const std::string& path) {
 DownloadTask::DownloadTask() : progress_(std::make_shared<TransferProgress>()) {}
 
 std::string DownloadTask::localName(const KvMetadata& item) {
-    if (item.isSymbolLink && item.symbolLinkTarget && !item.symbolLinkTarget->empty()) {
-        auto name = StringUtils::lastPathComponent(*item.symbolLinkTarget);
-        if (!name.empty() && name != "/" && name != "." && name != "..") return name;
-    }
     return item.nameIgnoreLinkResolve().value_or(
         StringUtils::lastPathComponent(item.pathOrEmpty()));
 }
@@ -91,6 +88,12 @@ void DownloadTask::startTransfer() {
     sourceWrapper_ = *client;
     sourceWrapper_->setForceIncludesHiddenFiles(true);
     trackWrapper(sourceWrapper_);
+    auto local = WrapperProxy::clientForServerInfo(targetServerInfo);
+    if (!local) {
+        finish(local.error());
+        return;
+    }
+    localWrapper_ = *local;
     copier_.shouldStop = [this] { return stopped(); };
 
     KvMetadata folder = targetMetadata;
@@ -103,20 +106,41 @@ void DownloadTask::startTransfer() {
     target.localPath = target.path();
     targetMetadata = target;
 
+    if (sourceMetadata.isSymbolLink) {
+        auto r =
+            transferLink(sourceMetadata, target, *sourceWrapper_, *localWrapper_, overwrites());
+        finish(r ? std::nullopt : std::optional<Error>(r.error()));
+        return;
+    }
     auto root = std::make_shared<FileTransferNode>(sourceMetadata, target, folder);
-    if (sourceMetadata.isDir && !sourceMetadata.isSymbolLink) {
-        if (auto r = makeLocalFolder(target.pathOrEmpty()); !r) {
-            finish(r.error());
-            return;
+    if (sourceMetadata.isDir) {
+        // Replacing builds the new folder under a hidden name beside the old one, which it
+        // takes the place of only when complete; merging writes into the old one.
+        std::string finalPath = target.pathOrEmpty();
+        struct stat there {};
+        bool exists = ::lstat(finalPath.c_str(), &there) == 0;
+        bool swap =
+            exists && (fileConflict() == ConflictAction::Replace ||
+                       (fileConflict() == ConflictAction::Merge && !S_ISDIR(there.st_mode)));
+        if (swap) {
+            root->targetMetadata.setPath(LocalFileCopier::hiddenSibling(finalPath));
+            root->targetMetadata.localPath = root->targetMetadata.path();
         }
-        if (auto r = contentsOfDirectory(root); !r) {
-            finish(stopped() ? std::nullopt : std::optional<Error>(r.error()));
-            return;
+        auto built = makeLocalFolder(root->targetMetadata.pathOrEmpty());
+        if (built) built = contentsOfDirectory(root);
+        if (built && !stopped()) built = transferFiles();
+        reportProgress();
+        if (swap) {
+            std::string staging = root->targetMetadata.pathOrEmpty();
+            int err = built && !stopped() ? LocalFileOps::replaceItem(staging, finalPath) : -1;
+            if (err != 0) {
+                std::error_code ec;
+                std::filesystem::remove_all(staging, ec);
+                if (built && err > 0) built = FileTransferUtils::cannotCreateFile(finalPath, err);
+            }
         }
-        if (stopped()) {
-            finish(std::nullopt);
-            return;
-        }
+        finish(built || stopped() ? std::nullopt : std::optional<Error>(built.error()));
+        return;
     } else {
         if (sourceMetadata.fileSizeInBytes)
             setTotalBytes(static_cast<std::int64_t>(*sourceMetadata.fileSizeInBytes));
@@ -140,6 +164,8 @@ Status DownloadTask::contentsOfDirectory(const FileTransferNode::Ptr& node) {
     walk.makeFolder = [this](const KvMetadata& target) {
         return makeLocalFolder(target.pathOrEmpty());
     };
+    walk.linkSource = sourceWrapper_.get();
+    walk.linkTarget = localWrapper_.get();
     auto r = collectTree(node, walk, fileNodes_);
     progress_->setTotalUnitCount(totalBytes());
     return r;
@@ -223,7 +249,7 @@ Status DownloadTask::transferFile(const FileTransferNode& node) {
         cleanup();
         return made;
     }
-    auto placed = copier_.moveIntoPlace(scratch, targetPath, conflict == ConflictAction::Replace);
+    auto placed = copier_.moveIntoPlace(scratch, targetPath, overwrites());
     cleanup();
     return placed;
 }

@@ -4,6 +4,7 @@
 
 #include <fmt/format.h>
 
+#include "core/ClientExtras.h"
 #include "core/GCD.h"
 #include "core/Location.h"
 #include "core/NotificationCenter.h"
@@ -76,6 +77,46 @@ Status FileTransferTask::itemFailed(const KvMetadata& item, const Error& error) 
     if (!continueAfterItemFailure || stopped()) return std::unexpected(named);
     std::lock_guard lock(mutex_);
     itemFailures_.push_back({item.pathOrEmpty(), named});
+    return {};
+}
+
+std::vector<std::string> FileTransferTask::notices() const {
+    std::lock_guard lock(mutex_);
+    return notices_;
+}
+
+void FileTransferTask::addNotice(std::string text) {
+    std::lock_guard lock(mutex_);
+    notices_.push_back(std::move(text));
+}
+
+Status FileTransferTask::transferLink(const KvMetadata& source, const KvMetadata& target,
+                                      Wrapper& sourceSide, Wrapper& targetSide, bool replace) {
+    setTransferringFileMeta(source);
+    // A client that cannot read links may still have listed what one holds ("name -> target").
+    Result<std::string> text = std::unexpected(Error{});
+    if (auto* reader = dynamic_cast<LinkReader*>(&sourceSide))
+        text = reader->linkTextSync(source);
+    else if (source.symbolLinkTarget && !source.symbolLinkTarget->empty())
+        text = *source.symbolLinkTarget;
+    auto* maker = dynamic_cast<LinkMaker*>(&targetSide);
+    if (!text || !maker) {
+        std::string shown = text ? *text : source.symbolLinkTarget.value_or("?");
+        addNotice(fmt::format("skipped link {} -> {}",
+                              StringUtils::escapedForDisplay(source.pathOrEmpty()),
+                              StringUtils::escapedForDisplay(shown)));
+        return {};
+    }
+    KvMetadata link = target;
+    link.isDir = false;
+    link.isSymbolLink = true;
+    auto made = maker->makeLinkSync(link, *text);
+    if (!made && replace) {
+        auto there = targetSide.metadataOfItemSync(link);
+        if (there && !(there->isDir && !there->isSymbolLink) && targetSide.removeSync({*there}))
+            made = maker->makeLinkSync(link, *text);
+    }
+    if (!made) return itemFailed(source, made.error());
     return {};
 }
 
@@ -236,7 +277,6 @@ Status FileTransferTask::collectTree(const std::shared_ptr<FileTransferNode>& no
     bool toServer = node->targetMetadata.protocolType != ProtocolType::Local;
     for (auto& entry : *listing) {
         if (stopped()) return {};
-        if (entry.isDir && entry.isSymbolLink) continue;
         if (FileTransferUtils::isTemporary(entry)) continue;
         auto target =
             FileTransferUtils::targetMetadataWithSourceMetadata(entry, node->targetMetadata);
@@ -244,6 +284,14 @@ Status FileTransferTask::collectTree(const std::shared_ptr<FileTransferNode>& no
         Status usable = toServer ? FileTransferUtils::checkNameForServer(
                                        FileTransferUtils::itemName(target), entry.pathOrEmpty())
                                  : Status{};
+        if (usable && entry.isSymbolLink) {
+            if (!walk.linkSource || !walk.linkTarget) continue;
+            if (auto r =
+                    transferLink(entry, target, *walk.linkSource, *walk.linkTarget, overwrites());
+                !r)
+                return r;
+            continue;
+        }
         if (usable && entry.isDir) usable = walk.makeFolder(target);
         if (!usable) {
             if (auto r = itemFailed(entry, usable.error()); !r) return r;

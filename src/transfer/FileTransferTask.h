@@ -38,6 +38,9 @@ enum class ConflictAction : int {
     Replace = 1,
     KeepBoth = 2,
     Skip = 3,
+    // A folder meeting a folder: the two are merged, and items of the same name in them are
+    // replaced (what cp -r does). Where either side is not a folder it replaces.
+    Merge = 4,
 };
 
 class FileTransferTask;
@@ -114,6 +117,9 @@ class FileTransferTask : public std::enable_shared_from_this<FileTransferTask> {
     std::optional<KvMetadata> transferringFileMeta() const;
     // The items that failed while the run went on past them, in order.
     std::vector<ItemFailure> itemFailures() const;
+    // What the run left out on purpose and the user should hear about ("skipped link a -> b"),
+    // in order.
+    std::vector<std::string> notices() const;
 
     // The manager whose list holds the task (set when it runs); none for inner tasks.
     void setManager(FileTransferTaskManager* m) { manager_.store(m); }
@@ -154,6 +160,19 @@ class FileTransferTask : public std::enable_shared_from_this<FileTransferTask> {
     // The failure of one item: recorded, and success returned, when the run goes on past item
     // failures; otherwise the error itself.
     Status itemFailed(const KvMetadata& item, const Error& error);
+    void addNotice(std::string text);
+    // Replace or merge: an existing target item may be overwritten.
+    bool overwrites() const {
+        auto c = fileConflict();
+        return c == ConflictAction::Replace || c == ConflictAction::Merge;
+    }
+
+    // A symbolic link is never followed: it is made again as a link holding the same text where
+    // the target side can make links and the source side tells what the link holds; otherwise it
+    // is left out with the notice "skipped link NAME -> TARGET". `replace`: an item already at
+    // the target path (not a folder) gives way. A link that cannot be made fails as an item.
+    Status transferLink(const KvMetadata& source, const KvMetadata& target, Wrapper& sourceSide,
+                        Wrapper& targetSide, bool replace);
 
     // The start of a run that works through the clients of both sides: ends the run at once, and
     // returns false, when the task is to be skipped or was stopped or a side has no client;
@@ -168,15 +187,18 @@ class FileTransferTask : public std::enable_shared_from_this<FileTransferTask> {
     WrapperPtr targetProxy_;
 
     // How collectTree walks a source folder: `list` lists a folder, `adjustTarget` (optional)
-    // fixes a child's target record, `makeFolder` creates a target folder (an error ends the walk).
+    // fixes a child's target record, `makeFolder` creates a target folder (an error ends the walk),
+    // `linkSource` and `linkTarget` are the two sides' clients for links (transferLink).
     struct TreeWalk {
         std::function<Result<KvMetadataList>(const KvMetadata&)> list;
         std::function<void(const KvMetadata& source, KvMetadata& target)> adjustTarget;
         std::function<Status(const KvMetadata& target)> makeFolder;
+        Wrapper* linkSource = nullptr;
+        Wrapper* linkTarget = nullptr;
     };
     // Builds the node's subtree from the source listing: creates every target folder, appends
-    // each file's node to `files` and adds its size to totalBytes. Links to folders are left
-    // out, since following them could loop, and so are temporaries of unfinished transfers. A
+    // each file's node to `files` and adds its size to totalBytes. Links go to transferLink at
+    // once, and temporaries of unfinished transfers are left out. A
     // name a server target cannot hold, a folder that cannot be listed or created fail as items
     // (itemFailed). Stops quietly when the task is stopped.
     Status collectTree(const std::shared_ptr<FileTransferNode>& node, const TreeWalk& walk,
@@ -200,6 +222,7 @@ class FileTransferTask : public std::enable_shared_from_this<FileTransferTask> {
     std::optional<TimePoint> endTime_;
     std::optional<KvMetadata> transferringFileMeta_;
     std::vector<ItemFailure> itemFailures_;
+    std::vector<std::string> notices_;
     std::vector<WrapperPtr> wrappers_;
 };
 

@@ -194,20 +194,21 @@ void FileTransferTaskManager::askConflict(const FileTransferTaskPtr& task) {
     item.message = LocalizedUtils::localizedFormat("trans.conflict_message",
                                                    {task->sourceMetadata.nameOrEmpty()}, "Conlict");
     item.hideReplaceButton = task->isMoveTask();
+    item.offerMerge = !task->isMoveTask() && task->sourceMetadata.isDir;
     bool hideReplace = item.hideReplaceButton;
-    prompts()->resolveConflict(item,
-                               [this, task, hideReplace](ConflictAction action, bool applyToAll) {
-                                   if (action == ConflictAction::NotDecided ||
-                                       (hideReplace && action == ConflictAction::Replace))
-                                       action = ConflictAction::Skip;
-                                   {
-                                       std::lock_guard lock(stateMutex_);
-                                       fileConflict_ = action;
-                                       applyAll_ = applyToAll;
-                                   }
-                                   task->setFileConflict(action);
-                                   startInBackground(task);
-                               });
+    prompts()->resolveConflict(item, [this, task, hideReplace](ConflictAction action,
+                                                               bool applyToAll) {
+        if (action == ConflictAction::NotDecided ||
+            (hideReplace && (action == ConflictAction::Replace || action == ConflictAction::Merge)))
+            action = ConflictAction::Skip;
+        {
+            std::lock_guard lock(stateMutex_);
+            fileConflict_ = action;
+            applyAll_ = applyToAll;
+        }
+        task->setFileConflict(action);
+        startInBackground(task);
+    });
 }
 
 void FileTransferTaskManager::startInBackground(const FileTransferTaskPtr& task) {

@@ -98,7 +98,10 @@ Status uploadFile(Wrapper& wrapper, const KvMetadata& record, const std::string&
         // A server that will not rename over an existing item: the old item steps aside first,
         // and comes back if the new one cannot take its place.
         if (!r && replace) {
-            auto aside = itemInFolder(folder, TemporaryItems::nameFor(name), false);
+            // The old item may be a folder, which goes as a whole.
+            auto old = wrapper.metadataOfItemSync(target);
+            bool oldIsDir = old && old->isDir && !old->isSymbolLink;
+            auto aside = itemInFolder(folder, TemporaryItems::nameFor(name), oldIsDir);
             TemporaryItems::noteAside(place, aside.pathOrEmpty(), target.pathOrEmpty());
             if (wrapper.moveSync(target, aside)) {
                 r = wrapper.moveSync(partial, target);
@@ -118,6 +121,54 @@ Status uploadFile(Wrapper& wrapper, const KvMetadata& record, const std::string&
         failure.item = displayItem(target);
         return std::unexpected(failure);
     }
+    return r;
+}
+
+KvMetadata stagedFolderFor(Wrapper& wrapper, const KvMetadata& target) {
+    KvMetadata folder(FileTransferUtils::parentPath(target.pathOrEmpty()));
+    folder.isDir = true;
+    folder.serverID = target.serverID;
+    folder.protocolType = target.protocolType;
+    std::string name = FileTransferUtils::itemName(target);
+    auto staged = itemInFolder(folder, TemporaryItems::nameFor(name), true);
+    TemporaryItems::noteTemporary(TemporaryItems::placeOf(wrapper.serverInfo().get()),
+                                  staged.pathOrEmpty());
+    return staged;
+}
+
+Status finishStagedFolder(Wrapper& wrapper, const KvMetadata& staged, const KvMetadata& target,
+                          bool built) {
+    std::string place = TemporaryItems::placeOf(wrapper.serverInfo().get());
+    Status r;
+    if (built) {
+        KvMetadata folder(FileTransferUtils::parentPath(target.pathOrEmpty()));
+        folder.isDir = true;
+        folder.serverID = target.serverID;
+        folder.protocolType = target.protocolType;
+        std::string name = FileTransferUtils::itemName(target);
+        auto old = wrapper.metadataOfItemSync(target);
+        if (!old && !old.error().is(ErrorKind::NotFound)) {
+            r = std::unexpected(old.error());
+        } else if (!old) {
+            r = wrapper.moveSync(staged, itemInFolder(folder, name, true));
+        } else {
+            bool oldIsDir = old->isDir && !old->isSymbolLink;
+            auto aside = itemInFolder(folder, TemporaryItems::nameFor(name), oldIsDir);
+            auto placed = itemInFolder(folder, name, oldIsDir);
+            TemporaryItems::noteAside(place, aside.pathOrEmpty(), target.pathOrEmpty());
+            r = wrapper.moveSync(placed, aside);
+            if (r) {
+                r = wrapper.moveSync(staged, itemInFolder(folder, name, true));
+                if (r)
+                    removeQuietly(wrapper, aside);
+                else
+                    (void)wrapper.moveSync(aside, placed);
+            }
+            TemporaryItems::forgetTemporary(place, aside.pathOrEmpty());
+        }
+    }
+    if (!built || !r) removeQuietly(wrapper, staged);
+    TemporaryItems::forgetTemporary(place, staged.pathOrEmpty());
     return r;
 }
 

@@ -20,6 +20,16 @@ namespace quillon::RemoteUpload {
                                 const ProgressHandler& progress,
                                 const std::function<bool()>& stopped);
 
+// Replacing an item on a server by a folder: the new folder is built under a hidden temporary
+// name beside the old item (stagedFolderFor, which notes it) and takes the old item's place only
+// when complete (finishStagedFolder), so a failed or stopped copy leaves the old item as it was.
+KvMetadata stagedFolderFor(Wrapper& wrapper, const KvMetadata& target);
+// `built`: the staged folder is complete. Then the old item steps aside, the staged folder takes
+// its name and the old item (a folder with its contents) is removed; otherwise, or when that
+// fails, the staged folder is removed and the old item stays.
+[[nodiscard]] Status finishStagedFolder(Wrapper& wrapper, const KvMetadata& staged,
+                                        const KvMetadata& target, bool built);
+
 // Removes the temporaries that killed runs left on the wrapper's server (taken from
 // TemporaryItems::takeLeftovers); failures are ignored.
 void removeLeftovers(Wrapper& wrapper);

@@ -43,9 +43,10 @@ Result<KvMetadataList> listLocalFolder(const KvMetadata& folder) {
             std::string target(4096, '\0');
             ssize_t n = ::readlink(m.pathOrEmpty().c_str(), target.data(), target.size());
             if (n >= 0) m.symbolLinkTarget = target.substr(0, static_cast<std::size_t>(n));
+            // What the link points to decides whether it shows as a folder; a dangling link
+            // stays a record of its own.
             struct stat followed {};
-            if (::fstatat(fd, e->d_name, &followed, 0) != 0) continue;  // a dangling link
-            st = followed;
+            if (::fstatat(fd, e->d_name, &followed, 0) == 0) st = followed;
         }
         bool placeholder = name.size() > 8 && name.front() == '.' && name.ends_with(".icloud");
         if (placeholder) {
@@ -98,10 +99,9 @@ void UploadTask::startTransfer() {
     }
     targetMetadata = target;
 
-    auto root = std::make_shared<FileTransferNode>(sourceMetadata, target, folder);
     struct stat st {};
     std::string sourcePath = sourceMetadata.pathOrEmpty();
-    if (::stat(sourcePath.c_str(), &st) != 0) {
+    if (::lstat(sourcePath.c_str(), &st) != 0) {
         completeFileTransfer(KvError::errorWithDomain(ErrorDomain::Generic, ErrorCode::NotFound,
                                                       "Not Found: " + sourcePath));
         return;
@@ -111,29 +111,55 @@ void UploadTask::startTransfer() {
         completeFileTransfer(usable.error());
         return;
     }
-    if (S_ISDIR(st.st_mode)) {
-        auto made = targetWrapper_->createFolderSync(target);
-        // Replacing a folder merges into it: it may be there already.
-        if (!made && fileConflict() != ConflictAction::Replace) {
-            completeFileTransfer(made.error());
-            return;
-        }
-        if (auto r = contentsOfDirectory(root); !r) {
-            completeFileTransfer(stopped() ? std::nullopt : std::optional<Error>(r.error()));
-            return;
-        }
-    } else {
-        setTotalBytes(st.st_size);
-        root->sourceMetadata.fileSizeInBytes = static_cast<std::uint64_t>(st.st_size);
-        fileNodes_.push_back(root);
-    }
-    if (stopped()) {
-        completeFileTransfer(std::nullopt);
+    auto local = WrapperProxy::clientForServerInfo(sourceServerInfo);
+    if (!local) {
+        completeFileTransfer(local.error());
         return;
     }
+    localWrapper_ = *local;
+    if (S_ISLNK(st.st_mode)) {
+        auto r =
+            transferLink(sourceMetadata, target, *localWrapper_, *targetWrapper_, overwrites());
+        completeFileTransfer(r ? std::nullopt : std::optional<Error>(r.error()));
+        return;
+    }
+    auto root = std::make_shared<FileTransferNode>(sourceMetadata, target, folder);
+    if (S_ISDIR(st.st_mode)) {
+        auto r = uploadFolder(root);
+        reportProgress();
+        completeFileTransfer(r || stopped() ? std::nullopt : std::optional<Error>(r.error()));
+        return;
+    }
+    setTotalBytes(st.st_size);
+    root->sourceMetadata.fileSizeInBytes = static_cast<std::uint64_t>(st.st_size);
+    fileNodes_.push_back(root);
     auto r = transferFiles();
     reportProgress();
     completeFileTransfer(r ? std::nullopt : std::optional<Error>(r.error()));
+}
+
+Status UploadTask::uploadFolder(const FileTransferNode::Ptr& root) {
+    // Replacing builds the new folder under a hidden name and swaps it in when complete;
+    // merging writes into the folder that is there.
+    KvMetadata finalTarget = root->targetMetadata;
+    bool swap = false;
+    if (overwrites()) {
+        auto there = targetWrapper_->metadataOfItemSync(finalTarget);
+        if (!there && !there.error().is(ErrorKind::NotFound)) return std::unexpected(there.error());
+        swap = there &&
+               (fileConflict() == ConflictAction::Replace || !there->isDir || there->isSymbolLink);
+    }
+    if (swap) root->targetMetadata = RemoteUpload::stagedFolderFor(*targetWrapper_, finalTarget);
+    Status built = targetWrapper_->createFolderSync(root->targetMetadata);
+    if (!built && fileConflict() == ConflictAction::Merge && !swap) built = {};
+    if (built) built = contentsOfDirectory(root);
+    if (built && !stopped()) built = transferFiles();
+    if (swap) {
+        auto placed = RemoteUpload::finishStagedFolder(*targetWrapper_, root->targetMetadata,
+                                                       finalTarget, built && !stopped());
+        if (built && !stopped()) built = placed;
+    }
+    return built;
 }
 
 Status UploadTask::contentsOfDirectory(const FileTransferNode::Ptr& node) {
@@ -141,15 +167,18 @@ Status UploadTask::contentsOfDirectory(const FileTransferNode::Ptr& node) {
     walk.list = [](const KvMetadata& folder) { return listLocalFolder(folder); };
     walk.makeFolder = [this](const KvMetadata& target) -> Status {
         auto made = targetWrapper_->createFolderSync(target);
-        if (!made && fileConflict() != ConflictAction::Replace) return made;
+        // Merging: the folder may be there already.
+        if (!made && fileConflict() != ConflictAction::Merge) return made;
         return {};
     };
+    walk.linkSource = localWrapper_.get();
+    walk.linkTarget = targetWrapper_.get();
     return collectTree(node, walk, fileNodes_);
 }
 
 Status UploadTask::transferFiles() {
     std::int64_t done = 0;
-    bool replace = fileConflict() == ConflictAction::Replace;
+    bool replace = overwrites();
     for (auto& node : fileNodes_) {
         if (stopped()) return {};
         std::string path = node->sourceMetadata.pathOrEmpty();

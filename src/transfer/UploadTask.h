@@ -21,13 +21,16 @@ class UploadTask : public FileTransferTask {
   private:
     Status contentsOfDirectory(const FileTransferNode::Ptr& node);
     Status transferFiles();
+    Status uploadFolder(const FileTransferNode::Ptr& root);
 
     WrapperPtr targetWrapper_;
+    WrapperPtr localWrapper_;  // reads links
     std::vector<FileTransferNode::Ptr> fileNodes_;
 };
 
 // Reads a local folder's entries as records (hidden entries included; a ".name.icloud"
-// placeholder is listed as "name"). Links are followed for their kind and size.
+// placeholder is listed as "name"). A link is marked as one; it shows as a folder when it points to
+// one, and a dangling link is listed too.
 Result<KvMetadataList> listLocalFolder(const KvMetadata& folder);
 
 }  // namespace quillon

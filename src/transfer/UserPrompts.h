@@ -16,6 +16,7 @@ struct ResolveConflictItem {
     std::string message;             // "trans.conflict_message" filled with the item's name
     KvMetadata metadata;             // the source item
     bool hideReplaceButton = false;  // a move can only keep both or skip
+    bool offerMerge = false;         // a folder is copied: merging is a further choice
 };
 
 // The buttons of the alert shown when a task fails.
@@ -23,7 +24,7 @@ enum class FailureChoice { Stop, Ignore };
 
 class UserPrompts {
   public:
-    // Replace, KeepBoth or Skip, and whether the answer holds for every later conflict.
+    // Replace, Merge, KeepBoth or Skip, and whether the answer holds for every later conflict.
     using ConflictAnswer = std::function<void(ConflictAction action, bool applyToAll)>;
     using FailureAnswer = std::function<void(FailureChoice choice)>;
 

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <fstream>
 
@@ -14,6 +15,8 @@
 #include "core/PathUtils.h"
 #include "core/WrapperProxy.h"
 #include "support/FtpServers.h"
+#include "support/SftpServers.h"
+#include "transfer/CopyTask.h"
 #include "transfer/CrossCopyTask.h"
 #include "transfer/CrossMoveTask.h"
 #include "transfer/DownloadTask.h"
@@ -36,7 +39,7 @@ void makeLocalTree(const std::string& root) {
     ::symlink("sub", (root + "/link-to-sub").c_str());
 }
 
-// What a server receives from makeLocalTree: the file link as a file, no folder link.
+// What an FTP server receives from makeLocalTree: no links (FTP cannot make them).
 void expectUploadedTree(const std::string& root) {
     EXPECT_TRUE(fileHolds(root + "/a.txt", "alpha"));
     EXPECT_TRUE(fileHolds(root + "/.hidden", "secret"));
@@ -44,10 +47,53 @@ void expectUploadedTree(const std::string& root) {
     EXPECT_TRUE(fileHolds(root + "/sub/.config/c.ini", "k=v"));
     EXPECT_TRUE(fs::is_directory(root + "/empty/deeper/deepest"));
     EXPECT_TRUE(fs::is_empty(root + "/empty/deeper/deepest"));
-    EXPECT_TRUE(fileHolds(root + "/link-to-a", "alpha"));
-    EXPECT_FALSE(fs::exists(root + "/link-to-sub"));
+    EXPECT_EQ(namesIn(root), (std::vector<std::string>{".hidden", "a.txt", "empty", "sub"}));
+}
+
+// Every path below `root`, folders ending in "/", sorted.
+std::vector<std::string> treeOf(const std::string& root) {
+    std::vector<std::string> out;
+    std::error_code ec;
+    for (auto& e : fs::recursive_directory_iterator(root, ec)) {
+        auto rel = fs::relative(e.path(), root, ec).string();
+        out.push_back(e.is_directory(ec) ? rel + "/" : rel);
+    }
+    std::sort(out.begin(), out.end());
+    return out;
+}
+
+// A tree holding a link to a file, a link to a folder and a dangling link.
+void makeLinkedTree(const std::string& root) {
+    writeFile(root + "/a.txt", "alpha");
+    writeFile(root + "/sub/b.txt", "beta");
+    ::symlink("a.txt", (root + "/to-a").c_str());
+    ::symlink("sub", (root + "/to-sub").c_str());
+    ::symlink("nowhere", (root + "/dangling").c_str());
+}
+
+// The tree arrived with its three links kept as links.
+void expectLinkedTree(const std::string& root) {
+    EXPECT_TRUE(fileHolds(root + "/a.txt", "alpha"));
+    EXPECT_TRUE(fileHolds(root + "/sub/b.txt", "beta"));
+    std::error_code ec;
+    EXPECT_EQ(fs::read_symlink(root + "/to-a", ec), "a.txt");
+    EXPECT_EQ(fs::read_symlink(root + "/to-sub", ec), "sub");
+    EXPECT_EQ(fs::read_symlink(root + "/dangling", ec), "nowhere");
     EXPECT_EQ(namesIn(root),
-              (std::vector<std::string>{".hidden", "a.txt", "empty", "link-to-a", "sub"}));
+              (std::vector<std::string>{"a.txt", "dangling", "sub", "to-a", "to-sub"}));
+}
+
+// The tree arrived without links, and the task said so once for each.
+void expectLinksSkipped(const FileTransferTask& task, const std::string& root,
+                        const std::string& from) {
+    EXPECT_EQ(task.state(), TransferTaskState::Completed) << describe(task);
+    EXPECT_TRUE(fileHolds(root + "/sub/b.txt", "beta"));
+    EXPECT_EQ(namesIn(root), (std::vector<std::string>{"a.txt", "sub"}));
+    auto notices = task.notices();
+    std::sort(notices.begin(), notices.end());
+    EXPECT_EQ(notices, (std::vector<std::string>{"skipped link " + from + "/dangling -> nowhere",
+                                                 "skipped link " + from + "/to-a -> a.txt",
+                                                 "skipped link " + from + "/to-sub -> sub"}));
 }
 
 // A view that calls `onFirstBytes` once, at the first progress report with bytes moved.
@@ -88,7 +134,8 @@ TEST_F(FtpTransfer, UploadsTreeAndDownloadsItBack) {
                                      remoteFolder(ftp, "/"));
         ASSERT_EQ(up->state(), TransferTaskState::Completed) << describe(*up) << server->log();
         expectUploadedTree(server->hostPath("/tree"));
-        EXPECT_EQ(up->totalBytes(), 5 + 6 + 300000 + 3 + 5);
+        EXPECT_EQ(up->totalBytes(), 5 + 6 + 300000 + 3);
+        EXPECT_EQ(up->notices().size(), 2u);
         EXPECT_EQ(up->transferredBytes(), up->totalBytes());
 
         // A downloaded file keeps the server's modification time.
@@ -106,21 +153,88 @@ TEST_F(FtpTransfer, UploadsTreeAndDownloadsItBack) {
     }
 }
 
-TEST_F(FtpTransfer, DownloadedLinkIsAFileNamedAfterItsTarget) {
-    // vsftpd lists links with their targets ("name -> target").
-    auto server = startFtpServer(FtpServerKind::Vsftpd);
-    if (!server) return;
-    server->writeFile("/elsewhere/target.txt", "pointed at");
-    server->makeDir("/box");
-    ASSERT_EQ(::symlink("../elsewhere/target.txt", server->hostPath("/box/shortcut").c_str()), 0);
-    server->chownTree();
-    auto ftp = server->serverInfo();
-    auto down = runOne<DownloadTask>(manager, ftp, remoteItem(ftp, "/box"), localServer(),
-                                     localFolder(dir.path()));
-    ASSERT_EQ(down->state(), TransferTaskState::Completed) << describe(*down);
-    EXPECT_EQ(namesIn(dir / "box"), std::vector<std::string>{"target.txt"});
-    EXPECT_FALSE(fs::is_symlink(dir / "box/target.txt"));
-    EXPECT_TRUE(fileHolds(dir / "box/target.txt", "pointed at"));
+TEST_F(FtpTransfer, LinksAreKeptWhereBothSidesHoldLinksAndOtherwiseSkippedWithANotice) {
+    auto vs = startFtpServer(FtpServerKind::Vsftpd);
+    auto pure = startFtpServer(FtpServerKind::PureFtpd);
+    auto sshd = SftpServer::start(SftpServerKind::OpenSSH);
+    if (!vs || !pure || !sshd) return;
+    auto vsInfo = vs->serverInfo();
+    auto pureInfo = pure->serverInfo();
+    auto sftp = sshd->serverInfo();
+    fs::create_directories(PathUtils::getHomeFolderPath() + "/.ssh");
+    std::ofstream(PathUtils::getHomeFolderPath() + "/.ssh/known_hosts")
+        << sshd->knownHostsLine() << "\n";
+    makeLinkedTree(dir / "tree");
+    fs::create_directories(dir / "copy");
+    fs::create_directories(dir / "down");
+
+    // Local to local, and SFTP to local: both sides hold links. (Links are not made on SFTP
+    // servers.)
+    auto copy = runOne<CopyTask>(manager, localServer(), localItem(dir / "tree"), localServer(),
+                                 localFolder(dir / "copy"));
+    ASSERT_EQ(copy->state(), TransferTaskState::Completed) << describe(*copy);
+    expectLinkedTree(dir / "copy/tree");
+    auto sftpFolder = [&](const std::string& rel) {
+        KvMetadata m(sshd->remotePath(rel));
+        m.isDir = true;
+        m.serverID = sftp->serverID;
+        m.protocolType = sftp->protocolType;
+        return m;
+    };
+    auto toSftp =
+        runOne<UploadTask>(manager, localServer(), localItem(dir / "tree"), sftp, sftpFolder(""));
+    expectLinksSkipped(*toSftp, sshd->hostPath("tree"), dir / "tree");
+    makeLinkedTree(sshd->hostPath("tree"));
+    auto tree = sftpFolder("tree");
+    auto fromSftp =
+        runOne<DownloadTask>(manager, sftp, tree, localServer(), localFolder(dir / "down"));
+    ASSERT_EQ(fromSftp->state(), TransferTaskState::Completed) << describe(*fromSftp);
+    expectLinkedTree(dir / "down/tree");
+    EXPECT_TRUE(copy->notices().empty() && fromSftp->notices().empty());
+
+    // To FTP: the server cannot be given links.
+    auto up = runOne<UploadTask>(manager, localServer(), localItem(dir / "tree"), vsInfo,
+                                 remoteFolder(vsInfo, "/"));
+    expectLinksSkipped(*up, vs->hostPath("/tree"), dir / "tree");
+
+    // From FTP: a link the server lists with its target (vsftpd) is made again locally; one
+    // listed without (pure-ftpd's MLSD) is skipped with its notice, and a link to a folder no
+    // longer ends the whole copy.
+    for (auto* server : {vs.get(), pure.get()}) {
+        SCOPED_TRACE(server->name());
+        makeLinkedTree(server->hostPath("/served"));
+        server->chownTree();
+        auto info = server->serverInfo();
+        ScratchDir into("linksdown");
+        auto down = runOne<DownloadTask>(manager, info, remoteItem(info, "/served"), localServer(),
+                                         localFolder(into.path()));
+        ASSERT_EQ(down->state(), TransferTaskState::Completed) << describe(*down);
+        if (server == vs.get()) {
+            expectLinkedTree(into / "served");
+            EXPECT_TRUE(down->notices().empty());
+        } else {
+            EXPECT_EQ(namesIn(into / "served"), (std::vector<std::string>{"a.txt", "sub"}));
+            auto notices = down->notices();
+            EXPECT_EQ(notices.size(), 3u);
+            for (auto& n : notices)
+                EXPECT_TRUE(n.starts_with("skipped link " + remotePath(info, "/served/"))) << n;
+        }
+    }
+
+    // Between two FTP servers: skipped, each with its notice.
+    pure->makeDir("/cross");
+    pure->chownTree();
+    auto cross = runOne<CrossCopyTask>(manager, vsInfo, remoteItem(vsInfo, "/served"), pureInfo,
+                                       remoteFolder(pureInfo, "/cross"));
+    expectLinksSkipped(*cross, pure->hostPath("/cross/served"), remotePath(vsInfo, "/served"));
+
+    // A link named on its own follows the same rule.
+    auto one = runOne<UploadTask>(manager, localServer(), localItem(dir / "tree/to-sub"), vsInfo,
+                                  remoteFolder(vsInfo, "/"));
+    EXPECT_EQ(one->state(), TransferTaskState::Completed) << describe(*one);
+    EXPECT_EQ(one->notices(),
+              std::vector<std::string>{"skipped link " + dir / "tree/to-sub" + " -> sub"});
+    EXPECT_FALSE(fs::exists(vs->hostPath("/to-sub")));
 }
 
 TEST_F(FtpTransfer, CrossCopyBetweenTwoDifferentServers) {
@@ -195,6 +309,107 @@ TEST_F(FtpTransfer, KeepBothAndReplaceOnTheServer) {
     ASSERT_EQ(down->state(), TransferTaskState::Completed) << describe(*down);
     EXPECT_TRUE(fileHolds(dir / "local/report-2.txt", "newest"));
     EXPECT_TRUE(fileHolds(dir / "local/report.txt", "l0"));
+}
+
+TEST_F(FtpTransfer, FolderConflictsReplaceMergeKeepBothOrSkipInEveryDirection) {
+    auto server = startFtpServer(FtpServerKind::PureFtpd);
+    if (!server) return;
+    auto ftp = server->serverInfo();
+    // The folder to copy, and the one of the same name it meets.
+    auto makeSource = [](const std::string& root) {
+        writeFile(root + "/box/new.txt", "new");
+        writeFile(root + "/box/same.txt", "new");
+        writeFile(root + "/box/sub/inner.txt", "new");
+    };
+    auto makeExisting = [](const std::string& root) {
+        fs::remove_all(root);
+        writeFile(root + "/box/old.txt", "old");
+        writeFile(root + "/box/same.txt", "old");
+        writeFile(root + "/box/sub/kept.txt", "old");
+    };
+    makeSource(dir / "src");
+    makeSource(server->hostPath("/src"));
+    server->chownTree();
+    struct Direction {
+        std::string name;
+        std::string target;  // the target folder as this machine sees it
+        std::function<FileTransferTaskPtr()> task;
+    };
+    std::vector<Direction> directions{
+        {"local", dir / "dst", [&] { return localTask<CopyTask>(dir / "src/box", dir / "dst"); }},
+        {"upload", server->hostPath("/dst"),
+         [&] {
+             return makeTask<UploadTask>(localServer(), localItem(dir / "src/box"), ftp,
+                                         remoteFolder(ftp, "/dst"));
+         }},
+        {"download", dir / "down",
+         [&] {
+             return makeTask<DownloadTask>(ftp, remoteItem(ftp, "/src/box"), localServer(),
+                                           localFolder(dir / "down"));
+         }},
+    };
+    auto prompts = std::make_shared<ScriptedPrompts>();
+    manager.setUserPrompts(prompts);
+    for (auto& d : directions) {
+        SCOPED_TRACE(d.name);
+        auto run = [&](ConflictAction action) {
+            makeExisting(d.target);
+            server->chownTree();
+            prompts->conflictAnswers.push_back({action, false});
+            auto task = d.task();
+            runAll(manager, task);
+            EXPECT_NE(task->state(), TransferTaskState::Failed) << describe(*task);
+            return d.target + "/box";
+        };
+        // Replace: the existing folder goes, with everything in it.
+        auto box = run(ConflictAction::Replace);
+        EXPECT_EQ(treeOf(box),
+                  (std::vector<std::string>{"new.txt", "same.txt", "sub/", "sub/inner.txt"}));
+        EXPECT_TRUE(fileHolds(box + "/same.txt", "new"));
+        EXPECT_EQ(namesIn(d.target), std::vector<std::string>{"box"});
+        // Merge: both folders' items, the copied ones replacing those of the same name.
+        box = run(ConflictAction::Merge);
+        EXPECT_EQ(treeOf(box), (std::vector<std::string>{"new.txt", "old.txt", "same.txt", "sub/",
+                                                         "sub/inner.txt", "sub/kept.txt"}));
+        EXPECT_TRUE(fileHolds(box + "/same.txt", "new"));
+        EXPECT_EQ(namesIn(d.target), std::vector<std::string>{"box"});
+        // Keep both and skip leave the existing folder as it was.
+        box = run(ConflictAction::KeepBoth);
+        EXPECT_TRUE(fileHolds(box + "/same.txt", "old"));
+        EXPECT_TRUE(fileHolds(box + "-1/same.txt", "new"));
+        box = run(ConflictAction::Skip);
+        EXPECT_EQ(namesIn(d.target), std::vector<std::string>{"box"});
+        EXPECT_EQ(treeOf(box),
+                  (std::vector<std::string>{"old.txt", "same.txt", "sub/", "sub/kept.txt"}));
+        EXPECT_EQ(prompts->conflictsAsked.back().offerMerge, true);
+    }
+
+    // On a server, a file replaces a folder and a folder replaces a file, as they do locally,
+    // and nothing is left under a hidden name; a name of 250 bytes can be replaced too.
+    std::string longName(250, 'n');
+    for (const auto& name : {std::string("box"), longName}) {
+        fs::remove_all(server->hostPath("/dst"));
+        writeFile(server->hostPath("/dst/" + name + "/old.txt"), "old");
+        server->chownTree();
+        writeFile(dir / ("files/" + name), "file");
+        prompts->conflictAnswers.push_back({ConflictAction::Replace, false});
+        auto fileOverFolder =
+            runOne<UploadTask>(manager, localServer(), localItem(dir / "files/" + name), ftp,
+                               remoteFolder(ftp, "/dst"));
+        EXPECT_EQ(fileOverFolder->state(), TransferTaskState::Completed)
+            << describe(*fileOverFolder);
+        EXPECT_TRUE(fileHolds(server->hostPath("/dst/" + name), "file"));
+        EXPECT_EQ(namesIn(server->hostPath("/dst")), std::vector<std::string>{name});
+        prompts->conflictAnswers.push_back({ConflictAction::Replace, false});
+        writeFile(dir / ("folders/" + name + "/in.txt"), "in");
+        auto folderOverFile =
+            runOne<UploadTask>(manager, localServer(), localItem(dir / "folders/" + name), ftp,
+                               remoteFolder(ftp, "/dst"));
+        EXPECT_EQ(folderOverFile->state(), TransferTaskState::Completed)
+            << describe(*folderOverFile);
+        EXPECT_TRUE(fileHolds(server->hostPath("/dst/" + name + "/in.txt"), "in"));
+        EXPECT_EQ(namesIn(server->hostPath("/dst")), std::vector<std::string>{name});
+    }
 }
 
 TEST_F(FtpTransfer, CancelledDownloadLeavesTargetFolderUntouched) {

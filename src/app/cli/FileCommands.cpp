@@ -84,6 +84,7 @@ void registerFileCommands(Cli& cli) {
         cli.action = [lsTarget, lsAll, lsJson] {
             auto loc = resolveAndStart(*lsTarget);
             if (!loc) return reportError(loc.error());
+            // Without -a the clients follow the setting "SYS_SHOW_HIDDEN_FILES".
             loc->client->setForceIncludesHiddenFiles(*lsAll);
             auto item = statLocation(*loc);
             if (!item) return reportError(item.error());
@@ -94,11 +95,6 @@ void registerFileCommands(Cli& cli) {
                 auto listing = loc->client->contentsOfDirectoryAtPathSync(loc->metadata(true));
                 if (!listing) return reportError(listing.error().about(loc->display()));
                 entries = std::move(*listing);
-                if (!*lsAll) {
-                    std::erase_if(entries, [](const KvMetadata& m) {
-                        return m.nameIgnoreLinkResolve().value_or("").starts_with(".");
-                    });
-                }
                 static const std::string noName;
                 auto nameOf = [](const KvMetadata* m) -> const std::string& {
                     const auto& name = m->nameIgnoreLinkResolve();

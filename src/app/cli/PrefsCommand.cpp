@@ -4,6 +4,7 @@
 
 #include "app/cli/Cli.h"
 #include "core/AppPreference.h"
+#include "core/ClientExtras.h"
 #include "core/StringUtils.h"
 
 namespace quillon::cli {
@@ -65,7 +66,8 @@ void registerPrefsCommand(Cli& cli) {
             if (auto r = startApplication(); !r) return reportError(r.error());
             auto& prefs = AppPreference::sharedAppPreference();
             if (key->empty()) {
-                for (auto& [k, v] : prefs.snapshot()) fmt::print("{} = {}\n", k, show(v));
+                for (auto& [k, v] : prefs.snapshot())
+                    fmt::print("{} = {}\n", k, isSecretKey(k) ? std::string("********") : show(v));
                 return kExitOk;
             }
             if (*unset) {
@@ -76,7 +78,7 @@ void registerPrefsCommand(Cli& cli) {
             if (valueOpt->count() == 0) {
                 auto v = prefs.valueForKey(*key);
                 if (!v) return reportMessage("No setting named \"" + *key + "\".");
-                fmt::print("{}\n", show(*v));
+                fmt::print("{}\n", isSecretKey(*key) ? "********" : show(*v));
                 return kExitOk;
             }
             auto parsed = parseLike(prefs.valueForKey(*key), *value);

@@ -9,10 +9,13 @@
 #include "app/cli/Json.h"
 #include "clients/ServerForm.h"
 #include "clients/sftp/SFTPWrapper.h"
+#include "core/ClientExtras.h"
 #include "core/Location.h"
 #include "core/ServerInfoService.h"
 #include "core/StringEncoding.h"
+#include "core/StringUtils.h"
 #include "core/WrapperProxy.h"
+#include "sync/SyncInfoService.h"
 
 namespace quillon::cli {
 
@@ -41,9 +44,7 @@ std::string typeName(std::int32_t type) {
 
 // Secrets are not printed.
 bool isSecret(const std::string& key) {
-    return key == "PASSWORD" || key == "TEMP_PASSWORD" || key == "DROPBOX_ACCESS_TOKEN" ||
-           key == SftpProp::PASSPHRASE || key == "GoogleAuthorizationData" ||
-           key.find("TOKEN") != std::string::npos;
+    return isSecretKey(key);
 }
 
 std::string serverJson(const ServerInfo& info) {
@@ -67,7 +68,16 @@ std::string serverLine(const ServerInfo& info) {
         auto addr = info.valueForKey(ServerProp::ADDR).value_or("");
         auto user = info.valueForKey(ServerProp::USERNAME).value_or("");
         auto port = info.valueForKey(ServerProp::PORT).value_or("");
-        where = typeName(info.protocolType) + "://" + (user.empty() ? "" : user + "@") + addr +
+        std::string scheme = typeName(info.protocolType);
+        // The scheme a URL for the server would take: TLS shows.
+        auto tls = info.valueForKey(ServerProp::FTP_PROTOCOL).value_or("");
+        if (info.protocolType == ProtocolType::FTP && tls == "FTP_PROTOCOL_IMPLICIT")
+            scheme = "ftps";
+        else if (info.protocolType == ProtocolType::FTP && tls.starts_with("FTP_PROTOCOL_EXPLICIT"))
+            scheme = "ftpes";
+        else if (info.protocolType == ProtocolType::WebDAV && info.boolValueForKey("WEBDAV_HTTPS"))
+            scheme = "davs";
+        where = scheme + "://" + (user.empty() ? "" : user + "@") + addr +
                 (port.empty() ? "" : ":" + port) + info.valueForKey(ServerProp::PATH).value_or("");
         if (info.boolValueForKey(ServerProp::QUICK_CONNECT)) where += "  (quick connect)";
     }
@@ -145,8 +155,9 @@ void registerServerCommands(Cli& cli) {
     addCmd->callback([&cli, add] {
         cli.action = [add] {
             if (auto r = startApplication(); !r) return reportError(r.error());
-            if (findServer(add->name))
-                return reportMessage("A server named \"" + add->name + "\" exists already.");
+            auto& service = ServerInfoService::sharedServerInfoService();
+            if (auto ok = checkNewServerName(add->name); !ok)
+                return reportMessage(ok.error().reason);
             ServerInfo info;
             info.displayName = add->name;
             info.protocolType = kTypes.at(add->type);
@@ -253,13 +264,29 @@ void registerServerCommands(Cli& cli) {
     });
 
     auto rmName = std::make_shared<std::string>();
+    auto rmForce = std::make_shared<bool>(false);
     auto* rm = server->add_subcommand("rm", "Remove a server");
     rm->add_option("NAME", *rmName, "Display name or server id")->required();
-    rm->callback([&cli, rmName] {
-        cli.action = [rmName] {
+    rm->add_flag("--force", *rmForce, "Remove it even when sync pairs use it");
+    rm->callback([&cli, rmName, rmForce] {
+        cli.action = [rmName, rmForce] {
             if (auto r = startApplication(); !r) return reportError(r.error());
             auto info = requireServer(*rmName);
             if (!info) return reportError(info.error());
+            auto pairs = SyncInfoService::sharedInstance().pairsUsingServer(info->serverID);
+            if (!pairs.empty() && !*rmForce) {
+                std::string list;
+                for (auto& pair : pairs)
+                    list += fmt::format("\n  sync pair {}: {} <-> {}", pair.syncInfoID,
+                                        pair.localFolderMeta.pathOrEmpty(),
+                                        pair.remoteFolderMeta.pathOrEmpty());
+                return reportMessage(
+                    fmt::format("Server \"{}\" is used by {}:{}\nRemove the pairs first, or use "
+                                "--force.",
+                                info->displayName, pairs.size() == 1 ? "a sync pair" : "sync pairs",
+                                list),
+                    kExitUsage);
+            }
             if (auto r = ServerInfoService::sharedServerInfoService().deleteServerInfo(*info); !r)
                 return reportError(r.error());
             return kExitOk;

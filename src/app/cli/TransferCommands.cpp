@@ -32,7 +32,7 @@ namespace quillon::cli {
 
 namespace {
 
-enum class ConflictPolicy { Ask, Replace, KeepBoth, Skip };
+enum class ConflictPolicy { Ask, Replace, Merge, KeepBoth, Skip };
 
 struct Options {
     std::vector<std::string> sources;
@@ -122,21 +122,26 @@ class TransferConsole : public ProgressView {
         // A conflict answered with skip ends the task stopped: it was skipped, not stopped.
         bool skipped =
             state == TransferTaskState::Stopped && task.fileConflict() == ConflictAction::Skip;
+        auto notices = task.notices();
         if (json_) {
+            std::string noted;
+            for (auto& n : notices) noted += (noted.empty() ? "" : ",") + jsonString(n);
             std::string failed;
             for (auto& f : failures)
                 failed += fmt::format("{}{{\"path\":{},\"error\":{}}}", failed.empty() ? "" : ",",
                                       jsonString(f.path), errorJson(f.error));
             fmt::print(stdout,
                        "{{\"event\":\"end\",\"id\":{},\"source\":{},\"target\":{},\"state\":{},"
-                       "\"transferred\":{},\"total\":{},\"error\":{}{}}}\n",
+                       "\"transferred\":{},\"total\":{},\"error\":{}{}{}}}\n",
                        row.id, jsonString(row.label), jsonString(task.targetMetadata.pathOrEmpty()),
                        jsonString(skipped ? "skipped" : stateName(state)), task.transferredBytes(),
                        task.totalBytes(), error ? errorJson(*error) : "null",
-                       failed.empty() ? "" : ",\"failedItems\":[" + failed + "]");
+                       failed.empty() ? "" : ",\"failedItems\":[" + failed + "]",
+                       noted.empty() ? "" : ",\"notices\":[" + noted + "]");
             std::fflush(stdout);
             return;
         }
+        for (auto& n : notices) message("quillon: " + n);
         // Items of a folder that failed while the rest went on, each on its own line (the task's
         // own line names a single one).
         for (auto& f : failures.size() > 1 ? failures : decltype(failures){})
@@ -194,6 +199,10 @@ class TerminalPrompts : public UserPrompts {
             case ConflictPolicy::Replace:
                 answer(ConflictAction::Replace, true);
                 return;
+            case ConflictPolicy::Merge:
+                // Files meet files: the merged copy replaces them.
+                answer(item.offerMerge ? ConflictAction::Merge : ConflictAction::Replace, false);
+                return;
             case ConflictPolicy::KeepBoth:
                 answer(ConflictAction::KeepBoth, true);
                 return;
@@ -207,8 +216,9 @@ class TerminalPrompts : public UserPrompts {
             answer(ConflictAction::Skip, false);
             return;
         }
-        std::string choices =
-            item.hideReplaceButton ? "[k]eep both, [s]kip" : "[r]eplace, [k]eep both, [s]kip";
+        std::string choices = item.hideReplaceButton ? "[k]eep both, [s]kip"
+                              : item.offerMerge      ? "[r]eplace, [m]erge, [k]eep both, [s]kip"
+                                                     : "[r]eplace, [k]eep both, [s]kip";
         while (true) {
             console_->ask(fmt::format("{}\n{} (a capital letter applies to all later conflicts): ",
                                       item.message, choices));
@@ -225,6 +235,10 @@ class TerminalPrompts : public UserPrompts {
                 case 'r':
                     if (item.hideReplaceButton) break;
                     answer(ConflictAction::Replace, all);
+                    return;
+                case 'm':
+                    if (!item.offerMerge) break;
+                    answer(ConflictAction::Merge, all);
                     return;
                 case 'k':
                     answer(ConflictAction::KeepBoth, all);
@@ -282,6 +296,7 @@ std::optional<ConflictPolicy> parsePolicy(const std::string& text, bool interact
     if (text.empty()) return interactive ? ConflictPolicy::Ask : ConflictPolicy::Skip;
     if (text == "ask") return ConflictPolicy::Ask;
     if (text == "replace") return ConflictPolicy::Replace;
+    if (text == "merge") return ConflictPolicy::Merge;
     if (text == "keep-both") return ConflictPolicy::KeepBoth;
     if (text == "skip") return ConflictPolicy::Skip;
     return std::nullopt;
@@ -291,8 +306,9 @@ int runTransfer(const Options& opt, bool moving) {
     bool interactive = ::isatty(STDIN_FILENO) == 1;
     auto policy = parsePolicy(opt.onConflict, interactive);
     if (!policy)
-        return reportMessage("--on-conflict takes ask, replace, keep-both or skip.", kExitUsage);
-    if (moving && *policy == ConflictPolicy::Replace)
+        return reportMessage("--on-conflict takes ask, replace, merge, keep-both or skip.",
+                             kExitUsage);
+    if (moving && (*policy == ConflictPolicy::Replace || *policy == ConflictPolicy::Merge))
         return reportMessage("a move can only keep both or skip on a name conflict.", kExitUsage);
     if (*policy == ConflictPolicy::Ask && !interactive)
         return reportMessage("--on-conflict ask needs a terminal on standard input.", kExitUsage);
@@ -375,8 +391,10 @@ void addCommonOptions(CLI::App* cmd, Options& opt, bool moving) {
         ->required();
     cmd->add_option("--on-conflict", opt.onConflict,
                     moving ? "ask, keep-both or skip (default: ask on a terminal, else skip)"
-                           : "ask, replace, keep-both or skip (default: ask on a terminal, else "
-                             "skip)");
+                           : "ask, replace, merge, keep-both or skip (default: ask on a terminal, "
+                             "else skip). replace removes an existing item first, a folder with "
+                             "everything in it; merge copies a folder into an existing folder, "
+                             "replacing files of the same name");
     cmd->add_option("--jobs", opt.jobs, "Transfers at once (default: the preference)");
     cmd->add_flag("--json", opt.json, "Print progress and results as JSON lines");
     cmd->add_flag("--keep-going", opt.keepGoing, "After a failure go on with the other transfers");

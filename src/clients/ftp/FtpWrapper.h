@@ -15,13 +15,14 @@
 #include <vector>
 
 #include "clients/ftp/CURLConnection.h"
+#include "core/ClientExtras.h"
 #include "core/Wrapper.h"
 
 struct sockaddr;
 
 namespace quillon {
 
-class FtpWrapper : public Wrapper {
+class FtpWrapper : public Wrapper, public LoginFolder {
   public:
     enum class Direction { None, Download, Upload };
     // One request's state, made by the operation that sends it: libcurl's callbacks of that
@@ -83,6 +84,10 @@ class FtpWrapper : public Wrapper {
     // "http://127.0.0.1:21901/<path>" on the local streaming server, which then serves the file.
     std::optional<std::string> loadStreamableURLForFileSync(const KvMetadata& file) override;
     // The folder of the "PATH" setting; the login folder when it is empty.
+    // PWD after the login.
+    [[nodiscard]] Result<std::string> loginFolderSync() override {
+        return currentWorkingDirectory();
+    }
     KvMetadata rootFolder() override;
 
     // Ranged reads: initStreamFileMeta takes the file's size from the record (or SIZE);

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <memory>
 #include <vector>
@@ -55,6 +56,22 @@ WrapperCapabilities LocalWrapper::capabilities() const {
     WrapperCapabilities caps;
     caps.streaming = true;
     return caps;
+}
+
+Result<std::string> LocalWrapper::linkTextSync(const KvMetadata& link) {
+    std::string path = link.pathOrEmpty();
+    std::string target(PATH_MAX, '\0');
+    ssize_t n = ::readlink(path.c_str(), target.data(), target.size());
+    if (n < 0) return LocalFileOps::posixFailure(errno, path);
+    target.resize(static_cast<std::size_t>(n));
+    return target;
+}
+
+Status LocalWrapper::makeLinkSync(const KvMetadata& link, const std::string& target) {
+    std::string path = link.pathOrEmpty();
+    if (::symlink(target.c_str(), path.c_str()) != 0)
+        return LocalFileOps::posixFailure(errno, path);
+    return {};
 }
 
 bool LocalWrapper::isICloudPath(const std::string&) {

@@ -9,11 +9,12 @@
 #include <functional>
 #include <string>
 
+#include "core/ClientExtras.h"
 #include "core/Wrapper.h"
 
 namespace quillon {
 
-class LocalWrapper : public Wrapper {
+class LocalWrapper : public Wrapper, public LinkReader, public LinkMaker {
   public:
     // Bytes per copy step, and per progress report.
     static constexpr std::uint64_t kCopyChunkSize = 10485760;
@@ -21,7 +22,7 @@ class LocalWrapper : public Wrapper {
     explicit LocalWrapper(ServerInfoPtr serverInfo);
     ~LocalWrapper() override;
 
-    // Streaming reads; nothing else optional.
+    // Streaming reads; links through LinkReader and LinkMaker.
     WrapperCapabilities capabilities() const override;
     std::string_view errorDomain() const override { return ErrorDomain::Local; }
 
@@ -33,6 +34,9 @@ class LocalWrapper : public Wrapper {
     // forceIncludesHiddenFiles; ".name.icloud" placeholders list as "name". Missing: 10008.
     [[nodiscard]] Result<KvMetadataList> contentsOfDirectoryAtPathSync(
         const KvMetadata& folder) override;
+    // readlink and symlink; an existing item at the link's path fails with EEXIST.
+    [[nodiscard]] Result<std::string> linkTextSync(const KvMetadata& link) override;
+    [[nodiscard]] Status makeLinkSync(const KvMetadata& link, const std::string& target) override;
     // lstat of the one item: a link is described, not followed.
     [[nodiscard]] Result<KvMetadata> metadataOfItemSync(const KvMetadata& item) override;
     // Copies the file to `saveTo` (a link as a link); the same path does nothing. Missing: 10008.

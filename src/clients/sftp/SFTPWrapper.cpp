@@ -904,6 +904,17 @@ Status SFTPWrapper::createFolderSync(const KvMetadata& folder) {
     }));
 }
 
+Result<std::string> SFTPWrapper::linkTextSync(const KvMetadata& link) {
+    std::string path = trimmedSlashes(link.pathOrEmpty());
+    return withSession<std::string>([&](SftpSession& s) -> Result<std::string> {
+        char target[4096];
+        int n = libssh2_sftp_readlink(s.sftp, path.c_str(), target, sizeof target);
+        if (n < 0)
+            return std::unexpected(lastError(s, ErrorCode::NotFound, "Reading link " + path));
+        return std::string(target, static_cast<std::size_t>(n));
+    });
+}
+
 Status SFTPWrapper::initStreamFileMeta(const KvMetadata& file) {
     std::string path = trimmedSlashes(file.pathOrEmpty());
     auto size = withSession<std::uint64_t>([&](SftpSession& s) -> Result<std::uint64_t> {

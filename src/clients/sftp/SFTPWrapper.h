@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 
+#include "core/ClientExtras.h"
 #include "core/KvConnectionPool.h"
 #include "core/Wrapper.h"
 
@@ -38,7 +39,7 @@ class SftpSession : public KvConnection {
     LIBSSH2_SFTP* sftp = nullptr;
 };
 
-class SFTPWrapper : public Wrapper {
+class SFTPWrapper : public Wrapper, public LinkReader {
   public:
     explicit SFTPWrapper(ServerInfoPtr serverInfo);
     ~SFTPWrapper() override;
@@ -65,6 +66,9 @@ class SFTPWrapper : public Wrapper {
     [[nodiscard]] Status moveSync(const KvMetadata& item, const KvMetadata& to) override;
     [[nodiscard]] Status removeSync(const KvMetadataList& items) override;
     [[nodiscard]] Status createFolderSync(const KvMetadata& folder) override;
+    // The link's own text (readlink). Links are not made: the servers disagree on the order of
+    // the request's two paths.
+    [[nodiscard]] Result<std::string> linkTextSync(const KvMetadata& link) override;
     // The "PATH" setting; the login folder when it is empty.
     KvMetadata rootFolder() override;
 
