@@ -39,6 +39,11 @@ Status makeLocalFolder(const std::string& path) {
 DownloadTask::DownloadTask() : progress_(std::make_shared<TransferProgress>()) {}
 
 std::string DownloadTask::localName(const KvMetadata& item) {
+    // A link is fetched as the file it points to, and named so.
+    if (item.isSymbolLink && item.symbolLinkTarget && !item.symbolLinkTarget->empty()) {
+        auto name = StringUtils::lastPathComponent(*item.symbolLinkTarget);
+        if (!name.empty() && name != "/" && name != "." && name != "..") return name;
+    }
     return item.nameIgnoreLinkResolve().value_or(
         StringUtils::lastPathComponent(item.pathOrEmpty()));
 }
@@ -88,12 +93,6 @@ void DownloadTask::startTransfer() {
     sourceWrapper_ = *client;
     sourceWrapper_->setForceIncludesHiddenFiles(true);
     trackWrapper(sourceWrapper_);
-    auto local = WrapperProxy::clientForServerInfo(targetServerInfo);
-    if (!local) {
-        finish(local.error());
-        return;
-    }
-    localWrapper_ = *local;
     copier_.shouldStop = [this] { return stopped(); };
 
     KvMetadata folder = targetMetadata;
@@ -106,10 +105,9 @@ void DownloadTask::startTransfer() {
     target.localPath = target.path();
     targetMetadata = target;
 
-    if (sourceMetadata.isSymbolLink) {
-        auto r =
-            transferLink(sourceMetadata, target, *sourceWrapper_, *localWrapper_, overwrites());
-        finish(r ? std::nullopt : std::optional<Error>(r.error()));
+    if (sourceMetadata.isSymbolLink && sourceMetadata.isDir) {
+        skipLink(sourceMetadata);
+        finish(std::nullopt);
         return;
     }
     auto root = std::make_shared<FileTransferNode>(sourceMetadata, target, folder);
@@ -164,8 +162,7 @@ Status DownloadTask::contentsOfDirectory(const FileTransferNode::Ptr& node) {
     walk.makeFolder = [this](const KvMetadata& target) {
         return makeLocalFolder(target.pathOrEmpty());
     };
-    walk.linkSource = sourceWrapper_.get();
-    walk.linkTarget = localWrapper_.get();
+    walk.fetchLinks = true;
     auto r = collectTree(node, walk, fileNodes_);
     progress_->setTotalUnitCount(totalBytes());
     return r;
@@ -176,6 +173,12 @@ Status DownloadTask::transferFiles() {
         if (stopped()) return {};
         if (auto r = transferFile(*node); !r) {
             if (stopped()) return {};
+            // A link the server could not hand over (dangling, or to a folder it listed as a
+            // file) is left out, as links are where they cannot be kept.
+            if (node->sourceMetadata.isSymbolLink) {
+                skipLink(node->sourceMetadata);
+                continue;
+            }
             if (auto failed = itemFailed(node->sourceMetadata, r.error()); !failed) return failed;
         }
     }

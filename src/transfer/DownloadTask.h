@@ -41,10 +41,10 @@ class DownloadTask : public FileTransferTask {
     Status transferFiles();
     Status transferFile(const FileTransferNode& node);
     void finish(std::optional<Error> error);
+    // The local name of a remote item: a link is named after what it points to.
     static std::string localName(const KvMetadata& item);
 
     WrapperPtr sourceWrapper_;
-    WrapperPtr localWrapper_;  // makes links
     std::string taskTempFolderPath_;
     mutable std::mutex tempMutex_;
     std::vector<FileTransferNode::Ptr> fileNodes_;

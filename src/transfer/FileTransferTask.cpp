@@ -90,6 +90,13 @@ void FileTransferTask::addNotice(std::string text) {
     notices_.push_back(std::move(text));
 }
 
+void FileTransferTask::skipLink(const KvMetadata& source, std::optional<std::string> holds) {
+    std::string shown = holds ? *holds : source.symbolLinkTarget.value_or("?");
+    addNotice(fmt::format("skipped link {} -> {}",
+                          StringUtils::escapedForDisplay(source.pathOrEmpty()),
+                          StringUtils::escapedForDisplay(shown)));
+}
+
 Status FileTransferTask::transferLink(const KvMetadata& source, const KvMetadata& target,
                                       Wrapper& sourceSide, Wrapper& targetSide, bool replace) {
     setTransferringFileMeta(source);
@@ -101,10 +108,7 @@ Status FileTransferTask::transferLink(const KvMetadata& source, const KvMetadata
         text = *source.symbolLinkTarget;
     auto* maker = dynamic_cast<LinkMaker*>(&targetSide);
     if (!text || !maker) {
-        std::string shown = text ? *text : source.symbolLinkTarget.value_or("?");
-        addNotice(fmt::format("skipped link {} -> {}",
-                              StringUtils::escapedForDisplay(source.pathOrEmpty()),
-                              StringUtils::escapedForDisplay(shown)));
+        skipLink(source, text ? std::optional<std::string>(*text) : std::nullopt);
         return {};
     }
     KvMetadata link = target;
@@ -284,8 +288,12 @@ Status FileTransferTask::collectTree(const std::shared_ptr<FileTransferNode>& no
         Status usable = toServer ? FileTransferUtils::checkNameForServer(
                                        FileTransferUtils::itemName(target), entry.pathOrEmpty())
                                  : Status{};
-        if (usable && entry.isSymbolLink) {
-            if (!walk.linkSource || !walk.linkTarget) continue;
+        bool fetched = walk.fetchLinks && entry.isSymbolLink && !entry.isDir;
+        if (usable && entry.isSymbolLink && !fetched) {
+            if (walk.fetchLinks || !walk.linkSource || !walk.linkTarget) {
+                skipLink(entry);
+                continue;
+            }
             if (auto r =
                     transferLink(entry, target, *walk.linkSource, *walk.linkTarget, overwrites());
                 !r)

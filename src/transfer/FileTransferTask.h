@@ -173,6 +173,8 @@ class FileTransferTask : public std::enable_shared_from_this<FileTransferTask> {
     // the target path (not a folder) gives way. A link that cannot be made fails as an item.
     Status transferLink(const KvMetadata& source, const KvMetadata& target, Wrapper& sourceSide,
                         Wrapper& targetSide, bool replace);
+    // Leaves the link out with its notice; `holds` is what it points to, when known.
+    void skipLink(const KvMetadata& source, std::optional<std::string> holds = std::nullopt);
 
     // The start of a run that works through the clients of both sides: ends the run at once, and
     // returns false, when the task is to be skipped or was stopped or a side has no client;
@@ -189,12 +191,15 @@ class FileTransferTask : public std::enable_shared_from_this<FileTransferTask> {
     // How collectTree walks a source folder: `list` lists a folder, `adjustTarget` (optional)
     // fixes a child's target record, `makeFolder` creates a target folder (an error ends the walk),
     // `linkSource` and `linkTarget` are the two sides' clients for links (transferLink).
+    // `fetchLinks` (downloads): a link that does not point to a folder is fetched as the file it
+    // points to, a link to a folder is skipped with its notice.
     struct TreeWalk {
         std::function<Result<KvMetadataList>(const KvMetadata&)> list;
         std::function<void(const KvMetadata& source, KvMetadata& target)> adjustTarget;
         std::function<Status(const KvMetadata& target)> makeFolder;
         Wrapper* linkSource = nullptr;
         Wrapper* linkTarget = nullptr;
+        bool fetchLinks = false;
     };
     // Builds the node's subtree from the source listing: creates every target folder, appends
     // each file's node to `files` and adds its size to totalBytes. Links go to transferLink at

@@ -66,7 +66,7 @@ std::vector<std::string> treeOf(const std::string& root) {
 void makeLinkedTree(const std::string& root) {
     writeFile(root + "/a.txt", "alpha");
     writeFile(root + "/sub/b.txt", "beta");
-    ::symlink("a.txt", (root + "/to-a").c_str());
+    ::symlink("sub/b.txt", (root + "/to-b").c_str());
     ::symlink("sub", (root + "/to-sub").c_str());
     ::symlink("nowhere", (root + "/dangling").c_str());
 }
@@ -76,11 +76,11 @@ void expectLinkedTree(const std::string& root) {
     EXPECT_TRUE(fileHolds(root + "/a.txt", "alpha"));
     EXPECT_TRUE(fileHolds(root + "/sub/b.txt", "beta"));
     std::error_code ec;
-    EXPECT_EQ(fs::read_symlink(root + "/to-a", ec), "a.txt");
+    EXPECT_EQ(fs::read_symlink(root + "/to-b", ec), "sub/b.txt");
     EXPECT_EQ(fs::read_symlink(root + "/to-sub", ec), "sub");
     EXPECT_EQ(fs::read_symlink(root + "/dangling", ec), "nowhere");
     EXPECT_EQ(namesIn(root),
-              (std::vector<std::string>{"a.txt", "dangling", "sub", "to-a", "to-sub"}));
+              (std::vector<std::string>{"a.txt", "dangling", "sub", "to-b", "to-sub"}));
 }
 
 // The tree arrived without links, and the task said so once for each.
@@ -92,8 +92,26 @@ void expectLinksSkipped(const FileTransferTask& task, const std::string& root,
     auto notices = task.notices();
     std::sort(notices.begin(), notices.end());
     EXPECT_EQ(notices, (std::vector<std::string>{"skipped link " + from + "/dangling -> nowhere",
-                                                 "skipped link " + from + "/to-a -> a.txt",
+                                                 "skipped link " + from + "/to-b -> sub/b.txt",
                                                  "skipped link " + from + "/to-sub -> sub"}));
+}
+
+// A download: the link to a file arrived as that file, named after it where the server told what
+// the link holds (`fetchedAs`); the link to a folder and the dangling one were left out, each with
+// its notice.
+void expectLinksFetched(const FileTransferTask& task, const std::string& root,
+                        const std::string& from, const std::string& fetchedAs) {
+    EXPECT_EQ(task.state(), TransferTaskState::Completed) << describe(task);
+    EXPECT_TRUE(fileHolds(root + "/" + fetchedAs, "beta"));
+    EXPECT_FALSE(fs::is_symlink(root + "/" + fetchedAs));
+    std::vector<std::string> names{"a.txt", "sub", fetchedAs};
+    std::sort(names.begin(), names.end());
+    EXPECT_EQ(namesIn(root), names);
+    auto notices = task.notices();
+    std::sort(notices.begin(), notices.end());
+    ASSERT_EQ(notices.size(), 2u) << ::testing::PrintToString(notices);
+    EXPECT_TRUE(notices[0].starts_with("skipped link " + from + "/dangling")) << notices[0];
+    EXPECT_TRUE(notices[1].starts_with("skipped link " + from + "/to-sub")) << notices[1];
 }
 
 // A view that calls `onFirstBytes` once, at the first progress report with bytes moved.
@@ -153,7 +171,7 @@ TEST_F(FtpTransfer, UploadsTreeAndDownloadsItBack) {
     }
 }
 
-TEST_F(FtpTransfer, LinksAreKeptWhereBothSidesHoldLinksAndOtherwiseSkippedWithANotice) {
+TEST_F(FtpTransfer, LinksAreKeptOrFetchedAsFilesOrSkippedWithANotice) {
     auto vs = startFtpServer(FtpServerKind::Vsftpd);
     auto pure = startFtpServer(FtpServerKind::PureFtpd);
     auto sshd = SftpServer::start(SftpServerKind::OpenSSH);
@@ -168,8 +186,7 @@ TEST_F(FtpTransfer, LinksAreKeptWhereBothSidesHoldLinksAndOtherwiseSkippedWithAN
     fs::create_directories(dir / "copy");
     fs::create_directories(dir / "down");
 
-    // Local to local, and SFTP to local: both sides hold links. (Links are not made on SFTP
-    // servers.)
+    // Local to local: both sides hold links. (Links are not made on SFTP servers.)
     auto copy = runOne<CopyTask>(manager, localServer(), localItem(dir / "tree"), localServer(),
                                  localFolder(dir / "copy"));
     ASSERT_EQ(copy->state(), TransferTaskState::Completed) << describe(*copy);
@@ -188,18 +205,16 @@ TEST_F(FtpTransfer, LinksAreKeptWhereBothSidesHoldLinksAndOtherwiseSkippedWithAN
     auto tree = sftpFolder("tree");
     auto fromSftp =
         runOne<DownloadTask>(manager, sftp, tree, localServer(), localFolder(dir / "down"));
-    ASSERT_EQ(fromSftp->state(), TransferTaskState::Completed) << describe(*fromSftp);
-    expectLinkedTree(dir / "down/tree");
-    EXPECT_TRUE(copy->notices().empty() && fromSftp->notices().empty());
+    expectLinksFetched(*fromSftp, dir / "down/tree", sshd->remotePath("tree"), "b.txt");
+    EXPECT_TRUE(copy->notices().empty());
 
     // To FTP: the server cannot be given links.
     auto up = runOne<UploadTask>(manager, localServer(), localItem(dir / "tree"), vsInfo,
                                  remoteFolder(vsInfo, "/"));
     expectLinksSkipped(*up, vs->hostPath("/tree"), dir / "tree");
 
-    // From FTP: a link the server lists with its target (vsftpd) is made again locally; one
-    // listed without (pure-ftpd's MLSD) is skipped with its notice, and a link to a folder no
-    // longer ends the whole copy.
+    // From FTP: a link to a file is fetched as that file, named after its target where the
+    // listing tells it (vsftpd), and a link to a folder no longer ends the whole copy.
     for (auto* server : {vs.get(), pure.get()}) {
         SCOPED_TRACE(server->name());
         makeLinkedTree(server->hostPath("/served"));
@@ -208,17 +223,8 @@ TEST_F(FtpTransfer, LinksAreKeptWhereBothSidesHoldLinksAndOtherwiseSkippedWithAN
         ScratchDir into("linksdown");
         auto down = runOne<DownloadTask>(manager, info, remoteItem(info, "/served"), localServer(),
                                          localFolder(into.path()));
-        ASSERT_EQ(down->state(), TransferTaskState::Completed) << describe(*down);
-        if (server == vs.get()) {
-            expectLinkedTree(into / "served");
-            EXPECT_TRUE(down->notices().empty());
-        } else {
-            EXPECT_EQ(namesIn(into / "served"), (std::vector<std::string>{"a.txt", "sub"}));
-            auto notices = down->notices();
-            EXPECT_EQ(notices.size(), 3u);
-            for (auto& n : notices)
-                EXPECT_TRUE(n.starts_with("skipped link " + remotePath(info, "/served/"))) << n;
-        }
+        expectLinksFetched(*down, into / "served", remotePath(info, "/served"),
+                           server == vs.get() ? "b.txt" : "to-b");
     }
 
     // Between two FTP servers: skipped, each with its notice.

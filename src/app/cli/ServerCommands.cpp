@@ -155,7 +155,6 @@ void registerServerCommands(Cli& cli) {
     addCmd->callback([&cli, add] {
         cli.action = [add] {
             if (auto r = startApplication(); !r) return reportError(r.error());
-            auto& service = ServerInfoService::sharedServerInfoService();
             if (auto ok = checkNewServerName(add->name); !ok)
                 return reportMessage(ok.error().reason);
             ServerInfo info;
