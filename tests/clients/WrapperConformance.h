@@ -763,6 +763,26 @@ TEST_P(WrapperConformance, StreamsRandomReads) {
     bytes = client_->readDataOfLength(100);
     ASSERT_TRUE(bytes) << bytes.error().describe();
     EXPECT_TRUE(bytes->empty());
+
+    // What the playback server's cache fetches with: from an offset to the end, or until the
+    // receiver has enough; the client goes on working after either.
+    if (!client_->capabilities().readFromOffsetToEnd) return;
+    std::string got;
+    auto all = client_->readDataFromOffsetToEnd(1000, [&](const Bytes& chunk) {
+        got.append(chunk.begin(), chunk.end());
+        return true;
+    });
+    ASSERT_TRUE(all) << all.error().describe();
+    EXPECT_TRUE(got == content.substr(1000)) << got.size() << " bytes";
+    got.clear();
+    auto some = client_->readDataFromOffsetToEnd(7, [&](const Bytes& chunk) {
+        got.append(chunk.begin(), chunk.end());
+        return false;
+    });
+    EXPECT_TRUE(some || some.error().is(ErrorKind::Cancelled)) << some.error().describe();
+    EXPECT_TRUE(!got.empty() && content.compare(7, got.size(), got) == 0);
+    auto listed = client_->contentsOfDirectoryAtPathSync(remote("", true));
+    EXPECT_TRUE(listed) << listed.error().describe();
 }
 
 // Offsets past 4 GiB, on a sparse file so that nothing large is written.

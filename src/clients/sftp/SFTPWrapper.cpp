@@ -23,6 +23,7 @@
 #include "core/GCD.h"
 #include "core/HostKeyPrompt.h"
 #include "core/PathUtils.h"
+#include "core/StreamingSupport.h"
 #include "core/StringUtils.h"
 
 namespace quillon {
@@ -33,6 +34,9 @@ namespace {
 // and keeps all of a call's packets in flight at once: a large buffer is what makes a transfer
 // independent of the round-trip time.
 constexpr std::size_t kTransferBuffer = 4 * 1024 * 1024;
+// What a streaming fetch hands on at a time: small enough for the player's first bytes to come
+// soon.
+constexpr std::size_t kStreamChunk = 1024 * 1024;
 constexpr long kSessionTimeoutMs = 60000;
 constexpr int kConnectTimeoutMs = 15000;
 
@@ -187,6 +191,7 @@ WrapperCapabilities SFTPWrapper::capabilities() const {
     WrapperCapabilities c;
     c.streaming = true;
     c.checksUploadSize = true;
+    c.readFromOffsetToEnd = true;
     return c;
 }
 
@@ -936,6 +941,10 @@ Status SFTPWrapper::initStreamFileMeta(const KvMetadata& file) {
 }
 
 Result<Bytes> SFTPWrapper::readDataOfLength(std::uint64_t length) {
+    // Through the streaming service's disk cache when this program has one: a player's repeated
+    // probing of the same regions then costs the server nothing.
+    if (streamFile_ && StreamingSupport::installed())
+        return StreamingSupport::readDataOfLength(*this, *streamFile_, offset_, length);
     if (!streamFile_)
         return KvError::fail(ErrorDomain::SFTP, ErrorCode::DownloadFailed,
                              "No file opened for streaming");
@@ -970,6 +979,50 @@ Result<Bytes> SFTPWrapper::readDataOfLength(std::uint64_t length) {
     if (!read) return std::unexpected(read.error());
     offset_ += read->size();
     return read;
+}
+
+Status SFTPWrapper::readDataFromOffsetToEnd(std::int64_t start,
+                                            const std::function<bool(const Bytes&)>& handler) {
+    if (!streamFile_)
+        return KvError::fail(ErrorDomain::SFTP, ErrorCode::DownloadFailed,
+                             "No file opened for streaming");
+    if (cancelled()) return std::unexpected(cancelledError());
+    const std::string path = streamFile_->pathOrEmpty();
+    auto s = takeSession();
+    if (!s) return std::unexpected(s.error());
+    SftpSession& session = **s;
+    LIBSSH2_SFTP_HANDLE* h = libssh2_sftp_open(session.sftp, path.c_str(), LIBSSH2_FXF_READ, 0);
+    if (!h) {
+        auto e = lastError(session, ErrorCode::DownloadFailed, "Opening " + path);
+        if (isConnectionError(e))
+            session.cleanup();
+        else
+            giveBack(*s);
+        return std::unexpected(e);
+    }
+    libssh2_sftp_seek64(h, static_cast<libssh2_uint64_t>(std::max<std::int64_t>(0, start)));
+    std::vector<char> buffer(kStreamChunk);
+    std::optional<Error> failure;
+    while (!cancelled()) {
+        ssize_t n = libssh2_sftp_read(h, buffer.data(), buffer.size());
+        if (n == 0) {
+            libssh2_sftp_close(h);
+            giveBack(*s);
+            return {};
+        }
+        if (n < 0) {
+            failure = lastError(session, ErrorCode::DownloadFailed, "Reading " + path);
+            break;
+        }
+        auto* at = reinterpret_cast<const std::uint8_t*>(buffer.data());
+        if (!handler(Bytes(at, at + n))) break;
+    }
+    // Read-ahead requests are still in flight: the session is not reused.
+    abandonHandle(session.session, h);
+    session.cleanup();
+    if (failure) return std::unexpected(*failure);
+    if (cancelled()) return std::unexpected(cancelledError());
+    return {};
 }
 
 }  // namespace quillon

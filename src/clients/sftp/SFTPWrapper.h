@@ -74,6 +74,9 @@ class SFTPWrapper : public Wrapper, public LinkReader {
 
     [[nodiscard]] Status initStreamFileMeta(const KvMetadata& file) override;
     [[nodiscard]] Result<Bytes> readDataOfLength(std::uint64_t length) override;
+    // Pipelined reads handed to `handler` until the end, or until it wants no more.
+    [[nodiscard]] Status readDataFromOffsetToEnd(
+        std::int64_t start, const std::function<bool(const Bytes&)>& handler) override;
 
     // How many times a broken transfer is taken up again, and the pause before each attempt.
     void setRetries(int attempts, std::chrono::milliseconds pause) {

@@ -18,6 +18,7 @@
 #include "clients/smb/NbtScanner.h"
 #include "core/AppPreference.h"
 #include "core/GCD.h"
+#include "core/StreamingSupport.h"
 #include "core/StringUtils.h"
 
 namespace quillon {
@@ -27,6 +28,9 @@ namespace {
 // SMB2 reads and writes are split by the library into credits of at most the server's maximum
 // (8 MiB for Samba); a large buffer keeps several requests in flight.
 constexpr std::size_t kTransferBuffer = 4 * 1024 * 1024;
+// What a streaming fetch hands on at a time: small enough for the player's first bytes to come
+// soon.
+constexpr std::size_t kStreamChunk = 1024 * 1024;
 constexpr int kTimeoutMs = 20000;
 
 std::string trimmedSlashes(std::string path) {
@@ -99,6 +103,7 @@ SmbWrapper::~SmbWrapper() {
 WrapperCapabilities SmbWrapper::capabilities() const {
     WrapperCapabilities c;
     c.streaming = true;
+    c.readFromOffsetToEnd = true;
     return c;
 }
 
@@ -647,6 +652,10 @@ Status SmbWrapper::initStreamFileMeta(const KvMetadata& file) {
 }
 
 Result<Bytes> SmbWrapper::readDataOfLength(std::uint64_t length) {
+    // Through the streaming service's disk cache when this program has one: a player's repeated
+    // probing of the same regions then costs the server nothing.
+    if (streamFile_ && StreamingSupport::installed())
+        return StreamingSupport::readDataOfLength(*this, *streamFile_, offset_, length);
     if (!streamFile_)
         return KvError::fail(ErrorDomain::SMB, ErrorCode::DownloadFailed,
                              "No file opened for streaming");
@@ -682,6 +691,40 @@ Result<Bytes> SmbWrapper::readDataOfLength(std::uint64_t length) {
     data.resize(got);
     offset_ += got;
     return data;
+}
+
+Status SmbWrapper::readDataFromOffsetToEnd(std::int64_t start,
+                                           const std::function<bool(const Bytes&)>& handler) {
+    if (!streamFile_)
+        return KvError::fail(ErrorDomain::SMB, ErrorCode::DownloadFailed,
+                             "No file opened for streaming");
+    if (cancelled()) return std::unexpected(cancelledError());
+    const std::string path = streamFile_->pathOrEmpty();
+    std::lock_guard guard(libraryLock());
+    auto ctx = context();
+    if (!ctx) return std::unexpected(ctx.error());
+    SMBCFILE* in = smbc_getFunctionOpen(*ctx)(*ctx, urlOf(path).c_str(), O_RDONLY, 0);
+    if (!in) {
+        auto e = errnoError(errno, ErrorCode::DownloadFailed, "Opening " + path);
+        if (e.is(ErrorKind::Connection)) dropContext();
+        return std::unexpected(e);
+    }
+    std::optional<Error> failure;
+    if (start > 0 && smbc_getFunctionLseek(*ctx)(*ctx, in, static_cast<off_t>(start), SEEK_SET) < 0)
+        failure = errnoError(errno, ErrorCode::DownloadFailed, "Reading " + path);
+    std::vector<std::uint8_t> buffer(kStreamChunk);
+    while (!failure && !cancelled()) {
+        ssize_t n = smbc_getFunctionRead(*ctx)(*ctx, in, buffer.data(), buffer.size());
+        if (n < 0) failure = errnoError(errno, ErrorCode::DownloadFailed, "Reading " + path);
+        if (n <= 0 || !handler(Bytes(buffer.begin(), buffer.begin() + n))) break;
+    }
+    smbc_getFunctionClose (*ctx)(*ctx, in);
+    if (failure) {
+        if (failure->is(ErrorKind::Connection)) dropContext();
+        return std::unexpected(*failure);
+    }
+    if (cancelled()) return std::unexpected(cancelledError());
+    return {};
 }
 
 }  // namespace quillon

@@ -47,6 +47,8 @@ class SmbWrapper : public Wrapper {
 
     [[nodiscard]] Status initStreamFileMeta(const KvMetadata& file) override;
     [[nodiscard]] Result<Bytes> readDataOfLength(std::uint64_t length) override;
+    [[nodiscard]] Status readDataFromOffsetToEnd(
+        std::int64_t start, const std::function<bool(const Bytes&)>& handler) override;
 
     // How many times a broken transfer is taken up again, and the pause before each attempt.
     void setRetries(int attempts, std::chrono::milliseconds pause) {

@@ -14,6 +14,7 @@
 
 #include "core/AppPreference.h"
 #include "core/GCD.h"
+#include "core/StreamingSupport.h"
 #include "core/StringUtils.h"
 
 namespace quillon {
@@ -760,6 +761,10 @@ Status WebdavWrapper::readRange(std::uint64_t from, std::optional<std::uint64_t>
 }
 
 Result<Bytes> WebdavWrapper::readDataOfLength(std::uint64_t length) {
+    // Through the streaming service's disk cache when this program has one: a player's repeated
+    // probing of the same regions then costs the server nothing.
+    if (streamFile_ && StreamingSupport::installed())
+        return StreamingSupport::readDataOfLength(*this, *streamFile_, offset_, length);
     Bytes out;
     if (length == 0 || offset_ >= contentLength_) return out;
     length = std::min<std::uint64_t>(length, contentLength_ - offset_);

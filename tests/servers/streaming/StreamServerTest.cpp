@@ -1,4 +1,4 @@
-// The playback server against real FTP servers (ours and vsftpd) and local files: the ranges a
+// The playback server against real servers (ours, vsftpd, sshd, smbd) and local files: the ranges a
 // player sends, reads at random offsets, a repeated range served from the disk cache (no second
 // RETR in the server's log) also after its files vanished, a new file ending the answers in
 // progress, a port in use, mpv seeking in a real media file and ffprobe reading its duration, and
@@ -18,12 +18,16 @@
 #include "StreamTestKit.h"
 #include "clients/Clients.h"
 #include "core/KvConnectionPool.h"
+#include "core/PathUtils.h"
 #include "core/StreamingSupport.h"
 #include "core/WrapperProxy.h"
 #include "servers/FtpServerFixture.h"
 #include "servers/streaming/CachedDataReader.h"
+#include "servers/streaming/DiskDataCache.h"
 #include "servers/streaming/StreamHttpServerService.h"
 #include "support/FtpServers.h"
+#include "support/SftpServers.h"
+#include "support/SmbServers.h"
 
 namespace quillon {
 namespace {
@@ -96,12 +100,18 @@ int retrCount(const RunningFtpServer& ftp) {
     return n;
 }
 
-TEST(StreamServer, RangesAndRandomReadsFromFtpServersAndLocalFiles) {
+TEST(StreamServer, RangesAndRandomReadsFromServersOfEveryKindAndLocalFiles) {
     StreamRig rig;
     RunningFtpServer ours;
     std::string why;
     auto vsftpd = FtpServer::start(FtpServerKind::Vsftpd, {}, &why);
     ASSERT_TRUE(vsftpd) << why;
+    auto sshd = SftpServer::start(SftpServerKind::OpenSSH, &why);
+    ASSERT_TRUE(sshd) << why;
+    std::filesystem::create_directories(PathUtils::getHomeFolderPath() + "/.ssh");
+    writeFile(PathUtils::getHomeFolderPath() + "/.ssh/known_hosts", sshd->knownHostsLine() + "\n");
+    auto smbd = SmbServer::start(&why);
+    ASSERT_TRUE(smbd) << why;
     ScratchDir local("local");
     auto localInfo = std::make_shared<ServerInfo>();
     localInfo->protocolType = ProtocolType::Local;
@@ -121,6 +131,16 @@ TEST(StreamServer, RangesAndRandomReadsFromFtpServersAndLocalFiles) {
          [&](const std::string& name, const std::string& content) {
              vsftpd->writeFile("/" + name, content);
              return vsftpd->remotePath("/" + name);
+         }},
+        {"sshd", sshd->serverInfo(),
+         [&](const std::string& name, const std::string& content) {
+             writeFile(sshd->hostPath(name), content);
+             return sshd->remotePath(name);
+         }},
+        {"smbd", smbd->serverInfo(),
+         [&](const std::string& name, const std::string& content) {
+             writeFile(smbd->shareDir() + "/" + name, content);
+             return "/" + std::string(SmbServer::share()) + "/" + name;
          }},
         {"local disk", localInfo, [&](const std::string& name, const std::string& content) {
              writeFile(local / name, content);
@@ -169,6 +189,11 @@ TEST(StreamServer, RangesAndRandomReadsFromFtpServersAndLocalFiles) {
             EXPECT_EQ(reply.status, 206);
             EXPECT_EQ(reply.headers["content-type"], "video/mp4");
             EXPECT_TRUE(reply.body == patternString(from, to - from + 1)) << from << "-" << to;
+        }
+        // A remote file's bytes went through the disk cache.
+        std::error_code ec;
+        if (target.info->protocolType != ProtocolType::Local) {
+            EXPECT_FALSE(std::filesystem::is_empty(DiskDataCache::cacheFolder(), ec));
         }
     }
 }
