@@ -27,6 +27,7 @@
 #include "sync/SyncUtils.h"
 #include "transfer/FileTransferUtils.h"
 #include "transfer/LocalFileCopier.h"
+#include "transfer/RemoteDownload.h"
 #include "transfer/RemoteUpload.h"
 
 namespace quillon {
@@ -43,10 +44,6 @@ std::string nameOf(const KvMetadata& m) {
 
 std::string join(const std::string& folder, const std::string& name) {
     return StringUtils::stringByAppendingPathComponentDirectly(folder, name);
-}
-
-bool isHiddenName(const std::string& name) {
-    return !name.empty() && name.front() == '.';
 }
 
 double seconds(const std::optional<TimePoint>& t) {
@@ -82,48 +79,14 @@ Status localError(int err, const std::string& path) {
     return KvError::fail(ErrorDomain::Local, err, fmt::format("{}: {}", path, std::strerror(err)));
 }
 
+// The entry with exactly that name, or absent.
+std::optional<KvMetadata> entryNamed(const std::string& name, const KvMetadataList& list) {
+    for (auto& m : list)
+        if (nameOf(m) == name) return m;
+    return std::nullopt;
+}
+
 }  // namespace
-
-// One folder's entries with an index by name.
-struct SyncTask::Listing {
-    KvMetadataList entries;
-    std::unordered_map<std::string, std::size_t> byName;
-
-    explicit Listing(KvMetadataList list) : entries(std::move(list)) {
-        byName.reserve(entries.size());
-        for (std::size_t i = 0; i < entries.size(); ++i) byName.emplace(nameOf(entries[i]), i);
-    }
-    const KvMetadata* find(const std::string& name) const {
-        auto it = byName.find(name);
-        return it == byName.end() ? nullptr : &entries[it->second];
-    }
-};
-
-// What the local pass has to look at in one folder, in listing order: the local entries
-// without a remote twin, and the folders found on both sides (entered for what lies in them
-// locally alone). The remote pass settles every other item.
-struct SyncTask::PairListing {
-    struct Step {
-        KvMetadata local;
-        std::optional<KvMetadata> remoteFolder;
-    };
-    std::vector<Step> steps;
-    // Names on the server, so that a file made here later in the run (the local side of a
-    // conflict) joins the local pass only when the server has nothing of its name.
-    std::unordered_set<std::string> remoteNames;
-
-    PairListing(const Listing& local, const Listing& remote) {
-        remoteNames.reserve(remote.entries.size());
-        for (auto& r : remote.entries) remoteNames.insert(nameOf(r));
-        for (auto& l : local.entries) {
-            const KvMetadata* r = remote.find(nameOf(l));
-            if (!r)
-                steps.push_back({l, std::nullopt});
-            else if (r->isDir && l.isDir && !r->isSymbolLink && !l.isSymbolLink)
-                steps.push_back({l, *r});
-        }
-    }
-};
 
 SyncTask::SyncTask(SyncInfo info, SyncOptions options) : info_(std::move(info)), options_(options) {
     sourceServerInfo = info_.serverInfo;
@@ -157,13 +120,6 @@ WrapperPtr SyncTask::wrapper() const {
 void SyncTask::cancelTransfer() {
     setState(TransferTaskState::Stopped);
     if (auto w = wrapper()) w->cancelOperation();
-}
-
-std::optional<KvMetadata> SyncTask::getMetadataByName(const std::string& name,
-                                                      const KvMetadataList& list) {
-    for (auto& m : list)
-        if (nameOf(m) == name) return m;
-    return std::nullopt;
 }
 
 bool SyncTask::remoteChanged(const KvMetadata& item, const KvMetadata& record) {
@@ -242,11 +198,6 @@ KvMetadata SyncTask::remoteRecordOf(const KvMetadata& r,
     return record;
 }
 
-std::string SyncTask::relativeLocalPath(const std::string& localPath) const {
-    if (localPath.starts_with(localRootPrefix_)) return localPath.substr(localRootPrefix_.size());
-    return localPath;
-}
-
 KvMetadata SyncTask::localChild(const KvMetadata& folder, const std::string& name,
                                 bool isDir) const {
     KvMetadata m(join(folder.pathOrEmpty(), name));
@@ -265,11 +216,10 @@ bool SyncTask::isRemoteRoot(const KvMetadata& folder) const {
     return SyncUtils::getFullPath(folder) == SyncUtils::getFullPath(remoteRoot_);
 }
 
-void SyncTask::decide(SyncDecision decision) {
-    if (decision.action == SyncAction::Keep || decision.action == SyncAction::Skip) {
-        std::lock_guard lock(mutex_);
-        ++(decision.action == SyncAction::Keep ? summary_.kept : summary_.skipped);
-    }
+void SyncTask::decide(const SyncDecision& decision) {
+    if (decision.action == SyncAction::Keep || decision.action == SyncAction::Skip)
+        count(
+            [&](SyncSummary& s) { ++(decision.action == SyncAction::Keep ? s.kept : s.skipped); });
     if (decisionHandler) decisionHandler(decision);
 }
 
@@ -280,51 +230,20 @@ std::vector<SyncDecision> SyncTask::plannedDecisions() const {
 
 // --- Listings
 
-Result<KvMetadataList> SyncTask::contentsOfDirectory(const KvMetadata& folder, bool withHidden) {
-    Result<KvMetadataList> listing;
+Result<KvMetadataList> SyncTask::contentsOfDirectory(const KvMetadata& folder) {
     std::string path = folder.pathOrEmpty();
     bool local = !localRootPrefix_.empty() &&
                  (path + "/" == localRootPrefix_ || path.starts_with(localRootPrefix_)) &&
                  folder.protocolType == ProtocolType::Local;
     if (local) {
         SandboxFileAccess::ListOptions options;
-        options.skipsHiddenFiles = !withHidden;
-        listing = SandboxFileAccess::contentsOfDirectory(folder, options);
-    } else {
-        auto w = wrapper();
-        if (!w)
-            return KvError::fail(ErrorDomain::FileSync, kErrorNoServer,
-                                 "No connection to the server.");
-        listing = w->contentsOfDirectoryAtPathSync(folder);
+        options.skipsHiddenFiles = false;
+        return SandboxFileAccess::contentsOfDirectory(folder, options);
     }
-    if (!listing || withHidden) return listing;
-    std::erase_if(*listing, [](const KvMetadata& m) {
-        auto name = nameOf(m);
-        return !SyncTreePlanner::isSyncedName(name);
-    });
-    return listing;
-}
-
-Result<std::shared_ptr<SyncTask::Listing>> SyncTask::listRemote(const KvMetadata& folder,
-                                                                bool exists) {
-    if (!exists) return std::make_shared<Listing>(KvMetadataList{});
-    if (auto it = plannedListings_.find(SyncUtils::getFullPath(folder));
-        it != plannedListings_.end()) {
-        auto planned = std::make_shared<Listing>(std::move(it->second));
-        plannedListings_.erase(it);
-        return planned;
-    }
-    auto listing = contentsOfDirectory(folder);
-    if (!listing) return std::unexpected(listing.error());
-    return std::make_shared<Listing>(std::move(*listing));
-}
-
-Result<std::shared_ptr<SyncTask::Listing>> SyncTask::listLocal(const KvMetadata& folder,
-                                                               bool exists) {
-    if (!exists) return std::make_shared<Listing>(KvMetadataList{});
-    auto listing = contentsOfDirectory(folder);
-    if (!listing) return std::unexpected(listing.error());
-    return std::make_shared<Listing>(std::move(*listing));
+    auto w = wrapper();
+    if (!w)
+        return KvError::fail(ErrorDomain::FileSync, kErrorNoServer, "No connection to the server.");
+    return w->contentsOfDirectoryAtPathSync(folder);
 }
 
 // --- The run
@@ -337,12 +256,8 @@ void SyncTask::startTransfer() {
         summary_ = {};
         plan_.clear();
     }
-    delRemoteFolders.clear();
-    delLocalFolders.clear();
-    delRemoteFolderTwins_.clear();
-    delLocalFolderTwins_.clear();
-    listings_.clear();
-    plannedListings_.clear();
+    createdRemote_.clear();
+    losers_.clear();
     exactTimes_.clear();
     serverMinute_.reset();
     doneBytes_ = 0;
@@ -355,7 +270,7 @@ void SyncTask::startTransfer() {
         completeFileTransfer(temp.error());
         return;
     }
-    taskTempFolderPath = *temp;
+    taskTempFolderPath_ = *temp;
 
     if (!info_.hasSafeLocalName()) {
         // A damaged or hostile database: the pair's folder would lie outside the sync folder.
@@ -382,7 +297,8 @@ void SyncTask::startTransfer() {
         std::lock_guard lock(mutex_);
         wrapper_ = *client;
     }
-    // Hidden entries are listed so that folder deletions can see them; the passes leave them out.
+    // Hidden entries are listed so that folder deletions can see them; the planner leaves them
+    // out.
     wrapper_->setForceIncludesHiddenFiles(true);
     if (stopped()) wrapper_->cancelOperation();
 
@@ -439,67 +355,46 @@ void SyncTask::startTransfer() {
     if (plan && running()) {
         {
             std::lock_guard lock(mutex_);
-            plan_ = plan->decisions;
+            plan_ = plan->decisions();
         }
         if (options_.dryRun) {
-            for (auto& d : plan->decisions) decide(d);
+            for (auto& d : plan_) decide(d);
             std::lock_guard lock(mutex_);
             summary_ = plan->summary();
         } else {
             // The total is known before the first byte moves.
             setTotalBytes(plan->transferBytes());
             result = checkPlanDeletes(plan->summary());
-            if (result) result = runPasses();
+            if (result) result = carryOut(*plan);
         }
     }
     finish(result || stopped() ? std::nullopt : std::optional<Error>(result.error()));
 }
 
-Status SyncTask::runPasses() {
-    if (running()) {
-        if (auto r = syncRemoteFolder(remoteRoot_, localRoot_); !r) return stopped() ? Status{} : r;
-    }
-    if (running()) {
-        if (auto r = syncLocalFolder(localRoot_, remoteRoot_); !r) return stopped() ? Status{} : r;
-    }
-    if (running()) {
-        if (auto r = deleteFolders(); !r) return stopped() ? Status{} : r;
-    }
-    return {};
-}
-
-Status SyncTask::snapshot(Side side, const KvMetadata& folder, const std::string& rel,
+Status SyncTask::snapshot(const KvMetadata& folder, const std::string& rel,
                           SyncTreeSnapshot& tree) {
     if (!running()) return {};
     // Hidden entries are kept: a folder deleted on one side stays while it holds any.
-    auto listing = contentsOfDirectory(folder, true);
+    auto listing = contentsOfDirectory(folder);
     if (!listing) return std::unexpected(listing.error());
     KvMetadataList& entries = tree.folders[rel] = std::move(*listing);
-    if (side == Side::Remote && !options_.dryRun) {
-        KvMetadataList synced;
-        for (auto& e : entries)
-            if (SyncTreePlanner::isSyncedName(nameOf(e))) synced.push_back(e);
-        plannedListings_[SyncUtils::getFullPath(folder)] = std::move(synced);
-    }
     // Links are never followed.
     for (std::size_t i = 0; i < entries.size(); ++i) {
         const KvMetadata e = entries[i];
         std::string name = nameOf(e);
         if (!e.isDir || e.isSymbolLink || !SyncTreePlanner::isSyncedName(name)) continue;
-        if (auto s = snapshot(side, e, rel.empty() ? name : rel + "/" + name, tree); !s) return s;
+        if (auto s = snapshot(e, rel.empty() ? name : rel + "/" + name, tree); !s) return s;
     }
     return {};
 }
 
 Result<SyncPlan> SyncTask::makePlan() {
     SyncTreeSnapshot remote, local;
-    if (auto s = snapshot(Side::Remote, remoteRoot_, "", remote); !s)
-        return std::unexpected(s.error());
+    if (auto s = snapshot(remoteRoot_, "", remote); !s) return std::unexpected(s.error());
     std::error_code ec;
     // A dry run of a pair never synced has no local folder yet.
     if (std::filesystem::is_directory(localRoot_.pathOrEmpty(), ec)) {
-        if (auto s = snapshot(Side::Local, localRoot_, "", local); !s)
-            return std::unexpected(s.error());
+        if (auto s = snapshot(localRoot_, "", local); !s) return std::unexpected(s.error());
     }
     SyncTreePlanner::Input input;
     input.remote = &remote;
@@ -586,7 +481,7 @@ void SyncTask::finish(std::optional<Error> error) {
 }
 
 void SyncTask::completeFileTransfer(std::optional<Error> error) {
-    if (!taskTempFolderPath.empty()) FileTransferUtils::removeTaskTempFolder(taskTempFolderPath);
+    if (!taskTempFolderPath_.empty()) FileTransferUtils::removeTaskTempFolder(taskTempFolderPath_);
     if (!options_.dryRun && !refusedBusy_) {
         SyncInfo info;
         {
@@ -611,11 +506,11 @@ void SyncTask::completeFileTransfer(std::optional<Error> error) {
 // --- Ability check
 
 Status SyncTask::checkSyncCondition() {
-    checkingSyncCondition = true;
+    checkingSyncCondition_ = true;
     auto w = wrapper();
     auto fail = [&](std::string_view domain, long code, std::string_view reason) -> Status {
         auto e = KvError::errorWithDomain(domain, code, reason);
-        checkingSyncCondition = false;
+        checkingSyncCondition_ = false;
         finish(e);
         return std::unexpected(e);
     };
@@ -624,7 +519,7 @@ Status SyncTask::checkSyncCondition() {
         return fail(ErrorDomain::FileSync, kErrorSyncFolder,
                     "The sync folder is empty or doesn't exist!");
 
-    std::string testPath = join(taskTempFolderPath, kTestFileName);
+    std::string testPath = join(taskTempFolderPath_, kTestFileName);
     {
         std::ofstream out(testPath, std::ios::binary | std::ios::trunc);
         out << kTestFileText;
@@ -649,7 +544,7 @@ Status SyncTask::checkSyncCondition() {
 
     auto again = w->contentsOfDirectoryAtPathSync(remoteRoot_);
     std::optional<KvMetadata> uploaded;
-    if (again) uploaded = getMetadataByName(kTestFileName, *again);
+    if (again) uploaded = entryNamed(kTestFileName, *again);
     if (!uploaded || !w->removeSync({*uploaded}))
         return fail(ErrorDomain::FileTransfer, ErrorCode::TransferFailed,
                     "Sync ability check: Fail to delete file!");
@@ -660,7 +555,7 @@ Status SyncTask::checkSyncCondition() {
             std::chrono::hours(48))
         serverMinute_ = std::chrono::floor<std::chrono::minutes>(*uploaded->timestamp);
     ::unlink(testPath.c_str());
-    checkingSyncCondition = false;
+    checkingSyncCondition_ = false;
 
     auto until = std::chrono::steady_clock::now() +
                  std::chrono::duration_cast<std::chrono::steady_clock::duration>(
@@ -671,8 +566,6 @@ Status SyncTask::checkSyncCondition() {
             std::chrono::milliseconds(20), until - now));
     return {};
 }
-
-// --- Remote pass
 
 SyncTimeRules SyncTask::timeRules() {
     SyncTimeRules rules;
@@ -685,158 +578,55 @@ SyncTimeRules SyncTask::timeRules() {
     return rules;
 }
 
-Status SyncTask::syncRemoteFolder(const KvMetadata& remoteFolder, const KvMetadata& localFolder) {
-    auto remote = listRemote(remoteFolder, true);
-    if (!remote) return std::unexpected(remote.error());
-    auto local = listLocal(localFolder, true);
-    if (!local) return std::unexpected(local.error());
-    // Kept small for the local pass, so that the listings themselves go when this folder is done.
-    listings_[localFolder.pathOrEmpty()] = std::make_shared<PairListing>(**local, **remote);
+// --- The executor
 
-    auto rules = timeRules();
-    for (auto& r : (*remote)->entries) {
+Status SyncTask::carryOut(const SyncPlan& plan) {
+    for (auto& step : plan.steps) {
         if (!running()) return {};
-        const KvMetadata* l = (*local)->find(nameOf(r));
-        SyncItemState item;
-        item.remote = r;
-        if (l) item.local = *l;
-        item.remoteRecord = remoteService_->getRemoteItemByRemoteMeta(r);
-        item.localRecord = localService_->getLocalItemByRemoteMeta(r);
-        auto plan = SyncPlanner::planRemoteItem(item, rules);
-        if (auto s = carryOutRemoteItem(plan, item, remoteFolder, localFolder); !s) return s;
+        if (auto s = carryOut(step); !s) return stopped() ? Status{} : s;
     }
     return {};
 }
 
-Status SyncTask::carryOutRemoteItem(const SyncItemPlan& plan, const SyncItemState& item,
-                                    const KvMetadata& remoteFolder, const KvMetadata& localFolder) {
-    const KvMetadata& r = *item.remote;
-    const auto& l = item.local;
-    const auto& sr = item.remoteRecord;
-    const auto& sl = item.localRecord;
-    std::string localPath = join(localFolder.pathOrEmpty(), nameOf(r));
-    switch (plan.verdict) {
-        case SyncVerdict::Nothing:
-            return {};
-        case SyncVerdict::Skip: {
-            // A link lies on the side that holds it; a file facing a folder is the server's.
-            bool link = r.isSymbolLink || (l && l->isSymbolLink);
-            decide({SyncAction::Skip, false, r.isDir, link ? r.isSymbolLink : true,
-                    relativeLocalPath(localPath), plan.reason});
-            return {};
-        }
-        case SyncVerdict::Download:
-            return download(r, l, sr, sl, localFolder, plan.conflict, plan.keepLocalCopy,
-                            plan.reason);
-        case SyncVerdict::Upload:
-            return upload(*l, r, sr, sl, remoteFolder, plan.conflict, plan.reason);
-        case SyncVerdict::DeleteRemote:
-            return deleteRemoteFile(r, sr, sl, localPath, plan.reason);
-        case SyncVerdict::DeleteRemoteFolder:
-            // Removed at the end, after both passes.
-            delRemoteFolders.push_back(r);
-            delRemoteFolderTwins_.push_back(localPath);
-            return {};
-        case SyncVerdict::CreateLocalFolder:
-        case SyncVerdict::EnterFolder:
+Status SyncTask::carryOut(const SyncStep& step) {
+    const SyncItemState& item = step.item;
+    switch (step.kind) {
+        case SyncStepKind::RecordFolder:
+            return storeRecords(*item.remote, *item.local, item.remoteRecord, item.localRecord);
+        case SyncStepKind::ForgetFolder:
+            return forgetFolder(item);
+        case SyncStepKind::Act:
             break;
-        default:
+    }
+    switch (step.decision.action) {
+        case SyncAction::Download:
+            return download(step);
+        case SyncAction::Upload:
+            return upload(step);
+        case SyncAction::DeleteRemote:
+            return deleteRemoteFile(step);
+        case SyncAction::DeleteLocal:
+            return deleteLocalFile(step);
+        case SyncAction::CreateLocalFolder:
+            return createLocalFolder(step);
+        case SyncAction::CreateRemoteFolder:
+            return createRemoteFolder(step);
+        case SyncAction::DeleteRemoteFolder:
+            return deleteRemoteFolder(step);
+        case SyncAction::DeleteLocalFolder:
+            return deleteLocalFolder(step);
+        case SyncAction::Keep:
+        case SyncAction::Skip:
+            decide(step.decision);
             return {};
-    }
-    KvMetadata lm = l ? *l : localChild(localFolder, nameOf(r), true);
-    if (plan.verdict == SyncVerdict::CreateLocalFolder) {
-        decide({SyncAction::CreateLocalFolder, false, true, false,
-                relativeLocalPath(lm.pathOrEmpty()), plan.reason});
-        std::error_code ec;
-        std::filesystem::create_directories(lm.pathOrEmpty(), ec);
-        if (!std::filesystem::is_directory(lm.pathOrEmpty(), ec))
-            return KvError::fail(ErrorDomain::Local, ErrorCode::CreateFolderFailed,
-                                 fmt::format("Cannot create folder {}", lm.pathOrEmpty()));
-        std::lock_guard lock(mutex_);
-        ++summary_.localFoldersCreated;
-    }
-    if (!sr || !sl) {
-        if (auto s = storeRecords(r, lm, sr, sl); !s) return s;
-    }
-    return syncRemoteFolder(r, lm);
-}
-
-// --- Local pass
-
-Status SyncTask::syncLocalFolder(const KvMetadata& localFolder, const KvMetadata& remoteFolder) {
-    std::shared_ptr<PairListing> pairListing;
-    auto cached = listings_.find(localFolder.pathOrEmpty());
-    if (cached != listings_.end()) {
-        pairListing = cached->second;
-    } else {
-        auto local = listLocal(localFolder, true);
-        if (!local) return std::unexpected(local.error());
-        auto remote = listRemote(remoteFolder, true);
-        if (!remote) return std::unexpected(remote.error());
-        pairListing = std::make_shared<PairListing>(**local, **remote);
-    }
-    for (auto& step : pairListing->steps) {
-        if (!running()) return {};
-        const KvMetadata& l = step.local;
-        if (step.remoteFolder) {
-            if (auto s = syncLocalFolder(l, *step.remoteFolder); !s) return s;
-            continue;
-        }
-        SyncItemState item;
-        item.local = l;
-        item.localRecord = localService_->getLocalItemByLocalMeta(l);
-        item.remoteRecord = remoteService_->getRemoteItemByLocalMeta(l);
-        auto plan = SyncPlanner::planLocalOnlyItem(item);
-        if (auto s = carryOutLocalOnlyItem(plan, item, remoteFolder); !s) return s;
     }
     return {};
 }
 
-Status SyncTask::carryOutLocalOnlyItem(const SyncItemPlan& plan, const SyncItemState& item,
-                                       const KvMetadata& remoteFolder) {
-    const KvMetadata& l = *item.local;
-    const auto& sr = item.remoteRecord;
-    const auto& sl = item.localRecord;
-    switch (plan.verdict) {
-        case SyncVerdict::Skip:
-            decide({SyncAction::Skip, false, l.isDir, false, relativeLocalPath(l.pathOrEmpty()),
-                    plan.reason});
-            return {};
-        case SyncVerdict::Upload:
-            return upload(l, std::nullopt, sr, sl, remoteFolder, false, plan.reason);
-        case SyncVerdict::DeleteLocal:
-            return deleteLocalFile(l, sl, sr, plan.reason);
-        case SyncVerdict::DeleteLocalFolder:
-            // Removed at the end.
-            delLocalFolders.push_back(l);
-            delLocalFolderTwins_.push_back(
-                RemoteUpload::itemInFolder(remoteFolder, nameOf(l), true));
-            return {};
-        case SyncVerdict::CreateRemoteFolder:
-            break;
-        default:
-            return {};
-    }
-    std::string name = nameOf(l);
-    KvMetadata rm = RemoteUpload::itemInFolder(remoteFolder, name, true);
-    decide({SyncAction::CreateRemoteFolder, false, true, false, relativeLocalPath(l.pathOrEmpty()),
-            plan.reason});
-    auto w = wrapper();
-    if (auto s = w->createFolderSync(rm); !s) return s;
-    {
-        std::lock_guard lock(mutex_);
-        ++summary_.remoteFoldersCreated;
-    }
-    // The server's own record of the new folder (cloud drives give it its identifier).
-    if (auto created = w->metadataOfItemSync(rm)) {
-        created->parentFolderMeta = std::make_shared<const KvMetadata>(remoteFolder);
-        rm = *created;
-    }
-    if (auto s = storeRecords(rm, l, sr, sl); !s) return s;
-    return syncLocalFolder(l, rm);
+KvMetadata SyncTask::remoteFolderOf(const SyncStep& step) const {
+    auto it = createdRemote_.find(SyncUtils::getFullPath(step.remoteFolder));
+    return it == createdRemote_.end() ? step.remoteFolder : it->second;
 }
-
-// --- Actions
 
 Status SyncTask::storeRecords(const KvMetadata& r, const KvMetadata& l,
                               const std::optional<KvMetadata>& sr,
@@ -860,106 +650,73 @@ Status SyncTask::storeRecords(const KvMetadata& r, const KvMetadata& l,
     });
 }
 
-Status SyncTask::download(const KvMetadata& r, const std::optional<KvMetadata>& l,
-                          const std::optional<KvMetadata>& sr, const std::optional<KvMetadata>& sl,
-                          const KvMetadata& localFolder, bool conflict, bool keepLocalCopy,
-                          const std::string& reason) {
-    std::string name = nameOf(r);
-    KvMetadata target = localChild(localFolder, name, false);
-    decide({SyncAction::Download, conflict, false, false, relativeLocalPath(target.pathOrEmpty()),
-            reason, r.fileSizeInBytes.value_or(0)});
+Status SyncTask::forgetFolder(const SyncItemState& item) {
+    const auto& sr = item.remoteRecord;
+    const auto& sl = item.localRecord;
+    return db_->transaction([&]() -> Status {
+        if (item.remote) {
+            if (auto s = remoteService_->deleteRemoteItem(sr ? *sr : *item.remote); !s) return s;
+            if (sl) return localService_->deleteLocalItem(*sl);
+            return {};
+        }
+        if (auto s = localService_->deleteLocalItem(sl ? *sl : *item.local); !s) return s;
+        if (sr) return remoteService_->deleteRemoteItem(*sr);
+        return {};
+    });
+}
+
+Status SyncTask::download(const SyncStep& step) {
+    const KvMetadata& r = *step.item.remote;
+    decide(step.decision);
     // Asked before the download: an edit racing it then shows as a change next time.
     std::optional<TimePoint> exact;
     if (coarseRemoteTimes()) exact = exactRemoteTime(r);
     KvMetadata fetched = r;
     if (exact) fetched.timestamp = exact;
-    auto placed = downloadInto(fetched, localFolder, l, keepLocalCopy && l);
+    auto placed = downloadInto(fetched, step.localFolder, step.item.local, step.keepLocalCopy,
+                               step.decision.path);
     if (!placed) return std::unexpected(placed.error());
     if (!*placed || !running()) return {};
+    KvMetadata target = localChild(step.localFolder, nameOf(r), false);
     target.fileSizeInBytes = r.fileSizeInBytes;
     target.timestamp = fetched.timestamp;
-    if (auto s = storeRecords(remoteRecordOf(r, exact), target, sr, sl); !s) return s;
-    std::lock_guard lock(mutex_);
-    ++summary_.downloaded;
-    if (conflict) ++summary_.conflicts;
-    summary_.bytesDownloaded += static_cast<std::int64_t>(r.fileSizeInBytes.value_or(0));
-    return {};
-}
-
-Status SyncTask::downloadFile(const KvMetadata& file, const KvMetadata& toFolder) {
-    auto target = localChild(toFolder, nameOf(file), false);
-    std::optional<KvMetadata> expected;
-    struct stat st {};
-    if (::lstat(target.pathOrEmpty().c_str(), &st) == 0) {
-        target.timestamp = LocalFileOps::toTimePoint(st.st_mtim);
-        target.fileSizeInBytes = static_cast<std::uint64_t>(st.st_size);
-        expected = target;
-    }
-    auto placed = downloadInto(file, toFolder, expected, false);
-    if (!placed) return std::unexpected(placed.error());
+    if (auto s = storeRecords(remoteRecordOf(r, exact), target, step.item.remoteRecord,
+                              step.item.localRecord);
+        !s)
+        return s;
+    count([&](SyncSummary& s) {
+        ++s.downloaded;
+        if (step.decision.conflict) ++s.conflicts;
+        s.bytesDownloaded += static_cast<std::int64_t>(r.fileSizeInBytes.value_or(0));
+    });
     return {};
 }
 
 Result<bool> SyncTask::downloadInto(const KvMetadata& file, const KvMetadata& toFolder,
-                                    const std::optional<KvMetadata>& expected, bool keepLocalCopy) {
+                                    const std::optional<KvMetadata>& expected, bool keepLocalCopy,
+                                    const std::string& path) {
     setTransferringFileMeta(file);
-    auto size = file.fileSizeInBytes.value_or(0);
-    if (size > FileTransferUtils::totalFreeDiskSpace(taskTempFolderPath))
-        return std::unexpected(
-            KvError::errorWithDomain(ErrorDomain::FileTransfer, ErrorCode::TransferFailed,
-                                     LocalizedUtils::localizedStringForKey("trans.no_space")));
+    std::string folder = toFolder.pathOrEmpty();
+    if (auto room = RemoteDownload::checkRoom(file, taskTempFolderPath_, folder); !room)
+        return std::unexpected(room.error());
     std::string name = nameOf(file);
-    std::string scratch = join(taskTempFolderPath, name);
-    ::unlink(scratch.c_str());
-
-    auto w = wrapper();
-    // Weak: a wrapper may keep its progress handler, and the task owns the wrapper.
-    std::weak_ptr<SyncTask> weak = std::static_pointer_cast<SyncTask>(shared_from_this());
-    auto generation = ++transferGeneration_;
+    std::string scratch = join(taskTempFolderPath_, name);
+    auto size = static_cast<std::int64_t>(file.fileSizeInBytes.value_or(0));
     std::int64_t base = doneBytes_;
-    growTotalTo(base + static_cast<std::int64_t>(size));
-    auto done =
-        w->downloadSync(file, scratch, [weak, generation, base](std::int64_t d, std::int64_t) {
-            auto self = weak.lock();
-            if (!self) return;
-            // Progress of an earlier file may still arrive through the main queue.
-            if (self->transferGeneration_.load() != generation || !self->running()) return;
-            self->setTransferredBytes(base + d);
-            self->reportProgress();
-        });
-    ++transferGeneration_;
-    doneBytes_ += static_cast<std::int64_t>(size);
-    setTransferredBytes(doneBytes_);
+    growTotalTo(base + size);
+    auto wrapperPtr = wrapper();
+    auto done = RemoteDownload::fetchFile(
+        *wrapperPtr, file, scratch,
+        relayProgress([base](std::int64_t d, std::int64_t) { return base + d; }),
+        [this] { return !running(); });
+    doneBytes_ += size;
+    raiseTransferredBytes(doneBytes_);
     reportProgress();
+    if (!done || !*done) return done;
     auto cleanup = [&] { ::unlink(scratch.c_str()); };
-    if (!running()) {
-        cleanup();
-        return false;
-    }
-    if (!done) {
-        cleanup();
-        return std::unexpected(done.error());
-    }
-    struct stat st {};
-    if (::lstat(scratch.c_str(), &st) != 0) return false;
-    if (file.timestamp) {
-        auto ns =
-            std::chrono::duration_cast<std::chrono::nanoseconds>(file.timestamp->time_since_epoch())
-                .count();
-        struct timespec times[2];
-        times[0].tv_sec = 0;
-        times[0].tv_nsec = UTIME_OMIT;
-        times[1].tv_sec = static_cast<time_t>(ns / 1000000000);
-        times[1].tv_nsec = static_cast<long>(ns % 1000000000);
-        if (times[1].tv_nsec < 0) {
-            times[1].tv_nsec += 1000000000;
-            times[1].tv_sec -= 1;
-        }
-        ::utimensat(AT_FDCWD, scratch.c_str(), times, 0);
-    }
-    // The local file must still be what the decision saw: a file changed (or created) here in
-    // the meantime is left for the next run to compare.
-    std::string target = join(toFolder.pathOrEmpty(), name);
+    // The local file must still be what the plan saw: a file changed (or created) here in the
+    // meantime is left for the next run to compare.
+    std::string target = join(folder, name);
     struct stat now {};
     bool exists = ::lstat(target.c_str(), &now) == 0;
     bool unchanged = expected ? exists && S_ISREG(now.st_mode) &&
@@ -972,23 +729,21 @@ Result<bool> SyncTask::downloadInto(const KvMetadata& file, const KvMetadata& to
         return false;
     }
     // The local version that loses a conflict stays beside the winner, unless it is the very
-    // same file (an upload of it whose records a killed run never wrote). The local pass of
-    // this run sends it to the server.
+    // same file (an upload of it whose records a killed run never wrote). A later step of the
+    // plan sends it to the server.
     if (keepLocalCopy && expected && !sameContents(scratch, target)) {
         auto renamed = moveAsideAsOriginal(*expected);
         if (!renamed) {
             cleanup();
             return std::unexpected(renamed.error());
         }
-        std::string movedName = StringUtils::lastPathComponent(*renamed);
-        auto pending = listings_.find(toFolder.pathOrEmpty());
         struct stat moved {};
-        if (pending != listings_.end() && !pending->second->remoteNames.contains(movedName) &&
-            ::lstat(renamed->c_str(), &moved) == 0) {
-            KvMetadata original = localChild(toFolder, movedName, false);
+        if (::lstat(renamed->c_str(), &moved) == 0) {
+            KvMetadata original =
+                localChild(toFolder, StringUtils::lastPathComponent(*renamed), false);
             original.timestamp = LocalFileOps::toTimePoint(moved.st_mtim);
             original.fileSizeInBytes = static_cast<std::uint64_t>(moved.st_size);
-            pending->second->steps.push_back({original, std::nullopt});
+            losers_[path] = std::move(original);
         }
     }
     LocalFileCopier copier;
@@ -1000,12 +755,22 @@ Result<bool> SyncTask::downloadInto(const KvMetadata& file, const KvMetadata& to
     return true;
 }
 
-Status SyncTask::upload(const KvMetadata& l, const std::optional<KvMetadata>& r,
-                        const std::optional<KvMetadata>& sr, const std::optional<KvMetadata>& sl,
-                        const KvMetadata& remoteFolder, bool conflict, const std::string& reason) {
-    decide({SyncAction::Upload, conflict, false, false, relativeLocalPath(l.pathOrEmpty()), reason,
-            l.fileSizeInBytes.value_or(0)});
-    if (auto s = uploadLocalFile(l, r, remoteFolder, r.has_value()); !s) return s;
+Status SyncTask::upload(const SyncStep& step) {
+    KvMetadata l = *step.item.local;
+    if (step.loserOf) {
+        // Only a loser that was set aside under the planned name goes up; one that was the
+        // very same file as the winner was never set aside.
+        auto it = losers_.find(*step.loserOf);
+        if (it == losers_.end() || nameOf(it->second) != nameOf(l)) {
+            setTotalBytes(std::max<std::int64_t>(
+                doneBytes_, totalBytes() - static_cast<std::int64_t>(step.decision.size)));
+            return {};
+        }
+        l = it->second;
+    }
+    decide(step.decision);
+    KvMetadata remoteFolder = remoteFolderOf(step);
+    if (auto s = uploadLocalFile(l, remoteFolder); !s) return s;
     if (!running()) return {};
     // The records hold the server's own size and time of the file.
     std::string name = nameOf(l);
@@ -1019,20 +784,22 @@ Status SyncTask::upload(const KvMetadata& l, const std::optional<KvMetadata>& r,
     uploaded->parentFolderMeta = std::make_shared<const KvMetadata>(remoteFolder);
     std::optional<TimePoint> exact;
     if (coarseRemoteTimes()) exact = exactRemoteTime(*uploaded);
-    if (auto s = storeRecords(remoteRecordOf(*uploaded, exact), l, sr, sl); !s) return s;
-    std::lock_guard lock(mutex_);
-    ++summary_.uploaded;
-    if (conflict) ++summary_.conflicts;
-    summary_.bytesUploaded += static_cast<std::int64_t>(l.fileSizeInBytes.value_or(0));
+    if (auto s = storeRecords(remoteRecordOf(*uploaded, exact), l, step.item.remoteRecord,
+                              step.item.localRecord);
+        !s)
+        return s;
+    count([&](SyncSummary& s) {
+        ++s.uploaded;
+        if (step.decision.conflict) ++s.conflicts;
+        s.bytesUploaded += static_cast<std::int64_t>(l.fileSizeInBytes.value_or(0));
+    });
     return {};
 }
 
-Status SyncTask::uploadLocalFile(const KvMetadata& localFile,
-                                 const std::optional<KvMetadata>& /*remoteFile*/,
-                                 const KvMetadata& toFolder, bool /*overwrite*/) {
+Status SyncTask::uploadLocalFile(const KvMetadata& localFile, const KvMetadata& toFolder) {
     setTransferringFileMeta(localFile);
     std::string name = nameOf(localFile);
-    std::string scratch = join(taskTempFolderPath, name + ".syncing");
+    std::string scratch = join(taskTempFolderPath_, name + ".syncing");
     ::unlink(scratch.c_str());
     // The copy cannot change while it is sent, so the server never gets a torn file.
     LocalFileCopier copier;
@@ -1045,38 +812,20 @@ Status SyncTask::uploadLocalFile(const KvMetadata& localFile,
     struct stat st {};
     std::int64_t size =
         ::stat(scratch.c_str(), &st) == 0 ? static_cast<std::int64_t>(st.st_size) : 0;
-
-    auto w = wrapper();
-    // Weak: a wrapper may keep its progress handler, and the task owns the wrapper.
-    std::weak_ptr<SyncTask> weak = std::static_pointer_cast<SyncTask>(shared_from_this());
-    auto generation = ++transferGeneration_;
     std::int64_t base = doneBytes_;
     growTotalTo(base + size);
     // Replacing or not, the file goes up under a hidden name and takes its own name only when
     // complete: a run killed mid-upload leaves no partial file under the user's name.
     auto sent = RemoteUpload::uploadFile(
-        *w, localFile, scratch, toFolder, name, true,
-        [weak, generation, base](std::int64_t d, std::int64_t) {
-            auto self = weak.lock();
-            if (!self) return;
-            if (self->transferGeneration_.load() != generation || !self->running()) return;
-            self->setTransferredBytes(base + d);
-            self->reportProgress();
-        },
+        *wrapper(), localFile, scratch, toFolder, name, true,
+        relayProgress([base](std::int64_t d, std::int64_t) { return base + d; }),
         [this] { return stopped(); });
-    ++transferGeneration_;
     ::unlink(scratch.c_str());
     doneBytes_ += size;
-    setTransferredBytes(doneBytes_);
+    raiseTransferredBytes(doneBytes_);
     reportProgress();
     if (stopped()) return {};
     return sent;
-}
-
-Status SyncTask::renameLocalFile(const KvMetadata& file) {
-    auto moved = moveAsideAsOriginal(file);
-    if (!moved) return std::unexpected(moved.error());
-    return {};
 }
 
 Result<std::string> SyncTask::moveAsideAsOriginal(const KvMetadata& file) {
@@ -1092,10 +841,11 @@ Result<std::string> SyncTask::moveAsideAsOriginal(const KvMetadata& file) {
 // A deletion drops the record of the side already gone, deletes the item, then drops the
 // item's own record. A run killed in between finds one record left and a side that still
 // holds the unchanged item, which it reads as the deletion to finish.
-Status SyncTask::deleteRemoteFile(const KvMetadata& r, const std::optional<KvMetadata>& sr,
-                                  const std::optional<KvMetadata>& sl, const std::string& localPath,
-                                  const std::string& reason) {
-    decide({SyncAction::DeleteRemote, false, false, true, relativeLocalPath(localPath), reason, 0});
+Status SyncTask::deleteRemoteFile(const SyncStep& step) {
+    const KvMetadata& r = *step.item.remote;
+    const auto& sr = step.item.remoteRecord;
+    const auto& sl = step.item.localRecord;
+    decide(step.decision);
     if (auto s = checkDeleteLimit(Side::Remote); !s) return s;
     if (sl) {
         if (auto s = localService_->deleteLocalItem(*sl); !s) return s;
@@ -1103,15 +853,15 @@ Status SyncTask::deleteRemoteFile(const KvMetadata& r, const std::optional<KvMet
     auto removed = wrapper()->removeSync({r});
     if (!removed && !isNotFound(removed.error())) return removed;
     if (auto s = remoteService_->deleteRemoteItem(sr ? *sr : r); !s) return s;
-    std::lock_guard lock(mutex_);
-    ++summary_.deletedRemote;
+    count([](SyncSummary& s) { ++s.deletedRemote; });
     return {};
 }
 
-Status SyncTask::deleteLocalFile(const KvMetadata& l, const std::optional<KvMetadata>& sl,
-                                 const std::optional<KvMetadata>& sr, const std::string& reason) {
-    decide({SyncAction::DeleteLocal, false, false, false, relativeLocalPath(l.pathOrEmpty()),
-            reason, 0});
+Status SyncTask::deleteLocalFile(const SyncStep& step) {
+    const KvMetadata& l = *step.item.local;
+    const auto& sr = step.item.remoteRecord;
+    const auto& sl = step.item.localRecord;
+    decide(step.decision);
     if (auto s = checkDeleteLimit(Side::Local); !s) return s;
     if (sr) {
         if (auto s = remoteService_->deleteRemoteItem(*sr); !s) return s;
@@ -1125,222 +875,84 @@ Status SyncTask::deleteLocalFile(const KvMetadata& l, const std::optional<KvMeta
         if (::unlink(path.c_str()) != 0 && errno != ENOENT) return localError(errno, path);
     }
     if (auto s = localService_->deleteLocalItem(sl ? *sl : l); !s) return s;
-    std::lock_guard lock(mutex_);
-    ++summary_.deletedLocal;
+    count([](SyncSummary& s) { ++s.deletedLocal; });
     return {};
 }
 
-// --- Folder deletions
+Status SyncTask::createLocalFolder(const SyncStep& step) {
+    const KvMetadata& r = *step.item.remote;
+    KvMetadata folder = localChild(step.localFolder, nameOf(r), true);
+    decide(step.decision);
+    std::error_code ec;
+    std::filesystem::create_directories(folder.pathOrEmpty(), ec);
+    if (!std::filesystem::is_directory(folder.pathOrEmpty(), ec))
+        return KvError::fail(ErrorDomain::Local, ErrorCode::CreateFolderFailed,
+                             fmt::format("Cannot create folder {}", folder.pathOrEmpty()));
+    count([](SyncSummary& s) { ++s.localFoldersCreated; });
+    return storeRecords(r, folder, step.item.remoteRecord, step.item.localRecord);
+}
 
-Status SyncTask::deleteFolders() {
-    // What the passes did not use of the plan is older than what they changed.
-    plannedListings_.clear();
-    for (std::size_t i = 0; i < delRemoteFolders.size(); ++i) {
-        if (!running()) return {};
-        auto folder = delRemoteFolders[i];
-        std::string twin = delRemoteFolderTwins_[i];
-        auto removed = deleteRemoteFolderTree(folder, twin);
-        if (!removed) return std::unexpected(removed.error());
-        if (*removed || !running() || twin.empty()) continue;
-        // Something new or changed on the server inside it: the folder comes back here.
-        KvMetadata local(twin);
-        local.isDir = true;
-        local.protocolType = ProtocolType::Local;
-        local.localPath = twin;
-        decide({SyncAction::CreateLocalFolder, false, true, false, relativeLocalPath(twin),
-                "it holds items changed on the server"});
-        std::error_code ec;
-        std::filesystem::create_directories(twin, ec);
-        if (!std::filesystem::is_directory(twin, ec))
-            return KvError::fail(ErrorDomain::Local, ErrorCode::CreateFolderFailed,
-                                 fmt::format("Cannot create folder {}", twin));
-        {
-            std::lock_guard lock(mutex_);
-            ++summary_.localFoldersCreated;
-        }
-        if (auto s = storeRecords(folder, local, std::nullopt, std::nullopt); !s) return s;
-        if (auto s = syncRemoteFolder(folder, local); !s) return s;
+Status SyncTask::createRemoteFolder(const SyncStep& step) {
+    const KvMetadata& l = *step.item.local;
+    std::string name = nameOf(l);
+    KvMetadata parent = remoteFolderOf(step);
+    KvMetadata folder = RemoteUpload::itemInFolder(parent, name, true);
+    decide(step.decision);
+    auto w = wrapper();
+    if (auto s = w->createFolderSync(folder); !s) return s;
+    count([](SyncSummary& s) { ++s.remoteFoldersCreated; });
+    // The server's own record of the new folder (cloud drives give it its identifier); what
+    // the plan put inside goes into it.
+    if (auto created = w->metadataOfItemSync(folder)) {
+        created->parentFolderMeta = std::make_shared<const KvMetadata>(parent);
+        folder = *created;
     }
-    for (std::size_t i = 0; i < delLocalFolders.size(); ++i) {
-        if (!running()) return {};
-        auto folder = delLocalFolders[i];
-        auto twin = delLocalFolderTwins_[i];
-        auto removed = deleteLocalFolderTree(folder, twin);
-        if (!removed) return std::unexpected(removed.error());
-        if (*removed || !running()) continue;
-        // Something new or changed here inside it: the folder comes back on the server.
-        KvMetadata remote = twin;
-        remote.serverID = remoteRoot_.serverID;
-        remote.protocolType = remoteRoot_.protocolType;
-        remote.isDir = true;
-        if (remote.protocolType == ProtocolType::Local) remote.localPath = remote.path();
-        decide({SyncAction::CreateRemoteFolder, false, true, false,
-                relativeLocalPath(folder.pathOrEmpty()), "it holds items changed here"});
-        if (auto s = wrapper()->createFolderSync(remote); !s) return s;
-        {
-            std::lock_guard lock(mutex_);
-            ++summary_.remoteFoldersCreated;
-        }
-        if (auto s = storeRecords(remote, folder, std::nullopt, std::nullopt); !s) return s;
-        if (auto s = syncLocalFolder(folder, remote); !s) return s;
-    }
-    return {};
+    createdRemote_[SyncUtils::getFullPath(
+        RemoteUpload::itemInFolder(step.remoteFolder, name, true))] = folder;
+    return storeRecords(folder, l, step.item.remoteRecord, step.item.localRecord);
 }
 
-Result<bool> SyncTask::deleteRemoteFolder(const KvMetadata& folder) {
-    auto sl = localService_->getLocalItemByRemoteMeta(folder);
-    return deleteRemoteFolderTree(folder, sl ? sl->pathOrEmpty() : std::string());
-}
-
-Result<bool> SyncTask::deleteLocalFolder(const KvMetadata& folder) {
-    return deleteLocalFolderTree(folder, remoteService_->getRemoteItemByLocalMeta(folder));
-}
-
-Result<bool> SyncTask::deleteRemoteFolderTree(const KvMetadata& folder, const std::string& twin) {
-    if (isRemoteRoot(folder)) return false;
-    auto listing = contentsOfDirectory(folder, true);
+Status SyncTask::deleteRemoteFolder(const SyncStep& step) {
+    const KvMetadata& folder = *step.item.remote;
+    const auto& sr = step.item.remoteRecord;
+    const auto& sl = step.item.localRecord;
+    if (isRemoteRoot(folder)) return {};
+    // The server removes a folder with what it holds: one that gained anything since the plan
+    // stays, and the next run takes what is in it for new.
+    auto listing = contentsOfDirectory(folder);
     if (!listing) return std::unexpected(listing.error());
-    bool kept = false;
-    for (auto& e : *listing) {
-        if (!running()) return false;
-        std::string name = nameOf(e);
-        std::string localPath = twin.empty() ? name : join(twin, name);
-        if (!SyncTreePlanner::isSyncedName(name) || e.isSymbolLink) {
-            kept = true;
-            decide({SyncAction::Keep, false, e.isDir, true, relativeLocalPath(localPath),
-                    "not synced (hidden or a link)"});
-            continue;
-        }
-        auto sr = remoteService_->getRemoteItemByRemoteMeta(e);
-        if (e.isDir) {
-            if (!sr) {
-                kept = true;
-                decide({SyncAction::Keep, false, true, true, relativeLocalPath(localPath),
-                        "new on the server"});
-                continue;
-            }
-            auto removed = deleteRemoteFolderTree(e, localPath);
-            if (!removed) return removed;
-            if (!*removed) kept = true;
-            continue;
-        }
-        if (sr && !remoteChangedSince(e, *sr)) {
-            auto sl = localService_->getLocalItemByRemoteMeta(e);
-            if (auto s = deleteRemoteFile(e, sr, sl, localPath, "its folder was deleted here"); !s)
-                return std::unexpected(s.error());
-        } else {
-            kept = true;
-            decide({SyncAction::Keep, false, false, true, relativeLocalPath(localPath),
-                    sr ? "changed on the server since the last sync" : "new on the server"});
-        }
-    }
-    if (!running()) return false;
-    auto sr = remoteService_->getRemoteItemByRemoteMeta(folder);
-    auto sl = localService_->getLocalItemByRemoteMeta(folder);
-    if (kept) {
-        // What is left makes the folder new to the next comparison.
-        auto dropped = db_->transaction([&]() -> Status {
-            if (auto s = remoteService_->deleteRemoteItem(sr ? *sr : folder); !s) return s;
-            if (sl) return localService_->deleteLocalItem(*sl);
-            return {};
-        });
-        if (!dropped) return std::unexpected(dropped.error());
-        return false;
-    }
-    decide({SyncAction::DeleteRemoteFolder, false, true, true, relativeLocalPath(twin),
-            "deleted here"});
+    if (!listing->empty()) return forgetFolder(step.item);
+    decide(step.decision);
     if (sl) {
-        if (auto s = localService_->deleteLocalItem(*sl); !s) return std::unexpected(s.error());
+        if (auto s = localService_->deleteLocalItem(*sl); !s) return s;
     }
     auto removed = wrapper()->removeSync({folder});
-    if (!removed && !isNotFound(removed.error())) return std::unexpected(removed.error());
-    if (auto s = remoteService_->deleteRemoteItem(sr ? *sr : folder); !s)
-        return std::unexpected(s.error());
-    std::lock_guard lock(mutex_);
-    ++summary_.remoteFoldersDeleted;
-    return true;
+    if (!removed && !isNotFound(removed.error())) return removed;
+    if (auto s = remoteService_->deleteRemoteItem(sr ? *sr : folder); !s) return s;
+    count([](SyncSummary& s) { ++s.remoteFoldersDeleted; });
+    return {};
 }
 
-Result<bool> SyncTask::deleteLocalFolderTree(const KvMetadata& folder,
-                                             const std::optional<KvMetadata>& twin) {
-    if (folder.pathOrEmpty() == localRoot_.pathOrEmpty()) return false;
-    auto listing = contentsOfDirectory(folder, true);
-    if (!listing) return std::unexpected(listing.error());
-    bool kept = false;
-    for (auto& e : *listing) {
-        if (!running()) return false;
-        std::string name = nameOf(e);
-        std::optional<KvMetadata> childTwin;
-        if (twin) {
-            KvMetadata t(join(twin->pathOrEmpty(), name));
-            t.isDir = e.isDir;
-            t.serverID = remoteRoot_.serverID;
-            t.protocolType = remoteRoot_.protocolType;
-            childTwin = t;
-        }
-        if (isHiddenName(name) || e.isSymbolLink) {
-            kept = true;
-            decide({SyncAction::Keep, false, e.isDir, false, relativeLocalPath(e.pathOrEmpty()),
-                    "not synced (hidden or a link)"});
-            continue;
-        }
-        auto sl = localService_->getLocalItemByLocalMeta(e);
-        if (e.isDir) {
-            if (!sl) {
-                kept = true;
-                decide({SyncAction::Keep, false, true, false, relativeLocalPath(e.pathOrEmpty()),
-                        "new here"});
-                continue;
-            }
-            auto sr = remoteService_->getRemoteItemByLocalMeta(e);
-            auto removed = deleteLocalFolderTree(e, sr ? sr : childTwin);
-            if (!removed) return removed;
-            if (!*removed) kept = true;
-            continue;
-        }
-        if (sl && !localChanged(e, *sl)) {
-            auto sr = remoteService_->getRemoteItemByLocalMeta(e);
-            if (auto s = deleteLocalFile(e, sl, sr, "its folder was deleted on the server"); !s)
-                return std::unexpected(s.error());
-            // A file that was touched meanwhile stays, and with it the folder.
-            struct stat st {};
-            if (::lstat(e.pathOrEmpty().c_str(), &st) == 0) kept = true;
-        } else {
-            kept = true;
-            decide({SyncAction::Keep, false, false, false, relativeLocalPath(e.pathOrEmpty()),
-                    sl ? "changed here since the last sync" : "new here"});
-        }
-    }
-    if (!running()) return false;
-    auto sl = localService_->getLocalItemByLocalMeta(folder);
-    auto sr = remoteService_->getRemoteItemByLocalMeta(folder);
-    auto dropRecords = [&]() -> Status {
-        return db_->transaction([&]() -> Status {
-            if (auto s = localService_->deleteLocalItem(sl ? *sl : folder); !s) return s;
-            if (sr) return remoteService_->deleteRemoteItem(*sr);
-            return {};
-        });
-    };
-    if (kept) {
-        if (auto s = dropRecords(); !s) return std::unexpected(s.error());
-        return false;
-    }
-    decide({SyncAction::DeleteLocalFolder, false, true, false,
-            relativeLocalPath(folder.pathOrEmpty()), "deleted on the server"});
+Status SyncTask::deleteLocalFolder(const SyncStep& step) {
+    const KvMetadata& folder = *step.item.local;
+    const auto& sr = step.item.remoteRecord;
+    const auto& sl = step.item.localRecord;
+    std::string path = folder.pathOrEmpty();
+    if (path == localRoot_.pathOrEmpty()) return {};
+    decide(step.decision);
     if (sr) {
-        if (auto s = remoteService_->deleteRemoteItem(*sr); !s) return std::unexpected(s.error());
+        if (auto s = remoteService_->deleteRemoteItem(*sr); !s) return s;
     }
-    if (::rmdir(folder.pathOrEmpty().c_str()) != 0 && errno != ENOENT) {
+    if (::rmdir(path.c_str()) != 0 && errno != ENOENT) {
         int err = errno;
-        // Something appeared in it meanwhile: it stays, and the next run looks again.
-        if (err == ENOTEMPTY || err == EEXIST) return false;
-        return std::unexpected(localError(err, folder.pathOrEmpty()).error());
+        // Something appeared in it meanwhile (or a file in it was touched and stayed): it
+        // stays, and the next run takes what is in it for new.
+        if (err == ENOTEMPTY || err == EEXIST) return forgetFolder(step.item);
+        return localError(err, path);
     }
-    if (auto s = localService_->deleteLocalItem(sl ? *sl : folder); !s)
-        return std::unexpected(s.error());
-    std::lock_guard lock(mutex_);
-    ++summary_.localFoldersDeleted;
-    return true;
+    if (auto s = localService_->deleteLocalItem(sl ? *sl : folder); !s) return s;
+    count([](SyncSummary& s) { ++s.localFoldersDeleted; });
+    return {};
 }
 
 }  // namespace quillon

@@ -22,7 +22,6 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
-#include <unordered_set>
 #include <vector>
 
 #include "core/Wrapper.h"
@@ -82,47 +81,6 @@ class SyncTask : public FileTransferTask {
     // instead).
     std::function<void(const SyncDecision&)> decisionHandler;
 
-    // --- The steps of a run (public for tests; each runs on the task's thread).
-
-    // Proves that the server takes and gives back a file; on failure completes the task with
-    // the error and returns it.
-    [[nodiscard]] Status checkSyncCondition();
-    // The remote pass over one folder pair, recursively.
-    [[nodiscard]] Status syncRemoteFolder(const KvMetadata& remoteFolder,
-                                          const KvMetadata& localFolder);
-    // The local pass over one folder pair, recursively: the items with no remote twin.
-    [[nodiscard]] Status syncLocalFolder(const KvMetadata& localFolder,
-                                         const KvMetadata& remoteFolder);
-    // The folder deletions collected by the passes, remote ones first.
-    [[nodiscard]] Status deleteFolders();
-    // Deletes a remote folder down to what is unchanged since the last sync; true when the
-    // folder itself went.
-    [[nodiscard]] Result<bool> deleteRemoteFolder(const KvMetadata& folder);
-    [[nodiscard]] Result<bool> deleteLocalFolder(const KvMetadata& folder);
-    // Moves a local file to "<name>.original" in its folder (a free variant when taken).
-    [[nodiscard]] Status renameLocalFile(const KvMetadata& file);
-    // The entry with exactly that name, or absent.
-    static std::optional<KvMetadata> getMetadataByName(const std::string& name,
-                                                       const KvMetadataList& list);
-    // The folder's syncable entries: local folders from the file system, remote ones from the
-    // wrapper. Hidden entries and the ability-check file are left out unless `withHidden`.
-    [[nodiscard]] Result<KvMetadataList> contentsOfDirectory(const KvMetadata& folder,
-                                                             bool withHidden = false);
-    // Downloads a remote file over its local twin in `toFolder`, through the scratch folder;
-    // the local file takes the remote file's time.
-    [[nodiscard]] Status downloadFile(const KvMetadata& file, const KvMetadata& toFolder);
-    // Uploads a scratch copy ("<name>.syncing") of the local file into the remote folder under
-    // the file's name.
-    [[nodiscard]] Status uploadLocalFile(const KvMetadata& localFile,
-                                         const std::optional<KvMetadata>& remoteFile,
-                                         const KvMetadata& toFolder, bool overwrite);
-
-    // Folders the passes found deleted on one side.
-    KvMetadataList delRemoteFolders;
-    KvMetadataList delLocalFolders;
-    bool checkingSyncCondition = false;
-    std::string taskTempFolderPath;
-
     // Whether the remote item changed since its record: its time differs by more than a second
     // from the recorded one, except that a time listed as a bare day (a server's listing of an
     // older file) on the recorded time's day counts as the same.
@@ -134,8 +92,6 @@ class SyncTask : public FileTransferTask {
     static bool isExactRecordedTime(TimePoint recorded);
 
   private:
-    struct Listing;
-    struct PairListing;
     enum class Side { Local, Remote };
 
     // Ends the run: last sync time, pair status, notification, then the common completion.
@@ -143,39 +99,44 @@ class SyncTask : public FileTransferTask {
     void finish(std::optional<Error> error);
     bool running() const { return state() == TransferTaskState::Running; }
 
-    Result<std::shared_ptr<Listing>> listRemote(const KvMetadata& folder, bool exists);
-    Result<std::shared_ptr<Listing>> listLocal(const KvMetadata& folder, bool exists);
+    // Proves that the server takes and gives back a file; on failure completes the task with
+    // the error and returns it.
+    Status checkSyncCondition();
+    // The folder's entries, hidden ones included: local folders from the file system, remote
+    // ones from the wrapper.
+    Result<KvMetadataList> contentsOfDirectory(const KvMetadata& folder);
     // The planner's time comparisons, with exact server times where the listing is coarse.
     SyncTimeRules timeRules();
-    Status carryOutRemoteItem(const SyncItemPlan& plan, const SyncItemState& item,
-                              const KvMetadata& remoteFolder, const KvMetadata& localFolder);
-    Status carryOutLocalOnlyItem(const SyncItemPlan& plan, const SyncItemState& item,
-                                 const KvMetadata& remoteFolder);
-    // Both trees as they are now, and the decisions taken from them and the records.
+    // Both trees as they are now, and the steps taken from them and the records.
     Result<SyncPlan> makePlan();
-    Status snapshot(Side side, const KvMetadata& folder, const std::string& rel,
-                    SyncTreeSnapshot& tree);
+    Status snapshot(const KvMetadata& folder, const std::string& rel, SyncTreeSnapshot& tree);
     // The delete limit, read from the plan.
     Status checkPlanDeletes(const SyncSummary& plan);
-    Status runPasses();
 
-    Status download(const KvMetadata& r, const std::optional<KvMetadata>& l,
-                    const std::optional<KvMetadata>& sr, const std::optional<KvMetadata>& sl,
-                    const KvMetadata& localFolder, bool conflict, bool keepLocalCopy,
-                    const std::string& reason);
-    Status upload(const KvMetadata& l, const std::optional<KvMetadata>& r,
-                  const std::optional<KvMetadata>& sr, const std::optional<KvMetadata>& sl,
-                  const KvMetadata& remoteFolder, bool conflict, const std::string& reason);
-    Status deleteRemoteFile(const KvMetadata& r, const std::optional<KvMetadata>& sr,
-                            const std::optional<KvMetadata>& sl, const std::string& localPath,
-                            const std::string& reason);
+    // The executor: the plan's steps in order, each recorded as it completes.
+    Status carryOut(const SyncPlan& plan);
+    Status carryOut(const SyncStep& step);
+    Status download(const SyncStep& step);
+    Status upload(const SyncStep& step);
+    Status deleteRemoteFile(const SyncStep& step);
+    Status deleteLocalFile(const SyncStep& step);
+    Status createLocalFolder(const SyncStep& step);
+    Status createRemoteFolder(const SyncStep& step);
+    Status deleteRemoteFolder(const SyncStep& step);
+    Status deleteLocalFolder(const SyncStep& step);
+    // A folder kept for what it holds: its records go.
+    Status forgetFolder(const SyncItemState& item);
+    // The step's folder on the server, as made by this run when the plan made it.
+    KvMetadata remoteFolderOf(const SyncStep& step) const;
+    // Fetches `file` over the local file `expected` saw (none: no file) in `toFolder`;
+    // false when the local file changed meanwhile (it is left for the next run) or the run
+    // stopped. `keepLocalCopy`: a local version that differs is set aside as a loser of `path`.
     Result<bool> downloadInto(const KvMetadata& file, const KvMetadata& toFolder,
-                              const std::optional<KvMetadata>& expected, bool keepLocalCopy);
-    Result<bool> deleteRemoteFolderTree(const KvMetadata& folder, const std::string& twin);
-    Result<bool> deleteLocalFolderTree(const KvMetadata& folder,
-                                       const std::optional<KvMetadata>& twin);
-    Status deleteLocalFile(const KvMetadata& l, const std::optional<KvMetadata>& sl,
-                           const std::optional<KvMetadata>& sr, const std::string& reason);
+                              const std::optional<KvMetadata>& expected, bool keepLocalCopy,
+                              const std::string& path);
+    // Sends a scratch copy ("<name>.syncing") of the local file into the remote folder under
+    // the file's name.
+    Status uploadLocalFile(const KvMetadata& localFile, const KvMetadata& toFolder);
     Status storeRecords(const KvMetadata& r, const KvMetadata& l,
                         const std::optional<KvMetadata>& sr, const std::optional<KvMetadata>& sl);
     Status checkDeleteLimit(Side side);
@@ -195,12 +156,17 @@ class SyncTask : public FileTransferTask {
     // Moves a local file to "<name>.original" (a free variant when taken); its new path.
     Result<std::string> moveAsideAsOriginal(const KvMetadata& file);
 
-    void decide(SyncDecision decision);
+    void decide(const SyncDecision& decision);
     // The plan sets the total; a file that grew since it was listed raises it.
     void growTotalTo(std::int64_t bytes) {
         if (bytes > totalBytes()) setTotalBytes(bytes);
     }
-    std::string relativeLocalPath(const std::string& localPath) const;
+    // Counts what was done, under the lock.
+    template <typename F>
+    void count(F&& f) {
+        std::lock_guard lock(mutex_);
+        f(summary_);
+    }
     KvMetadata localChild(const KvMetadata& folder, const std::string& name, bool isDir) const;
     bool isRemoteRoot(const KvMetadata& folder) const;
     WrapperPtr wrapper() const;
@@ -217,14 +183,13 @@ class SyncTask : public FileTransferTask {
     std::string localRootPrefix_;
     SyncSummary summary_;
     std::vector<SyncDecision> plan_;
-    // Listings of the remote pass, reused by the local pass (keyed by local folder path).
-    std::unordered_map<std::string, std::shared_ptr<PairListing>> listings_;
-    // The other side's path of each folder in delRemoteFolders and delLocalFolders.
-    std::vector<std::string> delRemoteFolderTwins_;
-    KvMetadataList delLocalFolderTwins_;
-    // Remote listings of the plan, used once by the pass that acts (keyed by record path), so
-    // that planning does not cost a second listing of the server.
-    std::unordered_map<std::string, KvMetadataList> plannedListings_;
+    bool checkingSyncCondition_ = false;
+    std::string taskTempFolderPath_;
+    // Folders this run made on the server, by the full path the plan gave them: what the plan
+    // put inside goes into the server's own record of the folder.
+    std::unordered_map<std::string, KvMetadata> createdRemote_;
+    // The local versions that lost a conflict and were set aside, by the download's path.
+    std::unordered_map<std::string, KvMetadata> losers_;
     // Exact times asked of the server in this run, by record path, listed time and size.
     std::unordered_map<std::string, std::optional<TimePoint>> exactTimes_;
     // The minute the server's listing showed for the ability-check file: a file listed with an
@@ -233,7 +198,6 @@ class SyncTask : public FileTransferTask {
     // Deletions the delete limit allows on each side in this run (absent: no limit).
     std::optional<std::int64_t> allowedLocalDeletes_, allowedRemoteDeletes_;
     std::int64_t doneBytes_ = 0;
-    std::atomic<std::uint64_t> transferGeneration_{0};
     int lockFd_ = -1;
     // Another run holds the pair: this one leaves the pair's stored state alone.
     bool refusedBusy_ = false;

@@ -84,8 +84,15 @@ bool SyncSummary::nothingChanged() const {
            remoteFoldersDeleted == 0;
 }
 
+std::vector<SyncDecision> SyncPlan::decisions() const {
+    std::vector<SyncDecision> out;
+    for (auto& step : steps)
+        if (step.kind == SyncStepKind::Act) out.push_back(step.decision);
+    return out;
+}
+
 SyncSummary SyncPlan::summary() const {
-    SyncSummary s = summarizeDecisions(decisions);
+    SyncSummary s = summarizeDecisions(decisions());
     s.localFiles = localFiles;
     s.remoteFiles = remoteFiles;
     return s;
@@ -93,9 +100,12 @@ SyncSummary SyncPlan::summary() const {
 
 std::int64_t SyncPlan::transferBytes() const {
     std::int64_t bytes = 0;
-    for (auto& d : decisions)
-        if (d.action == SyncAction::Download || d.action == SyncAction::Upload)
+    for (auto& step : steps) {
+        auto& d = step.decision;
+        if (step.kind == SyncStepKind::Act &&
+            (d.action == SyncAction::Download || d.action == SyncAction::Upload))
             bytes += static_cast<std::int64_t>(d.size);
+    }
     return bytes;
 }
 
@@ -133,22 +143,28 @@ class Planner {
     SyncPlan run() {
         out_.remoteFiles = countFiles(*in_.remote);
         out_.localFiles = countFiles(*in_.local);
-        remotePass("", in_.localRoot, true);
-        localPass("", in_.remoteRoot, true);
+        remotePass("", in_.remoteRoot, in_.localRoot, true);
+        localPass("", in_.localRoot, in_.remoteRoot, true);
         // Indexes: a folder made again puts what it holds through the passes, which may add
         // deletions of its own.
         for (std::size_t i = 0; i < delRemote_.size(); ++i) {
-            auto [rel, folder, twin] = delRemote_[i];
-            if (walkRemote(rel, folder)) continue;
-            emit(SyncAction::CreateLocalFolder, true, false, rel,
-                 "it holds items changed on the server");
-            remotePass(rel, twin, false);
+            Deleted d = delRemote_[i];
+            if (walkRemote(d.rel, d.folder)) continue;
+            SyncStep& step = emit(SyncAction::CreateLocalFolder, true, false, d.rel,
+                                  "it holds items changed on the server");
+            step.item.remote = d.folder;
+            setFolders(step, d.parent, d.twinParent);
+            remotePass(d.rel, d.folder, localChild(d.twinParent, nameOf(d.folder), true), false);
         }
         for (std::size_t i = 0; i < delLocal_.size(); ++i) {
-            auto [rel, folder, twin] = delLocal_[i];
-            if (walkLocal(rel, folder)) continue;
-            emit(SyncAction::CreateRemoteFolder, true, false, rel, "it holds items changed here");
-            localPass(rel, twin, false);
+            Deleted d = delLocal_[i];
+            if (walkLocal(d.rel, d.folder)) continue;
+            SyncStep& step = emit(SyncAction::CreateRemoteFolder, true, false, d.rel,
+                                  "it holds items changed here");
+            step.item.local = d.folder;
+            setFolders(step, d.twinParent, d.parent);
+            localPass(d.rel, d.folder,
+                      RemoteUpload::itemInFolder(d.twinParent, nameOf(d.folder), true), false);
         }
         return std::move(out_);
     }
@@ -157,14 +173,20 @@ class Planner {
     struct Deleted {
         std::string rel;
         KvMetadata folder;
-        KvMetadata twin;  // the folder's place on the other side
+        KvMetadata parent;      // the folder it lies in
+        KvMetadata twinParent;  // that folder's twin on the other side
     };
 
     const Input& in_;
     SyncPlan out_;
     std::vector<Deleted> delRemote_, delLocal_;
     // The local versions that lose a conflict, by folder: the local pass sends them up.
-    std::unordered_map<std::string, std::vector<KvMetadata>> originals_;
+    struct Loser {
+        KvMetadata original;
+        std::string of;
+        KvMetadata remoteFolder;
+    };
+    std::unordered_map<std::string, std::vector<Loser>> originals_;
     // What the folder walks delete (remote full paths, local paths), and the folders whose
     // records they drop because something in them stays.
     std::unordered_set<std::string> goneRemote_, goneLocal_, droppedRemote_, droppedLocal_;
@@ -177,10 +199,21 @@ class Planner {
         return files;
     }
 
-    void emit(SyncAction action, bool isDir, bool remoteSide, const std::string& path,
-              std::string reason, std::uint64_t size = 0, bool conflict = false) {
-        out_.decisions.push_back(
-            {action, conflict, isDir, remoteSide, path, std::move(reason), size});
+    SyncStep& emit(SyncAction action, bool isDir, bool remoteSide, const std::string& path,
+                   std::string reason, std::uint64_t size = 0, bool conflict = false) {
+        SyncStep step;
+        step.decision = {action, conflict, isDir, remoteSide, path, std::move(reason), size};
+        return out_.steps.emplace_back(std::move(step));
+    }
+    SyncStep& records(SyncStepKind kind, const std::string& path) {
+        SyncStep step;
+        step.kind = kind;
+        step.decision.path = path;
+        return out_.steps.emplace_back(std::move(step));
+    }
+    static void setFolders(SyncStep& step, const KvMetadata& remote, const KvMetadata& local) {
+        step.remoteFolder = remote;
+        step.localFolder = local;
     }
 
     // A folder's entries; `all` keeps the hidden ones and links.
@@ -221,6 +254,21 @@ class Planner {
             return std::nullopt;
         return in_.records.remoteByLocal(l);
     }
+    // The item as the remote side's records know it.
+    SyncItemState remoteItem(const KvMetadata& r) const {
+        SyncItemState item;
+        item.remote = r;
+        item.remoteRecord = remoteByRemote(r);
+        item.localRecord = localByRemote(r);
+        return item;
+    }
+    SyncItemState localItem(const KvMetadata& l) const {
+        SyncItemState item;
+        item.local = l;
+        item.localRecord = localByLocal(l);
+        item.remoteRecord = remoteByLocal(l);
+        return item;
+    }
 
     bool remoteChanged(const KvMetadata& r, const KvMetadata& sr) const {
         return in_.rules.remoteChanged ? in_.rules.remoteChanged(r, sr)
@@ -228,7 +276,8 @@ class Planner {
     }
 
     // The items listed on the server in one folder (`localFolder` is its local twin).
-    void remotePass(const std::string& rel, const KvMetadata& localFolder, bool localExists) {
+    void remotePass(const std::string& rel, const KvMetadata& remoteFolder,
+                    const KvMetadata& localFolder, bool localExists) {
         auto remote = listed(true, rel, true, false);
         auto local = listed(false, rel, localExists, false);
         std::unordered_map<std::string, const KvMetadata*> localByName;
@@ -238,13 +287,11 @@ class Planner {
 
         for (auto& r : remote) {
             std::string name = nameOf(r), path = childPath(rel, name);
-            SyncItemState item;
-            item.remote = r;
+            SyncItemState item = remoteItem(r);
             if (auto it = localByName.find(name); it != localByName.end()) item.local = *it->second;
-            item.remoteRecord = remoteByRemote(r);
-            item.localRecord = localByRemote(r);
             const auto& l = item.local;
             auto plan = SyncPlanner::planRemoteItem(item, in_.rules);
+            SyncStep* step = nullptr;
             switch (plan.verdict) {
                 case SyncVerdict::Nothing:
                     break;
@@ -252,48 +299,59 @@ class Planner {
                     // A link lies on the side that holds it; a file facing a folder is the
                     // server's.
                     bool link = r.isSymbolLink || (l && l->isSymbolLink);
-                    emit(SyncAction::Skip, r.isDir, link ? r.isSymbolLink : true, path,
-                         plan.reason);
+                    step = &emit(SyncAction::Skip, r.isDir, link ? r.isSymbolLink : true, path,
+                                 plan.reason);
                     break;
                 }
                 case SyncVerdict::Download:
-                    emit(SyncAction::Download, false, false, path, plan.reason,
-                         r.fileSizeInBytes.value_or(0), plan.conflict);
-                    if (plan.keepLocalCopy && l) {
+                    step = &emit(SyncAction::Download, false, false, path, plan.reason,
+                                 r.fileSizeInBytes.value_or(0), plan.conflict);
+                    step->keepLocalCopy = plan.keepLocalCopy && l;
+                    if (step->keepLocalCopy) {
                         KvMetadata original = *l;
                         std::string kept =
                             FileTransferUtils::getUniqueFileName(local, name + ".original");
                         original.setName(kept);
                         // Unless the server holds that name too, the local pass sends it up.
-                        if (!remoteNames.contains(kept)) originals_[rel].push_back(original);
+                        if (!remoteNames.contains(kept))
+                            originals_[rel].push_back({original, path, remoteFolder});
                     }
                     break;
                 case SyncVerdict::Upload:
-                    emit(SyncAction::Upload, false, false, path, plan.reason,
-                         l->fileSizeInBytes.value_or(0), plan.conflict);
+                    step = &emit(SyncAction::Upload, false, false, path, plan.reason,
+                                 l->fileSizeInBytes.value_or(0), plan.conflict);
                     break;
                 case SyncVerdict::DeleteRemote:
-                    emit(SyncAction::DeleteRemote, false, true, path, plan.reason);
+                    step = &emit(SyncAction::DeleteRemote, false, true, path, plan.reason);
                     break;
                 case SyncVerdict::DeleteRemoteFolder:
-                    delRemote_.push_back({path, r, localChild(localFolder, name, true)});
+                    delRemote_.push_back({path, r, remoteFolder, localFolder});
                     break;
                 case SyncVerdict::CreateLocalFolder:
-                    emit(SyncAction::CreateLocalFolder, true, false, path, plan.reason);
-                    remotePass(path, localChild(localFolder, name, true), false);
+                    step = &emit(SyncAction::CreateLocalFolder, true, false, path, plan.reason);
                     break;
                 case SyncVerdict::EnterFolder:
-                    remotePass(path, *l, true);
+                    if (!item.remoteRecord || !item.localRecord)
+                        step = &records(SyncStepKind::RecordFolder, path);
                     break;
                 default:
                     break;
             }
+            if (step) {
+                step->item = item;
+                setFolders(*step, remoteFolder, localFolder);
+            }
+            if (plan.verdict == SyncVerdict::CreateLocalFolder)
+                remotePass(path, r, localChild(localFolder, name, true), false);
+            else if (plan.verdict == SyncVerdict::EnterFolder)
+                remotePass(path, r, *l, true);
         }
     }
 
     // The local items of one folder with nothing of their name on the server
     // (`remoteFolder` is its twin there).
-    void localPass(const std::string& rel, const KvMetadata& remoteFolder, bool remoteExists) {
+    void localPass(const std::string& rel, const KvMetadata& localFolder,
+                   const KvMetadata& remoteFolder, bool remoteExists) {
         auto local = listed(false, rel, true, false);
         auto remote = listed(true, rel, remoteExists, false);
         std::unordered_map<std::string, const KvMetadata*> remoteByName;
@@ -304,42 +362,49 @@ class Planner {
             if (auto it = remoteByName.find(name); it != remoteByName.end()) {
                 const KvMetadata& r = *it->second;
                 if (r.isDir && l.isDir && !r.isSymbolLink && !l.isSymbolLink)
-                    localPass(path, r, true);
+                    localPass(path, l, r, true);
                 continue;
             }
-            SyncItemState item;
-            item.local = l;
-            item.localRecord = localByLocal(l);
-            item.remoteRecord = remoteByLocal(l);
+            SyncItemState item = localItem(l);
             auto plan = SyncPlanner::planLocalOnlyItem(item);
-            KvMetadata twin = RemoteUpload::itemInFolder(remoteFolder, name, true);
+            SyncStep* step = nullptr;
             switch (plan.verdict) {
                 case SyncVerdict::Skip:
-                    emit(SyncAction::Skip, l.isDir, false, path, plan.reason);
+                    step = &emit(SyncAction::Skip, l.isDir, false, path, plan.reason);
                     break;
                 case SyncVerdict::Upload:
-                    emit(SyncAction::Upload, false, false, path, plan.reason,
-                         l.fileSizeInBytes.value_or(0));
+                    step = &emit(SyncAction::Upload, false, false, path, plan.reason,
+                                 l.fileSizeInBytes.value_or(0));
                     break;
                 case SyncVerdict::DeleteLocal:
-                    emit(SyncAction::DeleteLocal, false, false, path, plan.reason);
+                    step = &emit(SyncAction::DeleteLocal, false, false, path, plan.reason);
                     break;
                 case SyncVerdict::DeleteLocalFolder:
-                    delLocal_.push_back({path, l, twin});
+                    delLocal_.push_back({path, l, localFolder, remoteFolder});
                     break;
                 case SyncVerdict::CreateRemoteFolder:
-                    emit(SyncAction::CreateRemoteFolder, true, false, path, plan.reason);
-                    localPass(path, twin, false);
+                    step = &emit(SyncAction::CreateRemoteFolder, true, false, path, plan.reason);
                     break;
                 default:
                     break;
             }
+            if (step) {
+                step->item = item;
+                setFolders(*step, remoteFolder, localFolder);
+            }
+            if (plan.verdict == SyncVerdict::CreateRemoteFolder)
+                localPass(path, l, RemoteUpload::itemInFolder(remoteFolder, name, true), false);
         }
         if (auto it = originals_.find(rel); it != originals_.end()) {
-            for (auto& original : it->second)
-                emit(SyncAction::Upload, false, false, childPath(rel, nameOf(original)),
-                     "the local version that lost, kept beside it",
-                     original.fileSizeInBytes.value_or(0));
+            for (auto& loser : it->second) {
+                SyncStep& step =
+                    emit(SyncAction::Upload, false, false, childPath(rel, nameOf(loser.original)),
+                         "the local version that lost, kept beside it",
+                         loser.original.fileSizeInBytes.value_or(0));
+                step.item.local = loser.original;
+                step.loserOf = loser.of;
+                setFolders(step, loser.remoteFolder, localFolder);
+            }
             originals_.erase(it);
         }
     }
@@ -355,9 +420,9 @@ class Planner {
                 emit(SyncAction::Keep, e.isDir, true, path, "not synced (hidden or a link)");
                 continue;
             }
-            auto sr = remoteByRemote(e);
+            auto item = remoteItem(e);
             if (e.isDir) {
-                if (!sr) {
+                if (!item.remoteRecord) {
                     kept = true;
                     emit(SyncAction::Keep, true, true, path, "new on the server");
                 } else if (!walkRemote(path, e)) {
@@ -365,21 +430,25 @@ class Planner {
                 }
                 continue;
             }
-            if (sr && !remoteChanged(e, *sr)) {
-                emit(SyncAction::DeleteRemote, false, true, path, "its folder was deleted here");
+            if (item.remoteRecord && !remoteChanged(e, *item.remoteRecord)) {
+                emit(SyncAction::DeleteRemote, false, true, path, "its folder was deleted here")
+                    .item = item;
                 goneRemote_.insert(SyncUtils::getFullPath(e));
             } else {
                 kept = true;
                 emit(SyncAction::Keep, false, true, path,
-                     sr ? "changed on the server since the last sync" : "new on the server");
+                     item.remoteRecord ? "changed on the server since the last sync"
+                                       : "new on the server");
             }
         }
+        auto item = remoteItem(folder);
         if (kept) {
             // What is left makes the folder new to the next comparison.
+            records(SyncStepKind::ForgetFolder, rel).item = item;
             droppedRemote_.insert(SyncUtils::getFullPath(folder));
             return false;
         }
-        emit(SyncAction::DeleteRemoteFolder, true, true, rel, "deleted here");
+        emit(SyncAction::DeleteRemoteFolder, true, true, rel, "deleted here").item = item;
         goneRemote_.insert(SyncUtils::getFullPath(folder));
         return true;
     }
@@ -388,14 +457,14 @@ class Planner {
         bool kept = false;
         for (auto& e : listed(false, rel, true, true)) {
             std::string path = childPath(rel, nameOf(e));
-            if (e.isSymbolLink || !isSyncedName(nameOf(e))) {
+            if (isLinkOrHidden(e)) {
                 kept = true;
                 emit(SyncAction::Keep, e.isDir, false, path, "not synced (hidden or a link)");
                 continue;
             }
-            auto sl = localByLocal(e);
+            auto item = localItem(e);
             if (e.isDir) {
-                if (!sl) {
+                if (!item.localRecord) {
                     kept = true;
                     emit(SyncAction::Keep, true, false, path, "new here");
                 } else if (!walkLocal(path, e)) {
@@ -403,21 +472,24 @@ class Planner {
                 }
                 continue;
             }
-            if (sl && !SyncPlanner::localChanged(e, *sl)) {
+            if (item.localRecord && !SyncPlanner::localChanged(e, *item.localRecord)) {
                 emit(SyncAction::DeleteLocal, false, false, path,
-                     "its folder was deleted on the server");
+                     "its folder was deleted on the server")
+                    .item = item;
                 goneLocal_.insert(e.pathOrEmpty());
             } else {
                 kept = true;
                 emit(SyncAction::Keep, false, false, path,
-                     sl ? "changed here since the last sync" : "new here");
+                     item.localRecord ? "changed here since the last sync" : "new here");
             }
         }
+        auto item = localItem(folder);
         if (kept) {
+            records(SyncStepKind::ForgetFolder, rel).item = item;
             droppedLocal_.insert(folder.pathOrEmpty());
             return false;
         }
-        emit(SyncAction::DeleteLocalFolder, true, false, rel, "deleted on the server");
+        emit(SyncAction::DeleteLocalFolder, true, false, rel, "deleted on the server").item = item;
         goneLocal_.insert(folder.pathOrEmpty());
         return true;
     }

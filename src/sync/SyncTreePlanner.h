@@ -95,12 +95,36 @@ struct SyncRecordLookup {
     std::function<std::optional<KvMetadata>(const KvMetadata& local)> remoteByLocal;
 };
 
+// What a step does with the pair's records beyond carrying out its decision.
+enum class SyncStepKind {
+    Act,           // carries out its decision (and records the outcome)
+    RecordFolder,  // a folder on both sides with a record missing: the records are written
+    ForgetFolder,  // a deleted folder kept for what it holds: its records go, so that the next
+                   // run takes what is left for new
+};
+
+// One step of a run, with everything the run needs to carry it out: the item as planned (R, L,
+// SR, SL) and the folders it lies in on each side. The run never lists or decides again.
+struct SyncStep {
+    SyncStepKind kind = SyncStepKind::Act;
+    SyncDecision decision;  // Act: what the run reports before carrying it out
+    SyncItemState item;
+    KvMetadata remoteFolder;  // the item's folder on the server (planned, for a new folder)
+    KvMetadata localFolder;   // the item's local folder
+    // Download: the local version that loses is kept beside the winner as "<name>.original".
+    bool keepLocalCopy = false;
+    // Upload of such a loser: the path (relative) of the download that set it aside.
+    std::optional<std::string> loserOf;
+};
+
 struct SyncPlan {
-    std::vector<SyncDecision> decisions;
+    std::vector<SyncStep> steps;
     // Synced files seen on each side.
     std::int64_t localFiles = 0;
     std::int64_t remoteFiles = 0;
 
+    // The decisions of the steps that act, in order.
+    std::vector<SyncDecision> decisions() const;
     // The decisions' counts with the files seen.
     SyncSummary summary() const;
     // The bytes the run transfers, both ways.

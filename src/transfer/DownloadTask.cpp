@@ -1,6 +1,5 @@
 #include "transfer/DownloadTask.h"
 
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -8,10 +7,10 @@
 #include <filesystem>
 
 #include "clients/local/LocalFileOps.h"
-#include "core/LocalizedUtils.h"
 #include "core/StringUtils.h"
 #include "core/WrapperProxy.h"
 #include "transfer/FileTransferUtils.h"
+#include "transfer/RemoteDownload.h"
 
 namespace quillon {
 
@@ -189,25 +188,16 @@ Status DownloadTask::transferFile(const FileTransferNode& node) {
     const auto& source = node.sourceMetadata;
     std::string targetPath = node.targetMetadata.pathOrEmpty();
     std::string targetFolder = node.targetParentMetadata.pathOrEmpty();
-    auto size = source.fileSizeInBytes.value_or(0);
-    // The file passes through the scratch folder and then lands in the target folder: both
-    // volumes must hold it before the first byte moves.
     auto temp = taskTempFolderPath();
-    auto freeSpace = std::min(FileTransferUtils::totalFreeDiskSpace(temp),
-                              FileTransferUtils::totalFreeDiskSpace(targetFolder));
-    if (size > freeSpace)
-        return KvError::fail(ErrorDomain::FileTransfer, ErrorCode::TransferFailed,
-                             LocalizedUtils::localizedStringForKey("trans.no_space"));
+    if (auto room = RemoteDownload::checkRoom(source, temp, targetFolder); !room) return room;
 
     setTransferringFileMeta(source);
     std::string name = StringUtils::lastPathComponent(targetPath);
     std::string scratch = join(temp, name);
-    if (existsLocally(scratch)) ::unlink(scratch.c_str());
-
     std::int64_t base = doneBytes_;
     std::weak_ptr<FileTransferTask> weak = weak_from_this();
-    auto r = sourceWrapper_->downloadSync(
-        source, scratch,
+    auto fetched = RemoteDownload::fetchFile(
+        *sourceWrapper_, source, scratch,
         relayProgress([base](std::int64_t done, std::int64_t) { return base + done; },
                       [weak](std::int64_t, std::int64_t total) {
                           auto self = std::static_pointer_cast<DownloadTask>(weak.lock());
@@ -219,31 +209,16 @@ Status DownloadTask::transferFile(const FileTransferNode& node) {
                           self->progress_->setCompletedUnitCount(self->transferredBytes());
                           if (self->progressHandler)
                               self->progressHandler(self->transferredBytes(), self->totalBytes());
-                      }));
-    doneBytes_ += static_cast<std::int64_t>(size);
+                      }),
+        [this] { return stopped(); });
+    doneBytes_ += static_cast<std::int64_t>(source.fileSizeInBytes.value_or(0));
     raiseTransferredBytes(doneBytes_);
+    if (!fetched) return std::unexpected(fetched.error());
+    // Stopped, or a wrapper that produced no file skipped it: the next one follows.
+    if (!*fetched) return {};
     auto cleanup = [&] {
         if (existsLocally(scratch)) ::unlink(scratch.c_str());
     };
-    if (stopped()) {
-        cleanup();
-        return {};
-    }
-    if (!r) {
-        cleanup();
-        return r;
-    }
-    // A wrapper that produced no file skipped it: the next one follows.
-    if (!existsLocally(scratch)) return {};
-    // The file keeps the server's modification time.
-    if (source.timestamp) {
-        auto secs = std::chrono::floor<std::chrono::seconds>(*source.timestamp);
-        struct timespec times[2] = {{0, UTIME_OMIT}, {}};
-        times[1].tv_sec = static_cast<time_t>(secs.time_since_epoch().count());
-        times[1].tv_nsec = static_cast<long>(
-            std::chrono::duration_cast<std::chrono::nanoseconds>(*source.timestamp - secs).count());
-        ::utimensat(AT_FDCWD, scratch.c_str(), times, 0);
-    }
 
     auto conflict = fileConflict();
     if (conflict == ConflictAction::KeepBoth && existsLocally(targetPath))

@@ -124,7 +124,8 @@ SyncTreeSnapshot snapshotOf(const std::string& root, const Tree& tree) {
     return snap;
 }
 
-// The decisions for both trees and the records (each recorded item on both sides).
+// The steps for both trees and the records (each recorded item on both sides); those that only
+// write or drop records in parentheses.
 std::string planTrees(const std::string& records, const std::string& remote,
                       const std::string& local) {
     Tree recorded = parseTree(records);
@@ -146,8 +147,14 @@ std::string planTrees(const std::string& records, const std::string& remote,
     input.records = {lookup("/r", "/r"), lookup("/r", "/l"), lookup("/l", "/l"),
                      lookup("/l", "/r")};
     std::string out;
-    for (auto& d : SyncTreePlanner::plan(input).decisions)
-        out += (out.empty() ? "" : ", ") + std::string(syncActionName(d.action)) + " " + d.path;
+    for (auto& step : SyncTreePlanner::plan(input).steps) {
+        auto& d = step.decision;
+        std::string what = step.kind == SyncStepKind::RecordFolder ? "(record " + d.path + ")"
+                           : step.kind == SyncStepKind::ForgetFolder
+                               ? "(forget " + d.path + ")"
+                               : std::string(syncActionName(d.action)) + " " + d.path;
+        out += (out.empty() ? "" : ", ") + what;
+    }
     return out;
 }
 
@@ -158,6 +165,8 @@ TEST(SyncTreePlanner, DecidesWholeTreesInTheOrderARunTakesThem) {
     const Row table[] = {
         // New on the server: its folder first, then what it holds.
         {"", "a=d a/b=f100", "", "mkdir local a, download a/b"},
+        // A folder on both sides that was never synced gets its records, then what it holds.
+        {"", "a=d a/b=f100", "a=d", "(record a), download a/b"},
         // A conflict's local loser joins the local pass, after the local items.
         {"c=f100", "c=f300", "c=f200 n=f100", "download c, upload n, upload c.original"},
         // New here, in a new folder.
@@ -165,9 +174,9 @@ TEST(SyncTreePlanner, DecidesWholeTreesInTheOrderARunTakesThem) {
         // Folders deleted on one side go after both passes, down to what changed since.
         {"g=d g/x=f100", "g=d g/x=f100", "", "delete remote g/x, rmdir remote g"},
         {"d=d d/x=f100 d/y=f100", "d=d d/x=f100 d/y=f200", "",
-         "delete remote d/x, keep d/y, mkdir local d, download d/y"},
+         "delete remote d/x, keep d/y, (forget d), mkdir local d, download d/y"},
         {"e=d e/u=f100 e/v=f100", "", "e=d e/u=f100 e/v=f300 e/.h=f1",
-         "keep e/.h, delete local e/u, keep e/v, mkdir remote e, upload e/v"},
+         "keep e/.h, delete local e/u, keep e/v, (forget e), mkdir remote e, upload e/v"},
         // Links on either side are skipped once each and never delete their twin.
         {"f=f100 gone=f100 rl=f100", "f=f100 rl=l", "f=l gone=l rl=f100 dl=l",
          "skip f, skip rl, skip dl, skip gone"},
