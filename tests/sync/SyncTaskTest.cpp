@@ -292,6 +292,27 @@ TEST(SyncTask, AFolderDeletedOnOneSideGoesOnTheOtherExceptWhatChangedThere) {
     EXPECT_TRUE(treeOf(p.local).empty());
     EXPECT_TRUE(std::filesystem::is_directory(p.local));
     EXPECT_TRUE(std::filesystem::is_directory(p.remote.path()));
+
+    // What lands in a deleted folder after the run planned its removal keeps the folder on
+    // either side, and the next run takes it for new.
+    writeWithTime(p.r("late/a.txt"), "a", t0);
+    writeWithTime(p.r("late2/b.txt"), "b", t0);
+    ASSERT_EQ(runSync(p.info).state(), TransferTaskState::Completed);
+    std::filesystem::remove_all(p.l("late"));
+    std::filesystem::remove_all(p.r("late2"));
+    auto raced = runSync(p.info, noLimit, [&](SyncTask&, const SyncDecision& d) {
+        if (d.path == "late/a.txt") writeFile(p.r("late/new.txt"), "on the server meanwhile");
+        if (d.path == "late2/b.txt") writeFile(p.l("late2/new.txt"), "here meanwhile");
+    });
+    ASSERT_EQ(raced.state(), TransferTaskState::Completed);
+    EXPECT_EQ(raced.summary().remoteFoldersDeleted + raced.summary().localFoldersDeleted, 0);
+    ASSERT_EQ(runSync(p.info).state(), TransferTaskState::Completed);
+    expected = {{"late", "<dir>"},
+                {"late/new.txt", "on the server meanwhile"},
+                {"late2", "<dir>"},
+                {"late2/new.txt", "here meanwhile"}};
+    EXPECT_EQ(treeOf(p.remote.path()), expected);
+    EXPECT_EQ(treeOf(p.local), expected);
 }
 
 TEST(SyncTask, ARunDeletingMoreThanHalfOfASideStopsBeforeDeletingAnything) {
