@@ -18,7 +18,6 @@
 #include "clients/local/LocalFileOps.h"
 #include "clients/local/SandboxFileAccess.h"
 #include "core/GCD.h"
-#include "core/LocalizedUtils.h"
 #include "core/NotificationCenter.h"
 #include "core/ServerInfoService.h"
 #include "core/StringUtils.h"
