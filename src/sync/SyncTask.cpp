@@ -171,10 +171,8 @@ bool SyncTask::remoteChangedSince(const KvMetadata& r, const KvMetadata& sr) {
     // edit is kept beside it).
     if (!exact) return true;
     if (!SyncUtils::fuzzyCompareDate(exact, sr.timestamp)) return true;
-    if (!options_.dryRun && serverMinute_ && *r.timestamp < *serverMinute_) {
-        // Its minute is over: from now on the listed time tells.
-        (void)remoteService_->updateRemoteItem(r);
-    }
+    // Its minute is over: from now on the listed time tells.
+    if (serverMinute_ && *r.timestamp < *serverMinute_) settledTimes_.push_back(r);
     return false;
 }
 
@@ -257,6 +255,7 @@ void SyncTask::startTransfer() {
     }
     createdRemote_.clear();
     losers_.clear();
+    settledTimes_.clear();
     exactTimes_.clear();
     serverMinute_.reset();
     doneBytes_ = 0;
@@ -580,6 +579,8 @@ SyncTimeRules SyncTask::timeRules() {
 // --- The executor
 
 Status SyncTask::carryOut(const SyncPlan& plan) {
+    for (auto& r : settledTimes_)
+        if (auto s = remoteService_->updateRemoteItem(r); !s) return s;
     for (auto& step : plan.steps) {
         if (!running()) return {};
         if (auto s = carryOut(step); !s) return stopped() ? Status{} : s;

@@ -4,6 +4,10 @@
 // recorded in the pair's database, so the next run can tell a change on one side from a change
 // on the other and from a deletion. It runs under the transfer manager like any other task.
 //
+// A run lists both trees once, plans every step from them and the records (SyncTreePlanner),
+// then carries the steps out in order, writing the records of each as it completes; a dry run
+// only reports the plan.
+//
 // Safety rules beyond the plain algorithm: a file is downloaded into the scratch folder and
 // moved over its target in one step; an upload goes to the server under a hidden name and takes
 // the file's name only when complete; a deletion drops the record of the side already gone,
@@ -188,6 +192,9 @@ class SyncTask : public FileTransferTask {
     // Folders this run made on the server, by the full path the plan gave them: what the plan
     // put inside goes into the server's own record of the folder.
     std::unordered_map<std::string, KvMetadata> createdRemote_;
+    // Files whose exact recorded time the plan compared after their listed minute was over:
+    // their records take the listed time before the steps run.
+    KvMetadataList settledTimes_;
     // The local versions that lost a conflict and were set aside, by the download's path.
     std::unordered_map<std::string, KvMetadata> losers_;
     // Exact times asked of the server in this run, by record path, listed time and size.
