@@ -29,24 +29,9 @@ namespace fs = std::filesystem;
 
 namespace {
 
-void makeLocalTree(const std::string& root) {
-    writeFile(root + "/a.txt", "alpha");
-    writeFile(root + "/.hidden", "secret");
-    writeFile(root + "/sub/b.bin", std::string(300000, 'b'));
-    writeFile(root + "/sub/.config/c.ini", "k=v");
-    fs::create_directories(root + "/empty/deeper/deepest");
-    ::symlink("a.txt", (root + "/link-to-a").c_str());
-    ::symlink("sub", (root + "/link-to-sub").c_str());
-}
-
-// What an FTP server receives from makeLocalTree: no links (FTP cannot make them).
+// What an FTP server receives from makeTree: no links (FTP cannot make them).
 void expectUploadedTree(const std::string& root) {
-    EXPECT_TRUE(fileHolds(root + "/a.txt", "alpha"));
-    EXPECT_TRUE(fileHolds(root + "/.hidden", "secret"));
-    EXPECT_TRUE(fileHolds(root + "/sub/b.bin", std::string(300000, 'b')));
-    EXPECT_TRUE(fileHolds(root + "/sub/.config/c.ini", "k=v"));
-    EXPECT_TRUE(fs::is_directory(root + "/empty/deeper/deepest"));
-    EXPECT_TRUE(fs::is_empty(root + "/empty/deeper/deepest"));
+    expectTreeFiles(root, 300000);
     EXPECT_EQ(namesIn(root), (std::vector<std::string>{".hidden", "a.txt", "empty", "sub"}));
 }
 
@@ -146,7 +131,7 @@ TEST_F(FtpTransfer, UploadsTreeAndDownloadsItBack) {
         if (!server) continue;
         auto ftp = server->serverInfo();
         ScratchDir dir("ftptree");
-        makeLocalTree(dir / "tree");
+        makeTree(dir / "tree", 300000);
         FileTransferTaskManager manager;
         auto up = runOne<UploadTask>(manager, localServer(), localItem(dir / "tree"), ftp,
                                      remoteFolder(ftp, "/"));

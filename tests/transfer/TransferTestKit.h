@@ -28,6 +28,28 @@
 
 namespace quillon::test {
 
+// A tree with a nested empty folder, hidden files, a link to a file and a link to a folder;
+// "sub/b.bin" holds `size` bytes.
+inline void makeTree(const std::string& root, std::size_t size) {
+    writeFile(root + "/a.txt", "alpha");
+    writeFile(root + "/.hidden", "secret");
+    writeFile(root + "/sub/b.bin", std::string(size, 'b'));
+    writeFile(root + "/sub/.config/c.ini", "k=v");
+    std::filesystem::create_directories(root + "/empty/deeper/deepest");
+    ::symlink("a.txt", (root + "/link-to-a").c_str());
+    ::symlink("sub", (root + "/link-to-sub").c_str());
+}
+
+// The files and folders of makeTree arrived (links are for each test to check).
+inline void expectTreeFiles(const std::string& root, std::size_t size) {
+    EXPECT_TRUE(fileHolds(root + "/a.txt", "alpha"));
+    EXPECT_TRUE(fileHolds(root + "/.hidden", "secret"));
+    EXPECT_TRUE(fileHolds(root + "/sub/b.bin", std::string(size, 'b')));
+    EXPECT_TRUE(fileHolds(root + "/sub/.config/c.ini", "k=v"));
+    EXPECT_TRUE(std::filesystem::is_directory(root + "/empty/deeper/deepest"));
+    EXPECT_TRUE(std::filesystem::is_empty(root + "/empty/deeper/deepest"));
+}
+
 // Serves the main queue until no task of the manager waits or runs and every completion has been
 // delivered; fails the test after `limit`.
 inline void runToEnd(FileTransferTaskManager& manager,
