@@ -11,14 +11,11 @@
 #include <fstream>
 
 #include "TransferTestKit.h"
-#include "clients/ftp/FtpWrapper.h"
 #include "core/PathUtils.h"
-#include "core/WrapperProxy.h"
 #include "support/FtpServers.h"
 #include "support/SftpServers.h"
 #include "transfer/CopyTask.h"
 #include "transfer/CrossCopyTask.h"
-#include "transfer/CrossMoveTask.h"
 #include "transfer/DownloadTask.h"
 #include "transfer/FileTransferUtils.h"
 #include "transfer/UploadTask.h"
@@ -97,27 +94,6 @@ void expectLinksFetched(const FileTransferTask& task, const std::string& root,
     ASSERT_EQ(notices.size(), 2u) << ::testing::PrintToString(notices);
     EXPECT_TRUE(notices[0].starts_with("skipped link " + from + "/dangling")) << notices[0];
     EXPECT_TRUE(notices[1].starts_with("skipped link " + from + "/to-sub")) << notices[1];
-}
-
-// A view that calls `onFirstBytes` once, at the first progress report with bytes moved.
-struct FirstBytesView : FileTransferView {
-    std::function<void()> onFirstBytes;
-    bool fired = false;
-    bool isDisplayed() const override { return true; }
-    void reloadContent() override {}
-    void updateProgress(FileTransferTask&, std::int64_t done, std::int64_t) override {
-        if (done > 0 && !fired && onFirstBytes) {
-            fired = true;
-            onFirstBytes();
-        }
-    }
-    void close() override {}
-};
-
-void makeSparseFile(const std::string& path, std::uint64_t size) {
-    fs::create_directories(fs::path(path).parent_path());
-    { std::ofstream out(path); }
-    fs::resize_file(path, size);
 }
 
 }  // namespace

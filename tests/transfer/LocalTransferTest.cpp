@@ -10,7 +10,6 @@
 
 #include "TransferTestKit.h"
 #include "transfer/CopyTask.h"
-#include "transfer/CrossMoveTask.h"
 #include "transfer/LocalFileCopier.h"
 #include "transfer/MoveTask.h"
 
