@@ -41,9 +41,12 @@
 #include <utility>
 #include <vector>
 
+#include "clients/Clients.h"
 #include "core/AppPreference.h"
+#include "core/KvConnectionPool.h"
 #include "core/MainQueue.h"
 #include "core/Wrapper.h"
+#include "core/WrapperProxy.h"
 #include "support/TestEnv.h"
 
 namespace quillon::test {
@@ -81,6 +84,54 @@ inline void PrintTo(const ConformanceTarget& target, std::ostream* os) {
 inline std::string conformanceTargetName(const ::testing::TestParamInfo<ConformanceTarget>& info) {
     return info.param.name;
 }
+
+// A test's folder on a server that the whole program shares: its place on this machine, the path
+// by which the client addresses it, and the server's record.
+struct SharedFolder {
+    std::string hostDir, remoteDir;
+    ServerInfoPtr info;
+};
+
+// A target whose tests each get a fresh folder "t<n>" from `serve`, which starts the server at
+// its first call and gives nothing when the server cannot start.
+inline ConformanceTarget sharedServerTarget(
+    std::string name, std::function<std::optional<SharedFolder>(const std::string&)> serve) {
+    ConformanceTarget target;
+    target.name = std::move(name);
+    target.open = [serve = std::move(serve)]() -> ConformanceSession {
+        programHome();
+        registerBuiltinClients();
+        static std::atomic<int> counter{0};
+        auto folder = serve("t" + std::to_string(++counter));
+        if (!folder) return {};
+        std::filesystem::create_directories(folder->hostDir);
+        ::chmod(folder->hostDir.c_str(), 0777);
+        ConformanceSession session;
+        session.remoteRoot = folder->remoteDir;
+        session.serverDir = folder->hostDir;
+        session.makeWrapper = [info = folder->info] {
+            return WrapperProxy::wrapperWithServerInfo(info);
+        };
+        // Closes the sessions this test left idle in the pool.
+        session.close = [] { KvConnectionPool::clearConnectionPool(); };
+        return session;
+    };
+    return target;
+}
+
+// Tests of one client beyond the suite: the program's home, the built-in clients, and no session
+// left in the pool afterwards.
+class ClientTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        programHome();
+        registerBuiltinClients();
+    }
+    void TearDown() override {
+        KvConnectionPool::clearConnectionPool();
+        MainQueue::shared().pump();
+    }
+};
 
 // Runs the probe as the unprivileged user "nobody" (65534) in a forked child when this process
 // is root, whom file permissions do not stop; otherwise runs it here.
@@ -342,21 +393,6 @@ TEST_P(WrapperConformance, ListsFilesAndFolders) {
     EXPECT_TRUE(empty->empty());
 }
 
-TEST_P(WrapperConformance, CreatesFolders) {
-    auto made = client_->createFolderSync(remote("new folder", true));
-    ASSERT_TRUE(made) << made.error().describe();
-    EXPECT_TRUE(serverHasFolder("new folder"));
-    auto nested = client_->createFolderSync(remote("new folder/child", true));
-    ASSERT_TRUE(nested) << nested.error().describe();
-    EXPECT_TRUE(serverHasFolder("new folder/child"));
-
-    auto listing = client_->contentsOfDirectoryAtPathSync(remoteRoot());
-    ASSERT_TRUE(listing) << listing.error().describe();
-    auto* folder = findNamed(*listing, "new folder");
-    ASSERT_TRUE(folder);
-    EXPECT_TRUE(folder->isDir);
-}
-
 TEST_P(WrapperConformance, UploadsAndDownloadsByteIdentical) {
     const std::string content = randomBytes(300001, 2);
     writeFile(localPath("upload.bin"), content);
@@ -412,6 +448,19 @@ TEST_P(WrapperConformance, RenamesAndMovesItems) {
     EXPECT_EQ(namesIn(session_.serverDir), std::vector<std::string>{"dest"});
     EXPECT_EQ(readServerFile("dest/new name.txt"), "content");
     EXPECT_EQ(readServerFile("dest/new folder/child.txt"), "child");
+
+    // A folder moved onto an existing folder of other contents: refused, and both stay whole.
+    putServerFile("mine/a.txt", "a");
+    putServerFile("theirs/b.txt", "b");
+    auto moved = client_->moveSync(remote("mine", true), remote("theirs", true));
+    if (moved) {
+        // Servers that merge or nest keep every file somewhere below the target.
+        EXPECT_EQ(readServerFile("theirs/b.txt"), "b");
+        EXPECT_TRUE(serverHas("theirs/a.txt") || serverHas("theirs/mine/a.txt"));
+    } else {
+        EXPECT_EQ(readServerFile("mine/a.txt"), "a");
+        EXPECT_EQ(readServerFile("theirs/b.txt"), "b");
+    }
 }
 
 TEST_P(WrapperConformance, DeletesFilesAndFoldersRecursively) {
@@ -475,6 +524,10 @@ TEST_P(WrapperConformance, HandlesBlanksHashPercentAndNonAsciiNames) {
         ASSERT_TRUE(down) << name << ": " << down.error().describe();
         EXPECT_EQ(readFile(localPath("copy of " + name)), "content " + name);
     }
+
+    auto nested = client_->createFolderSync(remote(folder + "/child #%", true));
+    ASSERT_TRUE(nested) << nested.error().describe();
+    EXPECT_TRUE(serverHasFolder(folder + "/child #%"));
 
     auto renamed =
         client_->moveSync(remote(folder + "/hash#sign.txt"), remote(folder + "/hash#sign 2 %.txt"));
@@ -585,6 +638,16 @@ TEST_P(WrapperConformance, MissingItemsFail) {
         << down.error().describe();
     EXPECT_FALSE(localHas(localPath("got.txt"))) << "a failed download left a file";
 
+    // Missing items, also below a missing folder, fail the one way the contract names.
+    for (auto rel : {"absent.txt", "absent/child.txt", "present/absent"}) {
+        auto missing = client_->metadataOfItemSync(remote(rel));
+        ASSERT_FALSE(missing) << rel << " was found";
+        EXPECT_TRUE(missing.error().is(ErrorKind::NotFound)) << missing.error().describe();
+        EXPECT_EQ(missing.error().code, 10008) << rel;
+        EXPECT_EQ(missing.error().reason, "File not found!") << rel;
+        EXPECT_EQ(missing.error().domain, down.error().domain) << rel;
+    }
+
     auto moved = client_->moveSync(remote("absent.txt"), remote("present/absent.txt"));
     EXPECT_FALSE(moved) << "moving a missing item succeeded";
     auto removed = client_->removeSync({remote("absent.txt")});
@@ -629,18 +692,13 @@ TEST_P(WrapperConformance, LooksUpOneItem) {
     ASSERT_TRUE(inner) << inner.error().describe();
     EXPECT_EQ(inner->fileSizeInBytes, 1000u);
     EXPECT_FALSE(inner->isDir);
-
-    // Missing items, also below a missing folder, fail the one way the contract names.
-    auto down = client_->downloadSync(remote("absent.txt"), localPath("got.txt"), {});
-    ASSERT_FALSE(down);
-    for (auto rel : {"absent.txt", "absent/child.txt", "folder/absent"}) {
-        auto missing = client_->metadataOfItemSync(remote(rel));
-        ASSERT_FALSE(missing) << rel << " was found";
-        EXPECT_TRUE(missing.error().is(ErrorKind::NotFound)) << missing.error().describe();
-        EXPECT_EQ(missing.error().code, 10008) << rel;
-        EXPECT_EQ(missing.error().reason, "File not found!") << rel;
-        EXPECT_EQ(missing.error().domain, down.error().domain) << rel;
-    }
+    auto thumbnail = client_->downloadThumbnailSync(remote("folder", true));
+    ASSERT_FALSE(thumbnail);
+    EXPECT_EQ(thumbnail.error().code, 10009);
+    // SFTP names its own domain; the other clients keep "Local" for thumbnail refusals.
+    bool sftp = client_->serverInfo()->protocolType == ProtocolType::SFTP;
+    EXPECT_EQ(thumbnail.error().domain, sftp ? "SFTP" : "Local");
+    EXPECT_EQ(thumbnail.error().reason, "Folder has no thumbnail.");
     MainQueue::shared().pump();
 }
 
@@ -740,7 +798,7 @@ TEST_P(WrapperConformance, RefusedPermissionFails) {
     EXPECT_EQ(inLocked, std::vector<std::string>{"inside.txt"}) << "a refused upload landed";
 }
 
-TEST_P(WrapperConformance, StreamsRandomReads) {
+TEST_P(WrapperConformance, StreamsRandomReadsAlsoBeyondFourGiB) {
     if (!client_->capabilities().streaming) GTEST_SKIP() << "the client offers no streaming";
     const std::string content = randomBytes(1024 * 1024 + 5, 5);
     putServerFile("stream.bin", content);
@@ -764,9 +822,31 @@ TEST_P(WrapperConformance, StreamsRandomReads) {
     ASSERT_TRUE(bytes) << bytes.error().describe();
     EXPECT_TRUE(bytes->empty());
 
+    // Offsets past 4 GiB, on a sparse file so that nothing large is written.
+    constexpr std::uint64_t kFar = (std::uint64_t{5} << 30) + 12345;
+    const std::string marker = "far away bytes";
+    putServerFile("sparse.bin", "");
+    {
+        int fd = ::open(serverPath("sparse.bin").c_str(), O_WRONLY);
+        ASSERT_GE(fd, 0);
+        ASSERT_EQ(::pwrite(fd, marker.data(), marker.size(), static_cast<off_t>(kFar)),
+                  static_cast<ssize_t>(marker.size()));
+        ::close(fd);
+    }
+    opened = client_->initStreamFileMeta(remote("sparse.bin"));
+    ASSERT_TRUE(opened) << opened.error().describe();
+    EXPECT_EQ(client_->contentLength(), kFar + marker.size());
+    client_->setOffset(kFar - 2);
+    bytes = client_->readDataOfLength(100);
+    ASSERT_TRUE(bytes) << bytes.error().describe();
+    EXPECT_EQ(std::string(bytes->begin(), bytes->end()), std::string(2, '\0') + marker);
+    EXPECT_EQ(client_->offset(), kFar + marker.size());
+
     // What the playback server's cache fetches with: from an offset to the end, or until the
     // receiver has enough; the client goes on working after either.
     if (!client_->capabilities().readFromOffsetToEnd) return;
+    opened = client_->initStreamFileMeta(remote("stream.bin"));
+    ASSERT_TRUE(opened) << opened.error().describe();
     std::string got;
     auto all = client_->readDataFromOffsetToEnd(1000, [&](const Bytes& chunk) {
         got.append(chunk.begin(), chunk.end());
@@ -781,57 +861,12 @@ TEST_P(WrapperConformance, StreamsRandomReads) {
     });
     EXPECT_TRUE(some || some.error().is(ErrorKind::Cancelled)) << some.error().describe();
     EXPECT_TRUE(!got.empty() && content.compare(7, got.size(), got) == 0);
+    client_->setOffset(content.size() - 10);
+    bytes = client_->readDataOfLength(64);
+    ASSERT_TRUE(bytes) << bytes.error().describe();
+    EXPECT_EQ(std::string(bytes->begin(), bytes->end()), content.substr(content.size() - 10));
     auto listed = client_->contentsOfDirectoryAtPathSync(remote("", true));
     EXPECT_TRUE(listed) << listed.error().describe();
-}
-
-// Offsets past 4 GiB, on a sparse file so that nothing large is written.
-TEST_P(WrapperConformance, StreamsBeyondFourGiB) {
-    if (!client_->capabilities().streaming) GTEST_SKIP() << "the client offers no streaming";
-    constexpr std::uint64_t kFar = (std::uint64_t{5} << 30) + 12345;
-    const std::string marker = "far away bytes";
-    putServerFile("sparse.bin", "");
-    {
-        int fd = ::open(serverPath("sparse.bin").c_str(), O_WRONLY);
-        ASSERT_GE(fd, 0);
-        ASSERT_EQ(::pwrite(fd, marker.data(), marker.size(), static_cast<off_t>(kFar)),
-                  static_cast<ssize_t>(marker.size()));
-        ::close(fd);
-    }
-    auto opened = client_->initStreamFileMeta(remote("sparse.bin"));
-    ASSERT_TRUE(opened) << opened.error().describe();
-    EXPECT_EQ(client_->contentLength(), kFar + marker.size());
-    client_->setOffset(kFar - 2);
-    auto bytes = client_->readDataOfLength(100);
-    ASSERT_TRUE(bytes) << bytes.error().describe();
-    EXPECT_EQ(std::string(bytes->begin(), bytes->end()), std::string(2, '\0') + marker);
-    EXPECT_EQ(client_->offset(), kFar + marker.size());
-}
-
-// A folder moved onto an existing folder of other contents: refused, and both stay whole.
-TEST_P(WrapperConformance, FolderMovedOntoExistingFolderLosesNothing) {
-    putServerFile("mine/a.txt", "a");
-    putServerFile("theirs/b.txt", "b");
-    auto moved = client_->moveSync(remote("mine", true), remote("theirs", true));
-    if (moved) {
-        // Servers that merge or nest keep every file somewhere below the target.
-        EXPECT_EQ(readServerFile("theirs/b.txt"), "b");
-        EXPECT_TRUE(serverHas("theirs/a.txt") || serverHas("theirs/mine/a.txt"));
-    } else {
-        EXPECT_EQ(readServerFile("mine/a.txt"), "a");
-        EXPECT_EQ(readServerFile("theirs/b.txt"), "b");
-    }
-}
-
-TEST_P(WrapperConformance, FolderHasNoThumbnail) {
-    makeServerFolder("pictures");
-    auto r = client_->downloadThumbnailSync(remote("pictures", true));
-    ASSERT_FALSE(r);
-    EXPECT_EQ(r.error().code, 10009);
-    // SFTP names its own domain; the other clients keep "Local" for thumbnail refusals.
-    bool sftp = client_->serverInfo()->protocolType == ProtocolType::SFTP;
-    EXPECT_EQ(r.error().domain, sftp ? "SFTP" : "Local");
-    EXPECT_EQ(r.error().reason, "Folder has no thumbnail.");
 }
 
 TEST_P(WrapperConformance, AsynchronousFormsComplete) {

@@ -8,7 +8,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <filesystem>
@@ -16,7 +15,6 @@
 #include <memory>
 #include <regex>
 #include <set>
-#include <sstream>
 
 #include "app/cli/Json.h"
 #include "core/MainQueue.h"
@@ -25,6 +23,7 @@
 #include "nearby/NearbyController.h"
 #include "nearby/NearbyUtils.h"
 #include "support/ChildProcess.h"
+#include "support/NetNamespaces.h"
 #include "support/TestEnv.h"
 
 namespace quillon {
@@ -39,6 +38,7 @@ using namespace std::chrono_literals;
 
 const std::string kPeer = QUILLON_SOURCE_DIR "/tests/nearby/nearby_peer.py";
 
+// Two hosts of a network of the test's own, each with its own D-Bus system bus and avahi-daemon.
 class NearbyNetwork {
   public:
     struct Side {
@@ -47,32 +47,14 @@ class NearbyNetwork {
     };
 
     explicit NearbyNetwork(const std::string& root) {
-        if (::geteuid() != 0) {
-            failure = "the discovery test makes network namespaces and needs root";
-            return;
-        }
-        removeStale();
-        std::string tag = "qnearby-" + std::to_string(::getpid());
-        a = {tag + "-a", "10.213.7.1", root + "/a", "", nullptr, nullptr};
-        b = {tag + "-b", "10.213.7.2", root + "/b", "", nullptr, nullptr};
-        if (!run({"ip", "netns", "add", a.ns}) || !run({"ip", "netns", "add", b.ns}) ||
-            !run({"ip", "-n", a.ns, "link", "add", "nb0", "type", "veth", "peer", "name", "nb0",
-                  "netns", b.ns}))
-            return;
-        for (auto* side : {&a, &b})
-            if (!run({"ip", "-n", side->ns, "addr", "add", side->address + "/24", "dev", "nb0"}) ||
-                !run({"ip", "-n", side->ns, "link", "set", "nb0", "up"}) ||
-                !run({"ip", "-n", side->ns, "link", "set", "lo", "up"}) || !startDaemons(*side))
-                return;
-    }
-
-    ~NearbyNetwork() {
+        lab = test::NetLab::create("10.213.7", &failure);
+        if (!lab) return;
+        int host = 1;
         for (auto* side : {&a, &b}) {
-            if (side->ns.empty()) continue;
-            side->avahi.reset();
-            side->dbus.reset();
-            killAll(side->ns);
-            test::runProgram({"ip", "netns", "del", side->ns});
+            side->ns = lab->addHost({++host}, &failure);
+            side->address = lab->address(host);
+            side->folder = root + (side == &a ? "/a" : "/b");
+            if (side->ns.empty() || !startDaemons(*side)) return;
         }
     }
 
@@ -87,15 +69,10 @@ class NearbyNetwork {
     }
 
     std::string failure;
+    std::unique_ptr<test::NetLab> lab;  // ends what runs in the namespaces after the sides
     Side a, b;
 
   private:
-    bool run(const std::vector<std::string>& argv) {
-        auto r = test::runProgram(argv);
-        if (r.exitCode != 0 && failure.empty()) failure = argv[0] + " failed: " + r.err;
-        return r.exitCode == 0;
-    }
-
     bool startDaemons(Side& side) {
         fs::create_directories(side.folder + "/home");
         side.bus = "unix:path=" + side.folder + "/bus";
@@ -109,7 +86,7 @@ class NearbyNetwork {
                "</policy></busconfig>\n";
         std::ofstream(side.folder + "/avahi.conf")
             << "[server]\nhost-name=" << side.ns
-            << "\nuse-ipv4=yes\nuse-ipv6=no\nallow-interfaces=nb0\nenable-dbus=yes\n"
+            << "\nuse-ipv4=yes\nuse-ipv6=no\nallow-interfaces=eth0\nenable-dbus=yes\n"
                "[wide-area]\nenable-wide-area=no\n[publish]\npublish-hinfo=no\n"
                "publish-workstation=no\n";
         side.dbus = std::make_unique<test::ChildProcess>(
@@ -133,25 +110,6 @@ class NearbyNetwork {
             return false;
         }
         return true;
-    }
-
-    static void killAll(const std::string& ns) {
-        auto pids = test::runProgram({"ip", "netns", "pids", ns}).out;
-        std::istringstream in(pids);
-        for (pid_t pid; in >> pid;) ::kill(pid, SIGKILL);
-    }
-
-    // Namespaces left by a run of this test that was killed.
-    static void removeStale() {
-        std::error_code ec;
-        for (auto& e : fs::directory_iterator("/run/netns", ec)) {
-            std::smatch m;
-            std::string name = e.path().filename().string();
-            if (!std::regex_match(name, m, std::regex("qnearby-(\\d+)-[ab]"))) continue;
-            if (::kill(std::stoi(m[1]), 0) == 0 || errno != ESRCH) continue;
-            killAll(name);
-            test::runProgram({"ip", "netns", "del", name});
-        }
     }
 };
 
@@ -444,9 +402,9 @@ TEST_F(NearbyTest, ItemsExpandLocalTreesAndNeverLeaveTheReceiveFolder) {
     controller->stopReceiving();
 }
 
-// Discovery through Avahi between two machines made for the test: two network namespaces joined
-// by a veth pair, each with its own D-Bus system bus and avahi-daemon (allowed on the veth only,
-// IPv4, distinct host names). Nothing leaves the namespaces. Needs root, as CI has.
+// Discovery through Avahi between two machines made for the test: two network namespaces on a
+// bridge of their own, each with its own D-Bus system bus and avahi-daemon (allowed on its link
+// only, IPv4, distinct host names). Nothing leaves the namespaces. Needs root, as CI has.
 TEST_F(NearbyTest, DiscoveryListsResolvesAndDropsPeersBetweenTwoNamespaces) {
     // Without a daemon, discovery says so (sending to an address does not need it).
     auto noDaemon = test::runQuillon({"nearby", "peers"});
@@ -470,7 +428,7 @@ TEST_F(NearbyTest, DiscoveryListsResolvesAndDropsPeersBetweenTwoNamespaces) {
     auto alphaItem = controller->devices().front();
     EXPECT_EQ(alphaItem.hostname, "qnearby-alpha Wi-Fi");
     ASSERT_TRUE(alphaItem.netService && !alphaItem.netService->addresses.empty());
-    EXPECT_EQ(alphaItem.netService->addresses[0].address().to_string(), "10.213.7.1");
+    EXPECT_EQ(alphaItem.netService->addresses[0].address().to_string(), "10.213.7.2");
     EXPECT_EQ(alphaItem.netService->addresses[0].port(), 4713);
 
     // From namespace a both services show, ours with b's address.
@@ -479,9 +437,9 @@ TEST_F(NearbyTest, DiscoveryListsResolvesAndDropsPeersBetweenTwoNamespaces) {
     EXPECT_EQ(peers.exitCode, 0) << peers.err;
     EXPECT_TRUE(test::contains(peers.out, "{\"name\":\"qnearby-alpha Wi-Fi\",\"host\":\"" +
                                               net.a.ns +
-                                              ".local\",\"addresses\":[\"10.213.7.1:4713\"]}"))
+                                              ".local\",\"addresses\":[\"10.213.7.2:4713\"]}"))
         << peers.out;
-    EXPECT_TRUE(test::contains(peers.out, "\"addresses\":[\"10.213.7.2:")) << peers.out;
+    EXPECT_TRUE(test::contains(peers.out, "\"addresses\":[\"10.213.7.3:")) << peers.out;
     EXPECT_EQ(controller->devices().size(), 1u);  // our own service stays out of our list
 
     // Beta sends to alpha by its device name.

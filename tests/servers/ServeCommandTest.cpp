@@ -13,24 +13,14 @@
 namespace quillon::test {
 namespace {
 
-// The quillon binary serving in the background.
-struct ServeProcess : ChildProcess {
-    ServeProcess(std::vector<std::string> args, const std::string& input = {})
-        : ChildProcess(withBinary(std::move(args)), input) {}
-    static std::vector<std::string> withBinary(std::vector<std::string> args) {
-        args.insert(args.begin(), QUILLON_BINARY);
-        return args;
-    }
-};
-
 TEST(ServeCommand, SharesAFolderWithAUserLogsSessionsAndStopsOnSigint) {
     IsolatedHome home;
     ScratchDir root("serve");
     ScratchDir local("servelocal");
     writeFile(root / "hello world.txt", "hi there");
     writeFile(local / "up.bin", "uploaded bytes");
-    ServeProcess p({"serve", "ftp", root.path(), "--port", "0", "--bind", "127.0.0.1", "--user",
-                    "ann", "--password-stdin"},
+    ChildProcess p({QUILLON_BINARY, "serve", "ftp", root.path(), "--port", "0", "--bind",
+                    "127.0.0.1", "--user", "ann", "--password-stdin"},
                    "open sesame\n");
     auto port = p.waitForOutput(std::regex(R"(Connect to ftp://ann@127\.0\.0\.1:(\d+)/)"));
     ASSERT_TRUE(port) << p.out() << p.err();
@@ -63,7 +53,8 @@ TEST(ServeCommand, AnonymousShareSaysSoAndStopsOnSigtermAndBadSetupsAreRefused) 
     EXPECT_TRUE(quillonExits(
         2, {"serve", "ftp", root.path(), "--password", "a", "--password-stdin"}, "", "b\n"));
 
-    ServeProcess first({"serve", "ftp", root.path(), "--port", "0", "--bind", "127.0.0.1"});
+    ChildProcess first(
+        {QUILLON_BINARY, "serve", "ftp", root.path(), "--port", "0", "--bind", "127.0.0.1"});
     auto port = first.waitForOutput(std::regex(R"(Connect to ftp://127\.0\.0\.1:(\d+)/)"));
     ASSERT_TRUE(port) << first.err();
     first.waitForOutput(std::regex("press Ctrl-C to stop"));

@@ -163,26 +163,6 @@ std::string findProgram(const std::string& package, const std::string& rel) {
     return {};
 }
 
-int listenOn(const char* host, int port) {
-    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(static_cast<uint16_t>(port));
-    if (fd < 0 || ::inet_pton(AF_INET, host, &a.sin_addr) != 1 ||
-        ::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || ::listen(fd, 8) != 0) {
-        if (fd >= 0) ::close(fd);
-        return -1;
-    }
-    return fd;
-}
-
-int boundPort(int fd) {
-    sockaddr_in a{};
-    socklen_t len = sizeof a;
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
-    return ntohs(a.sin_port);
-}
-
 // Connects and, unless the server speaks TLS first, waits for a "220" greeting.
 bool greets(int port, bool tlsFirst) {
     int s = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -217,48 +197,6 @@ bool greets(int port, bool tlsFirst) {
 void writeText(const std::string& path, const std::string& text, mode_t mode = 0644) {
     std::ofstream(path, std::ios::binary) << text;
     ::chmod(path.c_str(), mode);
-}
-
-}  // namespace
-
-int freePort() {
-    int fd = listenOn("127.0.0.1", 0);
-    int port = fd < 0 ? 0 : boundPort(fd);
-    if (fd >= 0) ::close(fd);
-    return port;
-}
-
-// Whether process `pid` holds the socket that listens on 127.0.0.1:`port`.
-bool listensOn(pid_t pid, int port) {
-    char local[32];
-    std::snprintf(local, sizeof local, "%08X:%04X", htonl(INADDR_LOOPBACK), port);
-    std::ifstream tcp("/proc/net/tcp");
-    std::string line, inode;
-    while (inode.empty() && std::getline(tcp, line)) {
-        std::istringstream f(line);
-        std::string slot, address, remote, state, skip;
-        f >> slot >> address >> remote >> state;
-        for (int i = 0; i < 5; ++i) f >> skip;
-        if (address == local && state == "0A") f >> inode;
-    }
-    std::error_code ec;
-    for (fs::directory_iterator it("/proc/" + std::to_string(pid) + "/fd", ec), end;
-         !inode.empty() && !ec && it != end; it.increment(ec))
-        if (fs::read_symlink(it->path(), ec).string() == "socket:[" + inode + "]") return true;
-    return false;
-}
-
-namespace {
-
-// An FTP server record for 127.0.0.1:`port`.
-ServerInfoPtr loopbackRecord(int port, const std::string& user, const std::string& password) {
-    auto info = std::make_shared<ServerInfo>();
-    info->protocolType = ProtocolType::FTP;
-    info->setValue(std::string("127.0.0.1"), ServerProp::ADDR);
-    info->setValue(std::to_string(port), ServerProp::PORT);
-    info->setValue(user, ServerProp::USERNAME);
-    info->setValue(password, ServerProp::PASSWORD);
-    return info;
 }
 
 }  // namespace
@@ -303,18 +241,10 @@ FtpServer::FtpServer(FtpServerKind kind, const FtpServerOptions& options)
 
 std::unique_ptr<FtpServer> FtpServer::start(FtpServerKind kind, const FtpServerOptions& options,
                                             std::string* whyNot) {
-    std::string reason;
     std::unique_ptr<FtpServer> server(new FtpServer(kind, options));
-    // A port found free may be taken by another program before the server binds it: try again.
-    for (int attempt = 0; attempt < 5; ++attempt) {
-        reason.clear();
-        if (server->launch(&reason)) return server;
-        if (reason.find("cannot run here") != std::string::npos) break;
-    }
-    if (whyNot)
-        *whyNot = reason;
-    else
-        ADD_FAILURE() << ftpServerKindName(kind) << " did not start: " << reason;
+    if (launchWithRetries(
+            ftpServerKindName(kind), [&](std::string* why) { return server->launch(why); }, whyNot))
+        return server;
     return nullptr;
 }
 
@@ -468,69 +398,21 @@ bool FtpServer::launch(std::string* whyNot) {
         }
     }
 
-    std::vector<char*> args;
-    for (auto& a : argv) args.push_back(a.data());
-    args.push_back(nullptr);
-    pid_t parent = ::getpid();
-    pid_t pid = ::fork();
-    if (pid == 0) {
-        // Only async-signal-safe calls until exec. A group of its own, so that stopping it
-        // reaches the session processes it forks; and it dies with the test program, should that
-        // be killed before it can stop the server.
-        ::setpgid(0, 0);
-        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-        if (::getppid() != parent) ::_exit(127);
-        int in = ::open("/dev/null", O_RDONLY);
-        int out = ::open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-        if (in < 0 || out < 0) ::_exit(127);
-        ::dup2(in, 0);
-        ::dup2(out, 1);
-        ::dup2(out, 2);
-        ::execv(args[0], args.data());
-        ::_exit(127);
-    }
-    if (pid < 0) {
+    pid_ = spawnGroup(argv, logPath);
+    if (pid_ < 0) {
         *whyNot = name() + " cannot run here: cannot fork";
         return false;
     }
-    pid_ = pid;
-
-    // A greeting counts only from a listener this server holds: another program that took the
-    // port first would answer too, until the server gives up binding it.
-    auto until = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (std::chrono::steady_clock::now() < until) {
-        int status = 0;
-        if (::waitpid(pid_, &status, WNOHANG) == pid_) {
-            pid_ = -1;
-            *whyNot = name() + " exited at start: " + log();
-            return false;
-        }
-        if (greets(port_, tlsFirst) && listensOn(pid_, port_)) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    *whyNot = name() + " did not answer on port " + std::to_string(port_) + ": " + log();
+    if (awaitListener(
+            pid_, port_, [&] { return greets(port_, tlsFirst); }, std::chrono::seconds(30), whyNot))
+        return true;
+    *whyNot = name() + " " + *whyNot + ": " + log();
     stop();
     return false;
 }
 
 void FtpServer::stop() {
-    if (pid_ <= 0) return;
-    pid_t group = pid_;
-    ::kill(-group, SIGTERM);
-    bool reaped = false;
-    int status = 0;
-    auto until = std::chrono::steady_clock::now() + std::chrono::seconds(3);
-    while (std::chrono::steady_clock::now() < until) {
-        if (::waitpid(group, &status, WNOHANG) == group) {
-            reaped = true;
-            break;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    // Session processes that outlive their master, and a master that ignored SIGTERM.
-    ::kill(-group, SIGKILL);
-    if (!reaped) ::waitpid(group, &status, 0);
-    pid_ = -1;
+    stopGroup(pid_, std::chrono::seconds(3));
 }
 
 FtpServer::~FtpServer() {
@@ -561,22 +443,17 @@ int FtpServer::events(std::string_view kind) const {
 
 void FtpServer::endSessions() const {
     // The server runs in a process group of its own: every member but the first is a session.
-    std::error_code ec;
     std::vector<pid_t> sessions;
-    for (fs::directory_iterator it("/proc", ec), end; !ec && it != end; it.increment(ec)) {
-        pid_t pid = std::atoi(it->path().filename().c_str());
-        if (pid > 0 && pid != pid_ && ::getpgid(pid) == pid_) sessions.push_back(pid);
-    }
+    for (auto& p : processes())
+        if (p.pid != pid_ && ::getpgid(p.pid) == pid_) sessions.push_back(p.pid);
     for (pid_t pid : sessions) ::kill(pid, SIGKILL);
     // Gone once the master reaped them (or they stopped existing as group members).
     waitUntil([&] {
-        for (pid_t pid : sessions)
-            if (::getpgid(pid) == pid_) {
-                std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-                std::string text((std::istreambuf_iterator<char>(stat)), {});
-                auto state = text.rfind(") ");
-                if (state == std::string::npos || text[state + 2] != 'Z') return false;
-            }
+        for (auto& p : processes())
+            if (p.state != 'Z' &&
+                std::find(sessions.begin(), sessions.end(), p.pid) != sessions.end() &&
+                ::getpgid(p.pid) == pid_)
+                return false;
         return true;
     });
 }
@@ -597,7 +474,7 @@ std::string FtpServer::url(std::string_view serverPath) const {
 }
 
 ServerInfoPtr FtpServer::serverInfo(std::string_view ftpProtocol) const {
-    auto info = loopbackRecord(port_, user_, password_);
+    auto info = loopbackRecord(ProtocolType::FTP, port_, user_, password_);
     info->displayName = name();
     info->setValue(
         options_.implicitTls ? std::string("FTP_PROTOCOL_IMPLICIT") : std::string(ftpProtocol),
@@ -606,16 +483,11 @@ ServerInfoPtr FtpServer::serverInfo(std::string_view ftpProtocol) const {
 }
 
 std::string FtpServer::hostPath(std::string_view serverPath) const {
-    std::string p(serverPath);
-    while (!p.empty() && p.front() == '/') p.erase(0, 1);
-    return p.empty() ? root_ : root_ + "/" + p;
+    return pathBelow(root_, serverPath);
 }
 
 std::string FtpServer::remotePath(std::string_view serverPath) const {
-    std::string p(serverPath);
-    while (!p.empty() && p.front() == '/') p.erase(0, 1);
-    std::string base = kind_ == FtpServerKind::Vsftpd ? root_ : std::string();
-    return base + "/" + p;
+    return (kind_ == FtpServerKind::Vsftpd ? root_ : std::string()) + slashPath(serverPath);
 }
 
 void FtpServer::writeFile(std::string_view serverPath, std::string_view content) const {
@@ -638,18 +510,6 @@ void FtpServer::chownTree() const {
          it.increment(ec))
         ::lchown(it->path().c_str(), uid_, gid_);
 }
-
-namespace {
-
-void sendAll(int fd, std::string_view s) {
-    while (!s.empty()) {
-        auto n = ::send(fd, s.data(), s.size(), MSG_NOSIGNAL);
-        if (n <= 0) return;
-        s.remove_prefix(static_cast<std::size_t>(n));
-    }
-}
-
-}  // namespace
 
 ScriptedFtpServer::ScriptedFtpServer(std::string greeting, Script script)
     : greeting_(std::move(greeting)), script_(std::move(script)) {
@@ -676,7 +536,7 @@ ScriptedFtpServer::~ScriptedFtpServer() {
 }
 
 ServerInfoPtr ScriptedFtpServer::serverInfo() const {
-    return loopbackRecord(port_, "u", "p");
+    return loopbackRecord(ProtocolType::FTP, port_, "u", "p");
 }
 
 int ScriptedFtpServer::bystanderConnections() {

@@ -19,14 +19,10 @@
 #include <vector>
 
 #include "core/ServerInfo.h"
+#include "support/ServerKit.h"
 #include "support/TestEnv.h"
 
 namespace quillon::test {
-
-// A loopback TCP port free at the moment of asking; another program may take it before use.
-int freePort();
-// Whether process `pid` holds the socket that listens on 127.0.0.1:`port`.
-bool listensOn(pid_t pid, int port);
 
 enum class FtpServerKind { Vsftpd, PureFtpd, Proftpd, Pyftpdlib };
 

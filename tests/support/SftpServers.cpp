@@ -1,9 +1,6 @@
 #include "support/SftpServers.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,11 +8,10 @@
 #include <fstream>
 #include <regex>
 #include <sstream>
-#include <thread>
 #include <vector>
 
 #include "clients/sftp/SFTPWrapper.h"
-#include "support/FtpServers.h"
+#include "support/ServerKit.h"
 #include "support/TestEnv.h"
 
 namespace fs = std::filesystem;
@@ -27,25 +23,6 @@ namespace {
 void writeText(const std::string& path, const std::string& content, mode_t mode) {
     std::ofstream(path, std::ios::binary) << content;
     ::chmod(path.c_str(), mode);
-}
-
-// The processes whose parent is `pid`, read from /proc.
-std::vector<pid_t> childrenOf(pid_t pid) {
-    std::vector<pid_t> found;
-    std::error_code ec;
-    for (fs::directory_iterator it("/proc", ec), end; !ec && it != end; it.increment(ec)) {
-        auto name = it->path().filename().string();
-        if (name.find_first_not_of("0123456789") != std::string::npos) continue;
-        std::string stat = readFile(it->path().string() + "/stat");
-        auto close = stat.rfind(')');
-        if (close == std::string::npos) continue;
-        std::istringstream f(stat.substr(close + 2));
-        char state;
-        pid_t parent = 0;
-        f >> state >> parent;
-        if (parent == pid) found.push_back(static_cast<pid_t>(std::stoi(name)));
-    }
-    return found;
 }
 
 }  // namespace
@@ -68,16 +45,9 @@ SftpServer::~SftpServer() {
 
 std::unique_ptr<SftpServer> SftpServer::start(SftpServerKind kind, std::string* whyNot) {
     std::unique_ptr<SftpServer> server(new SftpServer(kind));
-    std::string reason;
-    // A port found free may be taken by another program before the server binds it.
-    for (int attempt = 0; attempt < 5; ++attempt) {
-        reason.clear();
-        if (server->launch(&reason)) return server;
-    }
-    if (whyNot)
-        *whyNot = reason;
-    else
-        ADD_FAILURE() << "the SFTP server did not start: " << reason;
+    if (launchWithRetries(
+            "the SFTP server", [&](std::string* why) { return server->launch(why); }, whyNot))
+        return server;
     return nullptr;
 }
 
@@ -131,28 +101,15 @@ bool SftpServer::launch(std::string* whyNot) {
                 "--dir-cache-time", "0s", "--log-file", logPath, "-v"};
         ready = std::regex("SFTP server listening on 127\\.0\\.0\\.1:" + std::to_string(port_));
     }
-    process_ = std::make_unique<ChildProcess>(argv);
-    bool up = waitUntil(
-        [&] { return !process_->running() || std::regex_search(readFile(logPath), ready); },
-        std::chrono::seconds(60));
-    if (up && process_->running()) return true;
-    *whyNot = "the server did not listen on port " + std::to_string(port_) + ": " +
-              readFile(logPath) + process_->err();
-    process_.reset();
-    return false;
+    return startLogged(process_, argv, logPath, ready, port_, whyNot);
 }
 
 std::string SftpServer::hostPath(std::string_view rel) const {
-    std::string r(rel);
-    while (!r.empty() && r.front() == '/') r.erase(0, 1);
-    return r.empty() ? root_ : root_ + "/" + r;
+    return pathBelow(root_, rel);
 }
 
 std::string SftpServer::remotePath(std::string_view rel) const {
-    if (kind_ == SftpServerKind::OpenSSH) return hostPath(rel);
-    std::string r(rel);
-    while (!r.empty() && r.front() == '/') r.erase(0, 1);
-    return "/" + r;
+    return kind_ == SftpServerKind::OpenSSH ? hostPath(rel) : slashPath(rel);
 }
 
 std::string SftpServer::knownHostsLine() const {
@@ -161,20 +118,15 @@ std::string SftpServer::knownHostsLine() const {
 }
 
 ServerInfoPtr SftpServer::serverInfo() const {
-    auto info = std::make_shared<ServerInfo>();
-    info->protocolType = ProtocolType::SFTP;
+    bool key = kind_ == SftpServerKind::OpenSSH;
+    auto info = loopbackRecord(ProtocolType::SFTP, port_, key ? "nobody" : "tester", "secret pass");
     info->displayName = "sftp test";
-    info->setValue("127.0.0.1", ServerProp::ADDR);
-    info->setValue(std::to_string(port_), ServerProp::PORT);
-    if (kind_ == SftpServerKind::OpenSSH) {
-        info->setValue("nobody", ServerProp::USERNAME);
-        info->setValue("SFTP_LOGIN_TYPE_KEYFILE", SftpProp::LOGIN_TYPE);
+    info->setValue(key ? "SFTP_LOGIN_TYPE_KEYFILE" : "SFTP_LOGIN_TYPE_NORMAL",
+                   SftpProp::LOGIN_TYPE);
+    if (key) {
+        info->removeObjectForKey(ServerProp::PASSWORD);
         info->setValue(clientKey_, SftpProp::KEYFILE);
         info->setValue("key pass", SftpProp::PASSPHRASE);
-    } else {
-        info->setValue("tester", ServerProp::USERNAME);
-        info->setValue("secret pass", ServerProp::PASSWORD);
-        info->setValue("SFTP_LOGIN_TYPE_NORMAL", SftpProp::LOGIN_TYPE);
     }
     return info;
 }
@@ -182,14 +134,7 @@ ServerInfoPtr SftpServer::serverInfo() const {
 void SftpServer::endSessions() const {
     if (!process_ || process_->pid() <= 0) return;
     // Every process below the master, deepest first, each by its own id.
-    std::vector<pid_t> order, pending = childrenOf(process_->pid());
-    while (!pending.empty()) {
-        pid_t p = pending.back();
-        pending.pop_back();
-        order.push_back(p);
-        for (pid_t c : childrenOf(p)) pending.push_back(c);
-    }
-    for (auto it = order.rbegin(); it != order.rend(); ++it) ::kill(*it, SIGKILL);
+    for (pid_t p : descendantsOf(process_->pid())) ::kill(p, SIGKILL);
 }
 
 int SftpServer::logins() {

@@ -13,7 +13,7 @@
 #include <fstream>
 #include <thread>
 
-#include "support/FtpServers.h"
+#include "support/ServerKit.h"
 
 namespace fs = std::filesystem;
 
@@ -29,18 +29,16 @@ SmbServer::SmbServer() : dir_("smbd") {
 }
 
 std::unique_ptr<SmbServer> SmbServer::start(std::string* whyNot) {
-    if (::access("/usr/sbin/smbd", X_OK) != 0) {
-        if (whyNot) *whyNot = "smbd cannot run here: /usr/sbin/smbd is not installed";
-        return nullptr;
-    }
-    std::unique_ptr<SmbServer> server(new SmbServer());
-    std::string reason;
-    // A port found free may be taken by another program before smbd binds it: try again.
-    for (int attempt = 0; attempt < 5; ++attempt) {
-        reason.clear();
-        if (server->launch(&reason)) return server;
-    }
-    if (whyNot) *whyNot = reason;
+    std::unique_ptr<SmbServer> server;
+    if (::access("/usr/sbin/smbd", X_OK) == 0) server.reset(new SmbServer());
+    if (launchWithRetries(
+            "smbd",
+            [&](std::string* why) {
+                if (!server) *why = "smbd cannot run here: /usr/sbin/smbd is not installed";
+                return server && server->launch(why);
+            },
+            whyNot))
+        return server;
     return nullptr;
 }
 
@@ -75,87 +73,39 @@ bool SmbServer::launch(std::string* whyNot) {
         }
         userAdded_ = true;
     }
-    pid_t pid = ::fork();
-    if (pid < 0) {
+    pid_ =
+        spawnGroup({"/usr/sbin/smbd", "--foreground", "--no-process-group", "--configfile=" + conf},
+                   d + "/log/stdout");
+    if (pid_ < 0) {
         *whyNot = "smbd cannot run here: cannot fork";
         return false;
     }
-    if (pid == 0) {
-        ::setpgid(0, 0);
-        int log = ::open((d + "/log/stdout").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-        if (log >= 0) {
-            ::dup2(log, 1);
-            ::dup2(log, 2);
-        }
-        std::string configfile = "--configfile=" + conf;
-        ::execl("/usr/sbin/smbd", "smbd", "--foreground", "--no-process-group", configfile.c_str(),
-                static_cast<char*>(nullptr));
-        ::_exit(127);
-    }
-    pid_ = pid;
-    auto until = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (std::chrono::steady_clock::now() < until) {
-        int status = 0;
-        if (::waitpid(pid_, &status, WNOHANG) == pid_) {
-            pid_ = -1;
-            *whyNot = "smbd exited at start: " + log();
-            return false;
-        }
-        if (listensOn(pid_, port_)) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    *whyNot = "smbd did not listen on port " + std::to_string(port_) + ": " + log();
+    if (awaitListener(
+            pid_, port_, [] { return true; }, std::chrono::seconds(60), whyNot))
+        return true;
+    *whyNot = "smbd " + *whyNot + ": " + log();
     stop();
     return false;
 }
 
 void SmbServer::stop() {
     if (pid_ <= 0) return;
-    pid_t group = pid_;
-    ::kill(-group, SIGTERM);
-    int status = 0;
-    bool reaped = false;
-    auto until = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (std::chrono::steady_clock::now() < until) {
-        if (::waitpid(group, &status, WNOHANG) == group) {
-            reaped = true;
-            break;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    // Session processes that outlive their parent.
-    ::kill(-group, SIGKILL);
-    if (!reaped) ::waitpid(group, &status, 0);
-    pid_ = -1;
+    stopGroup(pid_, std::chrono::seconds(5));
     // smbd starts its RPC helpers (for the list of shares) as a daemon of their own session:
     // they are found by this server's configuration file, which no other program names.
     const std::string conf = dir_.path() + "/smb.conf";
-    std::error_code ec;
-    for (fs::directory_iterator it("/proc", ec), end; !ec && it != end; it.increment(ec)) {
-        std::string name = it->path().filename().string();
-        if (name.empty() || !std::isdigit(static_cast<unsigned char>(name[0]))) continue;
-        std::string cmdline = readFile(it->path().string() + "/cmdline");
-        if (cmdline.find(conf) != std::string::npos)
-            ::kill(static_cast<pid_t>(std::stol(name)), SIGKILL);
-    }
+    for (auto& p : processes())
+        if (contains(readFile("/proc/" + std::to_string(p.pid) + "/cmdline"), conf))
+            ::kill(p.pid, SIGKILL);
 }
 
 int SmbServer::endSessions() {
     if (pid_ <= 0) return 0;
     int ended = 0;
-    std::error_code ec;
-    for (fs::directory_iterator it("/proc", ec), end; !ec && it != end; it.increment(ec)) {
-        std::string name = it->path().filename().string();
-        if (name.empty() || !std::isdigit(static_cast<unsigned char>(name[0]))) continue;
-        // "pid (comm) state ppid ...": the server's helpers name themselves ("smbd-notifyd",
-        // "cleanupd"); a client's process keeps the name "smbd".
-        std::string stat = readFile(it->path().string() + "/stat");
-        auto close = stat.rfind(')');
-        if (close == std::string::npos || stat.find(" (smbd) ") == std::string::npos) continue;
-        long ppid = std::strtol(stat.c_str() + close + 4, nullptr, 10);
-        if (ppid != pid_) continue;
-        if (::kill(static_cast<pid_t>(std::stol(name)), SIGKILL) == 0) ++ended;
-    }
+    // The server's helpers name themselves ("smbd-notifyd", "cleanupd"); a client's process
+    // keeps the name "smbd".
+    for (auto& p : processes())
+        if (p.name == "smbd" && p.parent == pid_ && ::kill(p.pid, SIGKILL) == 0) ++ended;
     return ended;
 }
 
@@ -168,13 +118,9 @@ std::string SmbServer::log() const {
 }
 
 ServerInfoPtr SmbServer::serverInfo(std::string_view password) const {
-    auto info = std::make_shared<ServerInfo>();
-    info->protocolType = ProtocolType::SMB;
+    auto info =
+        loopbackRecord(ProtocolType::SMB, port_, std::string(user()), std::string(password));
     info->displayName = "smbd";
-    info->setValue("127.0.0.1", ServerProp::ADDR);
-    info->setValue(std::to_string(port_), ServerProp::PORT);
-    info->setValue(std::string(user()), ServerProp::USERNAME);
-    info->setValue(std::string(password), ServerProp::PASSWORD);
     info->setValue("/" + std::string(share()), ServerProp::PATH);
     return info;
 }

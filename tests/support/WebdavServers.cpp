@@ -1,9 +1,6 @@
 #include "support/WebdavServers.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,7 +9,7 @@
 #include <regex>
 #include <sstream>
 
-#include "support/FtpServers.h"
+#include "support/ServerKit.h"
 #include "support/TestEnv.h"
 
 namespace fs = std::filesystem;
@@ -41,16 +38,9 @@ WebdavServer::~WebdavServer() {
 
 std::unique_ptr<WebdavServer> WebdavServer::start(WebdavServerKind kind, std::string* whyNot) {
     std::unique_ptr<WebdavServer> server(new WebdavServer(kind));
-    std::string reason;
-    // A port found free may be taken by another program before the server binds it.
-    for (int attempt = 0; attempt < 5; ++attempt) {
-        reason.clear();
-        if (server->launch(&reason)) return server;
-    }
-    if (whyNot)
-        *whyNot = reason;
-    else
-        ADD_FAILURE() << "the WebDAV server did not start: " << reason;
+    if (launchWithRetries(
+            "the WebDAV server", [&](std::string* why) { return server->launch(why); }, whyNot))
+        return server;
     return nullptr;
 }
 
@@ -106,37 +96,20 @@ bool WebdavServer::launch(std::string* whyNot) {
         ready = std::regex(
             "WebDav Server started on http://127\\.0\\.0\\.1:" + std::to_string(port_) + "/");
     }
-    process_ = std::make_unique<ChildProcess>(argv);
-    bool up = waitUntil(
-        [&] { return !process_->running() || std::regex_search(readFile(logPath), ready); },
-        std::chrono::seconds(60));
-    if (up && process_->running()) return true;
-    *whyNot = "the server did not listen on port " + std::to_string(port_) + ": " +
-              readFile(logPath) + process_->err();
-    process_.reset();
-    return false;
+    return startLogged(process_, argv, logPath, ready, port_, whyNot);
 }
 
 std::string WebdavServer::hostPath(std::string_view rel) const {
-    std::string r(rel);
-    while (!r.empty() && r.front() == '/') r.erase(0, 1);
-    return r.empty() ? root_ : root_ + "/" + r;
+    return pathBelow(root_, rel);
 }
 
 std::string WebdavServer::remotePath(std::string_view rel) const {
-    std::string r(rel);
-    while (!r.empty() && r.front() == '/') r.erase(0, 1);
-    return "/" + r;
+    return slashPath(rel);
 }
 
 ServerInfoPtr WebdavServer::serverInfo() const {
-    auto info = std::make_shared<ServerInfo>();
-    info->protocolType = ProtocolType::WebDAV;
+    auto info = loopbackRecord(ProtocolType::WebDAV, port_, kUser, kPassword);
     info->displayName = "webdav test";
-    info->setValue("127.0.0.1", ServerProp::ADDR);
-    info->setValue(std::to_string(port_), ServerProp::PORT);
-    info->setValue(kUser, ServerProp::USERNAME);
-    info->setValue(kPassword, ServerProp::PASSWORD);
     return info;
 }
 

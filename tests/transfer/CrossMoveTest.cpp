@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <fstream>
 
 #include "TransferTestKit.h"
 #include "clients/ftp/FtpWrapper.h"
@@ -56,16 +55,12 @@ class ShortUploadsTo {
     }
 };
 
-std::unique_ptr<FtpServer> startOrFail(FtpServerKind kind) {
-    return startFtpServer(kind);
-}
-
 }  // namespace
 
 TEST(CrossMoveTask, VerifiedCopyDeletesTheSourceAlsoUnderAKeepBothName) {
     IsolatedHome home;
-    auto from = startOrFail(FtpServerKind::PureFtpd);
-    auto to = startOrFail(FtpServerKind::Proftpd);
+    auto from = startFtpServer(FtpServerKind::PureFtpd);
+    auto to = startFtpServer(FtpServerKind::Proftpd);
     if (!from || !to) return;
     from->writeFile("/album/one.flac", std::string(123457, '1'));
     from->writeFile("/album/.cover", "c");
@@ -114,8 +109,8 @@ TEST(CrossMoveTask, VerifiedCopyDeletesTheSourceAlsoUnderAKeepBothName) {
 
 TEST(CrossMoveTask, CopyOneByteShortReports10013AndKeepsTheSource) {
     IsolatedHome home;
-    auto from = startOrFail(FtpServerKind::PureFtpd);
-    auto to = startOrFail(FtpServerKind::Vsftpd);
+    auto from = startFtpServer(FtpServerKind::PureFtpd);
+    auto to = startFtpServer(FtpServerKind::Vsftpd);
     if (!from || !to) return;
     from->writeFile("/data.bin", std::string(50000, 'd'));
     from->writeFile("/tree/inner.bin", std::string(4000, 'i'));
@@ -147,32 +142,19 @@ TEST(CrossMoveTask, CopyOneByteShortReports10013AndKeepsTheSource) {
 
 TEST(CrossMoveTask, CancelDuringCopyKeepsSourceAndRemovesScratch) {
     IsolatedHome home;
-    auto from = startOrFail(FtpServerKind::Vsftpd);
-    auto to = startOrFail(FtpServerKind::PureFtpd);
+    auto from = startFtpServer(FtpServerKind::Vsftpd);
+    auto to = startFtpServer(FtpServerKind::PureFtpd);
     if (!from || !to) return;
-    {
-        fs::create_directories(fs::path(from->hostPath("/big.bin")).parent_path());
-        std::ofstream out(from->hostPath("/big.bin"));
-    }
-    fs::resize_file(from->hostPath("/big.bin"), 2ull << 30);
+    makeSparseFile(from->hostPath("/big.bin"), 2ull << 30);
     from->chownTree();
     auto src = from->serverInfo();
     auto dst = to->serverInfo();
     FileTransferTaskManager manager;
-    struct StopView : FileTransferView {
-        std::function<void()> stop;
-        bool isDisplayed() const override { return true; }
-        void reloadContent() override {}
-        void updateProgress(FileTransferTask&, std::int64_t done, std::int64_t) override {
-            if (done > 0 && stop) std::exchange(stop, nullptr)();
-        }
-        void close() override {}
-    };
-    auto view = std::make_shared<StopView>();
+    auto view = std::make_shared<FirstBytesView>();
     manager.setFileTransferView(view);
     auto task =
         makeTask<CrossMoveTask>(src, remoteItem(src, "/big.bin"), dst, remoteFolder(dst, "/"));
-    view->stop = [&] { manager.stopTask(task); };
+    view->onFirstBytes = [&] { manager.stopTask(task); };
     runAll(manager, task);
     EXPECT_EQ(task->state(), TransferTaskState::Stopped);
     EXPECT_EQ(fs::file_size(from->hostPath("/big.bin")), 2ull << 30);

@@ -11,14 +11,11 @@
 #include <fstream>
 
 #include "TransferTestKit.h"
-#include "clients/ftp/FtpWrapper.h"
 #include "core/PathUtils.h"
-#include "core/WrapperProxy.h"
 #include "support/FtpServers.h"
 #include "support/SftpServers.h"
 #include "transfer/CopyTask.h"
 #include "transfer/CrossCopyTask.h"
-#include "transfer/CrossMoveTask.h"
 #include "transfer/DownloadTask.h"
 #include "transfer/FileTransferUtils.h"
 #include "transfer/UploadTask.h"
@@ -29,24 +26,9 @@ namespace fs = std::filesystem;
 
 namespace {
 
-void makeLocalTree(const std::string& root) {
-    writeFile(root + "/a.txt", "alpha");
-    writeFile(root + "/.hidden", "secret");
-    writeFile(root + "/sub/b.bin", std::string(300000, 'b'));
-    writeFile(root + "/sub/.config/c.ini", "k=v");
-    fs::create_directories(root + "/empty/deeper/deepest");
-    ::symlink("a.txt", (root + "/link-to-a").c_str());
-    ::symlink("sub", (root + "/link-to-sub").c_str());
-}
-
-// What an FTP server receives from makeLocalTree: no links (FTP cannot make them).
+// What an FTP server receives from makeTree: no links (FTP cannot make them).
 void expectUploadedTree(const std::string& root) {
-    EXPECT_TRUE(fileHolds(root + "/a.txt", "alpha"));
-    EXPECT_TRUE(fileHolds(root + "/.hidden", "secret"));
-    EXPECT_TRUE(fileHolds(root + "/sub/b.bin", std::string(300000, 'b')));
-    EXPECT_TRUE(fileHolds(root + "/sub/.config/c.ini", "k=v"));
-    EXPECT_TRUE(fs::is_directory(root + "/empty/deeper/deepest"));
-    EXPECT_TRUE(fs::is_empty(root + "/empty/deeper/deepest"));
+    expectTreeFiles(root, 300000);
     EXPECT_EQ(namesIn(root), (std::vector<std::string>{".hidden", "a.txt", "empty", "sub"}));
 }
 
@@ -114,27 +96,6 @@ void expectLinksFetched(const FileTransferTask& task, const std::string& root,
     EXPECT_TRUE(notices[1].starts_with("skipped link " + from + "/to-sub")) << notices[1];
 }
 
-// A view that calls `onFirstBytes` once, at the first progress report with bytes moved.
-struct FirstBytesView : FileTransferView {
-    std::function<void()> onFirstBytes;
-    bool fired = false;
-    bool isDisplayed() const override { return true; }
-    void reloadContent() override {}
-    void updateProgress(FileTransferTask&, std::int64_t done, std::int64_t) override {
-        if (done > 0 && !fired && onFirstBytes) {
-            fired = true;
-            onFirstBytes();
-        }
-    }
-    void close() override {}
-};
-
-void makeSparseFile(const std::string& path, std::uint64_t size) {
-    fs::create_directories(fs::path(path).parent_path());
-    { std::ofstream out(path); }
-    fs::resize_file(path, size);
-}
-
 }  // namespace
 
 using FtpTransfer = TransferFixture;
@@ -146,7 +107,7 @@ TEST_F(FtpTransfer, UploadsTreeAndDownloadsItBack) {
         if (!server) continue;
         auto ftp = server->serverInfo();
         ScratchDir dir("ftptree");
-        makeLocalTree(dir / "tree");
+        makeTree(dir / "tree", 300000);
         FileTransferTaskManager manager;
         auto up = runOne<UploadTask>(manager, localServer(), localItem(dir / "tree"), ftp,
                                      remoteFolder(ftp, "/"));

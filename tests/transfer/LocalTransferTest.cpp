@@ -10,7 +10,6 @@
 
 #include "TransferTestKit.h"
 #include "transfer/CopyTask.h"
-#include "transfer/CrossMoveTask.h"
 #include "transfer/LocalFileCopier.h"
 #include "transfer/MoveTask.h"
 
@@ -20,28 +19,16 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// A tree with a nested empty folder, hidden files, a link to a file, a link to a folder and a
-// read-only file with an old modification time.
+// makeTree with a read-only file and an old modification time.
 void makeTree(const std::string& root) {
-    writeFile(root + "/a.txt", "alpha");
-    writeFile(root + "/.hidden", "secret");
-    writeFile(root + "/sub/b.bin", std::string(70000, 'b'));
-    writeFile(root + "/sub/.config/c.ini", "k=v");
-    fs::create_directories(root + "/empty/deeper/deepest");
-    ::symlink("a.txt", (root + "/link-to-a").c_str());
-    ::symlink("sub", (root + "/link-to-sub").c_str());
+    quillon::test::makeTree(root, 70000);
     ::chmod((root + "/a.txt").c_str(), 0444);
     struct timeval times[2] = {{1000000000, 0}, {1000000000, 0}};
     ::utimes((root + "/sub/b.bin").c_str(), times);
 }
 
 void expectSameTree(const std::string& a, const std::string& b) {
-    EXPECT_EQ(readFile(b + "/a.txt"), "alpha");
-    EXPECT_EQ(readFile(b + "/.hidden"), "secret");
-    EXPECT_EQ(readFile(b + "/sub/b.bin"), std::string(70000, 'b'));
-    EXPECT_EQ(readFile(b + "/sub/.config/c.ini"), "k=v");
-    EXPECT_TRUE(fs::is_directory(b + "/empty/deeper/deepest"));
-    EXPECT_TRUE(fs::is_empty(b + "/empty/deeper/deepest"));
+    expectTreeFiles(b, 70000);
     EXPECT_TRUE(fs::is_symlink(b + "/link-to-a"));
     EXPECT_EQ(fs::read_symlink(b + "/link-to-a"), "a.txt");
     EXPECT_TRUE(fs::is_symlink(b + "/link-to-sub"));

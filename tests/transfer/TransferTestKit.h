@@ -9,6 +9,8 @@
 #include <chrono>
 #include <deque>
 #include <filesystem>
+#include <fstream>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -27,6 +29,49 @@
 #include "transfer/UserPrompts.h"
 
 namespace quillon::test {
+
+// A tree with a nested empty folder, hidden files, a link to a file and a link to a folder;
+// "sub/b.bin" holds `size` bytes.
+inline void makeTree(const std::string& root, std::size_t size) {
+    writeFile(root + "/a.txt", "alpha");
+    writeFile(root + "/.hidden", "secret");
+    writeFile(root + "/sub/b.bin", std::string(size, 'b'));
+    writeFile(root + "/sub/.config/c.ini", "k=v");
+    std::filesystem::create_directories(root + "/empty/deeper/deepest");
+    ::symlink("a.txt", (root + "/link-to-a").c_str());
+    ::symlink("sub", (root + "/link-to-sub").c_str());
+}
+
+// The files and folders of makeTree arrived (links are for each test to check).
+inline void expectTreeFiles(const std::string& root, std::size_t size) {
+    EXPECT_TRUE(fileHolds(root + "/a.txt", "alpha"));
+    EXPECT_TRUE(fileHolds(root + "/.hidden", "secret"));
+    EXPECT_TRUE(fileHolds(root + "/sub/b.bin", std::string(size, 'b')));
+    EXPECT_TRUE(fileHolds(root + "/sub/.config/c.ini", "k=v"));
+    EXPECT_TRUE(std::filesystem::is_directory(root + "/empty/deeper/deepest"));
+    EXPECT_TRUE(std::filesystem::is_empty(root + "/empty/deeper/deepest"));
+}
+
+// A view that calls `onFirstBytes` once, at the first progress report with bytes moved.
+struct FirstBytesView : FileTransferView {
+    std::function<void()> onFirstBytes;
+    bool fired = false;
+    bool isDisplayed() const override { return true; }
+    void reloadContent() override {}
+    void updateProgress(FileTransferTask&, std::int64_t done, std::int64_t) override {
+        if (done > 0 && !fired && onFirstBytes) {
+            fired = true;
+            onFirstBytes();
+        }
+    }
+    void close() override {}
+};
+
+inline void makeSparseFile(const std::string& path, std::uint64_t size) {
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    { std::ofstream out(path); }
+    std::filesystem::resize_file(path, size);
+}
 
 // Serves the main queue until no task of the manager waits or runs and every completion has been
 // delivered; fails the test after `limit`.

@@ -1,16 +1,10 @@
 // The storage-client conformance suite, run against each real FTP server: vsftpd (LIST),
 // pure-ftpd (MLSD), proftpd over explicit FTPS and pyftpdlib over implicit FTPS.
 
-#include <sys/stat.h>
-
-#include <atomic>
 #include <map>
 #include <memory>
 
-#include "clients/Clients.h"
 #include "clients/WrapperConformance.h"
-#include "core/KvConnectionPool.h"
-#include "core/WrapperProxy.h"
 #include "support/FtpServers.h"
 
 namespace quillon::test {
@@ -27,27 +21,13 @@ FtpServer* sharedServer(const std::string& key, FtpServerKind kind,
 
 ConformanceTarget ftpTarget(const std::string& name, FtpServerKind kind, FtpServerOptions options,
                             std::string protocol) {
-    ConformanceTarget target;
-    target.name = name;
-    target.open = [name, kind, options, protocol]() -> ConformanceSession {
-        programHome();
-        registerBuiltinClients();
+    return sharedServerTarget(name, [=](const std::string& folder) -> std::optional<SharedFolder> {
         FtpServer* server = sharedServer(name, kind, options);
-        if (!server) return {};
-        static std::atomic<int> counter{0};
-        std::string folder = "t" + std::to_string(++counter);
+        if (!server) return std::nullopt;
         server->makeDir(folder);
-        ::chmod(server->hostPath(folder).c_str(), 0777);
-        ConformanceSession session;
-        session.remoteRoot = server->remotePath(folder);
-        session.serverDir = server->hostPath(folder);
-        auto info = server->serverInfo(protocol);
-        session.makeWrapper = [info] { return WrapperProxy::wrapperWithServerInfo(info); };
-        // Closes the sessions this test left idle in the pool.
-        session.close = [] { KvConnectionPool::clearConnectionPool(); };
-        return session;
-    };
-    return target;
+        return SharedFolder{server->hostPath(folder), server->remotePath(folder),
+                            server->serverInfo(protocol)};
+    });
 }
 
 ConformanceTarget vsftpdTarget() {

@@ -305,41 +305,6 @@ TEST_F(FtpWrapperTest, ChmodModificationTimesAndRefusedControlCharacters) {
     EXPECT_TRUE(std::filesystem::exists(pro->hostPath("victim.txt")));
 }
 
-TEST_F(FtpWrapperTest, StreamsFromAnOffsetAndStopsWhenTheReaderHasEnough) {
-    auto server = FtpServer::start(FtpServerKind::PureFtpd);
-    ASSERT_TRUE(server);
-    const std::string content = test::randomBytes(3 * 1024 * 1024 + 17, 11);
-    server->writeFile("movie.bin", content);
-
-    FtpWrapper w(server->serverInfo());
-    auto file = item("/movie.bin");
-    ASSERT_TRUE(w.initStreamFileMeta(file));  // no size in the record: SIZE is asked
-    EXPECT_EQ(w.contentLength(), content.size());
-
-    std::string all;
-    ASSERT_TRUE(w.readDataFromOffsetToEnd(1000, [&](const Bytes& b) {
-        all.append(b.begin(), b.end());
-        return true;
-    }));
-    EXPECT_TRUE(all == content.substr(1000));
-
-    std::string head;
-    int chunks = 0;
-    ASSERT_TRUE(w.readDataFromOffsetToEnd(5, [&](const Bytes& b) {
-        head.append(b.begin(), b.end());
-        return ++chunks < 2;
-    }));
-    EXPECT_EQ(chunks, 2);
-    EXPECT_TRUE(head == content.substr(5, head.size()));
-    EXPECT_LT(head.size(), content.size());
-
-    // The same client serves the next request after the early stop.
-    w.setOffset(content.size() - 10);
-    auto tail = w.readDataOfLength(64);
-    ASSERT_TRUE(tail);
-    EXPECT_EQ(std::string(tail->begin(), tail->end()), content.substr(content.size() - 10));
-}
-
 TEST_F(FtpWrapperTest, SurvivesHostileRepliesAndRefusedConnections) {
     auto login = [](const std::string& line) -> std::string {
         return line.starts_with("USER") || line.starts_with("PASS")

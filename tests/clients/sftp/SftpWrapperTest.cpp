@@ -17,13 +17,10 @@
 #include <regex>
 #include <thread>
 
-#include "clients/Clients.h"
 #include "clients/WrapperConformance.h"
 #include "clients/sftp/SFTPWrapper.h"
 #include "core/HostKeyPrompt.h"
-#include "core/KvConnectionPool.h"
 #include "core/PathUtils.h"
-#include "core/WrapperProxy.h"
 #include "support/ChildProcess.h"
 #include "support/SftpServers.h"
 
@@ -48,25 +45,13 @@ SftpServer* sharedServer(SftpServerKind kind) {
 }
 
 ConformanceTarget sftpTarget(const std::string& name, SftpServerKind kind) {
-    ConformanceTarget target;
-    target.name = name;
-    target.open = [kind]() -> ConformanceSession {
-        registerBuiltinClients();
-        SftpServer* server = sharedServer(kind);
-        if (!server) return {};
-        static std::atomic<int> counter{0};
-        std::string folder = "t" + std::to_string(++counter);
-        std::filesystem::create_directories(server->hostPath(folder));
-        ::chmod(server->hostPath(folder).c_str(), 0777);
-        ConformanceSession session;
-        session.remoteRoot = server->remotePath(folder);
-        session.serverDir = server->hostPath(folder);
-        auto info = server->serverInfo();
-        session.makeWrapper = [info] { return WrapperProxy::wrapperWithServerInfo(info); };
-        session.close = [] { KvConnectionPool::clearConnectionPool(); };
-        return session;
-    };
-    return target;
+    return sharedServerTarget(
+        name, [kind](const std::string& folder) -> std::optional<SharedFolder> {
+            SftpServer* server = sharedServer(kind);
+            if (!server) return std::nullopt;
+            return SharedFolder{server->hostPath(folder), server->remotePath(folder),
+                                server->serverInfo()};
+        });
 }
 
 ConformanceTarget opensshTarget() {
@@ -87,16 +72,11 @@ INSTANTIATE_TEST_SUITE_P(Sftp, WrapperConformance,
 
 namespace {
 
-class SftpClient : public ::testing::Test {
+class SftpClient : public ClientTest {
   protected:
-    void SetUp() override {
-        programHome();
-        registerBuiltinClients();
-    }
     void TearDown() override {
         HostKeyPrompt::setAsker({});
-        KvConnectionPool::clearConnectionPool();
-        MainQueue::shared().pump();
+        ClientTest::TearDown();
     }
     static std::shared_ptr<SFTPWrapper> clientOf(const ServerInfoPtr& info) {
         return std::make_shared<SFTPWrapper>(info);

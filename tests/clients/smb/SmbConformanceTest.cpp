@@ -10,10 +10,8 @@
 #include <atomic>
 #include <memory>
 
-#include "clients/Clients.h"
 #include "clients/WrapperConformance.h"
 #include "clients/smb/SmbWrapper.h"
-#include "core/WrapperProxy.h"
 #include "media/Thumbnails.h"
 #include "support/SmbServers.h"
 
@@ -23,37 +21,18 @@ namespace {
 // One server for the whole program; each test gets a fresh folder in its share. A server that
 // cannot start fails every test.
 SmbServer* sharedServer() {
-    static std::unique_ptr<SmbServer> server = [] {
-        std::string why;
-        auto s = SmbServer::start(&why);
-        if (!s) ADD_FAILURE() << why;
-        return s;
-    }();
+    static std::unique_ptr<SmbServer> server = SmbServer::start();
     return server.get();
 }
 
 ConformanceTarget smbdTarget() {
-    ConformanceTarget target;
-    target.name = "smbd";
-    target.open = []() -> ConformanceSession {
-        programHome();
-        registerBuiltinClients();
+    return sharedServerTarget("smbd", [](const std::string& folder) -> std::optional<SharedFolder> {
         SmbServer* server = sharedServer();
-        if (!server) return {};
-        static std::atomic<int> counter{0};
-        std::string folder = "t" + std::to_string(++counter);
-        std::string dir = server->shareDir() + "/" + folder;
-        std::filesystem::create_directories(dir);
-        ::chmod(dir.c_str(), 0777);
-        ConformanceSession session;
-        session.remoteRoot = "/" + std::string(SmbServer::share()) + "/" + folder;
-        session.serverDir = dir;
-        auto info = server->serverInfo();
-        session.makeWrapper = [info] { return WrapperProxy::wrapperWithServerInfo(info); };
-        session.close = [] {};
-        return session;
-    };
-    return target;
+        if (!server) return std::nullopt;
+        return SharedFolder{server->shareDir() + "/" + folder,
+                            "/" + std::string(SmbServer::share()) + "/" + folder,
+                            server->serverInfo()};
+    });
 }
 
 }  // namespace
@@ -66,11 +45,10 @@ INSTANTIATE_TEST_SUITE_P(Smb, WrapperConformance, ::testing::Values(smbdTarget()
 namespace quillon::test {
 namespace {
 
-class SmbClient : public ::testing::Test {
+class SmbClient : public ClientTest {
   protected:
     void SetUp() override {
-        programHome();
-        registerBuiltinClients();
+        ClientTest::SetUp();
         std::string why;
         server_ = SmbServer::start(&why);
         ASSERT_TRUE(server_) << why;

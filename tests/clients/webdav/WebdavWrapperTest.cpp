@@ -2,24 +2,18 @@
 // `rclone serve webdav` (Basic), then what only a scripted fake server can make happen: hostile
 // PROPFIND replies, a refusal of "Depth: infinity" and a download whose connection breaks.
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <filesystem>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <thread>
 
-#include "clients/Clients.h"
 #include "clients/WrapperConformance.h"
 #include "clients/webdav/WebdavWrapper.h"
-#include "core/KvConnectionPool.h"
-#include "core/WrapperProxy.h"
+#include "support/ServerKit.h"
 #include "support/WebdavServers.h"
 
 namespace quillon::test {
@@ -32,26 +26,13 @@ WebdavServer* sharedServer(WebdavServerKind kind) {
 }
 
 ConformanceTarget webdavTarget(const std::string& name, WebdavServerKind kind) {
-    ConformanceTarget target;
-    target.name = name;
-    target.open = [kind]() -> ConformanceSession {
-        programHome();
-        registerBuiltinClients();
-        WebdavServer* server = sharedServer(kind);
-        if (!server) return {};
-        static std::atomic<int> counter{0};
-        std::string folder = "t" + std::to_string(++counter);
-        std::filesystem::create_directories(server->hostPath(folder));
-        ::chmod(server->hostPath(folder).c_str(), 0777);
-        ConformanceSession session;
-        session.remoteRoot = server->remotePath(folder);
-        session.serverDir = server->hostPath(folder);
-        auto info = server->serverInfo();
-        session.makeWrapper = [info] { return WrapperProxy::wrapperWithServerInfo(info); };
-        session.close = [] { KvConnectionPool::clearConnectionPool(); };
-        return session;
-    };
-    return target;
+    return sharedServerTarget(
+        name, [kind](const std::string& folder) -> std::optional<SharedFolder> {
+            WebdavServer* server = sharedServer(kind);
+            if (!server) return std::nullopt;
+            return SharedFolder{server->hostPath(folder), server->remotePath(folder),
+                                server->serverInfo()};
+        });
 }
 
 ConformanceTarget apacheTarget() {
@@ -78,15 +59,9 @@ class ScriptedHttpServer {
   public:
     using Script = std::function<std::string(const std::string& request)>;
     explicit ScriptedHttpServer(Script script) : script_(std::move(script)) {
-        fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t len = sizeof a;
-        if (::bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || ::listen(fd_, 8) != 0 ||
-            ::getsockname(fd_, reinterpret_cast<sockaddr*>(&a), &len) != 0)
-            ADD_FAILURE() << "the scripted server cannot listen";
-        port_ = ntohs(a.sin_port);
+        fd_ = listenOn("127.0.0.1", 0);
+        if (fd_ < 0) ADD_FAILURE() << "the scripted server cannot listen";
+        port_ = boundPort(fd_);
         thread_ = std::thread([this] { run(); });
     }
     ~ScriptedHttpServer() {
@@ -133,13 +108,7 @@ class ScriptedHttpServer {
                 std::lock_guard lock(mutex_);
                 requests_.push_back(request);
             }
-            std::string reply = script_(request);
-            std::size_t sent = 0;
-            while (sent < reply.size()) {
-                ssize_t n = ::send(c, reply.data() + sent, reply.size() - sent, MSG_NOSIGNAL);
-                if (n <= 0) break;
-                sent += static_cast<std::size_t>(n);
-            }
+            sendAll(c, script_(request));
             ::close(c);
         }
     }
@@ -157,17 +126,7 @@ std::string multistatus(const std::string& body) {
            std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n" + body;
 }
 
-class WebdavClient : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        programHome();
-        registerBuiltinClients();
-    }
-    void TearDown() override {
-        KvConnectionPool::clearConnectionPool();
-        MainQueue::shared().pump();
-    }
-};
+class WebdavClient : public ClientTest {};
 
 }  // namespace
 
