@@ -13,6 +13,7 @@
 //   STREAMBENCH_ON_DISK   set: keep files and the cache under the usual temporary folder; by
 //                         default they live in /dev/shm, so that the disk's write-back does not
 //                         decide the figures
+//   STREAMBENCH_SEQUENTIAL_ONLY  set: measure the sequential read only
 //   BENCH_VERBOSE         set: show curl's error messages
 
 #include <benchmark/benchmark.h>
@@ -132,6 +133,13 @@ int main(int argc, char** argv) {
         std::printf("FTP client reading the file %s: %.2f GB/s\n",
                     withCache ? "into the cache" : "alone",
                     ok ? static_cast<double>(got) / took.count() / 1e9 : -1.0);
+    }
+
+    if (std::getenv("STREAMBENCH_SEQUENTIAL_ONLY")) {
+        service.stopServer();
+        emptyCache();
+        KvConnectionPool::clearConnectionPool();
+        return 0;
     }
 
     // Seeks while a player-like read (20 MB/s) is under way at the start of the file.

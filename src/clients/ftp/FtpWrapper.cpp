@@ -857,6 +857,10 @@ std::size_t FtpWrapper::onStreamData(Operation& op, const char* data, std::size_
     return size;
 }
 
+namespace {
+constexpr std::uint64_t kStreamBlockSize = 524288;
+}  // namespace
+
 Status FtpWrapper::readRange(std::uint64_t from, std::optional<std::uint64_t> length,
                              const std::function<bool(const Bytes&)>& handler) {
     if (!streamFile_) return ftpFailure(ErrorCode::DownloadFailed, "No file opened for streaming");
@@ -878,6 +882,10 @@ Status FtpWrapper::readRange(std::uint64_t from, std::optional<std::uint64_t> le
     else
         curl_easy_setopt(curl, CURLOPT_RESUME_FROM_LARGE,
                          static_cast<curl_off_t>(offsetStreaming_));
+    // A read to the end feeds the streaming cache: larger blocks mean fewer cache writes and
+    // wake-ups per byte.
+    if (!length || *length > kStreamBlockSize)
+        curl_easy_setopt(curl, CURLOPT_BUFFERSIZE, static_cast<long>(kStreamBlockSize));
     curl_easy_setopt(curl, CURLOPT_WRITEDATA, &op);
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, streamCb);
     curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, errorBuffer);
