@@ -56,6 +56,29 @@ Result<Bytes> readDataOfLength(Wrapper& client, const KvMetadata& file, std::uin
     return data;
 }
 
+Result<Bytes> readDataOfLength(Wrapper& client, const std::optional<KvMetadata>& file,
+                               std::uint64_t& offset, std::uint64_t length,
+                               const RangedRead& rangedRead) {
+    if (file && installed()) return readDataOfLength(client, *file, offset, length);
+    std::uint64_t total = client.contentLength();
+    if (length == 0 || offset >= total) return Bytes{};
+    auto data = rangedRead(offset, std::min(length, total - offset));
+    if (data) offset += data->size();
+    return data;
+}
+
+Result<Bytes> collectBlocks(std::uint64_t length, const BlockRead& read) {
+    Bytes out;
+    out.reserve(static_cast<std::size_t>(length));
+    auto s = read([&](const Bytes& block) {
+        std::size_t take = std::min<std::size_t>(block.size(), length - out.size());
+        out.insert(out.end(), block.begin(), block.begin() + static_cast<std::ptrdiff_t>(take));
+        return out.size() < length;
+    });
+    if (!s) return std::unexpected(s.error());
+    return out;
+}
+
 std::optional<std::string> streamableURL(const ServerInfoPtr& server, const KvMetadata& file,
                                          std::string_view relativePath) {
     PlaybackOffer offer;

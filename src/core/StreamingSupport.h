@@ -38,6 +38,22 @@ inline constexpr std::uint64_t kMaxThumbnailReadLength = 10485759;
 [[nodiscard]] Result<Bytes> readDataOfLength(Wrapper& client, const KvMetadata& file,
                                              std::uint64_t& offset, std::uint64_t length);
 
+// Up to `length` bytes of the open file from `offset`, read from the server itself.
+using RangedRead = std::function<Result<Bytes>(std::uint64_t offset, std::uint64_t length)>;
+
+// readDataOfLength of every remote client: through the shared cache when the streaming service
+// is installed and a file is open (a player's repeated probing then costs the server nothing),
+// else `rangedRead` for `length` trimmed to `client.contentLength()` (nothing at or past the
+// end); `offset` advances by the bytes returned.
+[[nodiscard]] Result<Bytes> readDataOfLength(Wrapper& client, const std::optional<KvMetadata>& file,
+                                             std::uint64_t& offset, std::uint64_t length,
+                                             const RangedRead& rangedRead);
+
+// Gathers up to `length` bytes from a read that hands its blocks to a handler, telling it to
+// stop once they are there.
+using BlockRead = std::function<Status(const std::function<bool(const Bytes&)>& handler)>;
+[[nodiscard]] Result<Bytes> collectBlocks(std::uint64_t length, const BlockRead& read);
+
 // "http://127.0.0.1:<port>/<relativePath, URL-escaped>" after making the file the playback
 // server's; absent when no streaming service is installed or its server cannot run.
 std::optional<std::string> streamableURL(const ServerInfoPtr& server, const KvMetadata& file,

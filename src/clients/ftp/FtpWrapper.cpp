@@ -857,6 +857,10 @@ std::size_t FtpWrapper::onStreamData(Operation& op, const char* data, std::size_
     return size;
 }
 
+namespace {
+constexpr std::uint64_t kStreamBlockSize = 524288;
+}  // namespace
+
 Status FtpWrapper::readRange(std::uint64_t from, std::optional<std::uint64_t> length,
                              const std::function<bool(const Bytes&)>& handler) {
     if (!streamFile_) return ftpFailure(ErrorCode::DownloadFailed, "No file opened for streaming");
@@ -878,6 +882,10 @@ Status FtpWrapper::readRange(std::uint64_t from, std::optional<std::uint64_t> le
     else
         curl_easy_setopt(curl, CURLOPT_RESUME_FROM_LARGE,
                          static_cast<curl_off_t>(offsetStreaming_));
+    // A read to the end feeds the streaming cache: larger blocks mean fewer cache writes and
+    // wake-ups per byte.
+    if (!length || *length > kStreamBlockSize)
+        curl_easy_setopt(curl, CURLOPT_BUFFERSIZE, static_cast<long>(kStreamBlockSize));
     curl_easy_setopt(curl, CURLOPT_WRITEDATA, &op);
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, streamCb);
     curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, errorBuffer);
@@ -898,22 +906,11 @@ Status FtpWrapper::readRange(std::uint64_t from, std::optional<std::uint64_t> le
 }
 
 Result<Bytes> FtpWrapper::readDataOfLength(std::uint64_t length) {
-    // Through the streaming service's disk cache when this program has one: a player's repeated
-    // probing of the same regions then costs the server nothing.
-    if (streamFile_ && StreamingSupport::installed())
-        return StreamingSupport::readDataOfLength(*this, *streamFile_, offset_, length);
-    Bytes out;
-    if (length == 0 || offset_ >= contentLength_) return out;
-    length = std::min<std::uint64_t>(length, contentLength_ - offset_);
-    out.reserve(length);
-    auto s = readRange(offset_, length, [&](const Bytes& chunk) {
-        std::size_t take = std::min<std::size_t>(chunk.size(), length - out.size());
-        out.insert(out.end(), chunk.begin(), chunk.begin() + static_cast<std::ptrdiff_t>(take));
-        return out.size() < length;
-    });
-    if (!s) return std::unexpected(s.error());
-    offset_ += out.size();
-    return out;
+    return StreamingSupport::readDataOfLength(
+        *this, streamFile_, offset_, length, [this](std::uint64_t from, std::uint64_t count) {
+            return StreamingSupport::collectBlocks(
+                count, [&](const auto& handler) { return readRange(from, count, handler); });
+        });
 }
 
 Status FtpWrapper::readDataFromOffsetToEnd(std::int64_t start,

@@ -941,44 +941,42 @@ Status SFTPWrapper::initStreamFileMeta(const KvMetadata& file) {
 }
 
 Result<Bytes> SFTPWrapper::readDataOfLength(std::uint64_t length) {
-    // Through the streaming service's disk cache when this program has one: a player's repeated
-    // probing of the same regions then costs the server nothing.
-    if (streamFile_ && StreamingSupport::installed())
-        return StreamingSupport::readDataOfLength(*this, *streamFile_, offset_, length);
     if (!streamFile_)
         return KvError::fail(ErrorDomain::SFTP, ErrorCode::DownloadFailed,
                              "No file opened for streaming");
-    Bytes out;
-    if (length == 0 || offset_ >= contentLength_) return out;
-    length = std::min<std::uint64_t>(length, contentLength_ - offset_);
-    std::string path = streamFile_->pathOrEmpty();
-    auto read = withSession<Bytes>([&](SftpSession& s) -> Result<Bytes> {
-        LIBSSH2_SFTP_HANDLE* h = libssh2_sftp_open(s.sftp, path.c_str(), LIBSSH2_FXF_READ, 0);
-        if (!h) return std::unexpected(lastError(s, ErrorCode::DownloadFailed, "Opening " + path));
-        libssh2_sftp_seek64(h, offset_);
-        Bytes data(static_cast<std::size_t>(length));
-        std::size_t got = 0;
-        while (got < data.size()) {
-            ssize_t n =
-                libssh2_sftp_read(h, reinterpret_cast<char*>(data.data() + got), data.size() - got);
-            if (n < 0) {
-                auto e = lastError(s, ErrorCode::DownloadFailed, "Reading " + path);
-                abandonHandle(s.session, h);
-                // A failed read leaves requests in flight: the session must not be reused.
-                return std::unexpected(isConnectionError(e) ? e
-                                                            : Error{e.domain, e.code, e.reason,
-                                                                    ErrorKind::Connection});
-            }
-            if (n == 0) break;
-            got += static_cast<std::size_t>(n);
-        }
-        data.resize(got);
-        libssh2_sftp_close(h);
-        return data;
-    });
-    if (!read) return std::unexpected(read.error());
-    offset_ += read->size();
-    return read;
+    return StreamingSupport::readDataOfLength(
+        *this, streamFile_, offset_, length,
+        [this](std::uint64_t from, std::uint64_t count) -> Result<Bytes> {
+            std::string path = streamFile_->pathOrEmpty();
+            return withSession<Bytes>([&](SftpSession& s) -> Result<Bytes> {
+                LIBSSH2_SFTP_HANDLE* h =
+                    libssh2_sftp_open(s.sftp, path.c_str(), LIBSSH2_FXF_READ, 0);
+                if (!h)
+                    return std::unexpected(
+                        lastError(s, ErrorCode::DownloadFailed, "Opening " + path));
+                libssh2_sftp_seek64(h, from);
+                Bytes data(static_cast<std::size_t>(count));
+                std::size_t got = 0;
+                while (got < data.size()) {
+                    ssize_t n = libssh2_sftp_read(h, reinterpret_cast<char*>(data.data() + got),
+                                                  data.size() - got);
+                    if (n < 0) {
+                        auto e = lastError(s, ErrorCode::DownloadFailed, "Reading " + path);
+                        abandonHandle(s.session, h);
+                        // A failed read leaves requests in flight: the session must not be reused.
+                        return std::unexpected(
+                            isConnectionError(e)
+                                ? e
+                                : Error{e.domain, e.code, e.reason, ErrorKind::Connection});
+                    }
+                    if (n == 0) break;
+                    got += static_cast<std::size_t>(n);
+                }
+                data.resize(got);
+                libssh2_sftp_close(h);
+                return data;
+            });
+        });
 }
 
 Status SFTPWrapper::readDataFromOffsetToEnd(std::int64_t start,

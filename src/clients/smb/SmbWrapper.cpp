@@ -652,45 +652,43 @@ Status SmbWrapper::initStreamFileMeta(const KvMetadata& file) {
 }
 
 Result<Bytes> SmbWrapper::readDataOfLength(std::uint64_t length) {
-    // Through the streaming service's disk cache when this program has one: a player's repeated
-    // probing of the same regions then costs the server nothing.
-    if (streamFile_ && StreamingSupport::installed())
-        return StreamingSupport::readDataOfLength(*this, *streamFile_, offset_, length);
     if (!streamFile_)
         return KvError::fail(ErrorDomain::SMB, ErrorCode::DownloadFailed,
                              "No file opened for streaming");
-    Bytes data;
-    if (length == 0 || offset_ >= contentLength_) return data;
-    length = std::min<std::uint64_t>(length, contentLength_ - offset_);
-    const std::string path = streamFile_->pathOrEmpty();
-    std::lock_guard guard(libraryLock());
-    auto ctx = context();
-    if (!ctx) return std::unexpected(ctx.error());
-    SMBCFILE* in = smbc_getFunctionOpen(*ctx)(*ctx, urlOf(path).c_str(), O_RDONLY, 0);
-    if (!in) {
-        auto e = errnoError(errno, ErrorCode::DownloadFailed, "Opening " + path);
-        if (e.is(ErrorKind::Connection)) dropContext();
-        return std::unexpected(e);
-    }
-    std::optional<Error> failure;
-    if (smbc_getFunctionLseek(*ctx)(*ctx, in, static_cast<off_t>(offset_), SEEK_SET) < 0)
-        failure = errnoError(errno, ErrorCode::DownloadFailed, "Reading " + path);
-    data.resize(static_cast<std::size_t>(length));
-    std::size_t got = 0;
-    while (!failure && got < data.size()) {
-        ssize_t n = smbc_getFunctionRead(*ctx)(*ctx, in, data.data() + got, data.size() - got);
-        if (n < 0) failure = errnoError(errno, ErrorCode::DownloadFailed, "Reading " + path);
-        if (n <= 0) break;
-        got += static_cast<std::size_t>(n);
-    }
-    smbc_getFunctionClose (*ctx)(*ctx, in);
-    if (failure) {
-        if (failure->is(ErrorKind::Connection)) dropContext();
-        return std::unexpected(*failure);
-    }
-    data.resize(got);
-    offset_ += got;
-    return data;
+    return StreamingSupport::readDataOfLength(
+        *this, streamFile_, offset_, length,
+        [this](std::uint64_t from, std::uint64_t count) -> Result<Bytes> {
+            const std::string path = streamFile_->pathOrEmpty();
+            std::lock_guard guard(libraryLock());
+            auto ctx = context();
+            if (!ctx) return std::unexpected(ctx.error());
+            SMBCFILE* in = smbc_getFunctionOpen(*ctx)(*ctx, urlOf(path).c_str(), O_RDONLY, 0);
+            if (!in) {
+                auto e = errnoError(errno, ErrorCode::DownloadFailed, "Opening " + path);
+                if (e.is(ErrorKind::Connection)) dropContext();
+                return std::unexpected(e);
+            }
+            std::optional<Error> failure;
+            if (smbc_getFunctionLseek(*ctx)(*ctx, in, static_cast<off_t>(from), SEEK_SET) < 0)
+                failure = errnoError(errno, ErrorCode::DownloadFailed, "Reading " + path);
+            Bytes data(static_cast<std::size_t>(count));
+            std::size_t got = 0;
+            while (!failure && got < data.size()) {
+                ssize_t n =
+                    smbc_getFunctionRead(*ctx)(*ctx, in, data.data() + got, data.size() - got);
+                if (n < 0)
+                    failure = errnoError(errno, ErrorCode::DownloadFailed, "Reading " + path);
+                if (n <= 0) break;
+                got += static_cast<std::size_t>(n);
+            }
+            smbc_getFunctionClose (*ctx)(*ctx, in);
+            if (failure) {
+                if (failure->is(ErrorKind::Connection)) dropContext();
+                return std::unexpected(*failure);
+            }
+            data.resize(got);
+            return data;
+        });
 }
 
 Status SmbWrapper::readDataFromOffsetToEnd(std::int64_t start,

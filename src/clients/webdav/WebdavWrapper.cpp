@@ -761,22 +761,11 @@ Status WebdavWrapper::readRange(std::uint64_t from, std::optional<std::uint64_t>
 }
 
 Result<Bytes> WebdavWrapper::readDataOfLength(std::uint64_t length) {
-    // Through the streaming service's disk cache when this program has one: a player's repeated
-    // probing of the same regions then costs the server nothing.
-    if (streamFile_ && StreamingSupport::installed())
-        return StreamingSupport::readDataOfLength(*this, *streamFile_, offset_, length);
-    Bytes out;
-    if (length == 0 || offset_ >= contentLength_) return out;
-    length = std::min<std::uint64_t>(length, contentLength_ - offset_);
-    out.reserve(length);
-    auto s = readRange(offset_, length, [&](const Bytes& chunk) {
-        std::size_t take = std::min<std::size_t>(chunk.size(), length - out.size());
-        out.insert(out.end(), chunk.begin(), chunk.begin() + static_cast<std::ptrdiff_t>(take));
-        return out.size() < length;
-    });
-    if (!s) return std::unexpected(s.error());
-    offset_ += out.size();
-    return out;
+    return StreamingSupport::readDataOfLength(
+        *this, streamFile_, offset_, length, [this](std::uint64_t from, std::uint64_t count) {
+            return StreamingSupport::collectBlocks(
+                count, [&](const auto& handler) { return readRange(from, count, handler); });
+        });
 }
 
 Status WebdavWrapper::readDataFromOffsetToEnd(std::int64_t start,

@@ -134,6 +134,11 @@ std::optional<CachedRun> CachedDataReader::openCachedRun(std::uint64_t offset,
     return DiskDataCache::shared().openCachedRun(offset, length);
 }
 
+void CachedDataReader::noteRead(std::uint64_t offset, std::uint64_t size) {
+    std::lock_guard lock(readerMutex());
+    if (!cancelled_) DiskDataCache::shared().noteRead(offset, size);
+}
+
 void CachedDataReader::cancelAllBackgroundFetching() {
     for (auto& op : fetchingQueue().operations()) op->cancel();
     fetchingQueue().cancelAllOperations();

@@ -38,6 +38,8 @@ class CachedDataReader {
     // When the cache holds all of [offset, offset + length) of this reader's file: that run
     // opened for reading.
     std::optional<CachedRun> openCachedRun(std::uint64_t offset, std::uint64_t length);
+    // Records that [offset, offset + size) of this reader's file was read from such a run.
+    void noteRead(std::uint64_t offset, std::uint64_t size);
 
     // Cancels every fetch (unstarted ones never run).
     static void cancelAllBackgroundFetching();

@@ -294,6 +294,9 @@ bool DiskDataCache::writeDataWithStartPos(std::uint64_t startPos, const std::uin
         clearSomeOldestCaches();
         ok = item->appendData(data, size);
     }
+    // A fetch that stopped here would be started again, on a new connection, by the next read
+    // past its end; what was read already makes room instead.
+    if (ok && cacheFullLocked()) evictReadRuns(item.get());
     lastWriteStatusFailed_ = !ok;
     lastWriteEndOffset_ = startPos + size;
     ++writeCount_;
@@ -308,6 +311,48 @@ std::shared_ptr<CacheItem> DiskDataCache::findMatchItem(std::uint64_t offset) {
     return nullptr;
 }
 
+void DiskDataCache::evictReadRuns(const CacheItem* writing) {
+    std::uint64_t target = cachedSizeLocked() / 4;
+    auto byAge = cacheItems_;
+    std::stable_sort(byAge.begin(), byAge.end(), [](const auto& a, const auto& b) {
+        return a->lastWriteTick < b->lastWriteTick;
+    });
+    std::uint64_t removed = 0;
+    for (auto& item : byAge) {
+        if (removed >= target) break;
+        if (item.get() == writing || item->length == 0 || item->readEnd < item->endPos()) continue;
+        removed += item->length;
+        item->disposeCache();
+    }
+}
+
+void DiskDataCache::noteRead(std::uint64_t offset, std::uint64_t size) {
+    std::lock_guard lock(mutex_);
+    if (auto item = findMatchItem(offset)) item->readEnd = std::max(item->readEnd, offset + size);
+}
+
+int DiskDataCache::addWriteObserver(WriteObserver observer) {
+    std::lock_guard lock(observersMutex_);
+    observers_.emplace_back(nextObserverId_, std::move(observer));
+    return nextObserverId_++;
+}
+
+void DiskDataCache::removeWriteObserver(int id) {
+    std::lock_guard lock(observersMutex_);
+    std::erase_if(observers_, [id](const auto& o) { return o.first == id; });
+}
+
+void DiskDataCache::publishWrite(std::uint64_t writeEnd, bool fetchEnded) {
+    if (fetchEnded) {
+        std::lock_guard lock(mutex_);
+        ++writeCount_;
+        written_.notify_all();
+    }
+    // Held while they run, so that an observer removed is never called afterwards.
+    std::lock_guard lock(observersMutex_);
+    for (auto& [id, observer] : observers_) observer(writeEnd, fetchEnded);
+}
+
 void DiskDataCache::evictAfterRead() {
     if (!lastWriteStatusFailed_ && !cacheFullLocked()) return;
     StreamingLog::log("[DEBUG] Last write err or cache full, clear some oldest caches");
@@ -318,7 +363,10 @@ std::optional<std::vector<std::uint8_t>> DiskDataCache::readDataWithStartPos(
     std::uint64_t offset, std::uint64_t maxLength) {
     std::lock_guard lock(mutex_);
     std::optional<std::vector<std::uint8_t>> data;
-    if (auto item = findMatchItem(offset)) data = item->readData(offset, maxLength);
+    if (auto item = findMatchItem(offset)) {
+        data = item->readData(offset, maxLength);
+        if (data) item->readEnd = std::max(item->readEnd, offset + data->size());
+    }
     evictAfterRead();
     return data;
 }

@@ -12,6 +12,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -51,6 +52,8 @@ class CacheItem {
     std::uint64_t length = 0;
     double lastReadTick = 0;   // seconds since 1970
     double lastWriteTick = 0;  // seconds since 1970
+    // The media-file offset just after the furthest byte read from the run.
+    std::uint64_t readEnd = 0;
 
   private:
     friend class DiskDataCache;
@@ -111,6 +114,19 @@ class DiskDataCache {
     // passes.
     std::uint64_t writeCount() const;
     void waitForWrite(std::uint64_t seen, std::chrono::milliseconds timeout);
+    // Records that [offset, offset + size) was read from the cache elsewhere (from a run opened
+    // with openCachedRun).
+    void noteRead(std::uint64_t offset, std::uint64_t size);
+
+    // Told of a fetch's progress: the media-file offset its last write ended at, and whether the
+    // fetch has ended. Called on the fetch's thread with no lock of the cache held; once
+    // removeWriteObserver has returned, never again.
+    using WriteObserver = std::function<void(std::uint64_t writeEnd, bool fetchEnded)>;
+    int addWriteObserver(WriteObserver observer);
+    void removeWriteObserver(int id);
+    // Tells the observers (and those waiting in waitForWrite) how a fetch got on; called by the
+    // fetch without holding any lock.
+    void publishWrite(std::uint64_t writeEnd, bool fetchEnded);
 
     std::uint64_t maxTotalCacheSize() const;
     std::uint64_t maxCacheItemSize() const;
@@ -127,6 +143,9 @@ class DiskDataCache {
     bool ensureFolderLocked();
     void removeItem(const CacheItem* item);
     void evictAfterRead();
+    // Makes room for a sequential fetch without stopping it: evicts runs read to their end,
+    // oldest written first, except `writing`, until a quarter of the cached bytes is gone.
+    void evictReadRuns(const CacheItem* writing);
     std::uint64_t cachedSizeLocked() const;
     bool cacheFullLocked() const;
 
@@ -140,6 +159,9 @@ class DiskDataCache {
     std::vector<std::shared_ptr<CacheItem>> cacheItems_;
     int folderFd_ = -1;
     std::string lockedFolder_;
+    std::mutex observersMutex_;
+    std::vector<std::pair<int, WriteObserver>> observers_;
+    int nextObserverId_ = 1;
 };
 
 }  // namespace quillon

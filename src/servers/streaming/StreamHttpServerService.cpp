@@ -12,7 +12,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <condition_variable>
 #include <cstring>
 #include <mutex>
@@ -23,6 +26,7 @@
 #include "core/PathUtils.h"
 #include "core/StreamingSupport.h"
 #include "servers/streaming/CachedDataReader.h"
+#include "servers/streaming/DiskDataCache.h"
 #include "servers/streaming/WebServerWrapperResponse.h"
 
 namespace quillon {
@@ -31,6 +35,12 @@ namespace {
 
 // libmicrohttpd asks for body bytes in blocks of at most this size.
 constexpr std::size_t kBodyBlockSize = 1048576;
+// A body that has caught up with the fetch writing its bytes is woken when this much more has
+// arrived (or the body's rest, or the fetch ended): one wake-up per block fetched costs more
+// than the copy.
+constexpr std::uint64_t kWakeBatch = 262144;
+// How long a body waits for a running fetch before it reads on its own, as the reader does.
+constexpr auto kFetchWait = std::chrono::seconds(CachedDataReader::kWaitsForRunningFetch);
 
 // Kinds whose files are streamed through their client (or, for local files, a descriptor).
 bool streamedKind(std::int32_t type) {
@@ -117,6 +127,13 @@ struct Exchange {
     std::uint64_t runStart = 0;
     std::uint64_t runEnd = 0;
     std::uint64_t runBase = 0;
+    // Parked until the running fetch has written up to wakeAt (see Impl::onWrite); a wait that
+    // took too long is not repeated until the body moves on.
+    bool waitingForWrite = false;
+    bool waitGaveUp = false;
+    std::uint64_t waitSerial = 0;  // tells this wait from the exchange's earlier ones
+    std::uint64_t wakeAt = 0;
+    std::chrono::steady_clock::time_point waitSince;
 
     ~Exchange() { closeRun(); }
     void closeRun() {
@@ -164,11 +181,19 @@ struct StreamHttpServerService::Impl {
     std::vector<std::weak_ptr<Exchange>> responseList;
     std::function<void(const std::string&)> logHandler;
 
+    // Bodies parked until the running fetch brings their bytes.
+    std::mutex waitMutex;
+    std::vector<std::pair<std::weak_ptr<Exchange>, std::uint64_t>> writeWaiters;  // and serial
+    int writeObserver = 0;
+
     // Parked connections are watched for clients that hang up (a player that seeked elsewhere),
     // so that their reads stop at once instead of fetching for nobody.
     std::thread watchdog;
     int wakeFd = -1;
     bool watchdogStop = false;
+    // The watchdog looks at the parked connections every 100 ms anyway (bodies wait for a
+    // fetch): one more parked needs no wake-up.
+    std::atomic<bool> watchdogPolling{false};
 
     // Background work that uses this object; the destructor waits for it. A lock of its own:
     // work is started while an exchange's lock is held.
@@ -204,6 +229,16 @@ struct StreamHttpServerService::Impl {
     Reply prepare(const Exchange& ex);
     void queue(const ExchangePtr& ex);
     void watch();
+    // With the exchange's lock held, after a miss in the cache at the body's position: parks
+    // the body until the running fetch writing just before it brings the bytes (the caller
+    // suspends it). No when no fetch is about to; LookAgain when a write came in since
+    // `seenWrites`.
+    enum class FetchWait { No, Parked, LookAgain };
+    FetchWait waitForFetch(const ExchangePtr& ex, std::uint64_t seenWrites);
+    // A fetch wrote up to `writeEnd` or ended: wakes the bodies it brought enough for.
+    void onWrite(std::uint64_t writeEnd, bool fetchEnded);
+    // Wakes the bodies whose fetch ended or took too long; whether any still wait.
+    bool expireWaits();
 };
 
 std::size_t Exchange::readCachedLocked(char* buf, std::size_t max) {
@@ -229,13 +264,95 @@ std::size_t Exchange::readCachedLocked(char* buf, std::size_t max) {
         return 0;
     }
     response.advance(static_cast<std::uint64_t>(got));
+    reply->reader->noteRead(position, static_cast<std::uint64_t>(got));
+    waitGaveUp = false;
     return static_cast<std::size_t>(got);
+}
+
+auto StreamHttpServerService::Impl::waitForFetch(const ExchangePtr& ex, std::uint64_t seenWrites)
+    -> FetchWait {
+    auto& cache = DiskDataCache::shared();
+    auto& response = *ex->reply->response;
+    if (ex->waitGaveUp || !ex->reply->reader || forThumbnail) return FetchWait::No;
+    std::uint64_t position = response.position();
+    std::uint64_t lastEnd = cache.lastWriteEndOffset();
+    if (lastEnd > position || position - lastEnd > CachedDataReader::kNearWriteWindow ||
+        !CachedDataReader::fetchingIsRunning())
+        return FetchWait::No;
+    ex->wakeAt = position + std::min(response.leftbytes(), kWakeBatch);
+    ex->waitSince = std::chrono::steady_clock::now();
+    ex->waitingForWrite = true;
+    ++ex->waitSerial;
+    {
+        std::lock_guard lock(waitMutex);
+        writeWaiters.emplace_back(ex, ex->waitSerial);
+    }
+    if (cache.writeCount() != seenWrites) {
+        ex->waitingForWrite = false;
+        return FetchWait::LookAgain;
+    }
+    return FetchWait::Parked;
+}
+
+void StreamHttpServerService::Impl::onWrite(std::uint64_t writeEnd, bool fetchEnded) {
+    std::vector<std::pair<ExchangePtr, std::uint64_t>> waiting;
+    {
+        std::lock_guard lock(waitMutex);
+        for (auto& [weak, serial] : writeWaiters)
+            if (auto ex = weak.lock()) waiting.emplace_back(std::move(ex), serial);
+    }
+    if (waiting.empty()) return;
+    // The waits that are over; one that an exchange started meanwhile has a new serial.
+    std::vector<std::pair<const Exchange*, std::uint64_t>> over;
+    for (auto& [ex, serial] : waiting) {
+        std::lock_guard lock(ex->mutex);
+        bool current = ex->waitingForWrite && ex->waitSerial == serial;
+        if (current && (fetchEnded || writeEnd >= ex->wakeAt)) {
+            ex->waitingForWrite = false;
+            ex->resumeLocked();
+            current = false;
+        }
+        if (!current) over.emplace_back(ex.get(), serial);
+    }
+    std::lock_guard lock(waitMutex);
+    std::erase_if(writeWaiters, [&](const auto& entry) {
+        auto ex = entry.first.lock();
+        return !ex || std::find(over.begin(), over.end(),
+                                std::pair<const Exchange*, std::uint64_t>(
+                                    ex.get(), entry.second)) != over.end();
+    });
+}
+
+bool StreamHttpServerService::Impl::expireWaits() {
+    std::vector<ExchangePtr> waiting;
+    {
+        std::lock_guard lock(waitMutex);
+        for (auto& entry : writeWaiters)
+            if (auto ex = entry.first.lock()) waiting.push_back(std::move(ex));
+    }
+    if (waiting.empty()) return false;
+    bool running = CachedDataReader::fetchingIsRunning();
+    auto now = std::chrono::steady_clock::now();
+    bool any = false;
+    for (auto& ex : waiting) {
+        std::lock_guard lock(ex->mutex);
+        if (!ex->waitingForWrite) continue;
+        if (running && now - ex->waitSince < kFetchWait) {
+            any = true;
+            continue;
+        }
+        // The body reads on its own now (and starts a fetch of its own if need be).
+        ex->waitingForWrite = false;
+        ex->waitGaveUp = running;
+        ex->resumeLocked();
+    }
+    return any;
 }
 
 void Exchange::suspendLocked() {
     suspended = true;
     MHD_suspend_connection(connection);
-    impl->wakeWatchdog();
+    if (!waitingForWrite || !impl->watchdogPolling) impl->wakeWatchdog();
 }
 
 namespace {
@@ -276,6 +393,7 @@ ssize_t readBody(void* cls, std::uint64_t, char* buf, std::size_t max) {
     auto& response = ex->reply->response;
     while (true) {
         if (ex->cancelled) return MHD_CONTENT_READER_END_WITH_ERROR;
+        std::uint64_t seenWrites = DiskDataCache::shared().writeCount();
         if (ex->pendingPos < ex->pending.size()) {
             std::size_t n = std::min(max, ex->pending.size() - ex->pendingPos);
             std::memcpy(buf, ex->pending.data() + ex->pendingPos, n);
@@ -295,6 +413,15 @@ ssize_t readBody(void* cls, std::uint64_t, char* buf, std::size_t max) {
         // What the cache holds goes out from there at once, without a copy of our own.
         if (std::size_t n = ex->readCachedLocked(buf, max)) return static_cast<ssize_t>(n);
         if (response->leftbytes() == 0) return MHD_CONTENT_READER_END_OF_STREAM;
+        // Caught up with the fetch: parked until it has written more, then read from the cache.
+        if (!ex->jobRunning) {
+            auto wait = ex->impl->waitForFetch(ex, seenWrites);
+            if (wait == StreamHttpServerService::Impl::FetchWait::Parked) {
+                ex->suspendLocked();
+                return 0;
+            }
+            if (wait == StreamHttpServerService::Impl::FetchWait::LookAgain) continue;
+        }
         break;
     }
     // A remote read may wait for the server: it runs on the background queue while the
@@ -498,7 +625,11 @@ void StreamHttpServerService::Impl::watch() {
                 }
             }
         }
-        if (::poll(fds.data(), fds.size(), -1) < 0 && errno != EINTR) return;
+        // Bodies waiting for a fetch are looked at now and then: the fetch may end or stall
+        // without telling.
+        bool waits = expireWaits();
+        watchdogPolling = waits;
+        if (::poll(fds.data(), fds.size(), waits ? 100 : -1) < 0 && errno != EINTR) return;
         if (fds[0].revents & POLLIN) {
             std::uint64_t count = 0;
             if (::read(wakeFd, &count, sizeof count) < 0) {
@@ -595,6 +726,8 @@ Status StreamHttpServerService::startServer() {
     }
     d.listenFd = fd;
     d.boundPort = ntohs(addr.sin_port);
+    d.writeObserver = DiskDataCache::shared().addWriteObserver(
+        [&d](std::uint64_t writeEnd, bool fetchEnded) { d.onWrite(writeEnd, fetchEnded); });
     d.stopping = false;
     d.watchdogStop = false;
     d.watchdog = std::thread([&d] { d.watch(); });
@@ -615,6 +748,7 @@ void StreamHttpServerService::stopServer() {
         d.responseList.clear();
         d.watchdogStop = true;
     }
+    DiskDataCache::shared().removeWriteObserver(d.writeObserver);
     // Quiesced, the listening socket is ours to close; otherwise libmicrohttpd closes it.
     bool quiesced = MHD_quiesce_daemon(d.daemon) != MHD_INVALID_SOCKET;
     for (auto& ex : live) ex->cancel();

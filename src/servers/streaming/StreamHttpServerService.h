@@ -6,7 +6,9 @@
 //
 // Requests are handled by libmicrohttpd on one thread of its own. A remote read that has to wait
 // for the server parks its connection (suspend and resume) and runs on the background queue, so
-// one slow read never holds up the others; a cached run goes out with sendfile.
+// one slow read never holds up the others; a cached run goes out with sendfile. A body that has
+// caught up with the fetch bringing its bytes is parked until the fetch's writes wake it, and
+// is then sent from the cache.
 
 #include <functional>
 #include <memory>

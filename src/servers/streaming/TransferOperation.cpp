@@ -39,9 +39,14 @@ void TransferOperation::main() {
             if (size == 0 && metadata_.fileSizeInBytes) size = *metadata_.fileSizeInBytes;
             cache_.calcMaxCacheSize(size);
         }
-        (void)wp->readDataFromOffsetToEnd(startOffset_,
-                                          [this](const Bytes& chunk) { return receive(chunk); });
+        (void)wp->readDataFromOffsetToEnd(startOffset_, [this](const Bytes& chunk) {
+            bool more = receive(chunk);
+            // Outside the operation's lock: those waiting for the bytes take locks of their own.
+            cache_.publishWrite(static_cast<std::uint64_t>(startOffset_ + readedCnt()), false);
+            return more;
+        });
     }
+    cache_.publishWrite(static_cast<std::uint64_t>(startOffset_ + readedCnt()), true);
     GCD::signalSema(transferFinishedSema_);
     // A reader still waiting for the first block gets what there is.
     GCD::signalSema(quickReturnFinishedSema_);

@@ -1,6 +1,7 @@
 // The disk data cache and the byte pipe of streaming: runs grow, split and are capped; a full
-// cache evicts the oldest written runs after a read; a run whose file vanished is dropped and
-// reported; switching files empties the folder; the pipe's bound and its stall rule.
+// cache evicts the oldest written runs after a read, and runs read through on a write; a run whose
+// file vanished is dropped and reported; switching files empties the folder; the pipe's bound and
+// its stall rule.
 
 #include <gtest/gtest.h>
 
@@ -92,6 +93,26 @@ TEST(StreamCache, RunsGrowSplitAreCheckedAndEvictOldestWritesFirst) {
               (std::vector<std::string>{"(104857600, 171966464)", "(209715200, 276824064)",
                                         "(419430400, 423624704)"}));
     EXPECT_FALSE(cache.cacheFull());
+
+    // A fetch its reader keeps up with is not stopped by a full cache: runs read to their end
+    // make room, oldest written first; runs not read through stay, however old, and when only
+    // those are left a full cache stops the fetch as before.
+    cache.clearCache();
+    cache.setMaxTotalCacheSize(4000);
+    cache.setMaxCacheItemSize(1000);
+    EXPECT_TRUE(write(cache, 9000, 1000));
+    for (std::uint64_t at = 0; at < 2000; at += 500) EXPECT_TRUE(write(cache, at, 500));
+    EXPECT_EQ(cache.readDataWithStartPos(0, 1000), patternBytes(0, 1000));
+    cache.noteRead(1000, 999);
+    EXPECT_TRUE(write(cache, 2000, 1000));
+    EXPECT_EQ(runs(cache),
+              (std::vector<std::string>{"(9000, 10000)", "(1000, 2000)", "(2000, 3000)"}));
+    EXPECT_FALSE(write(cache, 3000, 1000));  // the run at 1000 lacks its last byte
+    cache.noteRead(1999, 1);
+    cache.noteRead(2000, 1000);
+    EXPECT_TRUE(write(cache, 4000, 1000));
+    EXPECT_EQ(runs(cache),
+              (std::vector<std::string>{"(9000, 10000)", "(3000, 4000)", "(4000, 5000)"}));
 
     // The shared reader switching to another file empties the folder completely; FTP fetches
     // run one at a time, SMB ones five.
