@@ -171,7 +171,7 @@ TEST(Cli, LocalFailuresNameTheItemAndMistypedWordsAreNamed) {
     for (const char* command : {"ls", "stat", "cat", "rm"})
         EXPECT_TRUE(failsSaying(1, {command, nope}, missing));
     EXPECT_EQ(runQuillon({"-v", "cat", nope}).err,
-              "quillon: " + missing + "\n  domain Local, code 10008, reason \"File not found!\"\n");
+              "quillon: " + missing + "\n  domain Local, code 10008, reason: File not found!\n");
     EXPECT_TRUE(failsSaying(1, {"cp", nope, dir.path()}, missing));
     EXPECT_TRUE(failsSaying(1, {"mv", nope, dir / "elsewhere"}, missing));
     EXPECT_TRUE(failsSaying(1, {"cp", dir / "f.txt", dir / "no-dir"},
@@ -260,8 +260,8 @@ TEST(Cli, ServerFailuresNameTheItemWithItsServerAndKeepTheReply) {
     EXPECT_FALSE(contains(runQuillon({"ls", pro->url("/")}).err, "domain FTP"));
     auto verbose = runQuillon({"ls", "-v", pro->url("/")});
     EXPECT_EQ(verbose.exitCode, 1);
-    EXPECT_TRUE(contains(verbose.err, "\n  domain FTP, code 13, reason \"" + tlsOnlyWords +
-                                          "\"\n  the server's reply: \"" + refused +
+    EXPECT_TRUE(contains(verbose.err, "\n  domain FTP, code 13, reason: " + tlsOnlyWords +
+                                          "\n  the server's reply: \"" + refused +
                                           "\"\n  to the request: \"USER " + pro->user() + "\"\n"))
         << verbose.err;
     EXPECT_TRUE(quillonExits(0, {"ls", "ftpes" + pro->url("/").substr(3)}));

@@ -25,7 +25,7 @@ bool verboseErrors = false;
 std::string errorText(const Error& error) {
     std::string text = error.describe();
     if (!verboseErrors) return text;
-    text += fmt::format("\n  domain {}, code {}, reason \"{}\"", error.domain, error.code,
+    text += fmt::format("\n  domain {}, code {}, reason: {}", error.domain, error.code,
                         StringUtils::escapedForDisplay(error.reason));
     if (!error.serverReply.empty())
         text += fmt::format("\n  the server's reply: \"{}\"",
