@@ -274,6 +274,9 @@ TEST(Cli, ServerFailuresNameTheItemWithItsServerAndKeepTheReply) {
     auto openPort = writable.waitForOutput(std::regex(R"(Connect to ftp://127\.0\.0\.1:(\d+)/)"));
     ASSERT_TRUE(openPort) << writable.out() << writable.err();
     std::string openName = "127.0.0.1:" + *openPort;
+    EXPECT_TRUE(failsSaying(1, {"mkdir", "ftp://" + openName + "/missing/new"},
+                            openName + ":/missing/new: Its parent folder does not exist; the "
+                                       "server said \"550 MKD command failed.\" (FTP 21)"));
     auto copied = runQuillon({"cp", local / "up.txt", "ftp://" + openName + "/"});
     EXPECT_EQ(copied.exitCode, 0) << copied.err;
     EXPECT_TRUE(contains(copied.err,
