@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <atomic>
+
 #include "core/StringUtils.h"
 
 namespace quillon {
@@ -18,6 +20,18 @@ std::string Error::describe() const {
 }
 
 namespace KvError {
+
+namespace {
+std::atomic<bool> recordingRequests{false};
+}
+
+void recordRequests(bool on) {
+    recordingRequests = on;
+}
+
+bool recordsRequests() {
+    return recordingRequests;
+}
 
 Error errorWithDomain(std::string_view domain, long code, std::string_view reason) {
     return errorWithDomain(domain, code, reason,

@@ -33,6 +33,9 @@ struct Error {
     std::string item = {};
     // The server's own words, when it refused ("553 Prohibited file name: back\slash").
     std::string serverReply = {};
+    // The request that reply answered, as sent ("STOR a.txt", never a password); recorded only
+    // while KvError::recordRequests is on.
+    std::string request = {};
 
     bool is(ErrorKind k) const { return kind == k; }
 
@@ -102,6 +105,11 @@ inline constexpr std::string_view GoogleDocs = "GoogleDocs";
 }  // namespace ErrorDomain
 
 namespace KvError {
+// Whether clients note the request each refusal answered (Error::request). Off by default: it
+// costs a trace of every command; a face turns it on when the user asks for the details.
+void recordRequests(bool on);
+bool recordsRequests();
+
 // An error with that domain, code and reason; its kind follows from the shared codes (10008 is
 // NotFound), else Other.
 Error errorWithDomain(std::string_view domain, long code, std::string_view reason);

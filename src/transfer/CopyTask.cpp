@@ -51,6 +51,7 @@ void CopyTask::tick() {
 
 void CopyTask::startTransfer() {
     if (!openBothSides()) return;
+    countsArrivals_ = true;
     copier_.shouldStop = [this] { return stopped(); };
 
     auto targetItem =
@@ -106,17 +107,14 @@ Status CopyTask::copyRoot(const std::string& from, const std::string& to) {
     std::error_code ec;
     if (!r || stopped()) {
         std::filesystem::remove_all(staging, ec);
+        nothingArrived();
         return r;
     }
-    if (!replace) {
-        if (int err = LocalFileOps::renameNoReplace(staging, to); err != 0) {
-            std::filesystem::remove_all(staging, ec);
-            return cannotCreate(to, err);
-        }
-        return {};
-    }
-    if (int err = LocalFileOps::replaceItem(staging, to); err != 0) {
+    int err = replace ? LocalFileOps::replaceItem(staging, to)
+                      : LocalFileOps::renameNoReplace(staging, to);
+    if (err != 0) {
         std::filesystem::remove_all(staging, ec);
+        nothingArrived();
         return cannotCreate(to, err);
     }
     return {};
@@ -174,7 +172,10 @@ Status CopyTask::copyFile(const KvMetadata& file, const std::string& from, const
         setTransferredBytes(base + static_cast<std::int64_t>(copied));
         tick();
     };
-    return copier_.copyFile(from, to, replace, staged);
+    auto r = copier_.copyFile(from, to, replace, staged);
+    struct stat st {};
+    if (r && !stopped() && ::lstat(to.c_str(), &st) == 0) fileArrived(st.st_size);
+    return r;
 }
 
 }  // namespace quillon

@@ -48,6 +48,7 @@ void CrossCopyTask::finish(std::optional<Error> error) {
 
 void CrossCopyTask::startTransfer() {
     if (!openBothSides()) return;
+    countsArrivals_ = true;
     if (!isLocal(targetServerInfo)) RemoteUpload::removeLeftovers(*targetProxy_);
     auto temp = FileTransferUtils::makeTaskTempFolder();
     if (!temp) {
@@ -118,9 +119,11 @@ Status CrossCopyTask::copyFolder(const FileTransferNode::Ptr& root) {
     if (built) built = contentsOfDirectory(root);
     if (built && !stopped()) built = transferFiles();
     if (swap) {
+        bool complete = built && !stopped();
         auto placed = RemoteUpload::finishStagedFolder(*targetProxy_, root->targetMetadata,
-                                                       finalTarget, built && !stopped());
-        if (built && !stopped()) built = placed;
+                                                       finalTarget, complete);
+        if (complete) built = placed;
+        if (!complete || !placed) nothingArrived();
     }
     return built;
 }
@@ -147,9 +150,11 @@ Status CrossCopyTask::transferFiles() {
     for (auto& node : fileNodes_) {
         if (!(state() == TransferTaskState::Running)) return {};
         auto r = transferFile(*node, done);
-        done += static_cast<std::int64_t>(node->sourceMetadata.fileSizeInBytes.value_or(0));
+        auto size = static_cast<std::int64_t>(node->sourceMetadata.fileSizeInBytes.value_or(0));
+        done += size;
         raiseTransferredBytes(done);
         if (stopped()) return {};
+        if (r) fileArrived(size);
         if (!r) {
             if (auto failed = itemFailed(node->sourceMetadata, r.error()); !failed) return failed;
         }

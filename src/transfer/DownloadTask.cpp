@@ -70,6 +70,7 @@ void DownloadTask::finish(std::optional<Error> error) {
 
 void DownloadTask::startTransfer() {
     beginTransfer();
+    countsArrivals_ = true;
     doneBytes_ = 0;
     if (fileConflict() == ConflictAction::Skip || stopped()) {
         completeFileTransfer(std::nullopt);
@@ -131,6 +132,7 @@ void DownloadTask::startTransfer() {
             std::string staging = root->targetMetadata.pathOrEmpty();
             int err = built && !stopped() ? LocalFileOps::replaceItem(staging, finalPath) : -1;
             if (err != 0) {
+                nothingArrived();
                 std::error_code ec;
                 std::filesystem::remove_all(staging, ec);
                 if (built && err > 0) built = FileTransferUtils::cannotCreateFile(finalPath, err);
@@ -229,6 +231,7 @@ Status DownloadTask::transferFile(const FileTransferNode& node) {
     }
     auto placed = copier_.moveIntoPlace(scratch, targetPath, overwrites());
     cleanup();
+    if (placed) fileArrived(static_cast<std::int64_t>(size));
     return placed;
 }
 

@@ -180,6 +180,7 @@ void FileTransferTask::beginTransfer() {
         targetFolder_ = targetMetadata;
     }
     transferredBytes_.store(0);
+    arrivedBytes_.store(0);
     totalBytes_.store(0);
 }
 
@@ -236,6 +237,8 @@ void FileTransferTask::completeFileTransfer(std::optional<Error> err) {
                                                             : TransferTaskState::Completed);
         }
     }
+    if (countsArrivals_ && state() != TransferTaskState::Completed)
+        transferredBytes_.store(arrivedBytes_.load());
     {
         std::lock_guard lock(mutex_);
         if (err && state() == TransferTaskState::Failed) error_ = err;

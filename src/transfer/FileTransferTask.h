@@ -150,6 +150,13 @@ class FileTransferTask : public std::enable_shared_from_this<FileTransferTask> {
     // Raises transferredBytes to `n` (a count never goes back: a late report of an earlier step
     // is ignored).
     void raiseTransferredBytes(std::int64_t n);
+    // A file that reached its place whole. A run that does not complete reports the bytes of
+    // these files as transferred, not what it planned or sent: a file cut off half-way leaves
+    // nothing behind, so it counts nothing. Tasks that call it set countsArrivals_.
+    void fileArrived(std::int64_t bytes) { arrivedBytes_ += bytes; }
+    // A folder built under a hidden name that was never put in place: none of it arrived.
+    void nothingArrived() { arrivedBytes_.store(0); }
+    bool countsArrivals_ = false;
     // A wrapper progress callback for this task: while the task runs, each report (done, total)
     // raises transferredBytes to `toTransferred(done, total)`, calls `also` and is sent on. Safe
     // to call after the task is gone (clients may deliver reports later, on the main queue).
@@ -219,6 +226,7 @@ class FileTransferTask : public std::enable_shared_from_this<FileTransferTask> {
     std::atomic<ConflictAction> fileConflict_{ConflictAction::NotDecided};
     std::atomic<std::int64_t> totalBytes_{0};
     std::atomic<std::int64_t> transferredBytes_{0};
+    std::atomic<std::int64_t> arrivedBytes_{0};
     std::atomic<bool> progressQueued_{false};
     std::atomic<bool> completed_{false};
     mutable std::mutex mutex_;

@@ -72,6 +72,7 @@ void UploadTask::cancelTransfer() {
 
 void UploadTask::startTransfer() {
     beginTransfer();
+    countsArrivals_ = true;
     if (fileConflict() == ConflictAction::Skip || stopped()) {
         completeFileTransfer(std::nullopt);
         return;
@@ -155,9 +156,11 @@ Status UploadTask::uploadFolder(const FileTransferNode::Ptr& root) {
     if (built) built = contentsOfDirectory(root);
     if (built && !stopped()) built = transferFiles();
     if (swap) {
+        bool complete = built && !stopped();
         auto placed = RemoteUpload::finishStagedFolder(*targetWrapper_, root->targetMetadata,
-                                                       finalTarget, built && !stopped());
-        if (built && !stopped()) built = placed;
+                                                       finalTarget, complete);
+        if (complete) built = placed;
+        if (!complete || !placed) nothingArrived();
     }
     return built;
 }
@@ -190,10 +193,12 @@ Status UploadTask::transferFiles() {
             itemName(node->targetMetadata), replace,
             relayProgress([base](std::int64_t sent, std::int64_t) { return base + sent; }),
             [this] { return stopped(); });
-        done += static_cast<std::int64_t>(node->sourceMetadata.fileSizeInBytes.value_or(0));
+        auto size = static_cast<std::int64_t>(node->sourceMetadata.fileSizeInBytes.value_or(0));
+        done += size;
         raiseTransferredBytes(done);
         if (FileTransferUtils::isTempFilePath(path)) ::unlink(path.c_str());
         if (stopped()) return {};
+        if (r) fileArrived(size);
         if (!r) {
             if (auto failed = itemFailed(node->sourceMetadata, r.error()); !failed) return failed;
         }

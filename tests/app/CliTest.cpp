@@ -170,6 +170,8 @@ TEST(Cli, LocalFailuresNameTheItemAndMistypedWordsAreNamed) {
     std::string missing = nope + ": File not found! (Local 10008)";
     for (const char* command : {"ls", "stat", "cat", "rm"})
         EXPECT_TRUE(failsSaying(1, {command, nope}, missing));
+    EXPECT_EQ(runQuillon({"-v", "cat", nope}).err,
+              "quillon: " + missing + "\n  domain Local, code 10008, reason: File not found!\n");
     EXPECT_TRUE(failsSaying(1, {"cp", nope, dir.path()}, missing));
     EXPECT_TRUE(failsSaying(1, {"mv", nope, dir / "elsewhere"}, missing));
     EXPECT_TRUE(failsSaying(1, {"cp", dir / "f.txt", dir / "no-dir"},
@@ -241,6 +243,29 @@ TEST(Cli, ServerFailuresNameTheItemWithItsServerAndKeepTheReply) {
     EXPECT_FALSE(fs::exists(root / "up.txt"));
     EXPECT_FALSE(fs::exists(root / "new"));
 
+    // A server that takes encrypted sessions only, given as plain FTP: the message says so in
+    // words and keeps the reply; -v adds the parts and the command the reply answered.
+    FtpServerOptions tlsOnly;
+    tlsOnly.tlsRequired = true;
+    auto pro = FtpServer::start(FtpServerKind::Proftpd, tlsOnly);
+    ASSERT_TRUE(pro);
+    std::string proName = pro->user() + "@127.0.0.1:" + std::to_string(pro->port());
+    const std::string refused = "550 SSL/TLS required on the control channel";
+    const std::string tlsOnlyWords =
+        "The server accepts encrypted (TLS) sessions only, and this server is set to plain FTP: "
+        "use FTPES (explicit TLS)";
+    EXPECT_TRUE(failsSaying(
+        1, {"ls", pro->url("/")},
+        proName + ":/: " + tlsOnlyWords + "; the server said \"" + refused + "\" (FTP 13)"));
+    EXPECT_FALSE(contains(runQuillon({"ls", pro->url("/")}).err, "domain FTP"));
+    auto verbose = runQuillon({"ls", "-v", pro->url("/")});
+    EXPECT_EQ(verbose.exitCode, 1);
+    EXPECT_TRUE(contains(verbose.err, "\n  domain FTP, code 13, reason: " + tlsOnlyWords +
+                                          "\n  the server's reply: \"" + refused +
+                                          "\"\n  to the request: \"USER " + pro->user() + "\"\n"))
+        << verbose.err;
+    EXPECT_TRUE(quillonExits(0, {"ls", "ftpes" + pro->url("/").substr(3)}));
+
     // Where uploads are allowed: the result line names the server, and a conflict answered with
     // skip is reported as skipped.
     ScratchDir open("clisrvopen");
@@ -249,6 +274,9 @@ TEST(Cli, ServerFailuresNameTheItemWithItsServerAndKeepTheReply) {
     auto openPort = writable.waitForOutput(std::regex(R"(Connect to ftp://127\.0\.0\.1:(\d+)/)"));
     ASSERT_TRUE(openPort) << writable.out() << writable.err();
     std::string openName = "127.0.0.1:" + *openPort;
+    EXPECT_TRUE(failsSaying(1, {"mkdir", "ftp://" + openName + "/missing/new"},
+                            openName + ":/missing/new: Its parent folder does not exist; the "
+                                       "server said \"550 MKD command failed.\" (FTP 21)"));
     auto copied = runQuillon({"cp", local / "up.txt", "ftp://" + openName + "/"});
     EXPECT_EQ(copied.exitCode, 0) << copied.err;
     EXPECT_TRUE(contains(copied.err,

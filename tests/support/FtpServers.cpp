@@ -351,7 +351,8 @@ bool FtpServer::launch(std::string* whyNot) {
               << "ListOptions \"-a\"\nTimeoutIdle 600\n";
             if (tlsModule) {
                 c << "<IfModule mod_dso.c>\n  ModulePath /usr/lib/proftpd\n  LoadModule mod_tls.c\n"
-                     "</IfModule>\n<IfModule mod_tls.c>\n  TLSEngine on\n  TLSRequired off\n"
+                     "</IfModule>\n<IfModule mod_tls.c>\n  TLSEngine on\n"
+                  << "  TLSRequired " << (options_.tlsRequired ? "on" : "off") << "\n"
                   << "  TLSRSACertificateFile " << conf << "/cert.pem\n"
                   << "  TLSRSACertificateKeyFile " << conf << "/key.pem\n"
                   << "  TLSOptions NoSessionReuseRequired\n  TLSProtocol TLSv1.2 TLSv1.3\n"

@@ -33,6 +33,7 @@ const std::vector<FtpServerKind>& allFtpServerKinds();
 struct FtpServerOptions {
     bool implicitTls = false;  // pyftpdlib: TLS from the first byte (ftps://)
     bool explicitTls = false;  // pyftpdlib: AUTH TLS offered (proftpd always offers it)
+    bool tlsRequired = false;  // proftpd: a session without TLS is refused at login
     long cutAfterBytes = 0;    // pyftpdlib: each RETR data connection ends after this many bytes
     int cuts = -1;             // how many transfers are cut; -1 for every one
 };

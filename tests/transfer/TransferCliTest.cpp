@@ -285,6 +285,20 @@ TEST_F(TransferCli, FailureStopsTheRestUnlessKeepGoing) {
          ++at)
         ++failures;
     EXPECT_EQ(failures, 2u) << going.out;
+    // A file that did not arrive counts no bytes, whatever was planned or sent.
+    EXPECT_TRUE(contains(going.out, R"("state":"failed","transferred":0,"total":1,)")) << going.out;
+
+    // A folder merged into one where a part is locked: the bytes counted are those that arrived.
+    writeFile(dir / "part/ok.txt", "12345");
+    writeFile(dir / "part/locked/no.txt", "1234567");
+    server->makeDir("/part/locked");
+    ::chmod(server->hostPath("/part/locked").c_str(), 0555);
+    auto part = runQuillon({"cp", "-r", "--keep-going", "--on-conflict", "merge", "--json",
+                            dir / "part", server->url("/")});
+    EXPECT_EQ(part.exitCode, 1);
+    EXPECT_TRUE(fileHolds(server->hostPath("/part/ok.txt"), "12345"));
+    EXPECT_TRUE(fs::is_empty(server->hostPath("/part/locked")));
+    EXPECT_TRUE(contains(part.out, R"("state":"failed","transferred":5,"total":12,)")) << part.out;
 
     // Names that are not UTF-8 would not arrive unchanged (this server turns every stray byte
     // into U+FFFD, so two such names became one file): each fails with its name, and with

@@ -14,11 +14,30 @@
 #include "app/Application.h"
 #include "clients/Clients.h"
 #include "core/HostKeyPrompt.h"
+#include "core/StringUtils.h"
 
 namespace quillon::cli {
 
+namespace {
+bool verboseErrors = false;
+}
+
+std::string errorText(const Error& error) {
+    std::string text = error.describe();
+    if (!verboseErrors) return text;
+    text += fmt::format("\n  domain {}, code {}, reason: {}", error.domain, error.code,
+                        StringUtils::escapedForDisplay(error.reason));
+    if (!error.serverReply.empty())
+        text += fmt::format("\n  the server's reply: \"{}\"",
+                            StringUtils::escapedForDisplay(error.serverReply));
+    if (!error.request.empty())
+        text += fmt::format("\n  to the request: \"{}\"",
+                            StringUtils::escapedForDisplay(error.request));
+    return text;
+}
+
 int reportError(const Error& error) {
-    fmt::print(stderr, "quillon: {}\n", error.describe());
+    fmt::print(stderr, "quillon: {}\n", errorText(error));
     return kExitError;
 }
 
@@ -138,6 +157,10 @@ int run(int argc, char** argv, GuiLauncher gui) {
     bool acceptNewHostKey = false;
     cli.app.add_flag("--accept-new-host-key", acceptNewHostKey,
                      "Trust and remember an SFTP server's host key seen for the first time");
+    bool verbose = false;
+    cli.app.add_flag("-v,--verbose", verbose,
+                     "After an error, also show its domain, code and reason, the server's reply "
+                     "and the request it answered");
     // Given after the subcommand, too.
     cli.app.fallthrough();
     registerTypeCommand(cli);
@@ -174,6 +197,12 @@ int run(int argc, char** argv, GuiLauncher gui) {
         int rc = cli.app.exit(e);
         return rc == 0 ? kExitOk : kExitUsage;
     }
+    // `sync run -v` and `stream -v` take the flag for their own output as well.
+    for (int i = 1; i < argc && std::string_view(argv[i]) != "--"; ++i)
+        verbose = verbose || std::string_view(argv[i]) == "-v" ||
+                  std::string_view(argv[i]) == "--verbose";
+    verboseErrors = verbose;
+    KvError::recordRequests(verbose);
     registerBuiltinClients();
     installHostKeyAsker(acceptNewHostKey);
     if (!cli.action) return kExitUsage;

@@ -24,7 +24,10 @@ struct Cli {
     std::function<int()> action;
 };
 
-// Prints "quillon: <reason> (<domain> <code>)" on standard error and returns kExitError.
+// The error as a person reads it (Error::describe); with -v its parts follow on lines of their
+// own: domain, code and reason, the server's reply and the request it answered.
+std::string errorText(const Error& error);
+// Prints "quillon: " and the error's text on standard error and returns kExitError.
 int reportError(const Error& error);
 // Prints "quillon: <message>" on standard error and returns `code`.
 int reportMessage(const std::string& message, int code = kExitError);

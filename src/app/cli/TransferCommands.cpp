@@ -145,7 +145,7 @@ class TransferConsole : public ProgressView {
         // Items of a folder that failed while the rest went on, each on its own line (the task's
         // own line names a single one).
         for (auto& f : failures.size() > 1 ? failures : decltype(failures){})
-            message(fmt::format("quillon: {}", f.error.describe()));
+            message(fmt::format("quillon: {}", errorText(f.error)));
         std::string text;
         switch (state) {
             case TransferTaskState::Completed: {
@@ -159,7 +159,7 @@ class TransferConsole : public ProgressView {
                 break;
             }
             case TransferTaskState::Failed:
-                text = error ? fmt::format("quillon: {}", error->about(row.label).describe())
+                text = error ? fmt::format("quillon: {}", errorText(error->about(row.label)))
                              : fmt::format("quillon: {}: failed", row.label);
                 break;
             default:

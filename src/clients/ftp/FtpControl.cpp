@@ -32,6 +32,20 @@ size_t headerTrampoline(char* data, size_t size, size_t n, void* self) {
     return op->client->onHeader(*op, data, size * n);
 }
 
+// Notes the commands sent and which of them a 4xx or 5xx reply answered; passwords are not
+// kept.
+int traceTrampoline(CURL*, curl_infotype type, char* data, size_t size, void* self) {
+    auto* op = static_cast<FtpWrapper::Operation*>(self);
+    std::string_view text(data, size);
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.remove_suffix(1);
+    if (type == CURLINFO_HEADER_OUT)
+        op->lastSent = text.starts_with("PASS ") ? "PASS ********" : std::string(text);
+    else if (type == CURLINFO_HEADER_IN && text.size() >= 4 && (text[0] == '4' || text[0] == '5') &&
+             text[3] == ' ')
+        op->refused = op->lastSent;
+    return 0;
+}
+
 size_t refuseBytes(char*, size_t, size_t, void*) {
     return 0;
 }
@@ -105,6 +119,14 @@ std::string lastRefusal(std::string_view replies) {
         if (line[0] == '4' || line[0] == '5') refusal = line;
     }
     return std::string(refusal.empty() ? last : refusal);
+}
+
+// Whether a refusal asks for an encrypted session.
+bool asksForTls(std::string_view reply) {
+    reply.remove_prefix(std::min<std::size_t>(4, reply.size()));
+    return StringUtils::containsIgnoreCase(reply, "TLS") ||
+           StringUtils::containsIgnoreCase(reply, "SSL") ||
+           StringUtils::containsIgnoreCase(reply, "encrypt");
 }
 
 // The item a command list is about: the argument of its first command that names one.
@@ -264,6 +286,13 @@ void FtpWrapper::resetCURL(Operation& op) {
     curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, static_cast<long>(stallLimit_.count()));
     curl_easy_setopt(curl, CURLOPT_OPENSOCKETFUNCTION, openSocketTrampoline);
     curl_easy_setopt(curl, CURLOPT_OPENSOCKETDATA, &op);
+    op.lastSent.clear();
+    op.refused.clear();
+    if (KvError::recordsRequests()) {
+        curl_easy_setopt(curl, CURLOPT_DEBUGFUNCTION, traceTrampoline);
+        curl_easy_setopt(curl, CURLOPT_DEBUGDATA, &op);
+        curl_easy_setopt(curl, CURLOPT_VERBOSE, 1L);
+    }
 }
 
 bool FtpWrapper::mayConnect(Operation& op, const sockaddr* address) {
@@ -495,10 +524,22 @@ Error FtpWrapper::curlError(int code, const char* errorBuffer, const Operation& 
         else if (const char* words = curl_easy_strerror(static_cast<CURLcode>(code)))
             text = words;
     }
+    // A server that takes encrypted sessions only refuses a plain one in words of its own
+    // ("550 SSL/TLS required on the control channel", "530 Non-anonymous sessions must use
+    // encryption."), which the code alone turns into "Permission denied".
+    std::string refusal = lastRefusal(replies);
+    if (!refusal.empty() && (refusal[0] == '4' || refusal[0] == '5') && asksForTls(refusal)) {
+        auto protocol = serverInfo()->valueForKey(ServerProp::FTP_PROTOCOL).value_or("");
+        if (protocol.empty() || protocol == "FTP_PROTOCOL_PLAIN")
+            text =
+                "The server accepts encrypted (TLS) sessions only, and this server is set to plain "
+                "FTP: use FTPES (explicit TLS)";
+    }
     long reported = code;
     if (forListing && (code == CURLE_LOGIN_DENIED || code == 69)) reported = 13;
     auto error = KvError::errorWithDomain(ErrorDomain::FTP, reported, text, kindOfCurlCode(code));
-    error.serverReply = lastRefusal(replies);
+    error.serverReply = refusal;
+    if (!op.refused.empty()) error.request = decodeFromServer(op.refused);
     if (!op.item.empty()) error.item = displayItem(*serverInfo(), op.item);
     return error;
 }

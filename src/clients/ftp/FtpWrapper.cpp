@@ -627,8 +627,18 @@ Status FtpWrapper::createFolderSync(const KvMetadata& folder) {
     if (auto s = probe(false); !s) return s;
     auto reply =
         curl_runCommandWithoutBody(fmt::format("MKD {}", folder.pathOrEmpty()), baseServerPath());
-    if (!reply) return std::unexpected(reply.error());
-    return {};
+    if (reply) return {};
+    // Servers refuse a folder whose parent is missing in the words of a denial ("550 MKD
+    // command failed."): the missing parent is what a person needs to hear.
+    Error error = reply.error();
+    std::string path = folder.pathOrEmpty();
+    while (path.size() > 1 && path.back() == '/') path.pop_back();
+    KvMetadata parent(parentPath(path));
+    parent.isDir = true;
+    if (!error.is(ErrorKind::Cancelled) && !error.is(ErrorKind::Connection) && !cancelled() &&
+        isMissing(parent))
+        error.reason = "Its parent folder does not exist";
+    return std::unexpected(error);
 }
 
 Status FtpWrapper::chmodSync(const KvMetadata& item, const std::string& octalPermissions) {

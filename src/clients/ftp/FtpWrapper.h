@@ -47,6 +47,9 @@ class FtpWrapper : public Wrapper, public LoginFolder {
         bool dataConnectionNext_ = false;
         // The server path the request is about, named by its errors.
         std::string item;
+        // While requests are recorded: the last command sent, and the one a refusal answered.
+        std::string lastSent;
+        std::string refused;
     };
 
     explicit FtpWrapper(ServerInfoPtr serverInfo);
