@@ -231,7 +231,7 @@ Status DownloadTask::transferFile(const FileTransferNode& node) {
     }
     auto placed = copier_.moveIntoPlace(scratch, targetPath, overwrites());
     cleanup();
-    if (placed) fileArrived(static_cast<std::int64_t>(size));
+    if (placed) fileArrived(static_cast<std::int64_t>(source.fileSizeInBytes.value_or(0)));
     return placed;
 }
 
