@@ -10,7 +10,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
+#include <condition_variable>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -552,35 +554,72 @@ Result<KvMetadata> SFTPWrapper::metadataOfItemSync(const KvMetadata& item) {
 
 // --- Download
 
-Status SFTPWrapper::downloadSync(const KvMetadata& file, const std::string& saveTo,
-                                 const ProgressHandler& progress) {
-    if (file.isDir)
-        return KvError::fail(ErrorDomain::SFTP, ErrorCode::DownloadFailed,
-                             "Internal Error: download folder");
-    if (cancelled()) return std::unexpected(cancelledError());
-    const std::string path = trimmedSlashes(file.pathOrEmpty());
-    std::FILE* out = nullptr;
-    std::int64_t done = 0, total = -1;
-    ProgressThrottle throttle(progress);
-    std::optional<std::chrono::system_clock::time_point> mtime;
+// What the parts of one download share.
+struct SFTPWrapper::Download {
+    std::string path;    // on the server
+    std::string saveTo;  // here
+    int fd = -1;
+    // Parts write at their own offsets; a pipe or terminal takes the bytes in order instead.
+    bool seekable = false;
+    std::atomic<std::int64_t> done{0};
+    // Set by a part that failed for good: the others stop too.
+    std::atomic<bool> stop{false};
+};
+
+// The bytes [from, to) of the file, `to` < 0 meaning its end.
+struct SFTPWrapper::DownloadPart {
+    DownloadPart(std::int64_t from, std::int64_t to) : from(from), to(to) {}
+    std::int64_t from;
+    std::int64_t to;
+    std::int64_t got = 0;
+};
+
+namespace {
+
+// Writes all of `data`, at `offset` when the target is seekable; false with errno set.
+bool writeAll(int fd, bool seekable, std::int64_t offset, const char* data, std::size_t size) {
+    while (size > 0) {
+        ssize_t n = seekable ? ::pwrite(fd, data, size, offset) : ::write(fd, data, size);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            if (n == 0) errno = EIO;
+            return false;
+        }
+        data += n;
+        size -= static_cast<std::size_t>(n);
+        offset += n;
+    }
+    return true;
+}
+
+}  // namespace
+
+Status SFTPWrapper::fetchPart(
+    Download& d, DownloadPart& part, SessionPtr first,
+    const std::function<Status(SftpSession&, LIBSSH2_SFTP_HANDLE*)>& opened,
+    const std::function<void()>& received) {
     std::vector<char> buffer(kTransferBuffer);
     std::optional<Error> failure;
+    bool openedOnce = false;
+    auto stopped = [&] { return cancelled() || d.stop.load(); };
 
     for (int attempt = 0; attempt < maxAttempts_; ++attempt) {
         if (attempt > 0) {
             std::this_thread::sleep_for(retryPause_);
-            if (cancelled()) break;
+            if (stopped()) break;
         }
-        auto s = takeSession();
+        auto s = first ? Result<SessionPtr>(std::move(first)) : takeSession();
+        first.reset();
         if (!s) {
             failure = s.error();
             if (isConnectionError(s.error())) continue;
             break;
         }
         SftpSession& session = **s;
-        LIBSSH2_SFTP_HANDLE* h = libssh2_sftp_open(session.sftp, path.c_str(), LIBSSH2_FXF_READ, 0);
+        LIBSSH2_SFTP_HANDLE* h =
+            libssh2_sftp_open(session.sftp, d.path.c_str(), LIBSSH2_FXF_READ, 0);
         if (!h) {
-            failure = lastError(session, ErrorCode::DownloadFailed, "Opening " + path);
+            failure = lastError(session, ErrorCode::DownloadFailed, "Opening " + d.path);
             if (isConnectionError(*failure)) {
                 session.cleanup();
                 continue;
@@ -588,76 +627,154 @@ Status SFTPWrapper::downloadSync(const KvMetadata& file, const std::string& save
             giveBack(*s);
             break;
         }
-        if (total < 0) {
-            LIBSSH2_SFTP_ATTRIBUTES attrs{};
-            if (libssh2_sftp_fstat(h, &attrs) == 0) {
-                if (attrs.flags & LIBSSH2_SFTP_ATTR_SIZE)
-                    total = static_cast<std::int64_t>(attrs.filesize);
-                mtime = timeOf(attrs);
-                if ((attrs.flags & LIBSSH2_SFTP_ATTR_PERMISSIONS) &&
-                    LIBSSH2_SFTP_S_ISDIR(attrs.permissions)) {
-                    libssh2_sftp_close(h);
-                    giveBack(*s);
-                    failure = KvError::errorWithDomain(ErrorDomain::SFTP, ErrorCode::DownloadFailed,
-                                                       "Internal Error: download folder");
-                    break;
-                }
-            }
-        }
-        if (!out) {
-            out = std::fopen(saveTo.c_str(), "wb");
-            if (!out) {
+        if (!openedOnce && opened) {
+            if (auto ok = opened(session, h); !ok) {
                 libssh2_sftp_close(h);
                 giveBack(*s);
-                failure = localWriteError(ErrorCode::DownloadFailed, saveTo, errno);
+                failure = ok.error();
                 break;
             }
         }
-        libssh2_sftp_seek64(h, static_cast<libssh2_uint64_t>(done));
+        openedOnce = true;
+        std::int64_t at = part.from + part.got;
+        libssh2_sftp_seek64(h, static_cast<libssh2_uint64_t>(at));
         failure.reset();
-        bool ended = false;
+        bool ended = false, atEnd = false;
         while (!failure) {
-            if (cancelled()) {
+            if (stopped()) {
                 failure = cancelledError();
                 break;
             }
-            ssize_t n = libssh2_sftp_read(h, buffer.data(), buffer.size());
+            std::size_t want = buffer.size();
+            if (part.to >= 0) {
+                if (at >= part.to) {
+                    ended = true;
+                    break;
+                }
+                want = static_cast<std::size_t>(
+                    std::min<std::int64_t>(static_cast<std::int64_t>(want), part.to - at));
+            }
+            ssize_t n = libssh2_sftp_read(h, buffer.data(), want);
             if (n == 0) {
-                ended = true;
+                ended = atEnd = true;
                 break;
             }
             if (n < 0) {
-                failure = lastError(session, ErrorCode::DownloadFailed, "Reading " + path);
+                failure = lastError(session, ErrorCode::DownloadFailed, "Reading " + d.path);
                 break;
             }
-            if (std::fwrite(buffer.data(), 1, static_cast<std::size_t>(n), out) !=
-                static_cast<std::size_t>(n)) {
-                failure = localWriteError(ErrorCode::DownloadFailed, saveTo, errno);
+            if (!writeAll(d.fd, d.seekable, at, buffer.data(), static_cast<std::size_t>(n))) {
+                failure = localWriteError(ErrorCode::DownloadFailed, d.saveTo, errno);
                 break;
             }
-            done += n;
-            throttle.report(done, std::max(total, done));
+            at += n;
+            part.got += n;
+            d.done += n;
+            if (received) received();
         }
-        if (ended) {
+        if (atEnd) {
             libssh2_sftp_close(h);
             giveBack(*s);
             break;
         }
-        // Read-ahead requests are still in flight: the session is not reused.
+        // Read-ahead requests are still in flight (past the part's end, or unanswered): the
+        // session is not reused.
         abandonHandle(session.session, h);
         session.cleanup();
-        if (!isConnectionError(*failure)) break;
+        if (ended || !isConnectionError(*failure)) break;
     }
-    bool whole = !failure && out && !cancelled();
-    if (out && std::fclose(out) != 0 && whole) {
+    if (failure) return std::unexpected(*failure);
+    if (stopped()) return std::unexpected(cancelledError());
+    return {};
+}
+
+Status SFTPWrapper::downloadSync(const KvMetadata& file, const std::string& saveTo,
+                                 const ProgressHandler& progress) {
+    if (file.isDir)
+        return KvError::fail(ErrorDomain::SFTP, ErrorCode::DownloadFailed,
+                             "Internal Error: download folder");
+    if (cancelled()) return std::unexpected(cancelledError());
+    Download d;
+    d.path = trimmedSlashes(file.pathOrEmpty());
+    d.saveTo = saveTo;
+    std::int64_t total = -1;
+    std::optional<std::chrono::system_clock::time_point> mtime;
+    ProgressThrottle throttle(progress);
+    auto report = [&] {
+        std::int64_t done = d.done;
+        throttle.report(done, std::max(total, done));
+    };
+
+    DownloadPart head(0, -1);
+    std::optional<DownloadPart> tail;
+    std::optional<Status> tailResult;
+    std::mutex tailMutex;
+    std::condition_variable tailEnded;
+    std::thread helper;
+
+    // On the first open: the file's size and time, the target created, and a large file's
+    // second half handed to a helper thread on a session of its own.
+    auto opened = [&](SftpSession&, LIBSSH2_SFTP_HANDLE* h) -> Status {
+        LIBSSH2_SFTP_ATTRIBUTES attrs{};
+        if (libssh2_sftp_fstat(h, &attrs) == 0) {
+            if (attrs.flags & LIBSSH2_SFTP_ATTR_SIZE)
+                total = static_cast<std::int64_t>(attrs.filesize);
+            mtime = timeOf(attrs);
+            if ((attrs.flags & LIBSSH2_SFTP_ATTR_PERMISSIONS) &&
+                LIBSSH2_SFTP_S_ISDIR(attrs.permissions))
+                return KvError::fail(ErrorDomain::SFTP, ErrorCode::DownloadFailed,
+                                     "Internal Error: download folder");
+        }
+        d.fd = ::open(saveTo.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+        if (d.fd < 0)
+            return std::unexpected(localWriteError(ErrorCode::DownloadFailed, saveTo, errno));
+        struct stat st {};
+        d.seekable = ::fstat(d.fd, &st) == 0 && S_ISREG(st.st_mode);
+        if (!d.seekable || splitDownloadsFrom_ <= 0 || total < splitDownloadsFrom_) return {};
+        // Without a second session (a server that allows one connection) the download simply
+        // goes on in one.
+        auto second = takeSession();
+        if (!second) return {};
+        std::int64_t half = total / 2;
+        head.to = half;
+        tail.emplace(half, -1);
+        helper = std::thread([this, &d, &tail, &tailResult, &tailMutex, &tailEnded,
+                              session = std::move(*second)]() mutable {
+            auto r = fetchPart(d, *tail, std::move(session), {}, {});
+            if (!r) d.stop = true;
+            std::lock_guard lock(tailMutex);
+            tailResult = r;
+            tailEnded.notify_all();
+        });
+        return {};
+    };
+    Status result = fetchPart(d, head, nullptr, opened, report);
+    if (helper.joinable()) {
+        if (!result) d.stop = true;
+        std::unique_lock lock(tailMutex);
+        while (!tailEnded.wait_for(lock, std::chrono::milliseconds(200),
+                                   [&] { return tailResult.has_value(); })) {
+            lock.unlock();
+            report();
+            lock.lock();
+        }
+        lock.unlock();
+        helper.join();
+        // The error that stopped the other part is the one to tell.
+        if (result || result.error().is(ErrorKind::Cancelled)) {
+            if (!*tailResult) result = *tailResult;
+        }
+    }
+    bool whole = result && d.fd >= 0 && !cancelled();
+    if (d.fd >= 0 && ::close(d.fd) != 0 && whole) {
         whole = false;
-        failure = KvError::errorWithDomain(ErrorDomain::SFTP, ErrorCode::DownloadFailed,
-                                           "Cannot write " + saveTo);
+        result =
+            KvError::fail(ErrorDomain::SFTP, ErrorCode::DownloadFailed, "Cannot write " + saveTo);
     }
-    if (cancelled() && !failure) failure = cancelledError();
     if (!whole) {
-        if (out) ::unlink(saveTo.c_str());
-        return std::unexpected(failure.value_or(cancelledError()));
+        if (d.fd >= 0) ::unlink(saveTo.c_str());
+        if (result && cancelled()) result = std::unexpected(cancelledError());
+        return result ? Status(std::unexpected(cancelledError())) : result;
     }
     if (mtime) {
         timespec times[2];
@@ -665,6 +782,7 @@ Status SFTPWrapper::downloadSync(const KvMetadata& file, const std::string& save
         times[0].tv_nsec = times[1].tv_nsec = 0;
         ::utimensat(AT_FDCWD, saveTo.c_str(), times, 0);
     }
+    std::int64_t done = d.done;
     if (done > 0) throttle.finish(done, done);
     return {};
 }

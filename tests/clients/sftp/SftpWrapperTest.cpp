@@ -105,9 +105,11 @@ class SftpClient : public ::testing::Test {
 };
 
 // A TCP relay to 127.0.0.1:argv[1] that breaks its first connection once the client sent
-// argv[2] bytes, and tells how much each connection carried from the client.
+// argv[2] bytes (the server, with argv[3] "down"), and tells how much each connection carried
+// that way.
 constexpr const char* kCuttingRelay = R"(import socket, sys, threading
 target, limit = int(sys.argv[1]), int(sys.argv[2])
+down = sys.argv[3:] == ["down"]
 listener = socket.create_server(("127.0.0.1", 0))
 print("listening", listener.getsockname()[1], flush=True)
 first = True
@@ -130,6 +132,8 @@ def pump(src, dst, cut):
     return carried
 def serve(client, cut):
     server = socket.create_connection(("127.0.0.1", target))
+    if down:
+        client, server = server, client
     threading.Thread(target=pump, args=(server, client, None), daemon=True).start()
     carried = pump(client, server, cut)
     print("cut after" if cut else "carried", carried, "" if cut else "uncut", flush=True)
@@ -296,15 +300,21 @@ TEST_F(SftpClient, TransfersContinueAfterTheServerDroppedTheSession) {
     // upload goes on in a new connection from what the server holds, so that one carries only the
     // rest (the relay prints what each connection carried when it ends). What the server had
     // received but not yet written is lost with the connection: several MiB at most.
+    // The server's record with the relay's port, trusted there too.
+    auto relayed = [&](ChildProcess& relay) -> ServerInfoPtr {
+        auto port = relay.waitForOutput(std::regex("listening ([0-9]+)\n"));
+        if (!port) return nullptr;
+        auto info = server->serverInfo();
+        info->setValue(*port, ServerProp::PORT);
+        std::ofstream(SFTPWrapper::knownHostsPath(), std::ios::app)
+            << "[127.0.0.1]:" << *port
+            << server->knownHostsLine().substr(server->knownHostsLine().find(' ')) << "\n";
+        return info;
+    };
     ChildProcess relay({"python3", "-c", kCuttingRelay, std::to_string(server->port()),
                         std::to_string(20 * 1024 * 1024)});
-    auto relayPort = relay.waitForOutput(std::regex("listening ([0-9]+)\n"));
-    ASSERT_TRUE(relayPort) << relay.err();
-    auto viaRelay = server->serverInfo();
-    viaRelay->setValue(*relayPort, ServerProp::PORT);
-    std::ofstream(SFTPWrapper::knownHostsPath(), std::ios::app)
-        << "[127.0.0.1]:" << *relayPort
-        << server->knownHostsLine().substr(server->knownHostsLine().find(' ')) << "\n";
+    auto viaRelay = relayed(relay);
+    ASSERT_TRUE(viaRelay) << relay.err();
     std::string source = local / "up.bin";
     writeFile(source, content);
     KvMetadata localFile(source);
@@ -323,6 +333,40 @@ TEST_F(SftpClient, TransfersContinueAfterTheServerDroppedTheSession) {
     ASSERT_TRUE(carried) << relay.out();
     EXPECT_NE(relay.out().find("cut after"), std::string::npos) << relay.out();
     EXPECT_LT(std::stoull(*carried), content.size() - 4 * 1024 * 1024) << "the upload started over";
+
+    // Into a file, a large download comes in two halves over two sessions at once. When the
+    // first session breaks (the relay cuts the first connection after 4 MiB from the server),
+    // its half goes on in another; without attempts left, the other half stops and nothing
+    // stays behind.
+    std::string saved = local / "saved.bin";
+    auto splitting = [&](const ServerInfoPtr& info, int attempts) {
+        KvConnectionPool::clearConnectionPool();
+        auto c = clientOf(info);
+        c->setRetries(attempts, std::chrono::milliseconds(100));
+        c->setSplitDownloadsFrom(8 * 1024 * 1024);
+        return c;
+    };
+    loginsBefore = server->logins();
+    result = splitting(server->serverInfo(), 10)->downloadSync(file, saved, {});
+    ASSERT_TRUE(result) << result.error().describe();
+    EXPECT_TRUE(readFile(saved) == content) << "the download in two halves differs";
+    EXPECT_EQ(server->logins() - loginsBefore, 2) << "the halves did not come at once";
+    ChildProcess downRelay({"python3", "-c", kCuttingRelay, std::to_string(server->port()),
+                            std::to_string(4 * 1024 * 1024), "down"});
+    viaRelay = relayed(downRelay);
+    ASSERT_TRUE(viaRelay) << downRelay.err();
+    result = splitting(viaRelay, 10)->downloadSync(file, saved, {});
+    ASSERT_TRUE(result) << result.error().describe();
+    EXPECT_TRUE(readFile(saved) == content) << "the continued download in two halves differs";
+    EXPECT_TRUE(downRelay.waitForOutput(std::regex("(cut after)"))) << downRelay.out();
+    ChildProcess lastRelay({"python3", "-c", kCuttingRelay, std::to_string(server->port()),
+                            std::to_string(4 * 1024 * 1024), "down"});
+    viaRelay = relayed(lastRelay);
+    ASSERT_TRUE(viaRelay) << lastRelay.err();
+    result = splitting(viaRelay, 1)->downloadSync(file, saved, {});
+    ASSERT_FALSE(result);
+    EXPECT_TRUE(result.error().is(ErrorKind::Connection)) << result.error().describe();
+    EXPECT_FALSE(std::filesystem::exists(saved)) << "a failed download left its part";
 }
 
 TEST_F(SftpClient, KeepsTimesAndReportsLinksAsLinks) {
