@@ -556,11 +556,8 @@ Result<KvMetadata> SFTPWrapper::metadataOfItemSync(const KvMetadata& item) {
 
 // What the parts of one download share.
 struct SFTPWrapper::Download {
-    std::string path;    // on the server
-    std::string saveTo;  // here
-    int fd = -1;
-    // Parts write at their own offsets; a pipe or terminal takes the bytes in order instead.
-    bool seekable = false;
+    std::string path;  // on the server
+    DownloadSink* sink = nullptr;
     std::atomic<std::int64_t> done{0};
     // Set by a part that failed for good: the others stop too.
     std::atomic<bool> stop{false};
@@ -574,97 +571,62 @@ struct SFTPWrapper::DownloadPart {
     std::int64_t got = 0;
 };
 
-namespace {
-
-// Writes all of `data`, at `offset` when the target is seekable; false with errno set.
-bool writeAll(int fd, bool seekable, std::int64_t offset, const char* data, std::size_t size) {
-    while (size > 0) {
-        ssize_t n = seekable ? ::pwrite(fd, data, size, offset) : ::write(fd, data, size);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) {
-            if (n == 0) errno = EIO;
-            return false;
-        }
-        data += n;
-        size -= static_cast<std::size_t>(n);
-        offset += n;
-    }
-    return true;
-}
-
-}  // namespace
-
 Status SFTPWrapper::fetchPart(
     Download& d, DownloadPart& part, SessionPtr first,
     const std::function<Status(SftpSession&, LIBSSH2_SFTP_HANDLE*)>& opened,
     const std::function<void()>& received) {
     std::vector<char> buffer(kTransferBuffer);
-    std::optional<Error> failure;
     bool openedOnce = false;
     auto stopped = [&] { return cancelled() || d.stop.load(); };
-
-    for (int attempt = 0; attempt < maxAttempts_; ++attempt) {
-        if (attempt > 0) {
-            std::this_thread::sleep_for(retryPause_);
-            if (stopped()) break;
-        }
+    auto fetch = [&](int) -> Status {
         auto s = first ? Result<SessionPtr>(std::move(first)) : takeSession();
         first.reset();
-        if (!s) {
-            failure = s.error();
-            if (isConnectionError(s.error())) continue;
-            break;
-        }
+        if (!s) return std::unexpected(s.error());
         SftpSession& session = **s;
         LIBSSH2_SFTP_HANDLE* h =
             libssh2_sftp_open(session.sftp, d.path.c_str(), LIBSSH2_FXF_READ, 0);
         if (!h) {
-            failure = lastError(session, ErrorCode::DownloadFailed, "Opening " + d.path);
-            if (isConnectionError(*failure)) {
+            auto e = lastError(session, ErrorCode::DownloadFailed, "Opening " + d.path);
+            if (isConnectionError(e))
                 session.cleanup();
-                continue;
-            }
-            giveBack(*s);
-            break;
+            else
+                giveBack(*s);
+            return std::unexpected(e);
         }
         if (!openedOnce && opened) {
             if (auto ok = opened(session, h); !ok) {
                 libssh2_sftp_close(h);
                 giveBack(*s);
-                failure = ok.error();
-                break;
+                return ok;
             }
         }
         openedOnce = true;
         std::int64_t at = part.from + part.got;
         libssh2_sftp_seek64(h, static_cast<libssh2_uint64_t>(at));
-        failure.reset();
-        bool ended = false, atEnd = false;
-        while (!failure) {
+        std::optional<Error> failure;
+        for (;;) {
             if (stopped()) {
                 failure = cancelledError();
                 break;
             }
             std::size_t want = buffer.size();
             if (part.to >= 0) {
-                if (at >= part.to) {
-                    ended = true;
-                    break;
-                }
+                if (at >= part.to) break;
                 want = static_cast<std::size_t>(
                     std::min<std::int64_t>(static_cast<std::int64_t>(want), part.to - at));
             }
             ssize_t n = libssh2_sftp_read(h, buffer.data(), want);
             if (n == 0) {
-                ended = atEnd = true;
-                break;
+                libssh2_sftp_close(h);
+                giveBack(*s);
+                return {};
             }
             if (n < 0) {
                 failure = lastError(session, ErrorCode::DownloadFailed, "Reading " + d.path);
                 break;
             }
-            if (!writeAll(d.fd, d.seekable, at, buffer.data(), static_cast<std::size_t>(n))) {
-                failure = localWriteError(ErrorCode::DownloadFailed, d.saveTo, errno);
+            if (int err = d.sink->write(at, buffer.data(), static_cast<std::size_t>(n))) {
+                failure = localWriteError(ErrorCode::DownloadFailed, d.sink->path(), err);
                 break;
             }
             at += n;
@@ -672,20 +634,16 @@ Status SFTPWrapper::fetchPart(
             d.done += n;
             if (received) received();
         }
-        if (atEnd) {
-            libssh2_sftp_close(h);
-            giveBack(*s);
-            break;
-        }
         // Read-ahead requests are still in flight (past the part's end, or unanswered): the
         // session is not reused.
         abandonHandle(session.session, h);
         session.cleanup();
-        if (ended || !isConnectionError(*failure)) break;
-    }
-    if (failure) return std::unexpected(*failure);
-    if (stopped()) return std::unexpected(cancelledError());
-    return {};
+        if (failure) return std::unexpected(*failure);
+        return {};
+    };
+    auto result = attempts_.run(fetch, stopped);
+    if (result && stopped()) return std::unexpected(cancelledError());
+    return result;
 }
 
 Status SFTPWrapper::downloadSync(const KvMetadata& file, const std::string& saveTo,
@@ -694,9 +652,10 @@ Status SFTPWrapper::downloadSync(const KvMetadata& file, const std::string& save
         return KvError::fail(ErrorDomain::SFTP, ErrorCode::DownloadFailed,
                              "Internal Error: download folder");
     if (cancelled()) return std::unexpected(cancelledError());
+    DownloadSink sink(saveTo);
     Download d;
     d.path = trimmedSlashes(file.pathOrEmpty());
-    d.saveTo = saveTo;
+    d.sink = &sink;
     std::int64_t total = -1;
     std::optional<std::chrono::system_clock::time_point> mtime;
     ProgressThrottle throttle(progress);
@@ -725,12 +684,9 @@ Status SFTPWrapper::downloadSync(const KvMetadata& file, const std::string& save
                 return KvError::fail(ErrorDomain::SFTP, ErrorCode::DownloadFailed,
                                      "Internal Error: download folder");
         }
-        d.fd = ::open(saveTo.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-        if (d.fd < 0)
-            return std::unexpected(localWriteError(ErrorCode::DownloadFailed, saveTo, errno));
-        struct stat st {};
-        d.seekable = ::fstat(d.fd, &st) == 0 && S_ISREG(st.st_mode);
-        if (!d.seekable || splitDownloadsFrom_ <= 0 || total < splitDownloadsFrom_) return {};
+        if (int err = sink.open())
+            return std::unexpected(localWriteError(ErrorCode::DownloadFailed, saveTo, err));
+        if (!sink.seekable() || splitDownloadsFrom_ <= 0 || total < splitDownloadsFrom_) return {};
         // Without a second session (a server that allows one connection) the download simply
         // goes on in one.
         auto second = takeSession();
@@ -765,23 +721,13 @@ Status SFTPWrapper::downloadSync(const KvMetadata& file, const std::string& save
             if (!*tailResult) result = *tailResult;
         }
     }
-    bool whole = result && d.fd >= 0 && !cancelled();
-    if (d.fd >= 0 && ::close(d.fd) != 0 && whole) {
+    bool whole = result && sink.opened() && !cancelled();
+    if (sink.finish(whole, mtime) != 0) {
         whole = false;
         result =
             KvError::fail(ErrorDomain::SFTP, ErrorCode::DownloadFailed, "Cannot write " + saveTo);
     }
-    if (!whole) {
-        if (d.fd >= 0) ::unlink(saveTo.c_str());
-        if (result && cancelled()) result = std::unexpected(cancelledError());
-        return result ? Status(std::unexpected(cancelledError())) : result;
-    }
-    if (mtime) {
-        timespec times[2];
-        times[0].tv_sec = times[1].tv_sec = std::chrono::system_clock::to_time_t(*mtime);
-        times[0].tv_nsec = times[1].tv_nsec = 0;
-        ::utimensat(AT_FDCWD, saveTo.c_str(), times, 0);
-    }
+    if (!whole) return result ? Status(std::unexpected(cancelledError())) : result;
     std::int64_t done = d.done;
     if (done > 0) throttle.finish(done, done);
     return {};
@@ -800,43 +746,28 @@ Status SFTPWrapper::uploadSync(const KvMetadata& localFile, const KvMetadata& to
     const std::string target = joinPath(folder, name);
     const std::string temporary = joinPath(folder, "." + name + ".quillon-upload");
 
-    int in = ::open(local.c_str(), O_RDONLY | O_CLOEXEC);
-    if (in < 0)
+    UploadSource source(kTransferBuffer);
+    if (int err = source.open(local))
         return KvError::fail(ErrorDomain::SFTP, ErrorCode::UploadFailed,
-                             fmt::format("Cannot read {}: {}", local, std::strerror(errno)));
-    struct stat st {};
-    ::fstat(in, &st);
-    const std::int64_t total = st.st_size;
-    std::vector<char> buffer(kTransferBuffer);
-    std::int64_t done = 0;
+                             fmt::format("Cannot read {}: {}", local, std::strerror(err)));
+    const std::int64_t total = source.size();
     ProgressThrottle throttle(progress);
-    std::optional<Error> failure;
     SessionPtr last;
-    bool written = false;
 
-    for (int attempt = 0; attempt < maxAttempts_ && !written; ++attempt) {
-        if (attempt > 0) {
-            std::this_thread::sleep_for(retryPause_);
-            if (cancelled()) break;
-        }
+    auto send = [&](int attempt) -> Status {
         auto s = takeSession();
-        if (!s) {
-            failure = s.error();
-            if (isConnectionError(s.error())) continue;
-            break;
-        }
+        if (!s) return std::unexpected(s.error());
         SftpSession& session = **s;
         unsigned long flags = LIBSSH2_FXF_WRITE | LIBSSH2_FXF_CREAT;
         if (attempt == 0) flags |= LIBSSH2_FXF_TRUNC;
         LIBSSH2_SFTP_HANDLE* h = libssh2_sftp_open(session.sftp, temporary.c_str(), flags, 0644);
         if (!h) {
-            failure = lastError(session, ErrorCode::UploadFailed, "Creating " + target);
-            if (isConnectionError(*failure)) {
+            auto e = lastError(session, ErrorCode::UploadFailed, "Creating " + target);
+            if (isConnectionError(e))
                 session.cleanup();
-                continue;
-            }
-            giveBack(*s);
-            break;
+            else
+                giveBack(*s);
+            return std::unexpected(e);
         }
         if (attempt > 0) {
             // Continue from what both the server holds and it acknowledged.
@@ -844,89 +775,86 @@ Status SFTPWrapper::uploadSync(const KvMetadata& localFile, const KvMetadata& to
             std::int64_t held = 0;
             if (libssh2_sftp_fstat(h, &attrs) == 0 && (attrs.flags & LIBSSH2_SFTP_ATTR_SIZE))
                 held = static_cast<std::int64_t>(attrs.filesize);
-            done = std::min(done, held);
-            libssh2_sftp_seek64(h, static_cast<libssh2_uint64_t>(done));
+            if (!source.restartAt(std::min(source.sent(), held))) {
+                libssh2_sftp_close(h);
+                giveBack(*s);
+                return KvError::fail(
+                    ErrorDomain::SFTP, ErrorCode::UploadFailed,
+                    fmt::format("The server lost part of {}, which cannot be read again", local));
+            }
+            libssh2_sftp_seek64(h, static_cast<libssh2_uint64_t>(source.sent()));
         }
-        failure.reset();
-        // Bytes read from the file but not yet taken by the server are offered again.
-        std::size_t filled = 0, offered = 0;
-        std::int64_t readAt = done;
-        while (!failure) {
+        std::optional<Error> failure;
+        const char* data = nullptr;
+        std::size_t size = 0;
+        int err = 0;
+        for (;;) {
             if (cancelled()) {
                 failure = cancelledError();
                 break;
             }
-            if (offered == filled) {
-                offered = filled = 0;
-                ssize_t r = ::pread(in, buffer.data(), buffer.size(), readAt);
-                if (r < 0) {
-                    failure = KvError::errorWithDomain(
-                        ErrorDomain::SFTP, ErrorCode::UploadFailed,
-                        fmt::format("Cannot read {}: {}", local, std::strerror(errno)));
-                    break;
-                }
-                if (r == 0) break;
-                filled = static_cast<std::size_t>(r);
-                readAt += r;
+            if (!source.pending(data, size, err)) {
+                failure = KvError::errorWithDomain(
+                    ErrorDomain::SFTP, ErrorCode::UploadFailed,
+                    fmt::format("Cannot read {}: {}", local, std::strerror(err)));
+                break;
             }
-            ssize_t n = libssh2_sftp_write(h, buffer.data() + offered, filled - offered);
+            if (size == 0) break;
+            ssize_t n = libssh2_sftp_write(h, data, size);
             if (n < 0) {
                 failure = lastError(session, ErrorCode::UploadFailed, "Writing " + target);
                 break;
             }
-            offered += static_cast<std::size_t>(n);
-            done += n;
-            throttle.report(done, total);
+            source.taken(static_cast<std::size_t>(n));
+            throttle.report(source.sent(), total);
         }
         if (failure) {
             if (failure->is(ErrorKind::Cancelled)) {
                 // What was already sent is acknowledged first: the handle then closes cleanly
                 // and the session stays good for the clean-up and later requests.
-                while (offered < filled) {
-                    ssize_t n = libssh2_sftp_write(h, buffer.data() + offered, filled - offered);
+                while (source.rest() > 0 && source.pending(data, size, err)) {
+                    ssize_t n = libssh2_sftp_write(h, data, size);
                     if (n <= 0) break;
-                    offered += static_cast<std::size_t>(n);
+                    source.taken(static_cast<std::size_t>(n));
                 }
-                if (offered == filled && libssh2_sftp_close(h) == 0) {
+                if (source.rest() == 0 && libssh2_sftp_close(h) == 0) {
                     last = *s;
-                    break;
+                    return std::unexpected(*failure);
                 }
             }
             abandonHandle(session.session, h);
             session.cleanup();
-            if (isConnectionError(*failure)) continue;
-            break;
+            return std::unexpected(*failure);
         }
         LIBSSH2_SFTP_ATTRIBUTES attrs{};
         attrs.flags = LIBSSH2_SFTP_ATTR_ACMODTIME;
-        attrs.atime = static_cast<unsigned long>(st.st_atim.tv_sec);
-        attrs.mtime = static_cast<unsigned long>(st.st_mtim.tv_sec);
+        attrs.atime = static_cast<unsigned long>(source.stat().st_atim.tv_sec);
+        attrs.mtime = static_cast<unsigned long>(source.stat().st_mtim.tv_sec);
         (void)libssh2_sftp_fsetstat(h, &attrs);
         LIBSSH2_SFTP_ATTRIBUTES held{};
         bool sized = libssh2_sftp_fstat(h, &held) == 0 && (held.flags & LIBSSH2_SFTP_ATTR_SIZE);
         if (libssh2_sftp_close(h) != 0) {
-            failure = lastError(session, ErrorCode::UploadFailed, "Writing " + target);
-            if (isConnectionError(*failure)) {
+            auto e = lastError(session, ErrorCode::UploadFailed, "Writing " + target);
+            if (isConnectionError(e)) {
                 session.cleanup();
-                continue;
+                return std::unexpected(e);
             }
-        } else if (sized && static_cast<std::int64_t>(held.filesize) != total) {
-            failure = KvError::errorWithDomain(
-                ErrorDomain::SFTP, ErrorCode::UploadFailed,
-                fmt::format("The server holds {} of {} bytes of {}", held.filesize, total, name));
-        } else {
-            written = true;
+            last = *s;
+            return std::unexpected(e);
         }
         last = *s;
-        break;
-    }
-    ::close(in);
+        if (sized && static_cast<std::int64_t>(held.filesize) != total)
+            return KvError::fail(
+                ErrorDomain::SFTP, ErrorCode::UploadFailed,
+                fmt::format("The server holds {} of {} bytes of {}", held.filesize, total, name));
+        return {};
+    };
+    Status sent = attempts_.run(send, [this] { return cancelled(); });
 
     auto discard = [&](SftpSession* s) {
         if (s && s->sftp) libssh2_sftp_unlink(s->sftp, temporary.c_str());
     };
-    if (!written) {
-        if (cancelled() && !failure) failure = cancelledError();
+    if (!sent) {
         // The hidden partial file goes; from a fresh session when the last one is gone.
         if (last && last->sftp) {
             discard(last.get());
@@ -940,7 +868,7 @@ Status SFTPWrapper::uploadSync(const KvMetadata& localFile, const KvMetadata& to
             });
             setCancelled(wasCancelled);
         }
-        return std::unexpected(failure.value_or(cancelledError()));
+        return sent;
     }
     SftpSession& s = *last;
     Status result;

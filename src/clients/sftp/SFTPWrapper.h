@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 
+#include "clients/ResumableTransfer.h"
 #include "core/ClientExtras.h"
 #include "core/KvConnectionPool.h"
 #include "core/Wrapper.h"
@@ -82,8 +83,7 @@ class SFTPWrapper : public Wrapper, public LinkReader {
 
     // How many times a broken transfer is taken up again, and the pause before each attempt.
     void setRetries(int attempts, std::chrono::milliseconds pause) {
-        maxAttempts_ = attempts;
-        retryPause_ = pause;
+        attempts_ = {attempts, pause};
     }
     // Downloads of at least this many bytes are split over two sessions (0: never).
     void setSplitDownloadsFrom(std::int64_t bytes) { splitDownloadsFrom_ = bytes; }
@@ -123,8 +123,7 @@ class SFTPWrapper : public Wrapper, public LinkReader {
 
     std::optional<KvMetadata> streamFile_;
     std::optional<std::string> loginFolder_;
-    int maxAttempts_ = 10;
-    std::chrono::milliseconds retryPause_{1000};
+    TransferAttempts attempts_;
     std::int64_t splitDownloadsFrom_ = 64 * 1024 * 1024;
 };
 
