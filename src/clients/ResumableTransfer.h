@@ -129,6 +129,8 @@ class UploadSource {
         return 0;
     }
     const struct stat& stat() const { return stat_; }
+    // A file, not a pipe: its size is known and it can be read again.
+    bool seekable() const { return seekable_; }
     std::int64_t size() const { return stat_.st_size; }
     // The bytes of the file the server took.
     std::int64_t sent() const { return sent_; }

@@ -843,10 +843,12 @@ Status SFTPWrapper::uploadSync(const KvMetadata& localFile, const KvMetadata& to
             return std::unexpected(e);
         }
         last = *s;
-        if (sized && static_cast<std::int64_t>(held.filesize) != total)
-            return KvError::fail(
-                ErrorDomain::SFTP, ErrorCode::UploadFailed,
-                fmt::format("The server holds {} of {} bytes of {}", held.filesize, total, name));
+        // A pipe's size is what came through it.
+        const std::int64_t expected = source.seekable() ? total : source.sent();
+        if (sized && static_cast<std::int64_t>(held.filesize) != expected)
+            return KvError::fail(ErrorDomain::SFTP, ErrorCode::UploadFailed,
+                                 fmt::format("The server holds {} of {} bytes of {}", held.filesize,
+                                             expected, name));
         return {};
     };
     Status sent = attempts_.run(send, [this] { return cancelled(); });
@@ -889,7 +891,7 @@ Status SFTPWrapper::uploadSync(const KvMetadata& localFile, const KvMetadata& to
         result = std::unexpected(lastError(s, ErrorCode::UploadFailed, "Replacing " + target));
         discard(&s);
     }
-    if (result) throttle.finish(total, total);
+    if (result) throttle.finish(source.sent(), source.sent());
     if (isConnectionError(result ? Error{} : result.error()))
         s.cleanup();
     else

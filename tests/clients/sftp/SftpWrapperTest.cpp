@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -367,6 +368,28 @@ TEST_F(SftpClient, TransfersContinueAfterTheServerDroppedTheSession) {
     ASSERT_FALSE(result);
     EXPECT_TRUE(result.error().is(ErrorKind::Connection)) << result.error().describe();
     EXPECT_FALSE(std::filesystem::exists(saved)) << "a failed download left its part";
+
+    // A pipe is uploaded as it is read, front to back. An upload that gives up closes the pipe:
+    // the feeder sees EPIPE rather than the signal.
+    ::signal(SIGPIPE, SIG_IGN);
+    std::string pipe = local / "piped.bin";
+    ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+    KvMetadata piped(pipe);
+    piped.localPath = pipe;
+    std::thread feeder([&] {
+        if (int fd = ::open(pipe.c_str(), O_WRONLY | O_CLOEXEC); fd >= 0) {
+            for (std::size_t at = 0; at < content.size();) {
+                ssize_t n = ::write(fd, content.data() + at, content.size() - at);
+                if (n <= 0) break;
+                at += static_cast<std::size_t>(n);
+            }
+            ::close(fd);
+        }
+    });
+    result = splitting(server->serverInfo(), 1)->uploadSync(piped, folder, {});
+    feeder.join();
+    ASSERT_TRUE(result) << result.error().describe();
+    EXPECT_TRUE(readFile(server->hostPath("resume/piped.bin")) == content);
 }
 
 TEST_F(SftpClient, KeepsTimesAndReportsLinksAsLinks) {
