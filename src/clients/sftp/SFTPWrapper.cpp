@@ -10,7 +10,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
+#include <condition_variable>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -552,119 +554,181 @@ Result<KvMetadata> SFTPWrapper::metadataOfItemSync(const KvMetadata& item) {
 
 // --- Download
 
+// What the parts of one download share.
+struct SFTPWrapper::Download {
+    std::string path;  // on the server
+    DownloadSink* sink = nullptr;
+    std::atomic<std::int64_t> done{0};
+    // Set by a part that failed for good: the others stop too.
+    std::atomic<bool> stop{false};
+};
+
+// The bytes [from, to) of the file, `to` < 0 meaning its end.
+struct SFTPWrapper::DownloadPart {
+    DownloadPart(std::int64_t from, std::int64_t to) : from(from), to(to) {}
+    std::int64_t from;
+    std::int64_t to;
+    std::int64_t got = 0;
+};
+
+Status SFTPWrapper::fetchPart(
+    Download& d, DownloadPart& part, SessionPtr first,
+    const std::function<Status(SftpSession&, LIBSSH2_SFTP_HANDLE*)>& opened,
+    const std::function<void()>& received) {
+    std::vector<char> buffer(kTransferBuffer);
+    bool openedOnce = false;
+    auto stopped = [&] { return cancelled() || d.stop.load(); };
+    auto fetch = [&](int) -> Status {
+        auto s = first ? Result<SessionPtr>(std::move(first)) : takeSession();
+        first.reset();
+        if (!s) return std::unexpected(s.error());
+        SftpSession& session = **s;
+        LIBSSH2_SFTP_HANDLE* h =
+            libssh2_sftp_open(session.sftp, d.path.c_str(), LIBSSH2_FXF_READ, 0);
+        if (!h) {
+            auto e = lastError(session, ErrorCode::DownloadFailed, "Opening " + d.path);
+            if (isConnectionError(e))
+                session.cleanup();
+            else
+                giveBack(*s);
+            return std::unexpected(e);
+        }
+        if (!openedOnce && opened) {
+            if (auto ok = opened(session, h); !ok) {
+                libssh2_sftp_close(h);
+                giveBack(*s);
+                return ok;
+            }
+        }
+        openedOnce = true;
+        std::int64_t at = part.from + part.got;
+        libssh2_sftp_seek64(h, static_cast<libssh2_uint64_t>(at));
+        std::optional<Error> failure;
+        for (;;) {
+            if (stopped()) {
+                failure = cancelledError();
+                break;
+            }
+            std::size_t want = buffer.size();
+            if (part.to >= 0) {
+                if (at >= part.to) break;
+                want = static_cast<std::size_t>(
+                    std::min<std::int64_t>(static_cast<std::int64_t>(want), part.to - at));
+            }
+            ssize_t n = libssh2_sftp_read(h, buffer.data(), want);
+            if (n == 0) {
+                libssh2_sftp_close(h);
+                giveBack(*s);
+                return {};
+            }
+            if (n < 0) {
+                failure = lastError(session, ErrorCode::DownloadFailed, "Reading " + d.path);
+                break;
+            }
+            if (int err = d.sink->write(at, buffer.data(), static_cast<std::size_t>(n))) {
+                failure = localWriteError(ErrorCode::DownloadFailed, d.sink->path(), err);
+                break;
+            }
+            at += n;
+            part.got += n;
+            d.done += n;
+            if (received) received();
+        }
+        // Read-ahead requests are still in flight (past the part's end, or unanswered): the
+        // session is not reused.
+        abandonHandle(session.session, h);
+        session.cleanup();
+        if (failure) return std::unexpected(*failure);
+        return {};
+    };
+    auto result = attempts_.run(fetch, stopped);
+    if (result && stopped()) return std::unexpected(cancelledError());
+    return result;
+}
+
 Status SFTPWrapper::downloadSync(const KvMetadata& file, const std::string& saveTo,
                                  const ProgressHandler& progress) {
     if (file.isDir)
         return KvError::fail(ErrorDomain::SFTP, ErrorCode::DownloadFailed,
                              "Internal Error: download folder");
     if (cancelled()) return std::unexpected(cancelledError());
-    const std::string path = trimmedSlashes(file.pathOrEmpty());
-    std::FILE* out = nullptr;
-    std::int64_t done = 0, total = -1;
-    ProgressThrottle throttle(progress);
+    DownloadSink sink(saveTo);
+    Download d;
+    d.path = trimmedSlashes(file.pathOrEmpty());
+    d.sink = &sink;
+    std::int64_t total = -1;
     std::optional<std::chrono::system_clock::time_point> mtime;
-    std::vector<char> buffer(kTransferBuffer);
-    std::optional<Error> failure;
+    ProgressThrottle throttle(progress);
+    auto report = [&] {
+        std::int64_t done = d.done;
+        throttle.report(done, std::max(total, done));
+    };
 
-    for (int attempt = 0; attempt < maxAttempts_; ++attempt) {
-        if (attempt > 0) {
-            std::this_thread::sleep_for(retryPause_);
-            if (cancelled()) break;
+    DownloadPart head(0, -1);
+    std::optional<DownloadPart> tail;
+    std::optional<Status> tailResult;
+    std::mutex tailMutex;
+    std::condition_variable tailEnded;
+    std::thread helper;
+
+    // On the first open: the file's size and time, the target created, and a large file's
+    // second half handed to a helper thread on a session of its own.
+    auto opened = [&](SftpSession&, LIBSSH2_SFTP_HANDLE* h) -> Status {
+        LIBSSH2_SFTP_ATTRIBUTES attrs{};
+        if (libssh2_sftp_fstat(h, &attrs) == 0) {
+            if (attrs.flags & LIBSSH2_SFTP_ATTR_SIZE)
+                total = static_cast<std::int64_t>(attrs.filesize);
+            mtime = timeOf(attrs);
+            if ((attrs.flags & LIBSSH2_SFTP_ATTR_PERMISSIONS) &&
+                LIBSSH2_SFTP_S_ISDIR(attrs.permissions))
+                return KvError::fail(ErrorDomain::SFTP, ErrorCode::DownloadFailed,
+                                     "Internal Error: download folder");
         }
-        auto s = takeSession();
-        if (!s) {
-            failure = s.error();
-            if (isConnectionError(s.error())) continue;
-            break;
+        if (int err = sink.open())
+            return std::unexpected(localWriteError(ErrorCode::DownloadFailed, saveTo, err));
+        if (!sink.seekable() || splitDownloadsFrom_ <= 0 || total < splitDownloadsFrom_) return {};
+        // Without a second session (a server that allows one connection) the download simply
+        // goes on in one.
+        auto second = takeSession();
+        if (!second) return {};
+        std::int64_t half = total / 2;
+        head.to = half;
+        tail.emplace(half, -1);
+        helper = std::thread([this, &d, &tail, &tailResult, &tailMutex, &tailEnded,
+                              session = std::move(*second)]() mutable {
+            auto r = fetchPart(d, *tail, std::move(session), {}, {});
+            if (!r) d.stop = true;
+            std::lock_guard lock(tailMutex);
+            tailResult = r;
+            tailEnded.notify_all();
+        });
+        return {};
+    };
+    Status result = fetchPart(d, head, nullptr, opened, report);
+    if (helper.joinable()) {
+        if (!result) d.stop = true;
+        std::unique_lock lock(tailMutex);
+        while (!tailEnded.wait_for(lock, std::chrono::milliseconds(200),
+                                   [&] { return tailResult.has_value(); })) {
+            lock.unlock();
+            report();
+            lock.lock();
         }
-        SftpSession& session = **s;
-        LIBSSH2_SFTP_HANDLE* h = libssh2_sftp_open(session.sftp, path.c_str(), LIBSSH2_FXF_READ, 0);
-        if (!h) {
-            failure = lastError(session, ErrorCode::DownloadFailed, "Opening " + path);
-            if (isConnectionError(*failure)) {
-                session.cleanup();
-                continue;
-            }
-            giveBack(*s);
-            break;
+        lock.unlock();
+        helper.join();
+        // The error that stopped the other part is the one to tell.
+        if (result || result.error().is(ErrorKind::Cancelled)) {
+            if (!*tailResult) result = *tailResult;
         }
-        if (total < 0) {
-            LIBSSH2_SFTP_ATTRIBUTES attrs{};
-            if (libssh2_sftp_fstat(h, &attrs) == 0) {
-                if (attrs.flags & LIBSSH2_SFTP_ATTR_SIZE)
-                    total = static_cast<std::int64_t>(attrs.filesize);
-                mtime = timeOf(attrs);
-                if ((attrs.flags & LIBSSH2_SFTP_ATTR_PERMISSIONS) &&
-                    LIBSSH2_SFTP_S_ISDIR(attrs.permissions)) {
-                    libssh2_sftp_close(h);
-                    giveBack(*s);
-                    failure = KvError::errorWithDomain(ErrorDomain::SFTP, ErrorCode::DownloadFailed,
-                                                       "Internal Error: download folder");
-                    break;
-                }
-            }
-        }
-        if (!out) {
-            out = std::fopen(saveTo.c_str(), "wb");
-            if (!out) {
-                libssh2_sftp_close(h);
-                giveBack(*s);
-                failure = localWriteError(ErrorCode::DownloadFailed, saveTo, errno);
-                break;
-            }
-        }
-        libssh2_sftp_seek64(h, static_cast<libssh2_uint64_t>(done));
-        failure.reset();
-        bool ended = false;
-        while (!failure) {
-            if (cancelled()) {
-                failure = cancelledError();
-                break;
-            }
-            ssize_t n = libssh2_sftp_read(h, buffer.data(), buffer.size());
-            if (n == 0) {
-                ended = true;
-                break;
-            }
-            if (n < 0) {
-                failure = lastError(session, ErrorCode::DownloadFailed, "Reading " + path);
-                break;
-            }
-            if (std::fwrite(buffer.data(), 1, static_cast<std::size_t>(n), out) !=
-                static_cast<std::size_t>(n)) {
-                failure = localWriteError(ErrorCode::DownloadFailed, saveTo, errno);
-                break;
-            }
-            done += n;
-            throttle.report(done, std::max(total, done));
-        }
-        if (ended) {
-            libssh2_sftp_close(h);
-            giveBack(*s);
-            break;
-        }
-        // Read-ahead requests are still in flight: the session is not reused.
-        abandonHandle(session.session, h);
-        session.cleanup();
-        if (!isConnectionError(*failure)) break;
     }
-    bool whole = !failure && out && !cancelled();
-    if (out && std::fclose(out) != 0 && whole) {
+    bool whole = result && sink.opened() && !cancelled();
+    if (sink.finish(whole, mtime) != 0) {
         whole = false;
-        failure = KvError::errorWithDomain(ErrorDomain::SFTP, ErrorCode::DownloadFailed,
-                                           "Cannot write " + saveTo);
+        result =
+            KvError::fail(ErrorDomain::SFTP, ErrorCode::DownloadFailed, "Cannot write " + saveTo);
     }
-    if (cancelled() && !failure) failure = cancelledError();
-    if (!whole) {
-        if (out) ::unlink(saveTo.c_str());
-        return std::unexpected(failure.value_or(cancelledError()));
-    }
-    if (mtime) {
-        timespec times[2];
-        times[0].tv_sec = times[1].tv_sec = std::chrono::system_clock::to_time_t(*mtime);
-        times[0].tv_nsec = times[1].tv_nsec = 0;
-        ::utimensat(AT_FDCWD, saveTo.c_str(), times, 0);
-    }
+    if (!whole) return result ? Status(std::unexpected(cancelledError())) : result;
+    std::int64_t done = d.done;
     if (done > 0) throttle.finish(done, done);
     return {};
 }
@@ -682,43 +746,28 @@ Status SFTPWrapper::uploadSync(const KvMetadata& localFile, const KvMetadata& to
     const std::string target = joinPath(folder, name);
     const std::string temporary = joinPath(folder, "." + name + ".quillon-upload");
 
-    int in = ::open(local.c_str(), O_RDONLY | O_CLOEXEC);
-    if (in < 0)
+    UploadSource source(kTransferBuffer);
+    if (int err = source.open(local))
         return KvError::fail(ErrorDomain::SFTP, ErrorCode::UploadFailed,
-                             fmt::format("Cannot read {}: {}", local, std::strerror(errno)));
-    struct stat st {};
-    ::fstat(in, &st);
-    const std::int64_t total = st.st_size;
-    std::vector<char> buffer(kTransferBuffer);
-    std::int64_t done = 0;
+                             fmt::format("Cannot read {}: {}", local, std::strerror(err)));
+    const std::int64_t total = source.size();
     ProgressThrottle throttle(progress);
-    std::optional<Error> failure;
     SessionPtr last;
-    bool written = false;
 
-    for (int attempt = 0; attempt < maxAttempts_ && !written; ++attempt) {
-        if (attempt > 0) {
-            std::this_thread::sleep_for(retryPause_);
-            if (cancelled()) break;
-        }
+    auto send = [&](int attempt) -> Status {
         auto s = takeSession();
-        if (!s) {
-            failure = s.error();
-            if (isConnectionError(s.error())) continue;
-            break;
-        }
+        if (!s) return std::unexpected(s.error());
         SftpSession& session = **s;
         unsigned long flags = LIBSSH2_FXF_WRITE | LIBSSH2_FXF_CREAT;
         if (attempt == 0) flags |= LIBSSH2_FXF_TRUNC;
         LIBSSH2_SFTP_HANDLE* h = libssh2_sftp_open(session.sftp, temporary.c_str(), flags, 0644);
         if (!h) {
-            failure = lastError(session, ErrorCode::UploadFailed, "Creating " + target);
-            if (isConnectionError(*failure)) {
+            auto e = lastError(session, ErrorCode::UploadFailed, "Creating " + target);
+            if (isConnectionError(e))
                 session.cleanup();
-                continue;
-            }
-            giveBack(*s);
-            break;
+            else
+                giveBack(*s);
+            return std::unexpected(e);
         }
         if (attempt > 0) {
             // Continue from what both the server holds and it acknowledged.
@@ -726,89 +775,88 @@ Status SFTPWrapper::uploadSync(const KvMetadata& localFile, const KvMetadata& to
             std::int64_t held = 0;
             if (libssh2_sftp_fstat(h, &attrs) == 0 && (attrs.flags & LIBSSH2_SFTP_ATTR_SIZE))
                 held = static_cast<std::int64_t>(attrs.filesize);
-            done = std::min(done, held);
-            libssh2_sftp_seek64(h, static_cast<libssh2_uint64_t>(done));
+            if (!source.restartAt(std::min(source.sent(), held))) {
+                libssh2_sftp_close(h);
+                giveBack(*s);
+                return KvError::fail(
+                    ErrorDomain::SFTP, ErrorCode::UploadFailed,
+                    fmt::format("The server lost part of {}, which cannot be read again", local));
+            }
+            libssh2_sftp_seek64(h, static_cast<libssh2_uint64_t>(source.sent()));
         }
-        failure.reset();
-        // Bytes read from the file but not yet taken by the server are offered again.
-        std::size_t filled = 0, offered = 0;
-        std::int64_t readAt = done;
-        while (!failure) {
+        std::optional<Error> failure;
+        const char* data = nullptr;
+        std::size_t size = 0;
+        int err = 0;
+        for (;;) {
             if (cancelled()) {
                 failure = cancelledError();
                 break;
             }
-            if (offered == filled) {
-                offered = filled = 0;
-                ssize_t r = ::pread(in, buffer.data(), buffer.size(), readAt);
-                if (r < 0) {
-                    failure = KvError::errorWithDomain(
-                        ErrorDomain::SFTP, ErrorCode::UploadFailed,
-                        fmt::format("Cannot read {}: {}", local, std::strerror(errno)));
-                    break;
-                }
-                if (r == 0) break;
-                filled = static_cast<std::size_t>(r);
-                readAt += r;
+            if (!source.pending(data, size, err)) {
+                failure = KvError::errorWithDomain(
+                    ErrorDomain::SFTP, ErrorCode::UploadFailed,
+                    fmt::format("Cannot read {}: {}", local, std::strerror(err)));
+                break;
             }
-            ssize_t n = libssh2_sftp_write(h, buffer.data() + offered, filled - offered);
+            if (size == 0) break;
+            ssize_t n = libssh2_sftp_write(h, data, size);
             if (n < 0) {
                 failure = lastError(session, ErrorCode::UploadFailed, "Writing " + target);
                 break;
             }
-            offered += static_cast<std::size_t>(n);
-            done += n;
-            throttle.report(done, total);
+            source.taken(static_cast<std::size_t>(n));
+            throttle.report(source.sent(), total);
         }
         if (failure) {
             if (failure->is(ErrorKind::Cancelled)) {
                 // What was already sent is acknowledged first: the handle then closes cleanly
                 // and the session stays good for the clean-up and later requests.
-                while (offered < filled) {
-                    ssize_t n = libssh2_sftp_write(h, buffer.data() + offered, filled - offered);
+                while (source.rest() > 0 && source.pending(data, size, err)) {
+                    ssize_t n = libssh2_sftp_write(h, data, size);
                     if (n <= 0) break;
-                    offered += static_cast<std::size_t>(n);
+                    source.taken(static_cast<std::size_t>(n));
                 }
-                if (offered == filled && libssh2_sftp_close(h) == 0) {
+                if (source.rest() == 0 && libssh2_sftp_close(h) == 0) {
                     last = *s;
-                    break;
+                    return std::unexpected(*failure);
                 }
             }
             abandonHandle(session.session, h);
             session.cleanup();
-            if (isConnectionError(*failure)) continue;
-            break;
+            return std::unexpected(*failure);
         }
         LIBSSH2_SFTP_ATTRIBUTES attrs{};
         attrs.flags = LIBSSH2_SFTP_ATTR_ACMODTIME;
-        attrs.atime = static_cast<unsigned long>(st.st_atim.tv_sec);
-        attrs.mtime = static_cast<unsigned long>(st.st_mtim.tv_sec);
+        attrs.atime = static_cast<unsigned long>(source.stat().st_atim.tv_sec);
+        attrs.mtime = static_cast<unsigned long>(source.stat().st_mtim.tv_sec);
         (void)libssh2_sftp_fsetstat(h, &attrs);
         LIBSSH2_SFTP_ATTRIBUTES held{};
         bool sized = libssh2_sftp_fstat(h, &held) == 0 && (held.flags & LIBSSH2_SFTP_ATTR_SIZE);
         if (libssh2_sftp_close(h) != 0) {
-            failure = lastError(session, ErrorCode::UploadFailed, "Writing " + target);
-            if (isConnectionError(*failure)) {
+            auto e = lastError(session, ErrorCode::UploadFailed, "Writing " + target);
+            if (isConnectionError(e)) {
                 session.cleanup();
-                continue;
+                return std::unexpected(e);
             }
-        } else if (sized && static_cast<std::int64_t>(held.filesize) != total) {
-            failure = KvError::errorWithDomain(
-                ErrorDomain::SFTP, ErrorCode::UploadFailed,
-                fmt::format("The server holds {} of {} bytes of {}", held.filesize, total, name));
-        } else {
-            written = true;
+            last = *s;
+            return std::unexpected(e);
         }
         last = *s;
-        break;
-    }
-    ::close(in);
+        // A pipe's size is what came through it.
+        const std::int64_t expected = source.seekable() ? total : source.sent();
+        if (sized && static_cast<std::int64_t>(held.filesize) != expected)
+            return KvError::fail(ErrorDomain::SFTP, ErrorCode::UploadFailed,
+                                 fmt::format("The server holds {} of {} bytes of {}", held.filesize,
+                                             expected, name));
+        return {};
+    };
+    Status sent = attempts_.run(send, [this] { return cancelled(); });
 
     auto discard = [&](SftpSession* s) {
         if (s && s->sftp) libssh2_sftp_unlink(s->sftp, temporary.c_str());
     };
-    if (!written) {
-        if (cancelled() && !failure) failure = cancelledError();
+    if (!sent) {
         // The hidden partial file goes; from a fresh session when the last one is gone.
         if (last && last->sftp) {
             discard(last.get());
@@ -822,7 +870,7 @@ Status SFTPWrapper::uploadSync(const KvMetadata& localFile, const KvMetadata& to
             });
             setCancelled(wasCancelled);
         }
-        return std::unexpected(failure.value_or(cancelledError()));
+        return sent;
     }
     SftpSession& s = *last;
     Status result;
@@ -843,7 +891,7 @@ Status SFTPWrapper::uploadSync(const KvMetadata& localFile, const KvMetadata& to
         result = std::unexpected(lastError(s, ErrorCode::UploadFailed, "Replacing " + target));
         discard(&s);
     }
-    if (result) throttle.finish(total, total);
+    if (result) throttle.finish(source.sent(), source.sent());
     if (isConnectionError(result ? Error{} : result.error()))
         s.cleanup();
     else

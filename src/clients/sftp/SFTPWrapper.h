@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 
+#include "clients/ResumableTransfer.h"
 #include "core/ClientExtras.h"
 #include "core/KvConnectionPool.h"
 #include "core/Wrapper.h"
@@ -56,7 +57,9 @@ class SFTPWrapper : public Wrapper, public LinkReader {
     // lstat of the item; a link is reported as a link, with the kind of what it points to.
     [[nodiscard]] Result<KvMetadata> metadataOfItemSync(const KvMetadata& item) override;
     // Pipelined reads into `saveTo`, resumed after a broken connection; the server's time is
-    // kept. A file that did not arrive whole is removed.
+    // kept. A file that did not arrive whole is removed. A large file into a regular file comes
+    // in two halves over two sessions at once: libssh2 decrypts a block at a time, so one
+    // session keeps one core busy before the network is.
     [[nodiscard]] Status downloadSync(const KvMetadata& file, const std::string& saveTo,
                                       const ProgressHandler& progress) override;
     // Pipelined writes to a hidden name beside the target, resumed after a broken connection,
@@ -80,14 +83,17 @@ class SFTPWrapper : public Wrapper, public LinkReader {
 
     // How many times a broken transfer is taken up again, and the pause before each attempt.
     void setRetries(int attempts, std::chrono::milliseconds pause) {
-        maxAttempts_ = attempts;
-        retryPause_ = pause;
+        attempts_ = {attempts, pause};
     }
+    // Downloads of at least this many bytes are split over two sessions (0: never).
+    void setSplitDownloadsFrom(std::int64_t bytes) { splitDownloadsFrom_ = bytes; }
     // The known_hosts file consulted and extended (~/.ssh/known_hosts of the program's home).
     static std::string knownHostsPath();
 
   private:
     using SessionPtr = std::shared_ptr<SftpSession>;
+    struct Download;
+    struct DownloadPart;
     // A pooled session (connected and logged in), or the connection's error.
     Result<SessionPtr> takeSession();
     void giveBack(const SessionPtr& s);
@@ -106,14 +112,19 @@ class SFTPWrapper : public Wrapper, public LinkReader {
 
     KvMetadata recordOf(const std::string& path, const std::string& name,
                         const LIBSSH2_SFTP_ATTRIBUTES& attrs, SftpSession* s) const;
+    // Reads `part` of the file into the download's target, on `first` when given and on fresh
+    // sessions after a broken connection; `opened` sees the handle of the first open.
+    Status fetchPart(Download& d, DownloadPart& part, SessionPtr first,
+                     const std::function<Status(SftpSession&, LIBSSH2_SFTP_HANDLE*)>& opened,
+                     const std::function<void()>& received);
     Result<KvMetadataList> list(SftpSession& s, const std::string& path, bool includeHidden);
     Status removeTree(SftpSession& s, const std::string& path);
     bool includesHiddenFiles() const;
 
     std::optional<KvMetadata> streamFile_;
     std::optional<std::string> loginFolder_;
-    int maxAttempts_ = 10;
-    std::chrono::milliseconds retryPause_{1000};
+    TransferAttempts attempts_;
+    std::int64_t splitDownloadsFrom_ = 64 * 1024 * 1024;
 };
 
 }  // namespace quillon

@@ -199,18 +199,18 @@ Result<SMBCCTX*> SmbWrapper::context() {
     return ctx_;
 }
 
-Result<SMBCCTX*> SmbWrapper::contextForAttempt(int attempt,
-                                               std::unique_lock<std::recursive_mutex>& guard) {
-    if (attempt > 0) {
-        // A broken connection: a new session, after a pause in which other clients may call the
-        // library, continues where the transfer stopped.
-        dropContext();
-        guard.unlock();
-        std::this_thread::sleep_for(retryPause_);
-        guard.lock();
-        if (cancelled()) return std::unexpected(cancelledError());
-    }
-    return context();
+Status SmbWrapper::runAttempts(const std::function<Status(int)>& attempt,
+                               std::unique_lock<std::recursive_mutex>& guard) {
+    auto result = attempts_.run(
+        attempt, [this] { return cancelled(); },
+        [&](std::chrono::milliseconds pause) {
+            dropContext();
+            guard.unlock();
+            std::this_thread::sleep_for(pause);
+            guard.lock();
+        });
+    if (!result && cancelled()) return std::unexpected(cancelledError());
+    return result;
 }
 
 void SmbWrapper::dropContext() {
@@ -343,50 +343,34 @@ Status SmbWrapper::downloadSync(const KvMetadata& file, const std::string& saveT
     const std::string path = trimmedSlashes(file.pathOrEmpty());
     const std::string url = urlOf(path);
     std::unique_lock guard(libraryLock());
-    std::FILE* out = nullptr;
+    DownloadSink sink(saveTo);
     std::int64_t done = 0, total = -1;
     std::optional<TimePoint> mtime;
     ProgressThrottle throttle(progress);
-    std::optional<Error> failure;
     std::vector<char> buffer(kTransferBuffer);
-    bool ended = false;
 
-    for (int attempt = 0; attempt < maxAttempts_ && !ended; ++attempt) {
-        auto ctx = contextForAttempt(attempt, guard);
-        if (!ctx) {
-            failure = ctx.error();
-            if (failure->is(ErrorKind::Connection)) continue;
-            break;
-        }
+    auto fetch = [&](int) -> Status {
+        auto ctx = context();
+        if (!ctx) return std::unexpected(ctx.error());
         if (total < 0) {
             struct stat st {};
-            if (smbc_getFunctionStat(*ctx)(*ctx, url.c_str(), &st) != 0) {
-                failure = errnoError(errno, ErrorCode::DownloadFailed, "Opening " + path);
-                if (failure->is(ErrorKind::Connection)) continue;
-                break;
-            }
-            if (S_ISDIR(st.st_mode)) {
-                failure = KvError::errorWithDomain(ErrorDomain::SMB, ErrorCode::DownloadFailed,
-                                                   "Internal Error: download folder");
-                break;
-            }
+            if (smbc_getFunctionStat(*ctx)(*ctx, url.c_str(), &st) != 0)
+                return std::unexpected(
+                    errnoError(errno, ErrorCode::DownloadFailed, "Opening " + path));
+            if (S_ISDIR(st.st_mode))
+                return KvError::fail(ErrorDomain::SMB, ErrorCode::DownloadFailed,
+                                     "Internal Error: download folder");
             total = st.st_size;
             mtime = timeOf(st);
         }
         SMBCFILE* in = smbc_getFunctionOpen(*ctx)(*ctx, url.c_str(), O_RDONLY, 0);
-        if (!in) {
-            failure = errnoError(errno, ErrorCode::DownloadFailed, "Opening " + path);
-            if (failure->is(ErrorKind::Connection)) continue;
-            break;
-        }
-        if (!out && !(out = std::fopen(saveTo.c_str(), "wb"))) {
-            failure = localWriteError(ErrorCode::DownloadFailed, saveTo, errno);
-            smbc_getFunctionClose (*ctx)(*ctx, in);
-            break;
-        }
-        failure.reset();
-        if (done > 0 &&
-            smbc_getFunctionLseek(*ctx)(*ctx, in, static_cast<off_t>(done), SEEK_SET) < 0)
+        if (!in)
+            return std::unexpected(errnoError(errno, ErrorCode::DownloadFailed, "Opening " + path));
+        std::optional<Error> failure;
+        if (int err = sink.open())
+            failure = localWriteError(ErrorCode::DownloadFailed, saveTo, err);
+        else if (done > 0 &&
+                 smbc_getFunctionLseek(*ctx)(*ctx, in, static_cast<off_t>(done), SEEK_SET) < 0)
             failure = errnoError(errno, ErrorCode::DownloadFailed, "Reading " + path);
         while (!failure) {
             if (cancelled()) {
@@ -394,43 +378,33 @@ Status SmbWrapper::downloadSync(const KvMetadata& file, const std::string& saveT
                 break;
             }
             ssize_t n = smbc_getFunctionRead(*ctx)(*ctx, in, buffer.data(), buffer.size());
-            if (n == 0) {
-                ended = true;
-                break;
-            }
+            if (n == 0) break;
             if (n < 0) {
                 failure = errnoError(errno, ErrorCode::DownloadFailed, "Reading " + path);
                 break;
             }
-            if (std::fwrite(buffer.data(), 1, static_cast<std::size_t>(n), out) !=
-                static_cast<std::size_t>(n)) {
-                failure = localWriteError(ErrorCode::DownloadFailed, saveTo, errno);
+            if (int err = sink.write(done, buffer.data(), static_cast<std::size_t>(n))) {
+                failure = localWriteError(ErrorCode::DownloadFailed, saveTo, err);
                 break;
             }
             done += n;
             throttle.report(done, std::max(total, done));
         }
         smbc_getFunctionClose (*ctx)(*ctx, in);
-        if (failure && !failure->is(ErrorKind::Connection)) break;
-    }
-    if (out && std::fclose(out) != 0 && !failure)
-        failure = KvError::errorWithDomain(ErrorDomain::SMB, ErrorCode::DownloadFailed,
-                                           "Cannot write " + saveTo);
+        if (failure) return std::unexpected(*failure);
+        return {};
+    };
+    Status result = runAttempts(fetch, guard);
     // A file that shrank on the way is not whole.
-    if (ended && !failure && done < total)
-        failure = KvError::errorWithDomain(
-            ErrorDomain::SMB, ErrorCode::DownloadFailed,
-            fmt::format("{} ended after {} of {} bytes", path, done, total));
-    if (!ended || failure) {
-        if (failure && failure->is(ErrorKind::Connection)) dropContext();
-        if (out) ::unlink(saveTo.c_str());
-        return std::unexpected(failure.value_or(cancelledError()));
-    }
-    if (mtime) {
-        timespec times[2];
-        times[0].tv_sec = times[1].tv_sec = std::chrono::system_clock::to_time_t(*mtime);
-        times[0].tv_nsec = times[1].tv_nsec = 0;
-        ::utimensat(AT_FDCWD, saveTo.c_str(), times, 0);
+    if (result && done < total)
+        result = KvError::fail(ErrorDomain::SMB, ErrorCode::DownloadFailed,
+                               fmt::format("{} ended after {} of {} bytes", path, done, total));
+    if (sink.finish(result.has_value(), mtime) != 0)
+        result =
+            KvError::fail(ErrorDomain::SMB, ErrorCode::DownloadFailed, "Cannot write " + saveTo);
+    if (!result) {
+        if (result.error().is(ErrorKind::Connection)) dropContext();
+        return result;
     }
     throttle.finish(done, done);
     return {};
@@ -451,94 +425,74 @@ Status SmbWrapper::uploadSync(const KvMetadata& localFile, const KvMetadata& toF
     const std::string target = joinPath(folder, name);
     const std::string temporary = joinPath(folder, "." + name + ".quillon-upload");
 
-    int in = ::open(local.c_str(), O_RDONLY | O_CLOEXEC);
-    if (in < 0)
+    // Read once, front to back: what the server has not taken of a piece is offered again after
+    // a broken connection.
+    UploadSource source(kTransferBuffer);
+    if (int err = source.open(local))
         return KvError::fail(ErrorDomain::SMB, ErrorCode::UploadFailed,
-                             fmt::format("Cannot read {}: {}", local, std::strerror(errno)));
-    struct stat st {};
-    ::fstat(in, &st);
-    const std::int64_t total = st.st_size;
+                             fmt::format("Cannot read {}: {}", local, std::strerror(err)));
+    const std::int64_t total = source.size();
+    const struct stat& st = source.stat();
 
     std::unique_lock guard(libraryLock());
-    std::vector<char> buffer(kTransferBuffer);
-    // The file is read once, front to back: what the server has not taken of the buffer is
-    // offered again after a broken connection.
-    std::size_t filled = 0, offered = 0;
-    std::int64_t done = 0;
-    bool sourceEnded = false;
     ProgressThrottle throttle(progress);
-    std::optional<Error> failure;
     SMBCCTX* ctx = nullptr;
     SMBCFILE* out = nullptr;
-    for (int attempt = 0; attempt < maxAttempts_ && !sourceEnded; ++attempt) {
-        auto made = contextForAttempt(attempt, guard);
-        if (!made) {
-            failure = made.error();
-            if (failure->is(ErrorKind::Connection)) continue;
-            break;
-        }
+    auto send = [&](int attempt) -> Status {
+        auto made = context();
+        if (!made) return std::unexpected(made.error());
         ctx = *made;
         out = attempt == 0
                   ? smbc_getFunctionCreat(ctx)(ctx, urlOf(temporary).c_str(), 0644)
                   : smbc_getFunctionOpen(ctx)(ctx, urlOf(temporary).c_str(), O_WRONLY, 0644);
-        if (!out) {
-            failure = errnoError(errno, ErrorCode::UploadFailed, "Creating " + target);
-            if (failure->is(ErrorKind::Connection)) continue;
-            break;
-        }
-        failure.reset();
-        if (done > 0 &&
-            smbc_getFunctionLseek(ctx)(ctx, out, static_cast<off_t>(done), SEEK_SET) < 0)
+        if (!out)
+            return std::unexpected(
+                errnoError(errno, ErrorCode::UploadFailed, "Creating " + target));
+        std::optional<Error> failure;
+        if (source.sent() > 0 &&
+            smbc_getFunctionLseek(ctx)(ctx, out, static_cast<off_t>(source.sent()), SEEK_SET) < 0)
             failure = errnoError(errno, ErrorCode::UploadFailed, "Writing " + target);
         while (!failure) {
             if (cancelled()) {
                 failure = cancelledError();
                 break;
             }
-            if (offered == filled) {
-                offered = filled = 0;
-                ssize_t r = ::read(in, buffer.data(), buffer.size());
-                if (r < 0) {
-                    failure = KvError::errorWithDomain(
-                        ErrorDomain::SMB, ErrorCode::UploadFailed,
-                        fmt::format("Cannot read {}: {}", local, std::strerror(errno)));
-                    break;
-                }
-                if (r == 0) {
-                    sourceEnded = true;
-                    break;
-                }
-                filled = static_cast<std::size_t>(r);
+            const char* data = nullptr;
+            std::size_t size = 0;
+            int err = 0;
+            if (!source.pending(data, size, err)) {
+                failure = KvError::errorWithDomain(
+                    ErrorDomain::SMB, ErrorCode::UploadFailed,
+                    fmt::format("Cannot read {}: {}", local, std::strerror(err)));
+                break;
             }
-            ssize_t n =
-                smbc_getFunctionWrite(ctx)(ctx, out, buffer.data() + offered, filled - offered);
+            // All sent: the file is closed below, where its close can fail the upload.
+            if (size == 0) return {};
+            ssize_t n = smbc_getFunctionWrite(ctx)(ctx, out, data, size);
             if (n <= 0) {
                 failure =
                     errnoError(n < 0 ? errno : EIO, ErrorCode::UploadFailed, "Writing " + target);
                 break;
             }
-            offered += static_cast<std::size_t>(n);
-            done += n;
-            throttle.report(done, total);
+            source.taken(static_cast<std::size_t>(n));
+            throttle.report(source.sent(), total);
         }
-        if (sourceEnded) break;
         smbc_getFunctionClose(ctx)(ctx, out);
         out = nullptr;
-        if (failure && !failure->is(ErrorKind::Connection)) break;
-    }
-    ::close(in);
-    if (out && smbc_getFunctionClose(ctx)(ctx, out) != 0 && !failure)
-        failure = errnoError(errno, ErrorCode::UploadFailed, "Writing " + target);
-    if (!sourceEnded && !failure) failure = cancelledError();
+        return std::unexpected(*failure);
+    };
+    Status result = runAttempts(send, guard);
+    if (out && smbc_getFunctionClose(ctx)(ctx, out) != 0 && result)
+        result = std::unexpected(errnoError(errno, ErrorCode::UploadFailed, "Writing " + target));
     auto discard = [&] {
         if (ctx_) smbc_getFunctionUnlink(ctx_)(ctx_, urlOf(temporary).c_str());
     };
-    if (failure) {
-        if (failure->is(ErrorKind::Connection))
+    if (!result) {
+        if (result.error().is(ErrorKind::Connection))
             dropContext();
         else
             discard();
-        return std::unexpected(*failure);
+        return result;
     }
     // The local file's time is kept.
     struct timeval times[2];

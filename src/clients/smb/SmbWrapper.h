@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 
+#include "clients/ResumableTransfer.h"
 #include "core/Wrapper.h"
 
 typedef struct _SMBCCTX SMBCCTX;
@@ -52,8 +53,7 @@ class SmbWrapper : public Wrapper {
 
     // How many times a broken transfer is taken up again, and the pause before each attempt.
     void setRetries(int attempts, std::chrono::milliseconds pause) {
-        maxAttempts_ = attempts;
-        retryPause_ = pause;
+        attempts_ = {attempts, pause};
     }
 
     // "smb://host[:port]" + the percent-escaped path, as libsmbclient takes it.
@@ -67,8 +67,10 @@ class SmbWrapper : public Wrapper {
   private:
     // The context, made on first use; none when the library cannot start.
     Result<SMBCCTX*> context();
-    // The context of a transfer's attempt: after the first, a new one after the pause.
-    Result<SMBCCTX*> contextForAttempt(int attempt, std::unique_lock<std::recursive_mutex>& guard);
+    // Runs a transfer's attempts: after a broken one, a new context after the pause, in which
+    // other clients may call the library.
+    Status runAttempts(const std::function<Status(int)>& attempt,
+                       std::unique_lock<std::recursive_mutex>& guard);
     void dropContext();
     Error errnoError(int err, long code, std::string_view what) const;
     Error cancelledError() const;
@@ -82,8 +84,7 @@ class SmbWrapper : public Wrapper {
     Credentials creds_;
     std::string host_;  // the address the server's name resolved to
     std::optional<KvMetadata> streamFile_;
-    int maxAttempts_ = 10;
-    std::chrono::milliseconds retryPause_{1000};
+    TransferAttempts attempts_;
 };
 
 }  // namespace quillon

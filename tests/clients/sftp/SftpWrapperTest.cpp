@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -85,9 +86,11 @@ class SftpClient : public ClientTest {
 };
 
 // A TCP relay to 127.0.0.1:argv[1] that breaks its first connection once the client sent
-// argv[2] bytes, and tells how much each connection carried from the client.
+// argv[2] bytes (the server, with argv[3] "down"), and tells how much each connection carried
+// that way.
 constexpr const char* kCuttingRelay = R"(import socket, sys, threading
 target, limit = int(sys.argv[1]), int(sys.argv[2])
+down = sys.argv[3:] == ["down"]
 listener = socket.create_server(("127.0.0.1", 0))
 print("listening", listener.getsockname()[1], flush=True)
 first = True
@@ -110,6 +113,8 @@ def pump(src, dst, cut):
     return carried
 def serve(client, cut):
     server = socket.create_connection(("127.0.0.1", target))
+    if down:
+        client, server = server, client
     threading.Thread(target=pump, args=(server, client, None), daemon=True).start()
     carried = pump(client, server, cut)
     print("cut after" if cut else "carried", carried, "" if cut else "uncut", flush=True)
@@ -276,15 +281,21 @@ TEST_F(SftpClient, TransfersContinueAfterTheServerDroppedTheSession) {
     // upload goes on in a new connection from what the server holds, so that one carries only the
     // rest (the relay prints what each connection carried when it ends). What the server had
     // received but not yet written is lost with the connection: several MiB at most.
+    // The server's record with the relay's port, trusted there too.
+    auto relayed = [&](ChildProcess& relay) -> ServerInfoPtr {
+        auto port = relay.waitForOutput(std::regex("listening ([0-9]+)\n"));
+        if (!port) return nullptr;
+        auto info = server->serverInfo();
+        info->setValue(*port, ServerProp::PORT);
+        std::ofstream(SFTPWrapper::knownHostsPath(), std::ios::app)
+            << "[127.0.0.1]:" << *port
+            << server->knownHostsLine().substr(server->knownHostsLine().find(' ')) << "\n";
+        return info;
+    };
     ChildProcess relay({"python3", "-c", kCuttingRelay, std::to_string(server->port()),
                         std::to_string(20 * 1024 * 1024)});
-    auto relayPort = relay.waitForOutput(std::regex("listening ([0-9]+)\n"));
-    ASSERT_TRUE(relayPort) << relay.err();
-    auto viaRelay = server->serverInfo();
-    viaRelay->setValue(*relayPort, ServerProp::PORT);
-    std::ofstream(SFTPWrapper::knownHostsPath(), std::ios::app)
-        << "[127.0.0.1]:" << *relayPort
-        << server->knownHostsLine().substr(server->knownHostsLine().find(' ')) << "\n";
+    auto viaRelay = relayed(relay);
+    ASSERT_TRUE(viaRelay) << relay.err();
     std::string source = local / "up.bin";
     writeFile(source, content);
     KvMetadata localFile(source);
@@ -303,6 +314,62 @@ TEST_F(SftpClient, TransfersContinueAfterTheServerDroppedTheSession) {
     ASSERT_TRUE(carried) << relay.out();
     EXPECT_NE(relay.out().find("cut after"), std::string::npos) << relay.out();
     EXPECT_LT(std::stoull(*carried), content.size() - 4 * 1024 * 1024) << "the upload started over";
+
+    // Into a file, a large download comes in two halves over two sessions at once. When the
+    // first session breaks (the relay cuts the first connection after 4 MiB from the server),
+    // its half goes on in another; without attempts left, the other half stops and nothing
+    // stays behind.
+    std::string saved = local / "saved.bin";
+    auto splitting = [&](const ServerInfoPtr& info, int attempts) {
+        KvConnectionPool::clearConnectionPool();
+        auto c = clientOf(info);
+        c->setRetries(attempts, std::chrono::milliseconds(100));
+        c->setSplitDownloadsFrom(8 * 1024 * 1024);
+        return c;
+    };
+    loginsBefore = server->logins();
+    result = splitting(server->serverInfo(), 10)->downloadSync(file, saved, {});
+    ASSERT_TRUE(result) << result.error().describe();
+    EXPECT_TRUE(readFile(saved) == content) << "the download in two halves differs";
+    EXPECT_EQ(server->logins() - loginsBefore, 2) << "the halves did not come at once";
+    ChildProcess downRelay({"python3", "-c", kCuttingRelay, std::to_string(server->port()),
+                            std::to_string(4 * 1024 * 1024), "down"});
+    viaRelay = relayed(downRelay);
+    ASSERT_TRUE(viaRelay) << downRelay.err();
+    result = splitting(viaRelay, 10)->downloadSync(file, saved, {});
+    ASSERT_TRUE(result) << result.error().describe();
+    EXPECT_TRUE(readFile(saved) == content) << "the continued download in two halves differs";
+    EXPECT_TRUE(downRelay.waitForOutput(std::regex("(cut after)"))) << downRelay.out();
+    ChildProcess lastRelay({"python3", "-c", kCuttingRelay, std::to_string(server->port()),
+                            std::to_string(4 * 1024 * 1024), "down"});
+    viaRelay = relayed(lastRelay);
+    ASSERT_TRUE(viaRelay) << lastRelay.err();
+    result = splitting(viaRelay, 1)->downloadSync(file, saved, {});
+    ASSERT_FALSE(result);
+    EXPECT_TRUE(result.error().is(ErrorKind::Connection)) << result.error().describe();
+    EXPECT_FALSE(std::filesystem::exists(saved)) << "a failed download left its part";
+
+    // A pipe is uploaded as it is read, front to back. An upload that gives up closes the pipe:
+    // the feeder sees EPIPE rather than the signal.
+    ::signal(SIGPIPE, SIG_IGN);
+    std::string pipe = local / "piped.bin";
+    ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+    KvMetadata piped(pipe);
+    piped.localPath = pipe;
+    std::thread feeder([&] {
+        if (int fd = ::open(pipe.c_str(), O_WRONLY | O_CLOEXEC); fd >= 0) {
+            for (std::size_t at = 0; at < content.size();) {
+                ssize_t n = ::write(fd, content.data() + at, content.size() - at);
+                if (n <= 0) break;
+                at += static_cast<std::size_t>(n);
+            }
+            ::close(fd);
+        }
+    });
+    result = splitting(server->serverInfo(), 1)->uploadSync(piped, folder, {});
+    feeder.join();
+    ASSERT_TRUE(result) << result.error().describe();
+    EXPECT_TRUE(readFile(server->hostPath("resume/piped.bin")) == content);
 }
 
 TEST_F(SftpClient, KeepsTimesAndReportsLinksAsLinks) {
