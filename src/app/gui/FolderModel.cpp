@@ -9,6 +9,7 @@
 #include <QUrl>
 #include <algorithm>
 #include <map>
+#include <unordered_map>
 
 #include "core/FileTypeUtils.h"
 #include "core/GCD.h"
@@ -90,13 +91,18 @@ void FolderModel::setFolder(const Location& folder) {
     remember();
     folder_ = folder;
     ++generation_;
-    pending_.clear();
-    pendingAt_ = 0;
     beginResetModel();
+    storage_.clear();
     rows_.clear();
     auto key = keyOf(folder);
     for (auto& entry : cache_)
-        if (entry.key == key) rows_ = entry.rows;
+        if (entry.key == key) {
+            storage_ = entry.storage;
+            rows_ = entry.rows;
+            // Shown as the panel is sorted now, not as it was when the folder was left.
+            if (entry.column != sortColumn_ || entry.order != sortOrder_)
+                sortRows(rows_, sortColumn_, sortOrder_);
+        }
     endResetModel();
     startListing();
 }
@@ -109,19 +115,25 @@ void FolderModel::remember() {
     if (!folder_ || loading_) return;
     auto key = keyOf(*folder_);
     std::erase_if(cache_, [&](const CacheEntry& e) { return e.key == key; });
-    cache_.push_front({key, rows_});
+    cache_.push_front({key, storage_, rows_, sortColumn_, sortOrder_});
     while (cache_.size() > kCacheSize) cache_.pop_back();
 }
 
-void FolderModel::sortRows(KvMetadataList& rows, int column, Qt::SortOrder order) {
-    auto less = [column](const KvMetadata& a, const KvMetadata& b) {
+namespace {
+
+// Folders first in either order, then by the column, then by name.
+struct RowOrder {
+    int column;
+    bool descending;
+
+    static bool less(int column, const KvMetadata& a, const KvMetadata& b) {
         switch (column) {
-            case Size: {
+            case FolderModel::Size: {
                 auto sa = a.fileSizeInBytes.value_or(0), sb = b.fileSizeInBytes.value_or(0);
                 if (sa != sb) return sa < sb;
                 break;
             }
-            case Kind: {
+            case FolderModel::Kind: {
                 if (!a.isDir) {
                     int c = StringUtils::localizedStandardCompare(
                         FileTypeUtils::kindForFileName(itemName(a), false),
@@ -130,93 +142,152 @@ void FolderModel::sortRows(KvMetadataList& rows, int column, Qt::SortOrder order
                 }
                 break;
             }
-            case Modified:
+            case FolderModel::Modified:
                 if (a.timestamp != b.timestamp) return a.timestamp < b.timestamp;
                 break;
             default:
                 break;
         }
-        return StringUtils::localizedStandardCompare(a.nameIgnoreLinkResolve().value_or(""),
-                                                     b.nameIgnoreLinkResolve().value_or("")) < 0;
-    };
-    bool descending = order == Qt::DescendingOrder;
-    // Folders stay on top in either order.
-    std::stable_sort(rows.begin(), rows.end(), [&](const KvMetadata& a, const KvMetadata& b) {
-        if (a.isDir != b.isDir) return a.isDir;
-        return descending ? less(b, a) : less(a, b);
-    });
+        const auto& na = a.nameIgnoreLinkResolve();
+        const auto& nb = b.nameIgnoreLinkResolve();
+        return StringUtils::localizedStandardCompare(na ? *na : std::string_view(),
+                                                     nb ? *nb : std::string_view()) < 0;
+    }
+    bool operator()(const KvMetadata* a, const KvMetadata* b) const {
+        if (a->isDir != b->isDir) return a->isDir;
+        return descending ? less(column, *b, *a) : less(column, *a, *b);
+    }
+};
+
+}  // namespace
+
+void FolderModel::sortRows(Rows& rows, int column, Qt::SortOrder order) {
+    std::stable_sort(rows.begin(), rows.end(), RowOrder{column, order == Qt::DescendingOrder});
 }
 
 void FolderModel::startListing() {
     auto generation = ++generation_;
-    pending_.clear();
-    pendingAt_ = 0;
+    current_->store(generation);
     setLoading(true);
     std::weak_ptr<int> alive = alive_;
+    std::shared_ptr<const std::atomic<std::uint64_t>> current = current_;
     auto server = folder_->server;
     auto folder = folder_->metadata(true);
     int column = sortColumn_;
     auto order = sortOrder_;
-    GCD::doInBackground([this, alive, server, folder, generation, column, order] {
-        // A listing's own client: it never shares a session with the next listing or a transfer.
-        auto client = WrapperProxy::clientForServerInfo(server);
-        Result<KvMetadataList> listing =
-            client ? (*client)->contentsOfDirectoryAtPathSync(folder)
-                   : Result<KvMetadataList>(std::unexpected(client.error()));
-        if (listing) sortRows(*listing, column, order);
-        GCD::doInForeground([this, alive, generation, listing = std::move(listing)]() mutable {
-            if (alive.expired() || generation != generation_) return;
-            if (!listing) {
-                setLoading(false);
-                emit listingFailed(QString::fromStdString(listing.error().describe()));
-                return;
+    // An empty panel shows each batch as it comes; rows on show are replaced in one step, so
+    // that a refresh does not empty the panel on the way.
+    bool streaming = rows_.empty();
+    GCD::doInBackground(
+        [this, alive, current, server, folder, generation, column, order, streaming] {
+            // A listing's own client: it never shares a session with the next listing or a
+            // transfer.
+            auto client = WrapperProxy::clientForServerInfo(server);
+            Storage gathered;
+            Status listed = client ? Status() : Status(std::unexpected(client.error()));
+            if (client)
+                listed = (*client)->contentsOfDirectoryAtPathInBatches(
+                    folder, [&](KvMetadataList&& records) {
+                        if (alive.expired() || current->load() != generation) return false;
+                        auto batch = std::make_shared<const KvMetadataList>(std::move(records));
+                        if (!streaming) {
+                            gathered.push_back(std::move(batch));
+                            return true;
+                        }
+                        Rows sorted;
+                        sorted.reserve(batch->size());
+                        for (auto& record : *batch) sorted.push_back(&record);
+                        sortRows(sorted, column, order);
+                        GCD::doInForeground([this, alive, generation, batch, column, order,
+                                             sorted = std::move(sorted)]() mutable {
+                            if (alive.expired() || generation != generation_) return;
+                            merge(std::move(batch), std::move(sorted), column, order);
+                        });
+                        return true;
+                    });
+            Rows all;
+            if (listed && !streaming) {
+                for (auto& batch : gathered)
+                    for (auto& record : *batch) all.push_back(&record);
+                sortRows(all, column, order);
             }
-            deliver(generation, std::move(*listing));
+            GCD::doInForeground([this, alive, generation, listed, column, order, streaming,
+                                 gathered = std::move(gathered), all = std::move(all)]() mutable {
+                if (alive.expired() || generation != generation_) return;
+                if (!listed) {
+                    setLoading(false);
+                    emit listingFailed(QString::fromStdString(listed.error().describe()));
+                    return;
+                }
+                if (!streaming) {
+                    if (column != sortColumn_ || order != sortOrder_)
+                        sortRows(all, sortColumn_, sortOrder_);
+                    replaceRows(std::move(gathered), std::move(all));
+                }
+                finishLoading();
+            });
         });
-    });
 }
 
-void FolderModel::deliver(std::uint64_t generation, KvMetadataList rows) {
-    if (!rows_.empty()) {
-        // A folder shown from the cache (or refreshed): the fresh rows replace it in one step.
-        beginResetModel();
-        rows_ = std::move(rows);
-        endResetModel();
-        finishLoading();
-        return;
-    }
-    pending_ = std::move(rows);
-    pendingAt_ = 0;
-    (void)generation;
-    mergeNextBatch();
-}
-
-void FolderModel::mergeNextBatch() {
-    if (pendingAt_ < pending_.size()) {
-        std::size_t n = std::min<std::size_t>(kBatchSize, pending_.size() - pendingAt_);
-        int first = static_cast<int>(rows_.size());
-        beginInsertRows({}, first, first + static_cast<int>(n) - 1);
-        auto from = pending_.begin() + static_cast<std::ptrdiff_t>(pendingAt_);
-        rows_.insert(rows_.end(), std::make_move_iterator(from),
-                     std::make_move_iterator(from + static_cast<std::ptrdiff_t>(n)));
-        pendingAt_ += n;
+void FolderModel::merge(std::shared_ptr<const KvMetadataList> batch, Rows sorted, int column,
+                        Qt::SortOrder order) {
+    if (sorted.empty()) return;
+    storage_.push_back(std::move(batch));
+    // The panel was sorted otherwise while the batch was on its way.
+    if (column != sortColumn_ || order != sortOrder_) sortRows(sorted, sortColumn_, sortOrder_);
+    if (rows_.empty()) {
+        beginInsertRows({}, 0, static_cast<int>(sorted.size()) - 1);
+        rows_ = std::move(sorted);
         endInsertRows();
-    }
-    if (pendingAt_ >= pending_.size()) {
-        finishLoading();
         return;
     }
-    // The window paints and takes input between batches; a later listing drops this one.
-    std::weak_ptr<int> alive = alive_;
-    auto generation = generation_;
-    QTimer::singleShot(0, this, [this, alive, generation] {
-        if (!alive.expired() && generation == generation_) mergeNextBatch();
-    });
+    emit layoutAboutToBeChanged();
+    auto before = persistentIndexList();
+    RowOrder less{sortColumn_, sortOrder_ == Qt::DescendingOrder};
+    Rows merged;
+    merged.reserve(rows_.size() + sorted.size());
+    std::vector<int> movedTo(before.isEmpty() ? 0 : rows_.size());
+    std::size_t i = 0, j = 0;
+    while (i < rows_.size() || j < sorted.size()) {
+        // Rows already shown go before new ones that sort the same.
+        if (j == sorted.size() || (i < rows_.size() && !less(sorted[j], rows_[i]))) {
+            if (!movedTo.empty()) movedTo[i] = static_cast<int>(merged.size());
+            merged.push_back(rows_[i++]);
+        } else {
+            merged.push_back(sorted[j++]);
+        }
+    }
+    rows_ = std::move(merged);
+    QModelIndexList after;
+    for (auto& index : before)
+        after.push_back(
+            this->index(movedTo[static_cast<std::size_t>(index.row())], index.column()));
+    changePersistentIndexList(before, after);
+    emit layoutChanged();
+}
+
+void FolderModel::replaceRows(Storage storage, Rows rows) {
+    emit layoutAboutToBeChanged();
+    auto before = persistentIndexList();
+    // Selected and current rows follow their names; those whose item is gone end.
+    std::unordered_map<std::string, int> rowOf;
+    for (auto& index : before) rowOf.emplace(itemName(item(index.row())), -1);
+    if (!rowOf.empty())
+        for (std::size_t r = 0; r < rows.size(); ++r)
+            if (auto it = rowOf.find(itemName(*rows[r])); it != rowOf.end() && it->second < 0)
+                it->second = static_cast<int>(r);
+    QModelIndexList after;
+    for (auto& index : before) {
+        int row = rowOf.at(itemName(item(index.row())));
+        after.push_back(row < 0 ? QModelIndex() : createIndex(row, index.column()));
+    }
+    storage_ = std::move(storage);
+    rows_ = std::move(rows);
+    changePersistentIndexList(before, after);
+    emit layoutChanged();
 }
 
 void FolderModel::finishLoading() {
-    pending_.clear();
-    pendingAt_ = 0;
     setLoading(false);
     remember();
 }
@@ -310,28 +381,19 @@ void FolderModel::sort(int column, Qt::SortOrder order) {
     sortOrder_ = order;
     emit layoutAboutToBeChanged({}, QAbstractItemModel::VerticalSortHint);
     auto before = persistentIndexList();
-    std::vector<std::string> names;
-    for (auto& index : before) names.push_back(itemName(item(index.row())));
-    // Rows still waiting to be merged join now, so that the whole folder is in the new order.
-    bool merged = pendingAt_ < pending_.size();
-    if (merged) {
-        rows_.insert(
-            rows_.end(),
-            std::make_move_iterator(pending_.begin() + static_cast<std::ptrdiff_t>(pendingAt_)),
-            std::make_move_iterator(pending_.end()));
-        pending_.clear();
-        pendingAt_ = 0;
-    }
+    std::vector<const KvMetadata*> held;
+    for (auto& index : before) held.push_back(rows_[static_cast<std::size_t>(index.row())]);
     sortRows(rows_, column, order);
-    std::map<std::string, int> rowOf;
-    for (std::size_t i = 0; i < rows_.size(); ++i)
-        rowOf.emplace(itemName(rows_[i]), static_cast<int>(i));
+    std::unordered_map<const KvMetadata*, int> rowOf;
+    for (auto* record : held) rowOf.emplace(record, -1);
+    if (!rowOf.empty())
+        for (std::size_t r = 0; r < rows_.size(); ++r)
+            if (auto it = rowOf.find(rows_[r]); it != rowOf.end()) it->second = static_cast<int>(r);
     QModelIndexList after;
     for (qsizetype i = 0; i < before.size(); ++i)
-        after.push_back(index(rowOf.at(names[static_cast<std::size_t>(i)]), before[i].column()));
+        after.push_back(index(rowOf.at(held[static_cast<std::size_t>(i)]), before[i].column()));
     changePersistentIndexList(before, after);
     emit layoutChanged({}, QAbstractItemModel::VerticalSortHint);
-    if (merged) finishLoading();
 }
 
 QStringList FolderModel::mimeTypes() const {
