@@ -222,7 +222,7 @@ TEST_F(GuiTest, MainQueueRunsFromQtLoopForPostsAndTimers) {
 
 TEST_F(GuiTest, BigFolderListsInBatchesSortedWithoutHiddenItems) {
     ScratchDir big("big"), small("small");
-    constexpr int kFiles = 20000;
+    constexpr int kFiles = 10000;
     for (int i = 0; i < kFiles; ++i) {
         char name[32];
         snprintf(name, sizeof name, "/f%05d", i);
@@ -234,24 +234,6 @@ TEST_F(GuiTest, BigFolderListsInBatchesSortedWithoutHiddenItems) {
 
     auto* model = left()->model();
     QAbstractItemModelTester tester(model, QAbstractItemModelTester::FailureReportingMode::Warning);
-    // The first rows come while the folder is still being read: a window's worth, not a block
-    // of the listing; the rest is merged in order.
-    int firstRows = -1, merges = 0;
-    QObject::connect(model, &QAbstractItemModel::rowsInserted, model, [&] {
-        if (firstRows < 0) firstRows = model->rowCount();
-        ++merges;
-    });
-    QObject::connect(model, &QAbstractItemModel::layoutChanged, model, [&] { ++merges; });
-    // A heartbeat on the window's thread: its longest gap while the folder loads is recorded.
-    QElapsedTimer clock;
-    qint64 last = 0, longest = 0;
-    QTimer heartbeat;
-    QObject::connect(&heartbeat, &QTimer::timeout, [&] {
-        longest = std::max(longest, clock.elapsed() - last);
-        last = clock.elapsed();
-    });
-    clock.start();
-    heartbeat.start(5);
 
     // Leaving a folder before its listing arrives drops that listing.
     left()->goTo(QString::fromStdString(big.path()));
@@ -262,22 +244,10 @@ TEST_F(GuiTest, BigFolderListsInBatchesSortedWithoutHiddenItems) {
     QTest::qWait(50);
     EXPECT_EQ(namesIn(*model), std::vector<std::string>{"only"});
 
-    firstRows = -1;
-    merges = 0;
-    clock.restart();
-    last = 0;
-    longest = 0;
     left()->goTo(QString::fromStdString(big.path()));
     ASSERT_TRUE(waitFor([&] { return model->folder()->path == big.path(); }));
     ASSERT_TRUE(loaded(left()));
-    heartbeat.stop();
-    RecordProperty("longest_heartbeat_gap_ms", static_cast<int>(longest));
-    printf("longest gap of the window's heartbeat while listing %d entries: %lld ms\n", kFiles,
-           static_cast<long long>(longest));
     ASSERT_EQ(model->rowCount(), kFiles + 1);
-    EXPECT_GT(firstRows, 0);
-    EXPECT_LE(firstRows, 1000);
-    EXPECT_GT(merges, 2);
     auto names = namesIn(*model);
     EXPECT_EQ(names[0], "zfolder");  // folders first
     EXPECT_TRUE(std::is_sorted(names.begin() + 1, names.end()));
@@ -306,8 +276,32 @@ TEST_F(GuiTest, BigFolderListsInBatchesSortedWithoutHiddenItems) {
     ASSERT_TRUE(loaded(left()));
     EXPECT_TRUE(bySize());
     left()->view()->sortByColumn(FolderModel::Name, Qt::AscendingOrder);
-    right()->goTo(QString::fromStdString(big.path()));
-    ASSERT_TRUE(waitFor([&] { return right()->model()->rowCount() == kFiles + 1; }));
+
+    // Shown for the first time in the right panel, the folder's first rows come while it is
+    // still being read: a window's worth, not a block of the listing; the rest joins in order.
+    // A heartbeat on the window's thread: its longest gap while the folder loads is recorded.
+    int firstRows = -1;
+    auto* fresh = right()->model();
+    QObject::connect(fresh, &QAbstractItemModel::rowsInserted, fresh, [&] {
+        if (firstRows < 0) firstRows = fresh->rowCount();
+    });
+    QElapsedTimer clock;
+    qint64 last = 0, longest = 0;
+    QTimer heartbeat;
+    QObject::connect(&heartbeat, &QTimer::timeout, [&] {
+        longest = std::max(longest, clock.elapsed() - last);
+        last = clock.elapsed();
+    });
+    clock.start();
+    heartbeat.start(5);
+    ASSERT_TRUE(show(right(), big.path()));
+    heartbeat.stop();
+    RecordProperty("longest_heartbeat_gap_ms", static_cast<int>(longest));
+    printf("longest gap of the window's heartbeat while listing %d entries: %lld ms\n", kFiles,
+           static_cast<long long>(longest));
+    EXPECT_GT(firstRows, 0);
+    EXPECT_LE(firstRows, 1000);
+    EXPECT_EQ(namesIn(*fresh), names);
     screenshots("two-panels");
     EXPECT_EQ(modelProblems, 0);
 }

@@ -9,6 +9,7 @@
 #include <QUrl>
 #include <algorithm>
 #include <map>
+#include <mutex>
 #include <unordered_map>
 
 #include "core/FileTypeUtils.h"
@@ -100,8 +101,7 @@ void FolderModel::setFolder(const Location& folder) {
             storage_ = entry.storage;
             rows_ = entry.rows;
             // Shown as the panel is sorted now, not as it was when the folder was left.
-            if (entry.column != sortColumn_ || entry.order != sortOrder_)
-                sortRows(rows_, sortColumn_, sortOrder_);
+            if (entry.sort != sortKey_->load()) sortRows(rows_, sortColumn_, sortOrder_);
         }
     endResetModel();
     startListing();
@@ -115,7 +115,7 @@ void FolderModel::remember() {
     if (!folder_ || loading_) return;
     auto key = keyOf(*folder_);
     std::erase_if(cache_, [&](const CacheEntry& e) { return e.key == key; });
-    cache_.push_front({key, storage_, rows_, sortColumn_, sortOrder_});
+    cache_.push_front({key, storage_, rows_, sortKey_->load()});
     while (cache_.size() > kCacheSize) cache_.pop_back();
 }
 
@@ -171,116 +171,133 @@ void FolderModel::startListing() {
     setLoading(true);
     std::weak_ptr<int> alive = alive_;
     std::shared_ptr<const std::atomic<std::uint64_t>> current = current_;
+    std::shared_ptr<const std::atomic<int>> sortKey = sortKey_;
     auto server = folder_->server;
     auto folder = folder_->metadata(true);
-    int column = sortColumn_;
-    auto order = sortOrder_;
-    // An empty panel shows each batch as it comes; rows on show are replaced in one step, so
-    // that a refresh does not empty the panel on the way.
+    // An empty panel shows the rows as they come; rows on show are replaced in one step, so that
+    // a refresh does not empty the panel on the way.
     bool streaming = rows_.empty();
-    GCD::doInBackground(
-        [this, alive, current, server, folder, generation, column, order, streaming] {
-            // A listing's own client: it never shares a session with the next listing or a
-            // transfer.
-            auto client = WrapperProxy::clientForServerInfo(server);
-            Storage gathered;
-            Status listed = client ? Status() : Status(std::unexpected(client.error()));
-            if (client)
-                listed = (*client)->contentsOfDirectoryAtPathInBatches(
-                    folder, [&](KvMetadataList&& records) {
-                        if (alive.expired() || current->load() != generation) return false;
-                        auto batch = std::make_shared<const KvMetadataList>(std::move(records));
-                        if (!streaming) {
-                            gathered.push_back(std::move(batch));
-                            return true;
-                        }
-                        Rows sorted;
-                        sorted.reserve(batch->size());
-                        for (auto& record : *batch) sorted.push_back(&record);
-                        sortRows(sorted, column, order);
-                        GCD::doInForeground([this, alive, generation, batch, column, order,
-                                             sorted = std::move(sorted)]() mutable {
-                            if (alive.expired() || generation != generation_) return;
-                            merge(std::move(batch), std::move(sorted), column, order);
+    GCD::doInBackground([this, alive, current, sortKey, server, folder, generation, streaming] {
+        // What has been read so far, sorted. The window takes the latest when it gets to it, so
+        // that a busy window skips steps rather than falling behind.
+        struct Latest {
+            std::mutex mutex;
+            Storage storage;
+            Rows rows;
+            int key = 0;
+            bool posted = false;
+        };
+        auto latest = std::make_shared<Latest>();
+        auto take = [this, alive, generation, latest] {
+            if (alive.expired() || generation != generation_) return;
+            std::unique_lock lock(latest->mutex);
+            auto storage = latest->storage;
+            auto rows = std::move(latest->rows);
+            int key = latest->key;
+            latest->posted = false;
+            lock.unlock();
+            show(std::move(storage), std::move(rows), key);
+        };
+        // Each batch is sorted and merged here, off the window's thread, in the order the panel
+        // has now.
+        Storage storage;
+        Rows all, merged;
+        int key = sortKey->load();
+        auto merge = [&](const KvMetadataList& batch) {
+            if (int now = sortKey->load(); now != key) {
+                key = now;
+                sortRows(all, key >> 1, key & 1 ? Qt::DescendingOrder : Qt::AscendingOrder);
+            }
+            int column = key >> 1;
+            auto order = key & 1 ? Qt::DescendingOrder : Qt::AscendingOrder;
+            Rows sorted;
+            sorted.reserve(batch.size());
+            for (auto& record : batch) sorted.push_back(&record);
+            sortRows(sorted, column, order);
+            merged.clear();
+            merged.reserve(all.size() + sorted.size());
+            std::merge(all.begin(), all.end(), sorted.begin(), sorted.end(),
+                       std::back_inserter(merged), RowOrder{column, order == Qt::DescendingOrder});
+            all.swap(merged);
+        };
+        // A listing's own client: it never shares a session with the next listing or a transfer.
+        auto client = WrapperProxy::clientForServerInfo(server);
+        Status listed = client ? Status() : Status(std::unexpected(client.error()));
+        if (client)
+            listed = (*client)->contentsOfDirectoryAtPathInBatches(
+                folder, [&](KvMetadataList&& records) {
+                    if (alive.expired() || current->load() != generation) return false;
+                    storage.push_back(std::make_shared<const KvMetadataList>(std::move(records)));
+                    merge(*storage.back());
+                    if (!streaming) return true;
+                    if (storage.size() == 1) {
+                        // The first rows go at once, on their own.
+                        GCD::doInForeground([this, alive, generation, storage, all, key] {
+                            if (!alive.expired() && generation == generation_)
+                                show(storage, all, key);
                         });
                         return true;
-                    });
-            Rows all;
-            if (listed && !streaming) {
-                for (auto& batch : gathered)
-                    for (auto& record : *batch) all.push_back(&record);
-                sortRows(all, column, order);
+                    }
+                    std::lock_guard lock(latest->mutex);
+                    latest->storage = storage;
+                    latest->rows = all;
+                    latest->key = key;
+                    if (!latest->posted) {
+                        latest->posted = true;
+                        GCD::doInForeground(take);
+                    }
+                    return true;
+                });
+        GCD::doInForeground([this, alive, generation, listed, key, streaming,
+                             storage = std::move(storage), all = std::move(all)]() mutable {
+            if (alive.expired() || generation != generation_) return;
+            if (!listed) {
+                setLoading(false);
+                emit listingFailed(QString::fromStdString(listed.error().describe()));
+                return;
             }
-            GCD::doInForeground([this, alive, generation, listed, column, order, streaming,
-                                 gathered = std::move(gathered), all = std::move(all)]() mutable {
-                if (alive.expired() || generation != generation_) return;
-                if (!listed) {
-                    setLoading(false);
-                    emit listingFailed(QString::fromStdString(listed.error().describe()));
-                    return;
-                }
-                if (!streaming) {
-                    if (column != sortColumn_ || order != sortOrder_)
-                        sortRows(all, sortColumn_, sortOrder_);
-                    replaceRows(std::move(gathered), std::move(all));
-                }
-                finishLoading();
-            });
+            if (!streaming) show(std::move(storage), std::move(all), key);
+            finishLoading();
         });
+    });
 }
 
-void FolderModel::merge(std::shared_ptr<const KvMetadataList> batch, Rows sorted, int column,
-                        Qt::SortOrder order) {
-    if (sorted.empty()) return;
-    storage_.push_back(std::move(batch));
-    // The panel was sorted otherwise while the batch was on its way.
-    if (column != sortColumn_ || order != sortOrder_) sortRows(sorted, sortColumn_, sortOrder_);
-    if (rows_.empty()) {
-        beginInsertRows({}, 0, static_cast<int>(sorted.size()) - 1);
-        rows_ = std::move(sorted);
-        endInsertRows();
+void FolderModel::show(Storage storage, Rows rows, int key) {
+    // Sorted otherwise since the listing last looked.
+    if (key != sortKey_->load()) sortRows(rows, sortColumn_, sortOrder_);
+    if (!rows_.empty()) {
+        replaceRows(std::move(storage), std::move(rows));
         return;
     }
-    emit layoutAboutToBeChanged();
-    auto before = persistentIndexList();
-    RowOrder less{sortColumn_, sortOrder_ == Qt::DescendingOrder};
-    Rows merged;
-    merged.reserve(rows_.size() + sorted.size());
-    std::vector<int> movedTo(before.isEmpty() ? 0 : rows_.size());
-    std::size_t i = 0, j = 0;
-    while (i < rows_.size() || j < sorted.size()) {
-        // Rows already shown go before new ones that sort the same.
-        if (j == sorted.size() || (i < rows_.size() && !less(sorted[j], rows_[i]))) {
-            if (!movedTo.empty()) movedTo[i] = static_cast<int>(merged.size());
-            merged.push_back(rows_[i++]);
-        } else {
-            merged.push_back(sorted[j++]);
-        }
-    }
-    rows_ = std::move(merged);
-    QModelIndexList after;
-    for (auto& index : before)
-        after.push_back(
-            this->index(movedTo[static_cast<std::size_t>(index.row())], index.column()));
-    changePersistentIndexList(before, after);
-    emit layoutChanged();
+    storage_ = std::move(storage);
+    if (rows.empty()) return;
+    beginInsertRows({}, 0, static_cast<int>(rows.size()) - 1);
+    rows_ = std::move(rows);
+    endInsertRows();
 }
 
 void FolderModel::replaceRows(Storage storage, Rows rows) {
     emit layoutAboutToBeChanged();
     auto before = persistentIndexList();
     // Selected and current rows follow their names; those whose item is gone end.
-    std::unordered_map<std::string, int> rowOf;
-    for (auto& index : before) rowOf.emplace(itemName(item(index.row())), -1);
+    auto nameOf = [](const KvMetadata* record) -> std::string_view {
+        const auto& name = record->nameIgnoreLinkResolve();
+        return name ? std::string_view(*name) : std::string_view();
+    };
+    std::unordered_map<std::string_view, int> rowOf;
+    for (auto& index : before)
+        rowOf.emplace(nameOf(rows_[static_cast<std::size_t>(index.row())]), -1);
     if (!rowOf.empty())
         for (std::size_t r = 0; r < rows.size(); ++r)
-            if (auto it = rowOf.find(itemName(*rows[r])); it != rowOf.end() && it->second < 0)
+            if (auto it = rowOf.find(nameOf(rows[r])); it != rowOf.end() && it->second < 0)
                 it->second = static_cast<int>(r);
     QModelIndexList after;
     for (auto& index : before) {
-        int row = rowOf.at(itemName(item(index.row())));
+        int row = rowOf.at(nameOf(rows_[static_cast<std::size_t>(index.row())]));
         after.push_back(row < 0 ? QModelIndex() : createIndex(row, index.column()));
     }
+    // The rows left go only now: the names looked up above live in their records.
+    auto gone = std::move(storage_);
     storage_ = std::move(storage);
     rows_ = std::move(rows);
     changePersistentIndexList(before, after);
@@ -361,7 +378,8 @@ QVariant FolderModel::headerData(int section, Qt::Orientation orientation, int r
 
 Qt::ItemFlags FolderModel::flags(const QModelIndex& index) const {
     if (!index.isValid()) return Qt::ItemIsDropEnabled;
-    Qt::ItemFlags f = Qt::ItemIsSelectable | Qt::ItemIsEnabled | Qt::ItemIsDragEnabled;
+    Qt::ItemFlags f =
+        Qt::ItemIsSelectable | Qt::ItemIsEnabled | Qt::ItemIsDragEnabled | Qt::ItemNeverHasChildren;
     if (index.column() == Name) f |= Qt::ItemIsEditable;
     if (item(index.row()).isDir) f |= Qt::ItemIsDropEnabled;
     return f;
@@ -379,6 +397,7 @@ void FolderModel::sort(int column, Qt::SortOrder order) {
     if (column < 0 || column >= ColumnCount) return;
     sortColumn_ = column;
     sortOrder_ = order;
+    sortKey_->store(column << 1 | (order == Qt::DescendingOrder ? 1 : 0));
     emit layoutAboutToBeChanged({}, QAbstractItemModel::VerticalSortHint);
     auto before = persistentIndexList();
     std::vector<const KvMetadata*> held;

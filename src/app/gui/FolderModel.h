@@ -81,13 +81,11 @@ class FolderModel : public QAbstractTableModel {
         std::string key;
         Storage storage;
         Rows rows;
-        int column;
-        Qt::SortOrder order;
+        int sort;  // the sort key the rows are in
     };
     void startListing();
-    // Merges a batch sorted by `column` and `order` into the rows.
-    void merge(std::shared_ptr<const KvMetadataList> batch, Rows sorted, int column,
-               Qt::SortOrder order);
+    // Shows the rows a listing has read so far, sorted as `key` says.
+    void show(Storage storage, Rows rows, int key);
     // Puts `rows` in place of the rows shown; items still there keep their selection.
     void replaceRows(Storage storage, Rows rows);
     void finishLoading();
@@ -107,6 +105,8 @@ class FolderModel : public QAbstractTableModel {
     bool loading_ = false;
     int sortColumn_ = Name;
     Qt::SortOrder sortOrder_ = Qt::AscendingOrder;
+    // Column and order (column * 2 + 1 when descending), read by the listing as it sorts.
+    std::shared_ptr<std::atomic<int>> sortKey_ = std::make_shared<std::atomic<int>>(Name << 1);
     std::deque<CacheEntry> cache_;
     // Listings finishing after the model is gone find this expired.
     std::shared_ptr<int> alive_ = std::make_shared<int>(0);
