@@ -513,6 +513,7 @@ TEST_F(GuiTest, KeyboardActionsCopyRenameTrashAndCreate) {
     ASSERT_TRUE(dialog);
     auto* merge = dialog->findChild<QPushButton*>("merge");
     ASSERT_TRUE(merge);
+    screenshot(dialog, "conflict-dialog-folder");
     EXPECT_EQ(merge->accessibleName(), "Merge");
     merge->click();
     ASSERT_TRUE(transfersDone(rows + 2));
@@ -968,6 +969,7 @@ TEST_F(GuiTest, ClipboardToFtpOpenAndPropertiesOfRemoteFile) {
     ASSERT_TRUE(transfersDone(5));
     EXPECT_TRUE(fileHolds(server->hostPath("/linked/f"), "f"));
     EXPECT_EQ(transferText(4, gui::TransferList::State), "Completed, 1 item left out");
+    screenshots("transfer-left-out");
     EXPECT_TRUE(
         window_->transfers()
             ->index(4, gui::TransferList::Name)
