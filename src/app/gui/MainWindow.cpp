@@ -289,7 +289,8 @@ void MainWindow::buildTransfersDock() {
     transferView_->header()->resizeSection(TransferList::Progress, 220);
     transferView_->header()->resizeSection(TransferList::Rate, 90);
     transferView_->header()->resizeSection(TransferList::TimeLeft, 80);
-    transferView_->header()->resizeSection(TransferList::State, 90);
+    transferView_->header()->resizeSection(TransferList::State,
+                                           180);  // "Completed, 2 items left out"
     layout->addWidget(transferView_, 1);
     auto* buttons = new QVBoxLayout;
     auto* stop = new QPushButton(tr("Stop"), box);
