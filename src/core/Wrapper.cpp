@@ -152,6 +152,14 @@ void Wrapper::signIn(CompletionHandler complete) {
     runAsync([this] { return errorOf(signInSync()); }, std::move(complete));
 }
 
+Status Wrapper::contentsOfDirectoryAtPathInBatches(const KvMetadata& folder,
+                                                   const ListingBatchHandler& batch) {
+    auto listing = contentsOfDirectoryAtPathSync(folder);
+    if (!listing) return std::unexpected(listing.error());
+    batch(std::move(*listing));
+    return {};
+}
+
 void Wrapper::contentsOfDirectoryAtPath(const KvMetadata& folder, ListingHandler complete) {
     auto self = shared_from_this();
     GCD::doInBackground([self, folder, complete = std::move(complete)] {

@@ -21,6 +21,8 @@ namespace quillon {
 using ProgressHandler = std::function<void(std::int64_t done, std::int64_t total)>;
 using CompletionHandler = std::function<void(std::optional<Error>)>;
 using ListingHandler = std::function<void(Result<KvMetadataList>)>;
+// Takes one batch of a folder's children; false stops the listing.
+using ListingBatchHandler = std::function<bool(KvMetadataList&& batch)>;
 using Bytes = std::vector<std::uint8_t>;
 
 // Hands a transfer's progress to the main thread a step at a time: a hundredth of the total, a
@@ -68,6 +70,11 @@ class Wrapper : public std::enable_shared_from_this<Wrapper> {
     // The folder's children. A missing folder fails with 10008 (or the client's listing error).
     [[nodiscard]] virtual Result<KvMetadataList> contentsOfDirectoryAtPathSync(
         const KvMetadata& folder) = 0;
+    // The folder's children handed over in batches as they are read, so that a caller can show
+    // the first of a big folder before the rest is read. The base lists the whole folder and
+    // hands it over as one batch.
+    [[nodiscard]] virtual Status contentsOfDirectoryAtPathInBatches(
+        const KvMetadata& folder, const ListingBatchHandler& batch);
     // The record of the one item `item` names by its path (the top folder is the root's
     // record). A missing item fails with kind NotFound, code 10008, "File not found!" in the
     // client's domain. The base lists the parent folder, hidden items included; clients that can

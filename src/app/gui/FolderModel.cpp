@@ -9,6 +9,8 @@
 #include <QUrl>
 #include <algorithm>
 #include <map>
+#include <mutex>
+#include <unordered_map>
 
 #include "core/FileTypeUtils.h"
 #include "core/GCD.h"
@@ -90,13 +92,17 @@ void FolderModel::setFolder(const Location& folder) {
     remember();
     folder_ = folder;
     ++generation_;
-    pending_.clear();
-    pendingAt_ = 0;
     beginResetModel();
+    storage_.clear();
     rows_.clear();
     auto key = keyOf(folder);
     for (auto& entry : cache_)
-        if (entry.key == key) rows_ = entry.rows;
+        if (entry.key == key) {
+            storage_ = entry.storage;
+            rows_ = entry.rows;
+            // Shown as the panel is sorted now, not as it was when the folder was left.
+            if (entry.sort != sortKey_->load()) sortRows(rows_, sortColumn_, sortOrder_);
+        }
     endResetModel();
     startListing();
 }
@@ -109,19 +115,25 @@ void FolderModel::remember() {
     if (!folder_ || loading_) return;
     auto key = keyOf(*folder_);
     std::erase_if(cache_, [&](const CacheEntry& e) { return e.key == key; });
-    cache_.push_front({key, rows_});
+    cache_.push_front({key, storage_, rows_, sortKey_->load()});
     while (cache_.size() > kCacheSize) cache_.pop_back();
 }
 
-void FolderModel::sortRows(KvMetadataList& rows, int column, Qt::SortOrder order) {
-    auto less = [column](const KvMetadata& a, const KvMetadata& b) {
+namespace {
+
+// Folders first in either order, then by the column, then by name.
+struct RowOrder {
+    int column;
+    bool descending;
+
+    static bool less(int column, const KvMetadata& a, const KvMetadata& b) {
         switch (column) {
-            case Size: {
+            case FolderModel::Size: {
                 auto sa = a.fileSizeInBytes.value_or(0), sb = b.fileSizeInBytes.value_or(0);
                 if (sa != sb) return sa < sb;
                 break;
             }
-            case Kind: {
+            case FolderModel::Kind: {
                 if (!a.isDir) {
                     int c = StringUtils::localizedStandardCompare(
                         FileTypeUtils::kindForFileName(itemName(a), false),
@@ -130,93 +142,169 @@ void FolderModel::sortRows(KvMetadataList& rows, int column, Qt::SortOrder order
                 }
                 break;
             }
-            case Modified:
+            case FolderModel::Modified:
                 if (a.timestamp != b.timestamp) return a.timestamp < b.timestamp;
                 break;
             default:
                 break;
         }
-        return StringUtils::localizedStandardCompare(a.nameIgnoreLinkResolve().value_or(""),
-                                                     b.nameIgnoreLinkResolve().value_or("")) < 0;
-    };
-    bool descending = order == Qt::DescendingOrder;
-    // Folders stay on top in either order.
-    std::stable_sort(rows.begin(), rows.end(), [&](const KvMetadata& a, const KvMetadata& b) {
-        if (a.isDir != b.isDir) return a.isDir;
-        return descending ? less(b, a) : less(a, b);
-    });
+        const auto& na = a.nameIgnoreLinkResolve();
+        const auto& nb = b.nameIgnoreLinkResolve();
+        return StringUtils::localizedStandardCompare(na ? *na : std::string_view(),
+                                                     nb ? *nb : std::string_view()) < 0;
+    }
+    bool operator()(const KvMetadata* a, const KvMetadata* b) const {
+        if (a->isDir != b->isDir) return a->isDir;
+        return descending ? less(column, *b, *a) : less(column, *a, *b);
+    }
+};
+
+}  // namespace
+
+void FolderModel::sortRows(Rows& rows, int column, Qt::SortOrder order) {
+    std::stable_sort(rows.begin(), rows.end(), RowOrder{column, order == Qt::DescendingOrder});
 }
 
 void FolderModel::startListing() {
     auto generation = ++generation_;
-    pending_.clear();
-    pendingAt_ = 0;
+    current_->store(generation);
     setLoading(true);
     std::weak_ptr<int> alive = alive_;
+    std::shared_ptr<const std::atomic<std::uint64_t>> current = current_;
+    std::shared_ptr<const std::atomic<int>> sortKey = sortKey_;
     auto server = folder_->server;
     auto folder = folder_->metadata(true);
-    int column = sortColumn_;
-    auto order = sortOrder_;
-    GCD::doInBackground([this, alive, server, folder, generation, column, order] {
+    // An empty panel shows the rows as they come; rows on show are replaced in one step, so that
+    // a refresh does not empty the panel on the way.
+    bool streaming = rows_.empty();
+    GCD::doInBackground([this, alive, current, sortKey, server, folder, generation, streaming] {
+        // What has been read so far, sorted. The window takes the latest when it gets to it, so
+        // that a busy window skips steps rather than falling behind.
+        struct Latest {
+            std::mutex mutex;
+            Storage storage;
+            Rows rows;
+            int key = 0;
+            bool posted = false;
+        };
+        auto latest = std::make_shared<Latest>();
+        auto take = [this, alive, generation, latest] {
+            if (alive.expired() || generation != generation_) return;
+            std::unique_lock lock(latest->mutex);
+            auto storage = latest->storage;
+            auto rows = std::move(latest->rows);
+            int key = latest->key;
+            latest->posted = false;
+            lock.unlock();
+            show(std::move(storage), std::move(rows), key);
+        };
+        // Each batch is sorted and merged here, off the window's thread, in the order the panel
+        // has now.
+        Storage storage;
+        Rows all, merged;
+        int key = sortKey->load();
+        auto merge = [&](const KvMetadataList& batch) {
+            if (int now = sortKey->load(); now != key) {
+                key = now;
+                sortRows(all, key >> 1, key & 1 ? Qt::DescendingOrder : Qt::AscendingOrder);
+            }
+            int column = key >> 1;
+            auto order = key & 1 ? Qt::DescendingOrder : Qt::AscendingOrder;
+            Rows sorted;
+            sorted.reserve(batch.size());
+            for (auto& record : batch) sorted.push_back(&record);
+            sortRows(sorted, column, order);
+            merged.clear();
+            merged.reserve(all.size() + sorted.size());
+            std::merge(all.begin(), all.end(), sorted.begin(), sorted.end(),
+                       std::back_inserter(merged), RowOrder{column, order == Qt::DescendingOrder});
+            all.swap(merged);
+        };
         // A listing's own client: it never shares a session with the next listing or a transfer.
         auto client = WrapperProxy::clientForServerInfo(server);
-        Result<KvMetadataList> listing =
-            client ? (*client)->contentsOfDirectoryAtPathSync(folder)
-                   : Result<KvMetadataList>(std::unexpected(client.error()));
-        if (listing) sortRows(*listing, column, order);
-        GCD::doInForeground([this, alive, generation, listing = std::move(listing)]() mutable {
+        Status listed = client ? Status() : Status(std::unexpected(client.error()));
+        if (client)
+            listed = (*client)->contentsOfDirectoryAtPathInBatches(
+                folder, [&](KvMetadataList&& records) {
+                    if (alive.expired() || current->load() != generation) return false;
+                    storage.push_back(std::make_shared<const KvMetadataList>(std::move(records)));
+                    merge(*storage.back());
+                    if (!streaming) return true;
+                    if (storage.size() == 1) {
+                        // The first rows go at once, on their own.
+                        GCD::doInForeground([this, alive, generation, storage, all, key] {
+                            if (!alive.expired() && generation == generation_)
+                                show(storage, all, key);
+                        });
+                        return true;
+                    }
+                    std::lock_guard lock(latest->mutex);
+                    latest->storage = storage;
+                    latest->rows = all;
+                    latest->key = key;
+                    if (!latest->posted) {
+                        latest->posted = true;
+                        GCD::doInForeground(take);
+                    }
+                    return true;
+                });
+        GCD::doInForeground([this, alive, generation, listed, key, streaming,
+                             storage = std::move(storage), all = std::move(all)]() mutable {
             if (alive.expired() || generation != generation_) return;
-            if (!listing) {
+            if (!listed) {
                 setLoading(false);
-                emit listingFailed(QString::fromStdString(listing.error().describe()));
+                emit listingFailed(QString::fromStdString(listed.error().describe()));
                 return;
             }
-            deliver(generation, std::move(*listing));
+            if (!streaming) show(std::move(storage), std::move(all), key);
+            finishLoading();
         });
     });
 }
 
-void FolderModel::deliver(std::uint64_t generation, KvMetadataList rows) {
+void FolderModel::show(Storage storage, Rows rows, int key) {
+    // Sorted otherwise since the listing last looked.
+    if (key != sortKey_->load()) sortRows(rows, sortColumn_, sortOrder_);
     if (!rows_.empty()) {
-        // A folder shown from the cache (or refreshed): the fresh rows replace it in one step.
-        beginResetModel();
-        rows_ = std::move(rows);
-        endResetModel();
-        finishLoading();
+        replaceRows(std::move(storage), std::move(rows));
         return;
     }
-    pending_ = std::move(rows);
-    pendingAt_ = 0;
-    (void)generation;
-    mergeNextBatch();
+    storage_ = std::move(storage);
+    if (rows.empty()) return;
+    beginInsertRows({}, 0, static_cast<int>(rows.size()) - 1);
+    rows_ = std::move(rows);
+    endInsertRows();
 }
 
-void FolderModel::mergeNextBatch() {
-    if (pendingAt_ < pending_.size()) {
-        std::size_t n = std::min<std::size_t>(kBatchSize, pending_.size() - pendingAt_);
-        int first = static_cast<int>(rows_.size());
-        beginInsertRows({}, first, first + static_cast<int>(n) - 1);
-        auto from = pending_.begin() + static_cast<std::ptrdiff_t>(pendingAt_);
-        rows_.insert(rows_.end(), std::make_move_iterator(from),
-                     std::make_move_iterator(from + static_cast<std::ptrdiff_t>(n)));
-        pendingAt_ += n;
-        endInsertRows();
+void FolderModel::replaceRows(Storage storage, Rows rows) {
+    emit layoutAboutToBeChanged();
+    auto before = persistentIndexList();
+    // Selected and current rows follow their names; those whose item is gone end.
+    auto nameOf = [](const KvMetadata* record) -> std::string_view {
+        const auto& name = record->nameIgnoreLinkResolve();
+        return name ? std::string_view(*name) : std::string_view();
+    };
+    std::unordered_map<std::string_view, int> rowOf;
+    for (auto& index : before)
+        rowOf.emplace(nameOf(rows_[static_cast<std::size_t>(index.row())]), -1);
+    if (!rowOf.empty())
+        for (std::size_t r = 0; r < rows.size(); ++r)
+            if (auto it = rowOf.find(nameOf(rows[r])); it != rowOf.end() && it->second < 0)
+                it->second = static_cast<int>(r);
+    QModelIndexList after;
+    for (auto& index : before) {
+        int row = rowOf.at(nameOf(rows_[static_cast<std::size_t>(index.row())]));
+        after.push_back(row < 0 ? QModelIndex() : createIndex(row, index.column()));
     }
-    if (pendingAt_ >= pending_.size()) {
-        finishLoading();
-        return;
-    }
-    // The window paints and takes input between batches; a later listing drops this one.
-    std::weak_ptr<int> alive = alive_;
-    auto generation = generation_;
-    QTimer::singleShot(0, this, [this, alive, generation] {
-        if (!alive.expired() && generation == generation_) mergeNextBatch();
-    });
+    // The rows left go only now: the names looked up above live in their records.
+    auto gone = std::move(storage_);
+    storage_ = std::move(storage);
+    rows_ = std::move(rows);
+    changePersistentIndexList(before, after);
+    emit layoutChanged();
 }
 
 void FolderModel::finishLoading() {
-    pending_.clear();
-    pendingAt_ = 0;
     setLoading(false);
     remember();
 }
@@ -290,7 +378,8 @@ QVariant FolderModel::headerData(int section, Qt::Orientation orientation, int r
 
 Qt::ItemFlags FolderModel::flags(const QModelIndex& index) const {
     if (!index.isValid()) return Qt::ItemIsDropEnabled;
-    Qt::ItemFlags f = Qt::ItemIsSelectable | Qt::ItemIsEnabled | Qt::ItemIsDragEnabled;
+    Qt::ItemFlags f =
+        Qt::ItemIsSelectable | Qt::ItemIsEnabled | Qt::ItemIsDragEnabled | Qt::ItemNeverHasChildren;
     if (index.column() == Name) f |= Qt::ItemIsEditable;
     if (item(index.row()).isDir) f |= Qt::ItemIsDropEnabled;
     return f;
@@ -308,30 +397,22 @@ void FolderModel::sort(int column, Qt::SortOrder order) {
     if (column < 0 || column >= ColumnCount) return;
     sortColumn_ = column;
     sortOrder_ = order;
+    sortKey_->store(column << 1 | (order == Qt::DescendingOrder ? 1 : 0));
     emit layoutAboutToBeChanged({}, QAbstractItemModel::VerticalSortHint);
     auto before = persistentIndexList();
-    std::vector<std::string> names;
-    for (auto& index : before) names.push_back(itemName(item(index.row())));
-    // Rows still waiting to be merged join now, so that the whole folder is in the new order.
-    bool merged = pendingAt_ < pending_.size();
-    if (merged) {
-        rows_.insert(
-            rows_.end(),
-            std::make_move_iterator(pending_.begin() + static_cast<std::ptrdiff_t>(pendingAt_)),
-            std::make_move_iterator(pending_.end()));
-        pending_.clear();
-        pendingAt_ = 0;
-    }
+    std::vector<const KvMetadata*> held;
+    for (auto& index : before) held.push_back(rows_[static_cast<std::size_t>(index.row())]);
     sortRows(rows_, column, order);
-    std::map<std::string, int> rowOf;
-    for (std::size_t i = 0; i < rows_.size(); ++i)
-        rowOf.emplace(itemName(rows_[i]), static_cast<int>(i));
+    std::unordered_map<const KvMetadata*, int> rowOf;
+    for (auto* record : held) rowOf.emplace(record, -1);
+    if (!rowOf.empty())
+        for (std::size_t r = 0; r < rows_.size(); ++r)
+            if (auto it = rowOf.find(rows_[r]); it != rowOf.end()) it->second = static_cast<int>(r);
     QModelIndexList after;
     for (qsizetype i = 0; i < before.size(); ++i)
-        after.push_back(index(rowOf.at(names[static_cast<std::size_t>(i)]), before[i].column()));
+        after.push_back(index(rowOf.at(held[static_cast<std::size_t>(i)]), before[i].column()));
     changePersistentIndexList(before, after);
     emit layoutChanged({}, QAbstractItemModel::VerticalSortHint);
-    if (merged) finishLoading();
 }
 
 QStringList FolderModel::mimeTypes() const {

@@ -1,10 +1,12 @@
 #pragma once
 // FolderModel: the rows of one folder panel. A folder is listed on the background queue and its
-// entries arrive in batches merged into the model; a listing for a folder the panel has already
-// left is dropped. Recently shown folders appear at once from a small cache and refresh after.
+// entries arrive in batches, each sorted there and merged into the rows in order; a listing for a
+// folder the panel has already left stops. Recently shown folders appear at once from a small
+// cache and refresh after; a refresh keeps the selection and the current item by their names.
 
 #include <QAbstractTableModel>
 #include <QStringList>
+#include <atomic>
 #include <deque>
 #include <memory>
 #include <optional>
@@ -21,7 +23,6 @@ class FolderModel : public QAbstractTableModel {
     enum Column { Name, Size, Kind, Modified, ColumnCount };
     // The mime type of dragged items: one location per line, as resolveLocation reads them.
     static constexpr const char* kItemsMimeType = "application/x-quillon-items";
-    static constexpr int kBatchSize = 2000;
     static constexpr std::size_t kCacheSize = 8;
 
     explicit FolderModel(QObject* parent = nullptr);
@@ -33,7 +34,7 @@ class FolderModel : public QAbstractTableModel {
     void refresh();
     const std::optional<Location>& folder() const { return folder_; }
     bool isLoading() const { return loading_; }
-    const KvMetadata& item(int row) const { return rows_[static_cast<std::size_t>(row)]; }
+    const KvMetadata& item(int row) const { return *rows_[static_cast<std::size_t>(row)]; }
     // The location of the item in `row` (a child of the shown folder).
     Location locationOf(int row) const;
     // How a location is written for resolveLocation: the local path, or "serverID:/path".
@@ -73,28 +74,39 @@ class FolderModel : public QAbstractTableModel {
     void dropped(const std::vector<std::string>& sources, const std::string& target, bool moving);
 
   private:
+    // The rows point into batches of records that the model and its cache share.
+    using Rows = std::vector<const KvMetadata*>;
+    using Storage = std::vector<std::shared_ptr<const KvMetadataList>>;
     struct CacheEntry {
         std::string key;
-        KvMetadataList rows;
+        Storage storage;
+        Rows rows;
+        int sort;  // the sort key the rows are in
     };
     void startListing();
-    void deliver(std::uint64_t generation, KvMetadataList rows);
-    void mergeNextBatch();
+    // Shows the rows a listing has read so far, sorted as `key` says.
+    void show(Storage storage, Rows rows, int key);
+    // Puts `rows` in place of the rows shown; items still there keep their selection.
+    void replaceRows(Storage storage, Rows rows);
     void finishLoading();
     void setLoading(bool loading);
     void remember();
     static std::string keyOf(const Location& loc);
     // Sorts `rows` folders first, then by the column.
-    static void sortRows(KvMetadataList& rows, int column, Qt::SortOrder order);
+    static void sortRows(Rows& rows, int column, Qt::SortOrder order);
 
     std::optional<Location> folder_;
-    KvMetadataList rows_;
-    KvMetadataList pending_;  // listed, not yet merged
-    std::size_t pendingAt_ = 0;
+    Storage storage_;
+    Rows rows_;
     std::uint64_t generation_ = 0;
+    // The generation listed now, read by the listing to stop once the panel has moved on.
+    std::shared_ptr<std::atomic<std::uint64_t>> current_ =
+        std::make_shared<std::atomic<std::uint64_t>>(0);
     bool loading_ = false;
     int sortColumn_ = Name;
     Qt::SortOrder sortOrder_ = Qt::AscendingOrder;
+    // Column and order (column * 2 + 1 when descending), read by the listing as it sorts.
+    std::shared_ptr<std::atomic<int>> sortKey_ = std::make_shared<std::atomic<int>>(Name << 1);
     std::deque<CacheEntry> cache_;
     // Listings finishing after the model is gone find this expired.
     std::shared_ptr<int> alive_ = std::make_shared<int>(0);

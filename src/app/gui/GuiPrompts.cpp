@@ -89,6 +89,12 @@ void GuiPrompts::showNext() {
         QObject::connect(replace, &QPushButton::clicked, dialog,
                          [give] { give(ConflictAction::Replace); });
     }
+    // A folder copied onto a folder may also take in the other's items (a move never merges).
+    if (question->item.offerMerge && !question->item.hideReplaceButton) {
+        auto* merge = addButton(box, QObject::tr("Merge"), "merge", QDialogButtonBox::ApplyRole);
+        QObject::connect(merge, &QPushButton::clicked, dialog,
+                         [give] { give(ConflictAction::Merge); });
+    }
     auto* keep = addButton(box, QObject::tr("Keep Both"), "keepBoth", QDialogButtonBox::AcceptRole);
     QObject::connect(keep, &QPushButton::clicked, dialog,
                      [give] { give(ConflictAction::KeepBoth); });

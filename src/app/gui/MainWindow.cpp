@@ -155,7 +155,22 @@ MainWindow::MainWindow(FileTransferTaskManager& manager, const std::optional<std
         auto& target = task->targetMetadata;
         refreshFolders({{target.serverID.value_or(""), target.pathOrEmpty()}});
     });
+    applyPanelMode();
     panels_[0]->currentTab()->view()->setFocus();
+}
+
+bool MainWindow::isDualPanel() const {
+    return AppPreference::sharedAppPreference().boolForKey(PrefKey::DualPanelMode);
+}
+
+void MainWindow::applyPanelMode() {
+    bool dual = isDualPanel();
+    panels_[1]->setVisible(dual);
+    for (auto* a : otherPanelActions_) a->setEnabled(dual);
+    if (!dual && active_ == 1) {
+        setActivePanel(0);
+        panels_[0]->currentTab()->currentView()->setFocus();
+    }
 }
 
 MainWindow::~MainWindow() {
@@ -175,7 +190,7 @@ void MainWindow::setActivePanel(int side) {
 bool MainWindow::focusNextPrevChild(bool next) {
     // Tab switches panels, as in dual-panel managers.
     auto* focus = QApplication::focusWidget();
-    for (int side = 0; side < 2; ++side) {
+    for (int side = 0; side < 2 && isDualPanel(); ++side) {
         if (focus && panels_[side]->isAncestorOf(focus)) {
             setActivePanel(1 - side);
             panels_[1 - side]->currentTab()->view()->setFocus(Qt::TabFocusReason);
@@ -202,10 +217,11 @@ void MainWindow::buildActions() {
         menu->addAction(a);
         return a;
     };
-    tools->addAction(add(file, tr("Copy to Other Panel"), "edit-copy", Qt::Key_F5,
-                         [this] { transferToOtherPanel(false); }));
-    tools->addAction(add(file, tr("Move to Other Panel"), "go-next", Qt::Key_F6,
-                         [this] { transferToOtherPanel(true); }));
+    otherPanelActions_ = {add(file, tr("Copy to Other Panel"), "edit-copy", Qt::Key_F5,
+                              [this] { transferToOtherPanel(false); }),
+                          add(file, tr("Move to Other Panel"), "go-next", Qt::Key_F6,
+                              [this] { transferToOtherPanel(true); })};
+    for (auto* a : otherPanelActions_) tools->addAction(a);
     tools->addAction(
         add(file, tr("New Folder"), "folder-new", Qt::Key_F7, [this] { newFolder(); }));
     add(file, tr("Rename"), "edit-rename", Qt::Key_F2, [this] { renameSelected(); });
@@ -273,7 +289,8 @@ void MainWindow::buildTransfersDock() {
     transferView_->header()->resizeSection(TransferList::Progress, 220);
     transferView_->header()->resizeSection(TransferList::Rate, 90);
     transferView_->header()->resizeSection(TransferList::TimeLeft, 80);
-    transferView_->header()->resizeSection(TransferList::State, 90);
+    transferView_->header()->resizeSection(TransferList::State,
+                                           180);  // "Completed, 2 items left out"
     layout->addWidget(transferView_, 1);
     auto* buttons = new QVBoxLayout;
     auto* stop = new QPushButton(tr("Stop"), box);
@@ -436,7 +453,7 @@ void MainWindow::transfer(const std::vector<std::string>& sources, const std::st
 void MainWindow::transferToOtherPanel(bool moving) {
     auto sources = activePanel()->currentTab()->selectedLocations();
     auto& target = otherPanel()->currentTab()->model()->folder();
-    if (sources.empty() || !target) return;
+    if (sources.empty() || !target || !isDualPanel()) return;
     transfer(sources, FolderModel::locationText(*target), moving);
 }
 

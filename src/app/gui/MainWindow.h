@@ -43,6 +43,10 @@ class MainWindow : public QMainWindow {
     FolderPanel* activePanel() const { return panels_[active_]; }
     FolderPanel* otherPanel() const { return panels_[1 - active_]; }
     void setActivePanel(int side);
+    // Two panels side by side ("Dual Panel Mode"), or the left one alone.
+    bool isDualPanel() const;
+    // Shows one panel or two, as the preference says.
+    void applyPanelMode();
     TransferList* transfers() const { return transfers_; }
     const std::shared_ptr<GuiPrompts>& prompts() const { return prompts_; }
     QTreeWidget* sidebar() const { return sidebar_; }
@@ -103,6 +107,8 @@ class MainWindow : public QMainWindow {
 
     FileTransferTaskManager& manager_;
     FolderPanel* panels_[2];
+    // Copy and move to the other panel: only while there is one on show.
+    std::vector<QAction*> otherPanelActions_;
     int active_ = 0;
     QTreeWidget* sidebar_;
     TransferList* transfers_;

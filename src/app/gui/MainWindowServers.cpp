@@ -191,6 +191,7 @@ PreferencesDialog* MainWindow::showPreferences() {
         if (auto* hidden = findChild<QAction*>("showHiddenAction"))
             hidden->setChecked(
                 AppPreference::sharedAppPreference().boolForKey(PrefKey::SYS_SHOW_HIDDEN_FILES));
+        applyPanelMode();
         showMessage(tr("Preferences saved."));
     });
     preferences_->open();

@@ -1,6 +1,8 @@
 #include "app/gui/PanelActions.h"
 
+#include <fcntl.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <QAction>
 #include <QApplication>
 #include <QClipboard>
@@ -21,6 +23,7 @@
 #include "app/gui/PlayerWindow.h"
 #include "archives/ArchiveTask.h"
 #include "archives/ExtractionPlan.h"
+#include "core/FileService.h"
 #include "core/FileTypeUtils.h"
 #include "core/GCD.h"
 #include "core/PathUtils.h"
@@ -53,6 +56,43 @@ std::string freePath(const std::string& folder, const std::string& name) {
     for (int n = 2; fs::exists(fs::symlink_status(path, ec)); ++n)
         path = folder + "/" + stem + " " + std::to_string(n) + ext;
     return path;
+}
+
+// Where a download into the cache puts the file its task fetches.
+std::string cachedCopyOf(const FileTransferTask& task) {
+    return task.targetMetadata.pathOrEmpty() + "/" +
+           FileTransferUtils::itemName(task.sourceMetadata);
+}
+
+std::int64_t secondsOf(const TimePoint& t) {
+    return std::chrono::duration_cast<std::chrono::seconds>(t.time_since_epoch()).count();
+}
+
+// Downloads into the cache never ask about a copy already there: the cache is this program's, not
+// the user's. A copy of the same size and time serves as it is (its task is dropped); any other
+// is removed before the download.
+std::vector<PlannedTransfer> withoutCurrentCopies(std::vector<PlannedTransfer> planned) {
+    std::erase_if(planned, [](const PlannedTransfer& p) {
+        const auto& remote = p.task->sourceMetadata;
+        auto local = cachedCopyOf(*p.task);
+        struct stat st {};
+        if (::lstat(local.c_str(), &st) != 0) return false;
+        bool current = S_ISREG(st.st_mode) && !remote.isDir && remote.fileSizeInBytes &&
+                       remote.timestamp &&
+                       static_cast<std::uint64_t>(st.st_size) == *remote.fileSizeInBytes &&
+                       std::llabs(st.st_mtim.tv_sec - secondsOf(*remote.timestamp)) < 2;
+        std::error_code ec;
+        if (!current) fs::remove_all(local, ec);
+        return current;
+    });
+    return planned;
+}
+
+// Gives a fetched copy the remote file's time, by which the next use knows it is current.
+void stampCachedCopy(const FileTransferTask& task) {
+    if (task.state() != TransferTaskState::Completed || !task.sourceMetadata.timestamp) return;
+    struct timespec times[2] = {{0, UTIME_OMIT}, {secondsOf(*task.sourceMetadata.timestamp), 0}};
+    (void)::utimensat(AT_FDCWD, cachedCopyOf(task).c_str(), times, 0);
 }
 
 }  // namespace
@@ -240,8 +280,8 @@ void PanelActions::open(const Location& item, bool isDir) {
             message(tr("No application opens %1.").arg(QString::fromStdString(item.path)), true);
         return;
     }
-    // A remote file goes to a folder of its own in the cache, so that it never meets an older
-    // copy, and is opened once it is complete.
+    // A remote file is fetched into the cache, beside the copies of its folder's other files,
+    // and opened once it is complete; an unchanged copy there opens at once.
     struct Planned {
         std::vector<PlannedTransfer> tasks;
         std::string localPath;
@@ -250,17 +290,19 @@ void PanelActions::open(const Location& item, bool isDir) {
     inBackground(
         [item] {
             Planned out;
-            std::string base = PathUtils::getAppCacheFolderPath() + "/Opened";
-            PathUtils::ensureFolder(base);
-            std::string pattern = base + "/XXXXXX";
-            if (!::mkdtemp(pattern.data())) {
-                out.error =
-                    QObject::tr("Cannot make a folder in %1.").arg(QString::fromStdString(base));
+            auto remote = statLocation(item);
+            if (!remote) {
+                out.error = QString::fromStdString(remote.error().describe());
                 return out;
             }
-            auto folder = resolveLocation(pattern);
-            if (!folder) {
-                out.error = QString::fromStdString(folder.error().describe());
+            auto folder = resolveLocation(
+                fs::path(FileService::sharedService().cachePathForMetadata(*remote, *item.server))
+                    .parent_path()
+                    .string());
+            if (!folder || !PathUtils::ensureFolder(folder->path)) {
+                out.error = folder ? QObject::tr("Cannot make a folder in %1.")
+                                         .arg(QString::fromStdString(folder->path))
+                                   : QString::fromStdString(folder.error().describe());
                 return out;
             }
             auto plan = TransferPlanner::plan(*folder, {item}, false, false);
@@ -269,19 +311,29 @@ void PanelActions::open(const Location& item, bool isDir) {
                 return out;
             }
             if (!plan->refusals.empty()) out.error = describe(plan->refusals.front());
-            out.tasks = std::move(plan->transfers);
-            out.localPath = pattern + "/" + StringUtils::lastPathComponent(item.path);
+            out.tasks = withoutCurrentCopies(std::move(plan->transfers));
+            out.localPath = folder->path + "/" + StringUtils::lastPathComponent(item.path);
             return out;
         },
         [this](Planned planned) {
-            if (!planned.error.isEmpty()) message(planned.error, true);
-            std::vector<std::pair<FileTransferTaskPtr, std::string>> tasks;
-            for (auto& p : planned.tasks) tasks.emplace_back(p.task, p.label);
-            if (tasks.empty()) return;
-            queue(std::move(tasks), [this, path = planned.localPath](bool completed) {
-                if (!completed) return;
+            if (!planned.error.isEmpty()) {
+                message(planned.error, true);
+                return;
+            }
+            auto open = [this, path = planned.localPath] {
                 if (!opener_(QUrl::fromLocalFile(QString::fromStdString(path))))
                     message(tr("No application opens %1.").arg(QString::fromStdString(path)), true);
+            };
+            std::vector<std::pair<FileTransferTaskPtr, std::string>> tasks;
+            for (auto& p : planned.tasks) tasks.emplace_back(p.task, p.label);
+            if (tasks.empty()) {
+                open();
+                return;
+            }
+            auto task = tasks.front().first;
+            queue(std::move(tasks), [task, open](bool completed) {
+                stampCachedCopy(*task);
+                if (completed) open();
             });
         });
 }
@@ -489,7 +541,11 @@ void PanelActions::runExtraction(std::shared_ptr<ExtractionPlan> plan, int stage
                 }
                 for (auto& p : *planned) out.tasks.emplace_back(p.task, p.label);
             };
-            if (stage == 0) take(plan->downloadTasks());
+            if (stage == 0) {
+                auto planned = plan->downloadTasks();
+                if (planned) planned = withoutCurrentCopies(std::move(*planned));
+                take(std::move(planned));
+            }
             if (stage == 1)
                 for (auto& [task, label] : plan->extractionTasks())
                     out.tasks.emplace_back(task, label);
@@ -505,7 +561,11 @@ void PanelActions::runExtraction(std::shared_ptr<ExtractionPlan> plan, int stage
                 runExtraction(plan, stage + 1);
                 return;
             }
-            queue(std::move(next.tasks), [this, plan, stage](bool completed) {
+            std::vector<FileTransferTaskPtr> queued;
+            for (auto& [task, label] : next.tasks) queued.push_back(task);
+            queue(std::move(next.tasks), [this, plan, stage, queued](bool completed) {
+                if (stage == 0)
+                    for (auto& task : queued) stampCachedCopy(*task);
                 // A failed download leaves its archive out; the others go on.
                 if (completed || stage == 0) runExtraction(plan, stage + 1);
             });

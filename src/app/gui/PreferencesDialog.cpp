@@ -40,6 +40,7 @@ PreferencesDialog::PreferencesDialog(QWidget* parent) : QDialog(parent) {
     check(displayLayout, PrefKey::SYS_SHOW_HIDDEN_FILES, tr("Show hidden items"));
     check(displayLayout, PrefKey::SYS_DISPLAY_FILE_EXTENSION, tr("Show file name extensions"));
     check(displayLayout, PrefKey::SYS_AUTO_GEN_THUMBNAIL, tr("Make thumbnails automatically"));
+    check(displayLayout, PrefKey::DualPanelMode, tr("Two folder panels side by side"));
     auto* viewRow = new QFormLayout;
     viewType_ = new QComboBox(display);
     viewType_->setObjectName("viewType");

@@ -139,9 +139,12 @@ QVariant TransferList::data(const QModelIndex& index, int role) const {
         return static_cast<int>(100 * std::min(done, total) / total);
     }
     if (role == Qt::ToolTipRole) {
-        if (state == TransferTaskState::Failed && task.error())
-            return QString::fromStdString(task.error()->describe());
-        return QString::fromStdString(row.label + " -> " + task.targetMetadata.pathOrEmpty());
+        // What the run left out ("skipped link PATH -> TARGET") follows, a line each.
+        std::string tip = state == TransferTaskState::Failed && task.error()
+                              ? task.error()->describe()
+                              : row.label + " -> " + task.targetMetadata.pathOrEmpty();
+        for (auto& notice : task.notices()) tip += "\n" + notice;
+        return QString::fromStdString(tip);
     }
     if (role != Qt::DisplayRole) return {};
     switch (index.column()) {
@@ -169,6 +172,9 @@ QVariant TransferList::data(const QModelIndex& index, int role) const {
         case State:
             if (state == TransferTaskState::Stopped && task.fileConflict() == ConflictAction::Skip)
                 return tr("Skipped");
+            if (auto n = task.notices().size(); n > 0 && state == TransferTaskState::Completed)
+                return n == 1 ? tr("Completed, 1 item left out")
+                              : tr("Completed, %1 items left out").arg(n);
             switch (state) {
                 case TransferTaskState::Waiting:
                     return tr("Waiting");

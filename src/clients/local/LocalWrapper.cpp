@@ -89,6 +89,13 @@ Result<KvMetadataList> LocalWrapper::contentsOfDirectoryAtPathSync(const KvMetad
     return SandboxFileAccess::contentsOfDirectory(folder, options);
 }
 
+Status LocalWrapper::contentsOfDirectoryAtPathInBatches(const KvMetadata& folder,
+                                                        const ListingBatchHandler& batch) {
+    SandboxFileAccess::ListOptions options;
+    options.skipsHiddenFiles = !includesHiddenFiles();
+    return SandboxFileAccess::contentsOfDirectory(folder, options, kFirstListingBatch, batch);
+}
+
 Result<KvMetadata> LocalWrapper::metadataOfItemSync(const KvMetadata& item) {
     std::string path = item.pathOrEmpty();
     if (path.empty() || trimTrailingSlashes(path) == "/") return rootFolder();

@@ -18,6 +18,8 @@ class LocalWrapper : public Wrapper, public LinkReader, public LinkMaker {
   public:
     // Bytes per copy step, and per progress report.
     static constexpr std::uint64_t kCopyChunkSize = 10485760;
+    // Records in the first batch of a listing: enough to fill a window.
+    static constexpr std::size_t kFirstListingBatch = 256;
 
     explicit LocalWrapper(ServerInfoPtr serverInfo);
     ~LocalWrapper() override;
@@ -34,6 +36,10 @@ class LocalWrapper : public Wrapper, public LinkReader, public LinkMaker {
     // forceIncludesHiddenFiles; ".name.icloud" placeholders list as "name". Missing: 10008.
     [[nodiscard]] Result<KvMetadataList> contentsOfDirectoryAtPathSync(
         const KvMetadata& folder) override;
+    // The same, read in batches: the first of kFirstListingBatch records, each next one twice as
+    // big.
+    [[nodiscard]] Status contentsOfDirectoryAtPathInBatches(
+        const KvMetadata& folder, const ListingBatchHandler& batch) override;
     // readlink and symlink; an existing item at the link's path fails with EEXIST.
     [[nodiscard]] Result<std::string> linkTextSync(const KvMetadata& link) override;
     [[nodiscard]] Status makeLinkSync(const KvMetadata& link, const std::string& target) override;

@@ -205,10 +205,11 @@ void fillRecord(KvMetadata& item, std::string_view name, std::string path, mode_
     if (S_ISLNK(mode)) PathUtils::updateLocalSymbolLinkInfo(item);
 }
 
-}  // namespace
-
-Result<KvMetadataList> listDir(const std::string& path, const KvMetadata& folder,
-                               ListOptions options) {
+// Reads the folder, handing its records over in batches: the first of `firstBatch` entries, each
+// next one twice as big up to kLargestBatch (a listing read whole passes SIZE_MAX).
+Status readFolder(const std::string& path, const KvMetadata& folder, ListOptions options,
+                  std::size_t firstBatch, const ListingBatchHandler& batch) {
+    constexpr std::size_t kLargestBatch = 16384;
     ScopedAccess access(path);
     int dfd = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (dfd < 0) return posixFailure(errno, path);
@@ -232,6 +233,22 @@ Result<KvMetadataList> listDir(const std::string& path, const KvMetadata& folder
         struct timespec mtime {};
     };
     std::vector<Entry> entries;
+    std::size_t batchSize = firstBatch;
+    auto handOver = [&] {
+        KvMetadataList items;
+        items.reserve(entries.size());
+        for (auto& e : entries) {
+            KvMetadata& item = items.emplace_back();
+            std::string_view name = std::string_view(e.fileName).substr(e.nameStart, e.nameLength);
+            item.serverID = folder.serverID;
+            item.protocolType = folder.protocolType;
+            item.parentFolderMeta = parent;
+            fillRecord(item, name, prefix + e.fileName, e.mode, e.size, e.mtime, e.placeholder);
+        }
+        entries.clear();
+        if (batchSize < kLargestBatch) batchSize = std::min(batchSize * 2, kLargestBatch);
+        return batch(std::move(items));
+    };
     while (true) {
         errno = 0;
         dirent* entry = ::readdir(dir.get());
@@ -259,19 +276,50 @@ Result<KvMetadataList> listDir(const std::string& path, const KvMetadata& folder
         }
         entries.push_back(Entry{std::string(fileName), nameStart, nameLength, placeholder,
                                 st.st_mode, st.st_size, st.st_mtim});
+        if (entries.size() >= batchSize && !handOver()) return {};
     }
+    if (!entries.empty()) (void)handOver();
+    return {};
+}
 
-    KvMetadataList items;
-    items.reserve(entries.size());
-    for (auto& e : entries) {
-        KvMetadata& item = items.emplace_back();
-        std::string_view name = std::string_view(e.fileName).substr(e.nameStart, e.nameLength);
-        item.serverID = folder.serverID;
-        item.protocolType = folder.protocolType;
-        item.parentFolderMeta = parent;
-        fillRecord(item, name, prefix + e.fileName, e.mode, e.size, e.mtime, e.placeholder);
-    }
-    return items;
+// The link folder's target, or the folder's own path.
+Result<std::string> folderToRead(const KvMetadata& folder) {
+    auto path = folder.path();
+    if (!path || path->empty())
+        return KvError::fail(ErrorDomain::Local, ErrorCode::NotFound, "File not found!");
+    if (!folder.isSymbolLink || !folder.symbolLinkTarget) return *path;
+    ScopedAccess access(*folder.symbolLinkTarget);
+    char* real = ::realpath(folder.symbolLinkTarget->c_str(), nullptr);
+    if (!real) return posixFailure(errno, *folder.symbolLinkTarget);
+    std::string target(real);
+    std::free(real);
+    return target;
+}
+
+}  // namespace
+
+Result<KvMetadataList> listDir(const std::string& path, const KvMetadata& folder,
+                               ListOptions options) {
+    KvMetadataList all;
+    auto read = readFolder(path, folder, options, SIZE_MAX, [&](KvMetadataList&& items) {
+        all = std::move(items);
+        return true;
+    });
+    if (!read) return std::unexpected(read.error());
+    return all;
+}
+
+Result<KvMetadataList> contentsOfDirectory(const KvMetadata& folder, ListOptions options) {
+    auto path = folderToRead(folder);
+    if (!path) return std::unexpected(path.error());
+    return listDir(*path, folder, options);
+}
+
+Status contentsOfDirectory(const KvMetadata& folder, ListOptions options, std::size_t firstBatch,
+                           const ListingBatchHandler& batch) {
+    auto path = folderToRead(folder);
+    if (!path) return std::unexpected(path.error());
+    return readFolder(*path, folder, options, std::max<std::size_t>(firstBatch, 1), batch);
 }
 
 Result<KvMetadata> itemAt(const std::string& path, const KvMetadata& like) {
@@ -294,21 +342,6 @@ Result<KvMetadata> itemAt(const std::string& path, const KvMetadata& like) {
     item.protocolType = like.protocolType;
     fillRecord(item, name, found, st.st_mode, st.st_size, st.st_mtim, placeholder);
     return item;
-}
-
-Result<KvMetadataList> contentsOfDirectory(const KvMetadata& folder, ListOptions options) {
-    auto path = folder.path();
-    if (!path || path->empty())
-        return KvError::fail(ErrorDomain::Local, ErrorCode::NotFound, "File not found!");
-    if (folder.isSymbolLink && folder.symbolLinkTarget) {
-        ScopedAccess access(*folder.symbolLinkTarget);
-        char* real = ::realpath(folder.symbolLinkTarget->c_str(), nullptr);
-        if (!real) return posixFailure(errno, *folder.symbolLinkTarget);
-        std::string target(real);
-        std::free(real);
-        return listDir(target, folder, options);
-    }
-    return listDir(*path, folder, options);
 }
 
 Status copyItemFrom(const std::string& from, const std::string& to) {

@@ -12,6 +12,7 @@
 
 #include "core/Error.h"
 #include "core/KvMetadata.h"
+#include "core/Wrapper.h"
 
 namespace quillon::SandboxFileAccess {
 
@@ -32,6 +33,11 @@ struct ListOptions {
 // missing folder.
 [[nodiscard]] Result<KvMetadataList> contentsOfDirectory(const KvMetadata& folder,
                                                          ListOptions options);
+// The same children handed over in batches while the folder is read: the first holds at most
+// `firstBatch` records, each later one up to twice the one before (16,384 at most). `batch`
+// returning false stops the listing.
+[[nodiscard]] Status contentsOfDirectory(const KvMetadata& folder, ListOptions options,
+                                         std::size_t firstBatch, const ListingBatchHandler& batch);
 // The children of the folder at `path`, each with `folder` as parent record and the folder's
 // serverID and protocolType. Fails with 10008 for a missing folder.
 [[nodiscard]] Result<KvMetadataList> listDir(const std::string& path, const KvMetadata& folder,
