@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-
 #include "TransferTestKit.h"
 #include "clients/ftp/FtpWrapper.h"
 #include "core/PathUtils.h"
