@@ -1,5 +1,7 @@
 #include "sync/SyncTask.h"
 
+#include "core/Location.h"
+
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/file.h>
@@ -18,6 +20,7 @@
 #include "clients/local/LocalFileOps.h"
 #include "clients/local/SandboxFileAccess.h"
 #include "core/GCD.h"
+#include "core/Location.h"
 #include "core/NotificationCenter.h"
 #include "core/ServerInfoService.h"
 #include "core/StringUtils.h"
@@ -506,8 +509,16 @@ void SyncTask::completeFileTransfer(std::optional<Error> error) {
 Status SyncTask::checkSyncCondition() {
     checkingSyncCondition_ = true;
     auto w = wrapper();
-    auto fail = [&](std::string_view domain, long code, std::string_view reason) -> Status {
+    // The cause, when there is one, keeps the item it was about and the server's words.
+    auto fail = [&](std::string_view domain, long code, std::string_view reason,
+                    const Error* cause = nullptr) -> Status {
         auto e = KvError::errorWithDomain(domain, code, reason);
+        if (cause) {
+            e.item =
+                cause->item.empty() ? join(displayItem(remoteRoot_), kTestFileName) : cause->item;
+            e.serverReply = cause->serverReply;
+            e.request = cause->request;
+        }
         checkingSyncCondition_ = false;
         finish(e);
         return std::unexpected(e);
@@ -536,9 +547,9 @@ Status SyncTask::checkSyncCondition() {
     testFile.fileSizeInBytes = std::string_view(kTestFileText).size();
     testFile.timestamp = TimePoint(std::chrono::seconds(
         static_cast<long long>(kReferenceDateOffset + kTestFileReferenceSeconds)));
-    if (!w->uploadSync(testFile, remoteRoot_, {}))
+    if (auto up = w->uploadSync(testFile, remoteRoot_, {}); !up)
         return fail(ErrorDomain::FileTransfer, ErrorCode::TransferFailed,
-                    "Sync ability check: Fail to upload file!");
+                    "Sync ability check: Fail to upload file!", &up.error());
 
     auto again = w->contentsOfDirectoryAtPathSync(remoteRoot_);
     std::optional<KvMetadata> uploaded;
@@ -838,6 +849,15 @@ Result<std::string> SyncTask::moveAsideAsOriginal(const KvMetadata& file) {
     return target;
 }
 
+namespace {
+// Listings and single-item lookups may round times differently on some servers.
+bool changedSince(const KvMetadata& planned, const KvMetadata& now) {
+    if (planned.fileSizeInBytes != now.fileSizeInBytes) return true;
+    if (!planned.timestamp || !now.timestamp) return false;
+    return std::chrono::abs(*planned.timestamp - *now.timestamp) > std::chrono::seconds(2);
+}
+}  // namespace
+
 // A deletion drops the record of the side already gone, deletes the item, then drops the
 // item's own record. A run killed in between finds one record left and a side that still
 // holds the unchanged item, which it reads as the deletion to finish.
@@ -850,6 +870,9 @@ Status SyncTask::deleteRemoteFile(const SyncStep& step) {
     if (sl) {
         if (auto s = localService_->deleteLocalItem(*sl); !s) return s;
     }
+    // A server file changed since the listing is no longer the one deleted here: it stays, and
+    // the next run brings it down.
+    if (auto now = wrapper()->metadataOfItemSync(r); now && changedSince(r, *now)) return {};
     auto removed = wrapper()->removeSync({r});
     if (!removed && !isNotFound(removed.error())) return removed;
     if (auto s = remoteService_->deleteRemoteItem(sr ? *sr : r); !s) return s;

@@ -208,6 +208,9 @@ TEST(SyncTask, AServerRefusingTheTestFileStopsBeforeAnyUserFileIsTouched) {
     EXPECT_EQ(error->domain, "File Transfer");
     EXPECT_EQ(error->code, 10002);
     EXPECT_EQ(error->reason, "Sync ability check: Fail to upload file!");
+    // ... naming the item the server refused.
+    EXPECT_NE(error->describe().find(SyncTask::kTestFileName), std::string::npos)
+        << error->describe();
     EXPECT_TRUE(run.decisions.empty());
     EXPECT_FALSE(exists(p.l("remote-only.txt")));
     EXPECT_FALSE(exists(p.r("local-only.txt")));
@@ -294,20 +297,25 @@ TEST(SyncTask, AFolderDeletedOnOneSideGoesOnTheOtherExceptWhatChangedThere) {
     EXPECT_TRUE(std::filesystem::is_directory(p.remote.path()));
 
     // What lands in a deleted folder after the run planned its removal keeps the folder on
-    // either side, and the next run takes it for new.
+    // either side, and the next run takes it for new; so does a server file changed after the
+    // run planned its deletion.
     writeWithTime(p.r("late/a.txt"), "a", t0);
     writeWithTime(p.r("late2/b.txt"), "b", t0);
+    writeWithTime(p.r("kept.txt"), "k", t0);
     ASSERT_EQ(runSync(p.info).state(), TransferTaskState::Completed);
     std::filesystem::remove_all(p.l("late"));
     std::filesystem::remove_all(p.r("late2"));
+    std::filesystem::remove(p.l("kept.txt"));
     auto raced = runSync(p.info, noLimit, [&](SyncTask&, const SyncDecision& d) {
         if (d.path == "late/a.txt") writeFile(p.r("late/new.txt"), "on the server meanwhile");
         if (d.path == "late2/b.txt") writeFile(p.l("late2/new.txt"), "here meanwhile");
+        if (d.path == "kept.txt") writeFile(p.r("kept.txt"), "changed meanwhile");
     });
     ASSERT_EQ(raced.state(), TransferTaskState::Completed);
     EXPECT_EQ(raced.summary().remoteFoldersDeleted + raced.summary().localFoldersDeleted, 0);
     ASSERT_EQ(runSync(p.info).state(), TransferTaskState::Completed);
-    expected = {{"late", "<dir>"},
+    expected = {{"kept.txt", "changed meanwhile"},
+                {"late", "<dir>"},
                 {"late/new.txt", "on the server meanwhile"},
                 {"late2", "<dir>"},
                 {"late2/new.txt", "here meanwhile"}};
