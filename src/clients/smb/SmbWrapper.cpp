@@ -616,15 +616,10 @@ Result<Bytes> SmbWrapper::readDataOfLength(std::uint64_t length) {
             std::lock_guard guard(libraryLock());
             auto ctx = context();
             if (!ctx) return std::unexpected(ctx.error());
-            SMBCFILE* in = smbc_getFunctionOpen(*ctx)(*ctx, urlOf(path).c_str(), O_RDONLY, 0);
-            if (!in) {
-                auto e = errnoError(errno, ErrorCode::DownloadFailed, "Opening " + path);
-                if (e.is(ErrorKind::Connection)) dropContext();
-                return std::unexpected(e);
-            }
+            auto opened = openStreamAt(*ctx, path, from);
+            if (!opened) return std::unexpected(opened.error());
+            SMBCFILE* in = *opened;
             std::optional<Error> failure;
-            if (smbc_getFunctionLseek(*ctx)(*ctx, in, static_cast<off_t>(from), SEEK_SET) < 0)
-                failure = errnoError(errno, ErrorCode::DownloadFailed, "Reading " + path);
             Bytes data(static_cast<std::size_t>(count));
             std::size_t got = 0;
             while (!failure && got < data.size()) {
@@ -645,6 +640,22 @@ Result<Bytes> SmbWrapper::readDataOfLength(std::uint64_t length) {
         });
 }
 
+Result<SMBCFILE*> SmbWrapper::openStreamAt(SMBCCTX* ctx, const std::string& path,
+                                           std::uint64_t offset) {
+    SMBCFILE* in = smbc_getFunctionOpen(ctx)(ctx, urlOf(path).c_str(), O_RDONLY, 0);
+    std::optional<Error> failure;
+    if (!in)
+        failure = errnoError(errno, ErrorCode::DownloadFailed, "Opening " + path);
+    else if (offset > 0 &&
+             smbc_getFunctionLseek(ctx)(ctx, in, static_cast<off_t>(offset), SEEK_SET) < 0) {
+        failure = errnoError(errno, ErrorCode::DownloadFailed, "Reading " + path);
+        smbc_getFunctionClose(ctx)(ctx, in);
+    }
+    if (!failure) return in;
+    if (failure->is(ErrorKind::Connection)) dropContext();
+    return std::unexpected(*failure);
+}
+
 Status SmbWrapper::readDataFromOffsetToEnd(std::int64_t start,
                                            const std::function<bool(const Bytes&)>& handler) {
     if (!streamFile_)
@@ -655,15 +666,11 @@ Status SmbWrapper::readDataFromOffsetToEnd(std::int64_t start,
     std::lock_guard guard(libraryLock());
     auto ctx = context();
     if (!ctx) return std::unexpected(ctx.error());
-    SMBCFILE* in = smbc_getFunctionOpen(*ctx)(*ctx, urlOf(path).c_str(), O_RDONLY, 0);
-    if (!in) {
-        auto e = errnoError(errno, ErrorCode::DownloadFailed, "Opening " + path);
-        if (e.is(ErrorKind::Connection)) dropContext();
-        return std::unexpected(e);
-    }
+    auto opened =
+        openStreamAt(*ctx, path, static_cast<std::uint64_t>(std::max<std::int64_t>(start, 0)));
+    if (!opened) return std::unexpected(opened.error());
+    SMBCFILE* in = *opened;
     std::optional<Error> failure;
-    if (start > 0 && smbc_getFunctionLseek(*ctx)(*ctx, in, static_cast<off_t>(start), SEEK_SET) < 0)
-        failure = errnoError(errno, ErrorCode::DownloadFailed, "Reading " + path);
     std::vector<std::uint8_t> buffer(kStreamChunk);
     while (!failure && !cancelled()) {
         ssize_t n = smbc_getFunctionRead(*ctx)(*ctx, in, buffer.data(), buffer.size());

@@ -14,6 +14,7 @@
 #include "core/Wrapper.h"
 
 typedef struct _SMBCCTX SMBCCTX;
+typedef struct _SMBCFILE SMBCFILE;
 
 namespace quillon {
 
@@ -72,6 +73,8 @@ class SmbWrapper : public Wrapper {
     Status runAttempts(const std::function<Status(int)>& attempt,
                        std::unique_lock<std::recursive_mutex>& guard);
     void dropContext();
+    // The streamed file opened at `offset`; a broken connection drops the context.
+    Result<SMBCFILE*> openStreamAt(SMBCCTX* ctx, const std::string& path, std::uint64_t offset);
     Error errnoError(int err, long code, std::string_view what) const;
     Error cancelledError() const;
     KvMetadata recordOf(const std::string& path, const std::string& name, bool isDir,

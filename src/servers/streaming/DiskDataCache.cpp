@@ -235,6 +235,10 @@ void DiskDataCache::clearCache() {
 void DiskDataCache::clearSomeOldestCaches() {
     std::lock_guard lock(mutex_);
     StreamingLog::log("[DEBUG]Clear 1/4 oldest caches");
+    evictOldestQuarter([](const CacheItem&) { return true; });
+}
+
+void DiskDataCache::evictOldestQuarter(const std::function<bool(const CacheItem&)>& evictable) {
     std::uint64_t target = cachedSizeLocked() / 4;
     auto byAge = cacheItems_;
     std::stable_sort(byAge.begin(), byAge.end(), [](const auto& a, const auto& b) {
@@ -243,6 +247,7 @@ void DiskDataCache::clearSomeOldestCaches() {
     std::uint64_t removed = 0;
     for (auto& item : byAge) {
         if (removed >= target) break;
+        if (!evictable(*item)) continue;
         removed += item->length;
         item->disposeCache();
     }
@@ -312,18 +317,9 @@ std::shared_ptr<CacheItem> DiskDataCache::findMatchItem(std::uint64_t offset) {
 }
 
 void DiskDataCache::evictReadRuns(const CacheItem* writing) {
-    std::uint64_t target = cachedSizeLocked() / 4;
-    auto byAge = cacheItems_;
-    std::stable_sort(byAge.begin(), byAge.end(), [](const auto& a, const auto& b) {
-        return a->lastWriteTick < b->lastWriteTick;
+    evictOldestQuarter([writing](const CacheItem& item) {
+        return &item != writing && item.length > 0 && item.readEnd >= item.endPos();
     });
-    std::uint64_t removed = 0;
-    for (auto& item : byAge) {
-        if (removed >= target) break;
-        if (item.get() == writing || item->length == 0 || item->readEnd < item->endPos()) continue;
-        removed += item->length;
-        item->disposeCache();
-    }
 }
 
 void DiskDataCache::noteRead(std::uint64_t offset, std::uint64_t size) {

@@ -146,6 +146,9 @@ class DiskDataCache {
     // Makes room for a sequential fetch without stopping it: evicts runs read to their end,
     // oldest written first, except `writing`, until a quarter of the cached bytes is gone.
     void evictReadRuns(const CacheItem* writing);
+    // Disposes of the oldest written runs `evictable` allows until a quarter of the cached bytes
+    // is gone.
+    void evictOldestQuarter(const std::function<bool(const CacheItem&)>& evictable);
     std::uint64_t cachedSizeLocked() const;
     bool cacheFullLocked() const;
 
