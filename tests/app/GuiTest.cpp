@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <QAbstractButton>
 #include <QAbstractItemModelTester>
@@ -60,9 +61,13 @@
 #include "media/MusicPlayerService.h"
 #include "nearby/NearbyController.h"
 #include "servers/ftpserver/FtpServerService.h"
+#include "servers/streaming/CachedDataReader.h"
+#include "servers/streaming/StreamHttpServerService.h"
 #include "support/FtpServers.h"
+#include "support/ServerKit.h"
 #include "support/SftpServers.h"
 #include "support/TestEnv.h"
+#include "sync/SyncInfoService.h"
 #include "sync/SyncUtils.h"
 
 // Qt's font database keeps fontconfig's configuration for the life of the process; only that
@@ -146,13 +151,14 @@ class GuiTest : public FreshHome {
         QApplication::processEvents();
         EXPECT_TRUE(w->grab().save(QString::fromStdString((folder / (name + ".png")).string())));
     }
-    // The window at its default size and at 1280x720.
-    void screenshots(const std::string& name) {
-        screenshot(window_.get(), name);
-        auto size = window_->size();
-        window_->resize(1280, 720);
-        screenshot(window_.get(), name + "-1280x720");
-        window_->resize(size);
+    // `w` (the main window unless given) at its default size and at 1280x720.
+    void screenshots(const std::string& name, QWidget* w = nullptr) {
+        if (!w) w = window_.get();
+        screenshot(w, name);
+        auto size = w->size();
+        w->resize(1280, 720);
+        screenshot(w, name + "-1280x720");
+        w->resize(size);
     }
 
     // Shows `folder` in `tab` and waits until it is listed.
@@ -182,21 +188,33 @@ class GuiTest : public FreshHome {
         ASSERT_TRUE(action->isEnabled()) << name;
         action->trigger();
     }
-    // Every control of `w` a person can act on has a name for assistive tools.
+    // Every control of `w` a person can act on has a name for assistive tools (a button's
+    // text is its name).
     static void expectNamed(QWidget* w) {
         for (auto* c : w->findChildren<QWidget*>()) {
-            // A line edit's clear button and a view's header are parts of those widgets.
-            if (qobject_cast<QLineEdit*>(c->parentWidget()) || qobject_cast<QHeaderView*>(c))
+            // A line edit's clear button, a spin box's editor and a view's header are parts of
+            // those widgets.
+            if (!c->isVisibleTo(w) || qobject_cast<QLineEdit*>(c->parentWidget()) ||
+                qobject_cast<QAbstractSpinBox*>(c->parentWidget()) || qobject_cast<QHeaderView*>(c))
                 continue;
             bool actionable = qobject_cast<QAbstractButton*>(c) || qobject_cast<QLineEdit*>(c) ||
+                              qobject_cast<QComboBox*>(c) || qobject_cast<QAbstractSpinBox*>(c) ||
                               qobject_cast<QAbstractItemView*>(c) ||
                               qobject_cast<QAbstractSlider*>(c);
             auto* button = qobject_cast<QAbstractButton*>(c);
-            if (actionable && !c->accessibleName().isEmpty()) continue;
-            if (button && !button->text().isEmpty()) continue;
-            EXPECT_FALSE(actionable && c->isVisibleTo(w))
-                << c->metaObject()->className() << " " << c->objectName().toStdString();
+            EXPECT_FALSE(actionable && c->accessibleName().isEmpty() &&
+                         !(button && !button->text().isEmpty()))
+                << w->objectName().toStdString() << ": " << c->metaObject()->className() << " "
+                << c->objectName().toStdString();
         }
+    }
+    // The question of the prompts open now, once it shows; null when none comes.
+    QDialog* prompt() {
+        waitFor([&] {
+            auto* open = window_->prompts()->openDialog();
+            return open && open->isVisible();
+        });
+        return window_->prompts()->openDialog();
     }
     bool transfersDone(int rows) {
         return waitFor([&] {
@@ -309,9 +327,7 @@ TEST_F(GuiTest, BigFolderListsInBatchesSortedWithoutHiddenItems) {
 TEST_F(GuiTest, BadLocationShowsErrorAndChangesNothing) {
     ScratchDir dir("addr");
     writeFile(dir / "file", "x");
-    left()->goTo(QString::fromStdString(dir.path()));
-    ASSERT_TRUE(waitFor([&] { return left()->model()->folder()->path == dir.path(); }));
-    ASSERT_TRUE(loaded(left()));
+    ASSERT_TRUE(show(left(), dir.path()));
     for (auto bad : {dir / "missing", dir / "file", std::string("gopher://host/x"),
                      std::string("ftp://exa mple/")}) {
         left()->addressBar()->setText(QString::fromStdString(bad));
@@ -363,15 +379,10 @@ TEST_F(GuiTest, DropOntoFtpPanelUploadsAndConflictAnswersHold) {
     auto first = randomBytes(3 << 20, 1), second = randomBytes(3 << 20, 2);
     writeFile(local / "a.bin", first);
 
-    left()->goTo(QString::fromStdString(local.path()));
-    right()->goTo(QString::fromStdString(info->serverID + ":/"));
-    ASSERT_TRUE(
-        waitFor([&] { return right()->model()->folder()->server->serverID == info->serverID; }));
-    ASSERT_TRUE(loaded(right()));
+    ASSERT_TRUE(show(left(), local.path()));
+    ASSERT_TRUE(show(right(), info->serverID + ":/"));
     QAbstractItemModelTester tester(right()->model(),
                                     QAbstractItemModelTester::FailureReportingMode::Warning);
-    ASSERT_TRUE(waitFor([&] { return left()->model()->folder()->path == local.path(); }));
-    ASSERT_TRUE(loaded(left()));
     ASSERT_EQ(left()->model()->rowCount(), 1);
 
     // Dragging a.bin from the local panel and dropping it on the FTP panel.
@@ -393,13 +404,10 @@ TEST_F(GuiTest, DropOntoFtpPanelUploadsAndConflictAnswersHold) {
     writeFile(local / "a.bin", second);
     auto answer = [&](const char* button, bool shoot) {
         drop();
-        ASSERT_TRUE(waitFor([&] {
-            auto* open = window_->prompts()->openDialog();
-            return open && open->isVisible();
-        }));
-        auto* dialog = window_->prompts()->openDialog();
+        auto* dialog = prompt();
+        ASSERT_TRUE(dialog);
         if (shoot) {
-            screenshot(dialog, "conflict-dialog");
+            screenshots("conflict-dialog", dialog);
             screenshots("transfers-running");
         }
         auto* b = dialog->findChild<QPushButton*>(button);
@@ -435,17 +443,24 @@ TEST_F(GuiTest, DropOntoFtpPanelUploadsAndConflictAnswersHold) {
     ASSERT_TRUE(waitFor([&] { return right()->model()->rowCount() == 1; }));
     EXPECT_EQ(test::namesIn(server->root()), std::vector<std::string>{"a.bin"});
     EXPECT_EQ(modelProblems, 0);
+
+    // Removing a server a sync pair uses names the pair in the question.
+    auto pair = SyncInfoService::sharedInstance().addPair(*resolveLocation(info->serverID + ":/"),
+                                                          "dropped");
+    ASSERT_TRUE(pair);
+    window_->removeServer(info->serverID);
+    auto* removal = window_->findChild<QMessageBox*>("removeServerConfirmation");
+    ASSERT_TRUE(removal);
+    EXPECT_TRUE(removal->text().contains(QString("sync pair %1: ").arg(pair->syncInfoID)))
+        << removal->text().toStdString();
+    removal->reject();
+    EXPECT_TRUE(findServer(info->serverID));
 }
 
 TEST_F(GuiTest, KeyboardActionsCopyRenameTrashAndCreate) {
     ScratchDir a("keys-a"), b("keys-b");
     writeFile(a / "doc.txt", "hello");
-    left()->goTo(QString::fromStdString(a.path()));
-    right()->goTo(QString::fromStdString(b.path()));
-    ASSERT_TRUE(waitFor([&] {
-        return left()->model()->folder()->path == a.path() && left()->model()->rowCount() == 1 &&
-               right()->model()->folder()->path == b.path();
-    }));
+    ASSERT_TRUE(show(left(), a.path()) && show(right(), b.path()));
     auto* view = left()->view();
     view->setFocus();
     view->setCurrentIndex(left()->model()->index(0, 0));
@@ -501,8 +516,7 @@ TEST_F(GuiTest, KeyboardActionsCopyRenameTrashAndCreate) {
     int rows = window_->transfers()->rowCount();
     auto conflict = [&](bool moving) -> QDialog* {
         window_->transferToOtherPanel(moving);
-        if (!waitFor([&] { return window_->prompts()->openDialog(); })) return nullptr;
-        return window_->prompts()->openDialog();
+        return prompt();
     };
     auto* dialog = conflict(true);
     ASSERT_TRUE(dialog);
@@ -524,24 +538,6 @@ TEST_F(GuiTest, KeyboardActionsCopyRenameTrashAndCreate) {
 }
 
 // --- Servers, sync, sharing and settings.
-
-// Every button, field and box the user can act on in `w` carries an accessible name.
-void expectAccessibleNames(QWidget* w) {
-    for (auto* child : w->findChildren<QWidget*>()) {
-        if (!child->isVisibleTo(w) || !child->isEnabled()) continue;
-        bool actionable = qobject_cast<QAbstractButton*>(child) ||
-                          qobject_cast<QLineEdit*>(child) || qobject_cast<QComboBox*>(child) ||
-                          qobject_cast<QAbstractSpinBox*>(child) ||
-                          qobject_cast<QAbstractItemView*>(child);
-        if (!actionable || qobject_cast<QHeaderView*>(child) ||
-            qobject_cast<QLineEdit*>(child->parentWidget()))
-            continue;
-        if (qobject_cast<QAbstractSpinBox*>(child->parentWidget())) continue;
-        EXPECT_FALSE(child->accessibleName().isEmpty())
-            << w->objectName().toStdString() << ": " << child->metaObject()->className() << " "
-            << child->objectName().toStdString();
-    }
-}
 
 QTreeWidgetItem* sidebarItem(QTreeWidget* sidebar, const QString& text) {
     auto found = sidebar->findItems(text, Qt::MatchExactly | Qt::MatchRecursive);
@@ -565,7 +561,7 @@ TEST_F(GuiTest, ServerEditorAddsSftpServerAndAsksHostKeyInWindow) {
     field("serverPassword")->setText(SftpServer::keyPassphrase());
     EXPECT_FALSE(editor->findChild<QComboBox*>("ftpProtocol")->isVisibleTo(editor));
     EXPECT_TRUE(field("sftpKeyFile")->isVisibleTo(editor));
-    expectAccessibleNames(editor);
+    expectNamed(editor);
     // Without an address the record is refused and nothing is stored.
     editor->findChild<QPushButton*>("saveServer")->click();
     EXPECT_FALSE(editor->errorText().isEmpty());
@@ -600,7 +596,7 @@ TEST_F(GuiTest, ServerEditorAddsSftpServerAndAsksHostKeyInWindow) {
     EXPECT_TRUE(question->informativeText().contains("SHA256:"))
         << question->informativeText().toStdString();
     EXPECT_TRUE(question->text().contains(QString("[127.0.0.1]:%1").arg(server->port())));
-    expectAccessibleNames(question);
+    expectNamed(question);
     screenshot(question, "host-key-dialog");
     question->findChild<QPushButton*>("refuseHostKey")->click();
     ASSERT_TRUE(waitFor([&] { return !left()->errorText().isEmpty(); }));
@@ -699,7 +695,7 @@ TEST_F(GuiTest, ServerEditorAddsSftpServerAndAsksHostKeyInWindow) {
         field("serverAddress")->setText("127.0.0.1");
         field("serverUser")->setText("someone");
         kind.set();
-        expectAccessibleNames(editor);
+        expectNamed(editor);
         editor->findChild<QPushButton*>("saveServer")->click();
         ASSERT_TRUE(waitFor([&] { return sidebarItem(window_->sidebar(), kind.name); }));
         auto record = findServer(kind.name);
@@ -738,8 +734,8 @@ TEST_F(GuiTest, FtpServerPaneSharesFolderUntilStopped) {
     EXPECT_TRUE(pane->stateText().contains(QString::fromStdString(shared.path())));
     EXPECT_FALSE(pane->folderField()->isEnabled());
     EXPECT_FALSE(pane->findChild<QToolButton*>("ftpServerChooseFolder")->isEnabled());
-    expectAccessibleNames(pane);
-    screenshot(pane, "ftp-server-pane");
+    expectNamed(pane);
+    screenshots("ftp-server-pane", pane);
     EXPECT_EQ(AppPreference::sharedAppPreference().stringForKey(PrefKey::FTP_SERVER_USERNAME),
               "guia");
 
@@ -773,6 +769,7 @@ TEST_F(GuiTest, SyncPanePreviewsEachDecisionBeforeRunning) {
     SyncRunner::options().pauseAfterCheck = 0;
     ScratchDir remote("sync-remote");
     writeFile(remote / "a.txt", "alpha");
+    writeFile(remote / "c.txt", "gamma");
     std::filesystem::create_directory(remote / "sub");
     writeFile(remote / "sub/b.txt", "beta");
     auto* pane = window_->showSyncPane();
@@ -784,7 +781,7 @@ TEST_F(GuiTest, SyncPanePreviewsEachDecisionBeforeRunning) {
     auto* row = pane->pairs()->topLevelItem(0);
     EXPECT_EQ(row->text(2), "never");
     pane->pairs()->setCurrentItem(row);
-    expectAccessibleNames(pane);
+    expectNamed(pane);
 
     auto localFolder = SyncUtils::getSyncFolderPath("pair");
     pane->findChild<QPushButton*>("previewSync")->click();
@@ -795,14 +792,14 @@ TEST_F(GuiTest, SyncPanePreviewsEachDecisionBeforeRunning) {
     for (int i = 0; i < decisions->topLevelItemCount(); ++i)
         listed.insert(decisions->topLevelItem(i)->text(0).toStdString() + " " +
                       decisions->topLevelItem(i)->text(1).toStdString());
-    EXPECT_EQ(listed,
-              (std::set<std::string>{"download a.txt", "mkdir local sub/", "download sub/b.txt"}));
+    EXPECT_EQ(listed, (std::set<std::string>{"download a.txt", "download c.txt", "mkdir local sub/",
+                                             "download sub/b.txt"}));
     EXPECT_EQ(pane->previewDialog()->findChild<QLabel*>("syncPreviewSummary")->text().toStdString(),
-              "2 files to download, 1 folder to create here. Nothing has been changed yet.");
+              "3 files to download, 1 folder to create here. Nothing has been changed yet.");
     // Nothing has happened yet.
     EXPECT_FALSE(std::filesystem::exists(localFolder + "/a.txt"));
-    expectAccessibleNames(pane->previewDialog());
-    screenshot(pane->previewDialog(), "sync-preview");
+    expectNamed(pane->previewDialog());
+    screenshots("sync-preview", pane->previewDialog());
     screenshots("sync-preview-window");
 
     pane->previewDialog()->findChild<QPushButton*>("syncPreviewRun")->click();
@@ -815,27 +812,54 @@ TEST_F(GuiTest, SyncPanePreviewsEachDecisionBeforeRunning) {
     EXPECT_NE(pane->pairs()->topLevelItem(0)->text(3), "never");
     screenshot(pane, "sync-pane");
 
+    // A run that would delete more than half of a side's files asks first; declined, nothing
+    // is deleted, and the next run asks again.
+    std::filesystem::remove(remote / "a.txt");
+    std::filesystem::remove(remote / "sub/b.txt");
+    auto runAndAsk = [&] {
+        pane->pairs()->setCurrentItem(pane->pairs()->topLevelItem(0));
+        pane->findChild<QPushButton*>("runSync")->click();
+        return waitFor(
+            [&] { return pane->deleteQuestion() && pane->deleteQuestion()->isVisible(); });
+    };
+    ASSERT_TRUE(runAndAsk());
+    EXPECT_TRUE(pane->deleteQuestion()
+                    ->findChild<QLabel*>("qt_msgbox_label")
+                    ->text()
+                    .contains("2 of 3 files"));
+    expectNamed(pane->deleteQuestion());
+    screenshot(pane->deleteQuestion(), "sync-delete-question");
+    qobject_cast<QMessageBox*>(pane->deleteQuestion())->button(QMessageBox::Cancel)->click();
+    EXPECT_TRUE(fileHolds(localFolder + "/a.txt", "alpha"));
+    EXPECT_EQ(pane->messageText(), "Nothing was deleted.");
+    ASSERT_TRUE(waitFor([&] { return pane->pairs()->topLevelItemCount() == 1; }));
+    ASSERT_TRUE(runAndAsk());
+    pane->deleteQuestion()->findChild<QPushButton*>("confirmSyncDeletes")->click();
+    ASSERT_TRUE(waitFor([&] {
+        auto* r = pane->pairs()->topLevelItem(0);
+        return r && r->text(2) == "ok" && !std::filesystem::exists(localFolder + "/a.txt");
+    })) << pane->messageText().toStdString();
+    EXPECT_FALSE(std::filesystem::exists(localFolder + "/sub/b.txt"));
+
     pane->pairs()->setCurrentItem(pane->pairs()->topLevelItem(0));
     pane->findChild<QPushButton*>("removeSyncPair")->click();
     auto* confirm = pane->findChild<QMessageBox*>("removeSyncPairConfirmation");
     ASSERT_TRUE(confirm);
     confirm->findChild<QPushButton*>("confirmRemoveSyncPair")->click();
     ASSERT_TRUE(waitFor([&] { return pane->pairs()->topLevelItemCount() == 0; }));
-    EXPECT_TRUE(fileHolds(localFolder + "/a.txt", "alpha"));
-    EXPECT_TRUE(fileHolds(remote / "a.txt", "alpha"));
+    EXPECT_TRUE(fileHolds(localFolder + "/c.txt", "gamma"));
+    EXPECT_TRUE(fileHolds(remote / "c.txt", "gamma"));
 }
 
 TEST_F(GuiTest, PreferencesWindowWritesTheStore) {
     ScratchDir dir("prefs");
     writeFile(dir / ".hidden", "h");
     writeFile(dir / "shown", "s");
-    left()->goTo(QString::fromStdString(dir.path()));
-    ASSERT_TRUE(waitFor([&] { return left()->model()->folder()->path == dir.path(); }));
-    ASSERT_TRUE(loaded(left()));
+    ASSERT_TRUE(show(left(), dir.path()));
     EXPECT_EQ(namesIn(*left()->model()), std::vector<std::string>{"shown"});
 
     auto* prefs = window_->showPreferences();
-    expectAccessibleNames(prefs);
+    expectNamed(prefs);
     auto* hidden = prefs->checkBox(PrefKey::SYS_SHOW_HIDDEN_FILES);
     ASSERT_TRUE(hidden);
     EXPECT_FALSE(hidden->isChecked());
@@ -991,9 +1015,68 @@ TEST_F(GuiTest, ClipboardToFtpOpenAndPropertiesOfRemoteFile) {
     expectNamed(dialog);
     expectNamed(window_.get());
     dialog->close();
+
+    // Played from the server: the player window plays the folder's tones through the streaming
+    // server, also when another program holds that server's usual port.
+    server->makeDir("/music");
+    makeTone(server->hostPath("/music/a tone.wav"), 3);
+    makeTone(server->hostPath("/music/b tone.wav"), 2, 660);
+    auto& streaming = StreamHttpServerService::sharedHttpServerService();
+    streaming.stopServer();
+    int usual = listenOn("127.0.0.1", 0);
+    ASSERT_GE(usual, 0);
+    streaming.setPort(boundPort(usual));
+    MusicPlayerService player{{{"ao", "null"}, {"vo", "null"}}};
+    window_->panelActions()->setPlayer(&player);
+    ASSERT_TRUE(show(right(), remote + "music"));
+    ASSERT_TRUE(select(right(), "a tone.wav"));
+    fromMenu("playAction");
+    ASSERT_TRUE(waitFor([&] { return window_->panelActions()->playerWindow(); }));
+    auto* w = window_->panelActions()->playerWindow();
+    auto playing = [&] {
+        return waitFor([&] {
+                   return player.lastError() ||
+                          (player.isPlaying() && player.position().value_or(0) > 0.2);
+               }) &&
+               !player.lastError();
+    };
+    ASSERT_TRUE(playing()) << player.lastError().value_or(Error{}).describe();
+    EXPECT_TRUE(w->isVisible());
+    EXPECT_TRUE(player.currentURL().starts_with("http://127.0.0.1:")) << player.currentURL();
+    EXPECT_EQ(w->list()->count(), 2);
+    EXPECT_EQ(w->list()->currentRow(), 0);
+    auto* playPause = w->findChild<QToolButton*>("playerPlayPause");
+    playPause->click();
+    EXPECT_FALSE(player.isPlaying());
+    screenshots("player-window", w);
+    expectNamed(w);
+    w->findChild<QToolButton*>("playerNext")->click();
+    EXPECT_TRUE(waitFor([&] { return w->list()->currentRow() == 1; }));
+    playPause->click();
+    EXPECT_TRUE(playing());
+    delete w;  // it follows the player, which ends with this test
+    player.close();
+
+    // Streamed: the URL handed to a player, as the status line shows it, serves the file.
+    ASSERT_TRUE(select(right(), "b tone.wav"));
+    fromMenu("streamAction");
+    ASSERT_TRUE(waitFor([&] { return opened.size() == 5; }));
+    auto url = opened.back().toString(QUrl::FullyEncoded).toStdString();
+    EXPECT_TRUE(url.starts_with("http://127.0.0.1:")) << url;
+    EXPECT_TRUE(window_->lastMessage().endsWith(QString::fromStdString(url)))
+        << window_->lastMessage().toStdString();
+    auto fetched = PathUtils::getHomeFolderPath() + "/fetched.wav";
+    auto curl = runProgram({"curl", "-sSf", "--noproxy", "*", "-o", fetched, url});
+    ASSERT_EQ(curl.exitCode, 0) << curl.err;
+    EXPECT_TRUE(fileHolds(fetched, readFile(server->hostPath("/music/b tone.wav"))));
+    streaming.stopServer();
+    streaming.setPort(StreamHttpServerService::kPlaybackPort);
+    ::close(usual);
+    CachedDataReader::cancelAllBackgroundFetching();
+    CachedDataReader::fetchingQueue().waitUntilAllOperationsAreFinished();
 }
 
-TEST_F(GuiTest, CompressExtractIconViewAndPlayerFromContextMenu) {
+TEST_F(GuiTest, CompressExtractAndIconViewFromContextMenu) {
     ScratchDir a("zip-a"), b("zip-b");
     std::filesystem::create_directories(a / "docs/inner");
     auto big = randomBytes(300000, 5);
@@ -1058,35 +1141,6 @@ TEST_F(GuiTest, CompressExtractIconViewAndPlayerFromContextMenu) {
     ASSERT_TRUE(waitFor([&] { return !left()->model()->isLoading(); }));
     fromMenu("iconViewAction");
     EXPECT_FALSE(left()->isIconView());
-
-    // Playing a tone opens the player window over the folder's audio files.
-    makeTone(b / "a tone.wav", 3);
-    makeTone(b / "b tone.wav", 2, 660);
-    MusicPlayerService player{{{"ao", "null"}, {"vo", "null"}}};
-    window_->panelActions()->setPlayer(&player);
-    left()->model()->refresh();
-    // A listing still on its way would clear the selection when it lands: wait for the last one.
-    ASSERT_TRUE(waitFor(
-        [&] { return !left()->model()->isLoading() && namesIn(*left()->model()).size() == 4; }));
-    ASSERT_TRUE(select(left(), "a tone.wav"));
-    window_->setActivePanel(0);  // the closed tab's focus went elsewhere
-    fromMenu("playAction");
-    ASSERT_TRUE(waitFor([&] {
-        auto* w = window_->panelActions()->playerWindow();
-        return w && w->isVisible() && player.isPlaying();
-    }));
-    auto* w = window_->panelActions()->playerWindow();
-    ASSERT_TRUE(waitFor([&] { return player.itemDuration().has_value(); }));
-    EXPECT_EQ(w->list()->count(), 2);
-    EXPECT_EQ(w->list()->currentRow(), 0);
-    w->findChild<QToolButton*>("playerPlayPause")->click();
-    EXPECT_FALSE(player.isPlaying());
-    screenshot(w, "player-window");
-    expectNamed(w);
-    w->findChild<QToolButton*>("playerNext")->click();
-    EXPECT_TRUE(waitFor([&] { return w->list()->currentRow() == 1; }));
-    delete w;  // it follows the player, which ends with this test
-    player.close();
 }
 
 TEST_F(GuiTest, FailedTransferIsRetried) {
@@ -1094,13 +1148,7 @@ TEST_F(GuiTest, FailedTransferIsRetried) {
     writeFile(a / "f.txt", "new");
     writeFile(b / "f.txt", "old");
     window_->transfer({a / "f.txt"}, b.path(), false);
-    auto dialog = [&] {
-        return waitFor([&] {
-            auto* open = window_->prompts()->openDialog();
-            return open && open->isVisible();
-        });
-    };
-    ASSERT_TRUE(dialog());
+    ASSERT_TRUE(prompt());
     EXPECT_FALSE(window_->transfers()->retryOf(0));  // still running
     // The source goes away while the question is open: the copy fails.
     std::filesystem::remove(a / "f.txt");
@@ -1119,7 +1167,7 @@ TEST_F(GuiTest, FailedTransferIsRetried) {
     auto* list = window_->findChild<QTreeView*>("transferList");
     list->setCurrentIndex(window_->transfers()->index(0, 0));
     window_->findChild<QPushButton*>("retryTransfer")->click();
-    ASSERT_TRUE(dialog());
+    ASSERT_TRUE(prompt());
     window_->prompts()->openDialog()->findChild<QPushButton*>("replace")->click();
     ASSERT_TRUE(transfersDone(2));
     EXPECT_EQ(transferText(1, gui::TransferList::State), "Completed");

@@ -23,6 +23,7 @@
 #include "core/GCD.h"
 #include "core/ServerInfoService.h"
 #include "servers/ftpserver/FtpServerService.h"
+#include "sync/SyncInfoService.h"
 
 namespace quillon::gui {
 
@@ -136,10 +137,18 @@ void MainWindow::removeServer(const std::string& serverID) {
     if (serverID.empty()) return;
     auto info = ServerInfoService::sharedServerInfoService().serverInfoWithServerID(serverID);
     if (!info) return;
-    auto* ask = new QMessageBox(QMessageBox::Question, tr("Remove Server"),
-                                tr("Remove the server \"%1\"? Its files are not touched.")
-                                    .arg(QString::fromStdString(info->displayName)),
-                                QMessageBox::Cancel, this);
+    auto text = tr("Remove the server \"%1\"? Its files are not touched.")
+                    .arg(QString::fromStdString(info->displayName));
+    // A pair whose server is gone cannot run: say which ones before they are orphaned.
+    auto pairs = SyncInfoService::sharedInstance().pairsUsingServer(serverID);
+    if (!pairs.empty()) text += "\n\n" + tr("The sync pairs using it stop working:");
+    for (auto& pair : pairs)
+        text += "\n" + tr("sync pair %1: %2 <-> %3")
+                           .arg(pair.syncInfoID)
+                           .arg(QString::fromStdString(pair.localFolderMeta.pathOrEmpty()),
+                                QString::fromStdString(pair.remoteFolderMeta.pathOrEmpty()));
+    auto* ask = new QMessageBox(pairs.empty() ? QMessageBox::Question : QMessageBox::Warning,
+                                tr("Remove Server"), text, QMessageBox::Cancel, this);
     ask->setObjectName("removeServerConfirmation");
     auto* yes = ask->addButton(tr("Remove"), QMessageBox::DestructiveRole);
     yes->setObjectName("confirmRemoveServer");

@@ -95,6 +95,17 @@ void stampCachedCopy(const FileTransferTask& task) {
     (void)::utimensat(AT_FDCWD, cachedCopyOf(task).c_str(), times, 0);
 }
 
+// The playback server, on its usual port, else (another program holds it) on any free one: a
+// player is given the address either way.
+Status startStreamingServer() {
+    installStreaming();
+    auto& service = StreamHttpServerService::sharedHttpServerService();
+    if (service.isOnline()) return {};
+    if (service.startServer()) return {};
+    service.setPort(0);
+    return service.startServer();
+}
+
 }  // namespace
 
 // Tasks queued together whose end something waits for.
@@ -586,6 +597,13 @@ void PanelActions::playSelected() {
     inBackground(
         [items] {
             Listed out;
+            // Remote files reach the player through the playback server.
+            bool remote = std::any_of(items.begin(), items.end(),
+                                      [](const Location& l) { return !l.isLocal(); });
+            if (auto started = remote ? startStreamingServer() : Status{}; !started) {
+                out.error = QString::fromStdString(started.error().describe());
+                return out;
+            }
             for (auto& loc : items) {
                 auto item = statLocation(loc);
                 if (!item) {
@@ -642,19 +660,9 @@ void PanelActions::streamSelected() {
                 out.error = QObject::tr("Files on this server cannot be streamed yet.");
                 return out;
             }
-            installStreaming();
-            auto& service = StreamHttpServerService::sharedHttpServerService();
-            if (!service.isOnline()) {
-                auto started = service.startServer();
-                if (!started) {
-                    // Another program has the usual port: any free one does for a player.
-                    service.setPort(0);
-                    started = service.startServer();
-                }
-                if (!started) {
-                    out.error = QString::fromStdString(started.error().describe());
-                    return out;
-                }
+            if (auto started = startStreamingServer(); !started) {
+                out.error = QString::fromStdString(started.error().describe());
+                return out;
             }
             std::string relative = loc.path;
             while (!relative.empty() && relative.front() == '/') relative.erase(0, 1);
@@ -673,11 +681,13 @@ void PanelActions::streamSelected() {
             }
             auto url = QUrl(QString::fromStdString(offered.url));
             if (!opener_(url)) {
-                message(tr("No player opens %1.").arg(url.toString()), true);
+                message(tr("No player opens %1.").arg(url.toString(QUrl::FullyEncoded)), true);
                 return;
             }
-            message(tr("Streaming %1 at %2")
-                        .arg(QString::fromStdString(loc.display()), url.toString()));
+            // Encoded, the address can be copied to any player as it is.
+            message(
+                tr("Streaming %1 at %2")
+                    .arg(QString::fromStdString(loc.display()), url.toString(QUrl::FullyEncoded)));
         });
 }
 

@@ -136,6 +136,10 @@ SyncPane::SyncPane(FileTransferTaskManager& manager, TransferList* transfers, QW
             if (done.dryRun) {
                 showMessage({});
                 showPreview(done.pairID, SyncRunner::previewOf(*done.task));
+            } else if (auto percent = SyncRunner::deletesHeldBack(*done.task)) {
+                auto why = QString::fromStdString(done.task->error()->reason);
+                showMessage(why, true);
+                askToDelete(done.pairID, why, *percent);
             } else if (auto e = done.task->error()) {
                 showMessage(QString::fromStdString(e->describe()), true);
             } else {
@@ -249,7 +253,7 @@ void SyncPane::addPair(const QString& location, const QString& localName) {
         });
 }
 
-void SyncPane::start(std::int64_t pairID, bool dryRun) {
+void SyncPane::start(std::int64_t pairID, bool dryRun, std::optional<double> allowDeletePercent) {
     auto it = known_.find(pairID);
     if (it == known_.end()) return;
     for (auto& [task, running] : running_)
@@ -257,7 +261,7 @@ void SyncPane::start(std::int64_t pairID, bool dryRun) {
             showMessage(tr("This pair is syncing already."), true);
             return;
         }
-    auto task = SyncRunner::task(it->second, dryRun);
+    auto task = SyncRunner::task(it->second, dryRun, allowDeletePercent);
     running_[task.get()] = {task, pairID, dryRun};
     auto label = tr("sync %1%2")
                      .arg(QString::fromStdString(it->second.localFolderMeta.nameOrEmpty()),
@@ -334,6 +338,30 @@ void SyncPane::showPreview(std::int64_t pairID, const SyncPreview& p) {
     dialog->resize(680, 380);
     preview_ = dialog;
     dialog->show();
+}
+
+void SyncPane::askToDelete(std::int64_t pairID, const QString& why, double percent) {
+    if (deleteQuestion_) deleteQuestion_->close();
+    auto* ask = new QMessageBox(QMessageBox::Warning, tr("Sync Would Delete Many Files"),
+                                why + "\n\n" + tr("Delete these files and sync?"),
+                                QMessageBox::Cancel, this);
+    ask->setObjectName("syncDeleteConfirmation");
+    ask->button(QMessageBox::Cancel)->setAccessibleName(tr("Keep the files"));
+    auto* yes = ask->addButton(tr("Delete and Sync"), QMessageBox::DestructiveRole);
+    yes->setObjectName("confirmSyncDeletes");
+    yes->setAccessibleName(tr("Delete the files and sync"));
+    // Keeping the files is what a stray Enter does.
+    ask->setDefaultButton(QMessageBox::Cancel);
+    ask->setAttribute(Qt::WA_DeleteOnClose);
+    ask->setWindowModality(Qt::WindowModal);
+    connect(ask, &QMessageBox::finished, this, [this, ask, yes, pairID, percent] {
+        if (ask->clickedButton() == yes)
+            start(pairID, false, percent);
+        else
+            showMessage(tr("Nothing was deleted."));
+    });
+    deleteQuestion_ = ask;
+    ask->open();
 }
 
 void SyncPane::remove(std::int64_t pairID) {

@@ -36,6 +36,8 @@ class SyncPane : public QDialog {
     std::int64_t selectedPair() const;
     // The preview window open now, or null.
     QDialog* previewDialog() const { return preview_; }
+    // The question about a run's many deletions open now, or null.
+    QDialog* deleteQuestion() const { return deleteQuestion_; }
     QString messageText() const;
 
   signals:
@@ -48,13 +50,16 @@ class SyncPane : public QDialog {
     void showMessage(const QString& text, bool error = false);
     void showPreview(std::int64_t pairID, const SyncPreview& preview);
     void openAddDialog();
-    void start(std::int64_t pairID, bool dryRun);
+    void start(std::int64_t pairID, bool dryRun, std::optional<double> allowDeletePercent = {});
+    // A run stopped before deleting more than a side's allowed share: asks whether to delete.
+    void askToDelete(std::int64_t pairID, const QString& why, double percent);
 
     FileTransferTaskManager& manager_;
     QPointer<TransferList> transfers_;
     QTreeWidget* pairs_;
     QLabel* message_;
     QPointer<QDialog> preview_;
+    QPointer<QDialog> deleteQuestion_;
     std::map<std::int64_t, SyncInfo> known_;
     struct Running {
         std::shared_ptr<SyncTask> task;

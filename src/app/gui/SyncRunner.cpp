@@ -7,10 +7,19 @@ SyncOptions& SyncRunner::options() {
     return options;
 }
 
-std::shared_ptr<SyncTask> SyncRunner::task(const SyncInfo& pair, bool preview) {
+std::shared_ptr<SyncTask> SyncRunner::task(const SyncInfo& pair, bool preview,
+                                           std::optional<double> allowDeletePercent) {
     SyncOptions o = options();
     o.dryRun = preview;
+    if (allowDeletePercent) o.maxDeletePercent = allowDeletePercent;
     return std::make_shared<SyncTask>(pair, o);
+}
+
+std::optional<double> SyncRunner::deletesHeldBack(const SyncTask& task) {
+    auto e = task.error();
+    if (!e || e->domain != ErrorDomain::FileSync || e->code != SyncTask::kErrorMaxDelete)
+        return std::nullopt;
+    return task.summary().deletePercentNeeded;
 }
 
 SyncPreview SyncRunner::previewOf(const SyncTask& task) {
