@@ -82,8 +82,8 @@ FtpServerPane::FtpServerPane(FtpServerService& service, QWidget* parent)
     addresses_ = new QListWidget(this);
     addresses_->setObjectName("ftpServerAddresses");
     addresses_->setAccessibleName(tr("Addresses to connect to"));
-    addresses_->setMaximumHeight(90);
-    outer->addWidget(addresses_);
+    // A taller pane shows more addresses, not more room between the lines above them.
+    outer->addWidget(addresses_, 1);
 
     auto* buttons = new QDialogButtonBox(this);
     toggle_ = buttons->addButton(tr("Start Sharing"), QDialogButtonBox::ActionRole);
