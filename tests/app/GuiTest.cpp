@@ -791,6 +791,8 @@ TEST_F(GuiTest, SyncPanePreviewsEachDecisionBeforeRunning) {
     pane->findChild<QPushButton*>("previewSync")->click();
     ASSERT_TRUE(
         waitFor([&] { return pane->previewDialog() && pane->previewDialog()->isVisible(); }));
+    // Its row in the transfers list names the pair, not the server folder's last component.
+    EXPECT_EQ(transferText(0, gui::TransferList::Name).toStdString(), "sync pair (preview)");
     auto* decisions = pane->previewDialog()->findChild<QTreeWidget*>("syncDecisions");
     std::set<std::string> listed;
     for (int i = 0; i < decisions->topLevelItemCount(); ++i)

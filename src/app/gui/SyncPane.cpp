@@ -266,7 +266,7 @@ void SyncPane::start(std::int64_t pairID, bool dryRun, std::optional<double> all
     auto label = tr("sync %1%2")
                      .arg(QString::fromStdString(it->second.localFolderMeta.nameOrEmpty()),
                           dryRun ? tr(" (preview)") : QString());
-    if (transfers_) transfers_->add(task, label.toStdString());
+    if (transfers_) transfers_->addTitled(task, label.toStdString());
     manager_.addTask(task);
     manager_.start();
     showMessage(dryRun ? tr("Looking at both sides...") : tr("Syncing..."));

@@ -61,6 +61,11 @@ void TransferList::add(const FileTransferTaskPtr& task, std::string label) {
     endInsertRows();
 }
 
+void TransferList::addTitled(const FileTransferTaskPtr& task, std::string title) {
+    add(task, std::move(title));
+    rows_.back().titled = true;
+}
+
 std::optional<TransferList::Retry> TransferList::retryOf(int row) const {
     if (row < 0 || row >= rowCount()) return std::nullopt;
     auto& r = rows_[static_cast<std::size_t>(row)];
@@ -150,7 +155,8 @@ QVariant TransferList::data(const QModelIndex& index, int role) const {
     switch (index.column()) {
         case Name: {
             // The item's name; the whole source is in the tooltip.
-            std::string name = FileTransferUtils::itemName(task.sourceMetadata);
+            std::string name =
+                row.titled ? row.label : FileTransferUtils::itemName(task.sourceMetadata);
             if (auto current = task.transferringFileMeta(); current && task.sourceMetadata.isDir)
                 name += " > " + FileTransferUtils::itemName(*current);
             return QString::fromStdString(name);

@@ -34,6 +34,8 @@ class TransferList : public QAbstractTableModel {
 
     // Shows `task` as `label` (call before it is added to the manager).
     void add(const FileTransferTaskPtr& task, std::string label);
+    // A row named by `title` rather than by the item it works on (a sync pair's run).
+    void addTitled(const FileTransferTaskPtr& task, std::string title);
     FileTransferTaskPtr taskAt(int row) const;
     // What retrying the row's task asks for: none while it waits or runs, once it completed, or
     // for a task that is not a copy or move between two places (an archive's work).
@@ -59,6 +61,7 @@ class TransferList : public QAbstractTableModel {
         std::int64_t done = 0;
         std::int64_t total = 0;
         std::optional<Retry> retry;  // taken when the task is added, before it can change
+        bool titled = false;
     };
     Row* find(const FileTransferTask& task);
     void started(FileTransferTask& task);
