@@ -393,9 +393,7 @@ TEST_F(GuiTest, DropOntoFtpPanelUploadsAndConflictAnswersHold) {
         right()->model()->dropMimeData(data.get(), Qt::CopyAction, -1, -1, {});
     };
     drop();
-    ASSERT_TRUE(waitFor([&] {
-        return window_->transfers()->rowCount() == 1 && window_->transfers()->activeCount() == 0;
-    }));
+    ASSERT_TRUE(transfersDone(1));
     EXPECT_TRUE(fileHolds(server->hostPath("/a.bin"), first));
     EXPECT_TRUE(lists(right(), {"a.bin"}));
 
@@ -1092,6 +1090,29 @@ TEST_F(GuiTest, CompressExtractAndIconViewFromContextMenu) {
     // A new folder named by the archive holds what was zipped.
     EXPECT_TRUE(fileHolds(b / "docs/docs/one.txt", "first"));
     EXPECT_TRUE(fileHolds(b / "docs/docs/inner/two.bin", big));
+
+    // An encrypted zip asks for its password, again after a wrong one, which leaves nothing.
+    auto zipped =
+        runQuillon({"zip", a / "docs/one.txt", "-o", b / "locked.zip", "--password-stdin"}, "pw\n");
+    ASSERT_EQ(zipped.exitCode, 0) << zipped.err;
+    left()->model()->refresh();
+    ASSERT_TRUE(waitFor([&] { return select(left(), "locked.zip"); }));
+    fromMenu("extractAction");
+    for (std::string password : {"wrong", "pw"}) {
+        ASSERT_TRUE(waitFor([&] {
+            auto* open = window_->panelActions()->passwordDialog();
+            return open && open->isVisible();  // not the one answered before
+        })) << window_->lastMessage().toStdString();
+        auto* ask = qobject_cast<QInputDialog*>(window_->panelActions()->passwordDialog());
+        EXPECT_EQ(ask->windowTitle(), password == "pw" ? "Incorrect Password" : "Need Password");
+        EXPECT_FALSE(std::filesystem::exists(b / "locked"));
+        ask->setTextValue(QString::fromStdString(password));
+        ask->accept();
+    }
+    ASSERT_TRUE(waitFor([&] {
+        return window_->transfers()->activeCount() == 0 && std::filesystem::exists(b / "locked");
+    }));
+    EXPECT_TRUE(fileHolds(b / "locked/one.txt", "first"));
 
     // The icon view shows the same rows and shares the selection.
     ASSERT_TRUE(select(left(), "docs.zip"));

@@ -11,7 +11,9 @@
 #include <QDialog>
 #include <QDialogButtonBox>
 #include <QFormLayout>
+#include <QInputDialog>
 #include <QLabel>
+#include <QLineEdit>
 #include <QMenu>
 #include <QMenuBar>
 #include <QMimeData>
@@ -21,6 +23,7 @@
 
 #include "app/gui/MainWindow.h"
 #include "app/gui/PlayerWindow.h"
+#include "archives/ArchiveError.h"
 #include "archives/ArchiveTask.h"
 #include "archives/ExtractionPlan.h"
 #include "core/FileService.h"
@@ -510,15 +513,20 @@ void PanelActions::extractSelected() {
     if (!folder || rows.empty()) return;
     std::vector<Location> archives;
     for (int row : rows) archives.push_back(t->model()->locationOf(row));
+    extract(std::move(archives), *folder, std::nullopt);
+}
+
+void PanelActions::extract(std::vector<Location> archives, Location target,
+                           std::optional<std::string> password) {
     struct Planned {
         std::shared_ptr<ExtractionPlan> plan;
         QStringList problems;
     };
     inBackground(
-        [target = *folder, archives] {
+        [target, archives, password] {
             Planned out;
             auto plan = ExtractionPlan::into(target, PathUtils::getHomeFolderPath(),
-                                             StringEncoding::UTF8, std::nullopt);
+                                             StringEncoding::UTF8, password);
             if (!plan) {
                 out.problems << describe(plan.error());
                 return out;
@@ -528,17 +536,58 @@ void PanelActions::extractSelected() {
             if (!plan->empty()) out.plan = std::make_shared<ExtractionPlan>(std::move(*plan));
             return out;
         },
-        [this](Planned planned) {
+        [this, archives, target, password](Planned planned) {
             if (!planned.problems.isEmpty()) message(planned.problems.join("\n"), true);
-            if (planned.plan) runExtraction(planned.plan, 0);
+            if (!planned.plan) return;
+            runExtraction(planned.plan, 0,
+                          [this, archives, target, password](const auto& extractions) {
+                              // The archives whose extraction wants a (another) password, by
+                              // the name each extraction is shown under.
+                              std::vector<Location> locked;
+                              for (auto& [task, name] : extractions) {
+                                  auto e = task->error();
+                                  if (!e || e->domain != ErrorDomain::Archive ||
+                                      (e->code != ArchiveErrorCode::NeedPassword &&
+                                       e->code != ArchiveErrorCode::IncorrectPassword))
+                                      continue;
+                                  for (auto& a : archives)
+                                      if (StringUtils::lastPathComponent(a.path) == name)
+                                          locked.push_back(a);
+                              }
+                              if (!locked.empty())
+                                  askPassword(std::move(locked), target, password.has_value());
+                          });
         });
 }
 
-void PanelActions::runExtraction(std::shared_ptr<ExtractionPlan> plan, int stage) {
+void PanelActions::askPassword(std::vector<Location> archives, Location target, bool wrong) {
+    if (passwordDialog_) passwordDialog_->close();
+    auto* ask = new QInputDialog(window_);
+    ask->setObjectName("archivePasswordDialog");
+    ask->setAttribute(Qt::WA_DeleteOnClose);
+    ask->setWindowTitle(wrong ? tr("Incorrect Password") : tr("Need Password"));
+    QString names;
+    for (auto& a : archives)
+        names += (names.isEmpty() ? "" : ", ") +
+                 QString::fromStdString(StringUtils::lastPathComponent(a.path));
+    ask->setLabelText(wrong ? tr("The password does not open %1. Password:").arg(names)
+                            : tr("%1 is protected by a password. Password:").arg(names));
+    ask->setTextEchoMode(QLineEdit::Password);
+    if (auto* field = ask->findChild<QLineEdit*>()) field->setAccessibleName(tr("Password"));
+    connect(ask, &QInputDialog::textValueSelected, this,
+            [this, archives, target](const QString& password) {
+                extract(archives, target, password.toStdString());
+            });
+    passwordDialog_ = ask;
+    ask->open();
+}
+
+void PanelActions::runExtraction(std::shared_ptr<ExtractionPlan> plan, int stage,
+                                 std::function<void(const Labelled&)> extracted) {
     // Downloads of remote archives, the extractions, then uploads into a server folder: each
     // stage starts when the one before has completed.
     struct Stage {
-        std::vector<std::pair<FileTransferTaskPtr, std::string>> tasks;
+        Labelled tasks;
         QString error;
     };
     if (stage > 2) return;
@@ -563,22 +612,21 @@ void PanelActions::runExtraction(std::shared_ptr<ExtractionPlan> plan, int stage
             if (stage == 2 && plan->uploads()) take(plan->uploadTasks());
             return out;
         },
-        [this, plan, stage](Stage next) {
+        [this, plan, stage, extracted](Stage next) {
             if (!next.error.isEmpty()) {
                 message(next.error, true);
                 return;
             }
             if (next.tasks.empty()) {
-                runExtraction(plan, stage + 1);
+                runExtraction(plan, stage + 1, extracted);
                 return;
             }
-            std::vector<FileTransferTaskPtr> queued;
-            for (auto& [task, label] : next.tasks) queued.push_back(task);
-            queue(std::move(next.tasks), [this, plan, stage, queued](bool completed) {
+            queue(next.tasks, [this, plan, stage, queued = next.tasks, extracted](bool completed) {
                 if (stage == 0)
-                    for (auto& task : queued) stampCachedCopy(*task);
+                    for (auto& [task, label] : queued) stampCachedCopy(*task);
+                if (stage == 1) extracted(queued);
                 // A failed download leaves its archive out; the others go on.
-                if (completed || stage == 0) runExtraction(plan, stage + 1);
+                if (completed || stage == 0) runExtraction(plan, stage + 1, extracted);
             });
         });
 }

@@ -63,7 +63,8 @@ class PanelActions : public QObject {
     void showProperties();
     // A zip of the selected local items beside them.
     void compressSelected();
-    // Each selected archive into a new folder in the panel's folder.
+    // Each selected archive into a new folder in the panel's folder; an encrypted one asks for
+    // its password.
     void extractSelected();
     // Audio files and play lists in the player window.
     void playSelected();
@@ -76,6 +77,8 @@ class PanelActions : public QObject {
     bool retry(int row);
 
     QDialog* propertiesDialog() const { return properties_; }
+    // The question for an archive's password open now, or null.
+    QDialog* passwordDialog() const { return passwordDialog_; }
     PlayerWindow* playerWindow() const { return playerWindow_; }
     NearbyWindow* nearbyWindow() const { return nearbyWindow_; }
 
@@ -83,11 +86,19 @@ class PanelActions : public QObject {
     struct Job;
     FolderTab* tab() const;
     void open(const Location& item, bool isDir);
+    // Tasks with the names their rows show.
+    using Labelled = std::vector<std::pair<FileTransferTaskPtr, std::string>>;
     // Queues `tasks`, shown with their labels; `then` runs once each has ended.
-    void queue(std::vector<std::pair<FileTransferTaskPtr, std::string>> tasks,
-               std::function<void(bool allCompleted)> then);
+    void queue(Labelled tasks, std::function<void(bool allCompleted)> then);
     void taskEnded(const FileTransferTaskPtr& task);
-    void runExtraction(std::shared_ptr<ExtractionPlan> plan, int stage);
+    void extract(std::vector<Location> archives, Location target,
+                 std::optional<std::string> password);
+    // The stages of `plan` from `stage` on; `extracted` gets the extractions once they ended.
+    void runExtraction(std::shared_ptr<ExtractionPlan> plan, int stage,
+                       std::function<void(const Labelled&)> extracted);
+    // Asks for the password of `archives` (their extraction needed one, or another one), then
+    // extracts them again with it.
+    void askPassword(std::vector<Location> archives, Location target, bool wrong);
     void message(const QString& text, bool error = false);
     template <typename Work, typename Then>
     void inBackground(Work work, Then then);
@@ -96,6 +107,7 @@ class PanelActions : public QObject {
     Opener opener_;
     MusicPlayerService* player_ = nullptr;
     QPointer<QDialog> properties_;
+    QPointer<QDialog> passwordDialog_;
     QPointer<PlayerWindow> playerWindow_;
     QPointer<NearbyWindow> nearbyWindow_;
     std::vector<std::shared_ptr<Job>> jobs_;
