@@ -106,7 +106,7 @@ class GuiTest : public FreshHome {
         FreshHome::SetUp();
         registerBuiltinClients();
         modelProblems = 0;
-        // The shipped default is one panel; most of what is tested here needs two.
+        // Most of what is tested here needs two panels, whatever the store held.
         AppPreference::sharedAppPreference().setValue(PlistValue(true), PrefKey::DualPanelMode);
         pump_ = std::make_unique<gui::QueuePump>();
         window_ = std::make_unique<MainWindow>(manager_);
