@@ -363,6 +363,12 @@ void DiskDataCache::endWrites(std::uint64_t writeEnd) {
 bool DiskDataCache::keepSpare(const std::string& path, std::uint64_t size) {
     std::lock_guard lock(mutex_);
     if (spareSize_ || size == 0 || size > maxCacheItemSize_) return false;
+    // A descriptor of it handed out by openCachedRun (an answer still sending the run) holds a
+    // shared lock: then the file goes as it is, and the answer goes on reading its bytes.
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    bool unused = fd >= 0 && ::flock(fd, LOCK_EX | LOCK_NB) == 0;
+    if (fd >= 0) ::close(fd);
+    if (!unused) return false;
     if (::rename(path.c_str(), (cacheFolder() + "/" + kSpareName).c_str()) != 0) return false;
     spareSize_ = size;
     return true;
@@ -454,6 +460,9 @@ std::optional<CachedRun> DiskDataCache::openCachedRun(std::uint64_t offset, std:
     int fd = item->openVerified();
     std::optional<CachedRun> run;
     if (fd >= 0) {
+        // Held as long as the descriptor is open (by whoever it is handed to): a file still read
+        // from is never written over by another run (see keepSpare).
+        lockShared(fd);
         run = CachedRun{fd, offset - item->startPos, item->endPos() - offset};
         item->lastReadTick = nowTick();
     }

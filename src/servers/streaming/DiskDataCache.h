@@ -122,7 +122,8 @@ class DiskDataCache {
     std::optional<std::vector<std::uint8_t>> readDataWithStartPos(std::uint64_t offset,
                                                                   std::uint64_t maxLength);
     // The run holding all of [offset, offset + length) opened for reading, or absent; counts as
-    // a read of the run (and may evict afterwards, as reads do).
+    // a read of the run (and may evict afterwards, as reads do). While the descriptor is open the
+    // file keeps the run's bytes, evicted or not.
     std::optional<CachedRun> openCachedRun(std::uint64_t offset, std::uint64_t length);
     std::uint64_t cachedSize() const;
     bool cacheFull() const;

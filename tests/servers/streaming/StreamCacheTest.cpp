@@ -150,6 +150,20 @@ TEST(StreamCache, RunsGrowSplitAreCheckedAndEvictOldestWritesFirst) {
     EXPECT_FALSE(cache.readDataWithStartPos(10000, 10));
     EXPECT_TRUE(log.has("[DEBUG]Path=" + reused + ", FileSize=200, cacheIdxLength=1100"));
 
+    // A run evicted while an answer still sends it from its file (a descriptor openCachedRun
+    // handed out) keeps its bytes there: its file is not the one the next run writes over.
+    cache.clearCache();
+    EXPECT_TRUE(write(cache, 0, 2000));
+    auto sending = cache.openCachedRun(0, 2000);
+    ASSERT_TRUE(sending);
+    cache.noteRead(0, 2000);
+    EXPECT_TRUE(write(cache, 2000, 2000));
+    EXPECT_TRUE(write(cache, 10000, 1000));
+    std::vector<std::uint8_t> sent(2000);
+    EXPECT_EQ(::pread(sending->fd, sent.data(), sent.size(), 0), 2000);
+    ::close(sending->fd);
+    EXPECT_EQ(sent, patternBytes(0, 2000));
+
     // The shared reader switching to another file empties the folder completely; FTP fetches
     // run one at a time, SMB ones five.
     auto ftp = std::make_shared<ServerInfo>();
