@@ -189,9 +189,11 @@ void CacheItem::disposeCache() {
 }
 
 void CacheItem::retire() {
-    if (cacheFilePath && !cache_.keepSpare(*cacheFilePath, fileSize_))
-        ::unlink(cacheFilePath->c_str());
+    auto path = cacheFilePath;
+    auto size = fileSize_;
+    auto& cache = cache_;
     dropFile();
+    if (path && !cache.keepSpare(*path, size)) ::unlink(path->c_str());
 }
 
 std::uint64_t CacheItem::endPos() const {
@@ -256,7 +258,7 @@ void DiskDataCache::clearCache() {
     auto items = std::move(cacheItems_);
     cacheItems_.clear();
     items.clear();  // each deletes its file
-    dropSpare();
+    dropSpares();
     std::error_code ec;
     if (folderFd_ < 0) {
         // Not used by this process yet (start-up): the folder goes, unless another process
@@ -362,36 +364,42 @@ void DiskDataCache::endWrites(std::uint64_t writeEnd) {
 
 bool DiskDataCache::keepSpare(const std::string& path, std::uint64_t size) {
     std::lock_guard lock(mutex_);
-    if (spareSize_ || size == 0 || size > maxCacheItemSize_) return false;
+    // At most what one eviction frees: a quarter of the total and the run that passes it.
+    std::uint64_t kept = size;
+    for (auto& spare : spares_) kept += spare.size;
+    if (size == 0 || size > maxCacheItemSize_ || kept > maxTotalCacheSize_ / 4 + maxCacheItemSize_)
+        return false;
     // A descriptor of it handed out by openCachedRun (an answer still sending the run) holds a
     // shared lock: then the file goes as it is, and the answer goes on reading its bytes.
     int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     bool unused = fd >= 0 && ::flock(fd, LOCK_EX | LOCK_NB) == 0;
     if (fd >= 0) ::close(fd);
     if (!unused) return false;
-    if (::rename(path.c_str(), (cacheFolder() + "/" + kSpareName).c_str()) != 0) return false;
-    spareSize_ = size;
+    std::string spare = fmt::format("{}/{}{}", cacheFolder(), kSparePrefix, nextSpare_++);
+    if (::renameat2(AT_FDCWD, path.c_str(), AT_FDCWD, spare.c_str(), RENAME_NOREPLACE) != 0)
+        return false;
+    spares_.push_back({spare, size});
     return true;
 }
 
 bool DiskDataCache::takeSpare(const std::string& path, int& err) {
     std::lock_guard lock(mutex_);
     err = ENOENT;
-    if (!spareSize_) return false;
-    std::string spare = cacheFolder() + "/" + kSpareName;
-    if (::renameat2(AT_FDCWD, spare.c_str(), AT_FDCWD, path.c_str(), RENAME_NOREPLACE) == 0) {
-        spareSize_.reset();
+    if (spares_.empty()) return false;
+    if (::renameat2(AT_FDCWD, spares_.back().path.c_str(), AT_FDCWD, path.c_str(),
+                    RENAME_NOREPLACE) == 0) {
+        spares_.pop_back();
         return true;
     }
     err = errno;
-    if (err != EEXIST) dropSpare();
+    if (err != EEXIST) dropSpares();
     return false;
 }
 
-void DiskDataCache::dropSpare() {
+void DiskDataCache::dropSpares() {
     std::lock_guard lock(mutex_);
-    if (spareSize_) ::unlink((cacheFolder() + "/" + kSpareName).c_str());
-    spareSize_.reset();
+    for (auto& spare : spares_) ::unlink(spare.path.c_str());
+    spares_.clear();
 }
 
 std::shared_ptr<CacheItem> DiskDataCache::findMatchItem(std::uint64_t offset) {

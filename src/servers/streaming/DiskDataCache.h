@@ -6,8 +6,9 @@
 // their end, never merged, and capped in size so that eviction frees space in pieces; eviction
 // removes the oldest written runs first.
 //
-// An evicted run's file is kept aside (as "spare") for the next run to write over instead of a
+// An evicted run's file is kept aside (as "spare<n>") for a later run to write over instead of a
 // new one: overwriting pages the file system already holds costs about half of filling fresh ones.
+// The files kept hold no more than one eviction frees.
 // While a run writes over such a file, the bytes past the run's length are the former run's; they
 // are never read, and they are cut off once the run stops growing.
 //
@@ -32,7 +33,7 @@ class CacheItem {
   public:
     // A run starting at `startPos`: creates the cache folder when missing and the empty file.
     CacheItem(DiskDataCache& cache, std::uint64_t startPos);
-    // The same over the cache's spare file when it has one (see above), else as the other.
+    // The same over one of the cache's spare files when it has one (see above), else as the other.
     CacheItem(DiskDataCache& cache, std::uint64_t startPos, bool reuseSpare);
     // Deletes the file if the item still has one.
     ~CacheItem();
@@ -67,7 +68,7 @@ class CacheItem {
     friend class DiskDataCache;
     // The file as it is on disk: its descriptor when it holds exactly the bytes it should.
     int openVerified();
-    // Evicted: the file becomes the cache's spare (or goes), and the item leaves the list.
+    // Evicted: the file becomes a spare of the cache (or goes), and the item leaves the list.
     void retire();
     void dropFile();
 
@@ -90,8 +91,8 @@ class DiskDataCache {
     static constexpr std::uint64_t kDefaultMaxTotalCacheSize = 1073741824;  // 1 GiB
     static constexpr std::uint64_t kDefaultMaxCacheItemSize = 268435456;    // 256 MiB
     static constexpr const char* kFolderName = "DiskDataCacheFolder";
-    // The evicted run's file kept for the next run, in the folder.
-    static constexpr const char* kSpareName = "spare";
+    // Evicted runs' files kept for later runs are "spare<n>" in the folder.
+    static constexpr const char* kSparePrefix = "spare";
 
     static DiskDataCache& shared();
     DiskDataCache();
@@ -169,13 +170,13 @@ class DiskDataCache {
     void evictOldestQuarter(const std::function<bool(const CacheItem&)>& evictable);
     std::uint64_t cachedSizeLocked() const;
     bool cacheFullLocked() const;
-    // Keeps an evicted run's file (of `size` bytes) as the spare when there is none yet and it is
-    // not larger than a run may grow; false when the caller is to delete it.
+    // Keeps an evicted run's file (of `size` bytes) as a spare when nothing reads from it and the
+    // spares stay within what one eviction frees; false when the caller is to delete it.
     bool keepSpare(const std::string& path, std::uint64_t size);
-    // Hands the spare over to `path` (renamed); false with `err` EEXIST when `path` is taken,
-    // else when there is no spare.
+    // Hands a spare over to `path` (renamed); false with `err` EEXIST when `path` is taken, else
+    // when there is no spare.
     bool takeSpare(const std::string& path, int& err);
-    void dropSpare();
+    void dropSpares();
 
     mutable std::recursive_mutex mutex_;
     std::condition_variable_any written_;
@@ -187,7 +188,12 @@ class DiskDataCache {
     std::vector<std::shared_ptr<CacheItem>> cacheItems_;
     int folderFd_ = -1;
     std::string lockedFolder_;
-    std::optional<std::uint64_t> spareSize_;
+    struct Spare {
+        std::string path;
+        std::uint64_t size = 0;
+    };
+    std::vector<Spare> spares_;
+    std::uint64_t nextSpare_ = 0;
     std::mutex observersMutex_;
     std::vector<std::pair<int, WriteObserver>> observers_;
     int nextObserverId_ = 1;
