@@ -111,8 +111,8 @@ bool CacheItem::appendData(const std::uint8_t* data, std::size_t size) {
     if (writeFd_ < 0 || ::fstat(writeFd_, &st) != 0 || st.st_nlink == 0) return false;
     // The bytes go after the run's, over what a reused file held there. A file changed behind
     // the cache's back is written at its end instead, so that the read's size check notices.
-    auto onDisk = static_cast<std::uint64_t>(st.st_size);
-    std::uint64_t at = onDisk == fileSize_ ? length : onDisk;
+    bool changed = static_cast<std::uint64_t>(st.st_size) != fileSize_;
+    std::uint64_t at = changed ? static_cast<std::uint64_t>(st.st_size) : length;
     bool ok = writeAllAt(writeFd_, data, size, at);
     if (!ok) {
         // A short write (a full disk) leaves the file as long as the run says it is.
@@ -120,7 +120,8 @@ bool CacheItem::appendData(const std::uint8_t* data, std::size_t size) {
         return false;
     }
     length += size;
-    fileSize_ = std::max(fileSize_, at + size);
+    // Such a file is expected to hold exactly the run again, which it then does not.
+    fileSize_ = changed ? length : std::max(fileSize_, length);
     lastWriteTick = nowTick();
     return true;
 }

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
 #include <mutex>
 #include <thread>
 
@@ -144,11 +145,14 @@ TEST(StreamCache, RunsGrowSplitAreCheckedAndEvictOldestWritesFirst) {
     for (auto& entry : fs::directory_iterator(DiskDataCache::cacheFolder()))
         files.push_back(entry.path().string());
     EXPECT_EQ(files.size(), 2u);
-    // A reused file cut behind the cache's back is still caught by the size check.
-    ASSERT_EQ(::truncate(reused.c_str(), 100), 0);
+    // A reused file grown behind the cache's back is still caught by the size check.
+    {
+        std::ofstream grow(reused, std::ios::binary | std::ios::app);
+        grow << std::string(500, 'x');
+    }
     EXPECT_TRUE(write(cache, 11000, 100));
-    EXPECT_FALSE(cache.readDataWithStartPos(10000, 10));
-    EXPECT_TRUE(log.has("[DEBUG]Path=" + reused + ", FileSize=200, cacheIdxLength=1100"));
+    EXPECT_FALSE(cache.readDataWithStartPos(11000, 10));
+    EXPECT_TRUE(log.has("[DEBUG]Path=" + reused + ", FileSize=1600, cacheIdxLength=1100"));
 
     // A run evicted while an answer still sends it from its file (a descriptor openCachedRun
     // handed out) keeps its bytes there: its file is not the one the next run writes over.
