@@ -65,6 +65,51 @@ double median(std::vector<double> v) {
     return v[v.size() / 2];
 }
 
+double cpuSeconds(int who) {
+    rusage u{};
+    ::getrusage(who, &u);
+    return static_cast<double>(u.ru_utime.tv_sec + u.ru_stime.tv_sec) +
+           static_cast<double>(u.ru_utime.tv_usec + u.ru_stime.tv_usec) / 1e6;
+}
+
+// CPU seconds of a process and all it started (live or reaped).
+double treeCpuSeconds(long pid) {
+    std::ifstream stat(fmt::format("/proc/{}/stat", pid));
+    std::string line;
+    std::getline(stat, line);
+    auto close = line.rfind(')');
+    if (close == std::string::npos) return 0;
+    std::istringstream fields(line.substr(close + 2));
+    std::string field;
+    double ticks = 0;
+    // Fields 14 to 17: utime, stime, cutime, cstime (counted from the state, field 3).
+    for (int i = 3; i <= 17 && fields >> field; ++i)
+        if (i >= 14) ticks += std::stod(field);
+    double total = ticks / static_cast<double>(::sysconf(_SC_CLK_TCK));
+    std::error_code ec;
+    for (auto& task : fs::directory_iterator(fmt::format("/proc/{}/task", pid), ec)) {
+        std::ifstream children(task.path() / "children");
+        for (long child = 0; children >> child;) total += treeCpuSeconds(child);
+    }
+    return total;
+}
+
+// CPU seconds of this process's children named `name`, with all they started.
+double childCpuSeconds(const std::string& name) {
+    double total = 0;
+    std::error_code ec;
+    for (auto& task : fs::directory_iterator("/proc/self/task", ec)) {
+        std::ifstream children(task.path() / "children");
+        for (long pid = 0; children >> pid;) {
+            std::ifstream comm(fmt::format("/proc/{}/comm", pid));
+            std::string got;
+            std::getline(comm, got);
+            if (got == name) total += treeCpuSeconds(pid);
+        }
+    }
+    return total;
+}
+
 void emptyCache() {
     CachedDataReader::cancelAllBackgroundFetching();
     CachedDataReader::fetchingQueue().waitUntilAllOperationsAreFinished();
@@ -103,54 +148,70 @@ int main(int argc, char** argv) {
     std::printf("vsftpd on port %d, playback server on %d: a file of %ld MiB; files and cache %s\n",
                 server->port(), service.listeningPort(), mib, onDisk ? "on disk" : "in /dev/shm");
 
-    // The machine may be shared: the playback server's own CPU time per GiB shows its cost
-    // whatever the others take.
-    double serverCpu = 0;
-    std::uint64_t served = 0;
-    auto cpuSeconds = [] {
-        rusage u{};
-        ::getrusage(RUSAGE_SELF, &u);
-        return static_cast<double>(u.ru_utime.tv_sec + u.ru_stime.tv_sec) +
-               static_cast<double>(u.ru_utime.tv_usec + u.ru_stime.tv_usec) / 1e6;
+    // The machine may be shared: the CPU time each side takes per GiB shows its cost whatever the
+    // others take; when CPU is what limits both sides, their ratio is that of their CPU times.
+    struct Cpu {
+        double ours = 0, curl = 0, ftpServer = 0;
+        std::uint64_t bytes = 0;
+    };
+    Cpu viaUrl, fromFtp;
+    auto measured = [&](Cpu& into, const std::string& from) {
+        double self = cpuSeconds(RUSAGE_SELF), children = cpuSeconds(RUSAGE_CHILDREN);
+        double ftpd = childCpuSeconds("vsftpd");
+        bool ok = runQuiet({"curl", "-sS", "-o", "/dev/null", from}) == 0;
+        into.ours += cpuSeconds(RUSAGE_SELF) - self;
+        into.curl += cpuSeconds(RUSAGE_CHILDREN) - children;
+        into.ftpServer += childCpuSeconds("vsftpd") - ftpd;
+        into.bytes += static_cast<std::uint64_t>(bytes);
+        return ok;
     };
     registerPair(
-        "sequential read (large file)", "curl", bytes,
-        [&] {
-            double before = cpuSeconds();
-            bool ok = runQuiet({"curl", "-sS", "-o", "/dev/null", *url}) == 0;
-            serverCpu += cpuSeconds() - before;
-            served += static_cast<std::uint64_t>(bytes);
-            return ok;
-        },
-        [&] {
-            return runQuiet({"curl", "-sS", "-o", "/dev/null", ftpUrl}) == 0;
-        },
-        emptyCache);
+        "sequential read (large file)", "curl", bytes, [&] { return measured(viaUrl, *url); },
+        [&] { return measured(fromFtp, ftpUrl); }, emptyCache);
     benchmark::RunSpecifiedBenchmarks();
     printPairRatio("sequential read (large file)", "curl", "target >= 0.9");
-    if (served > 0)
-        std::printf("playback server CPU time: %.2f s per GiB served\n",
-                    serverCpu / (static_cast<double>(served) / (1 << 30)));
+    for (auto* side : {&viaUrl, &fromFtp}) {
+        if (side->bytes == 0) continue;
+        double gib = static_cast<double>(side->bytes) / (1 << 30);
+        std::printf("CPU s per GiB, %s: playback server %.2f, curl %.2f, vsftpd %.2f\n",
+                    side == &viaUrl ? "through the URL" : "curl from FTP", side->ours / gib,
+                    side->curl / gib, side->ftpServer / gib);
+    }
+    if (viaUrl.bytes > 0 && fromFtp.bytes > 0) {
+        auto perGiB = [](const Cpu& c) {
+            return (c.ours + c.curl + c.ftpServer) / (static_cast<double>(c.bytes) / (1 << 30));
+        };
+        std::printf(
+            "CPU s per GiB in all: through the URL %.2f, curl from FTP %.2f; the ratio "
+            "where CPU decides: %.2f\n",
+            perGiB(viaUrl), perGiB(fromFtp), perGiB(fromFtp) / perGiB(viaUrl));
+    }
 
     // Where the time goes: the FTP client's read alone, and with every block written to the cache
-    // as the fetches do (the least a read through the cache costs).
+    // as a sequential read through the URL does (the cache's limits for the file, runs read
+    // through making room): the least such a read costs. CPU time too, as the machine may be
+    // shared.
     for (bool withCache : {false, true}) {
         emptyCache();
-        DiskDataCache::shared().setMaxTotalCacheSize(static_cast<std::uint64_t>(bytes));
-        DiskDataCache::shared().setMaxCacheItemSize(static_cast<std::uint64_t>(bytes));
+        DiskDataCache::shared().calcMaxCacheSize(static_cast<std::uint64_t>(bytes));
         FtpWrapper client(server->serverInfo());
         std::uint64_t got = 0;
+        double cpuBefore = cpuSeconds(RUSAGE_SELF);
         auto start = std::chrono::steady_clock::now();
         bool ok = client.initStreamFileMeta(file) &&
                   client.readDataFromOffsetToEnd(0, [&](const Bytes& block) {
-                      if (withCache) DiskDataCache::shared().writeDataWithStartPos(got, block);
+                      if (withCache) {
+                          DiskDataCache::shared().writeDataWithStartPos(got, block);
+                          DiskDataCache::shared().noteRead(got, block.size());
+                      }
                       got += block.size();
                       return true;
                   });
         std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
-        std::printf("FTP client reading the file %s: %.2f GB/s\n",
+        std::printf("FTP client reading the file %s: %.2f GB/s, %.2f s CPU per GiB\n",
                     withCache ? "into the cache" : "alone",
-                    ok ? static_cast<double>(got) / took.count() / 1e9 : -1.0);
+                    ok ? static_cast<double>(got) / took.count() / 1e9 : -1.0,
+                    (cpuSeconds(RUSAGE_SELF) - cpuBefore) / (static_cast<double>(got) / (1 << 30)));
     }
 
     if (std::getenv("STREAMBENCH_SEQUENTIAL_ONLY")) {

@@ -46,6 +46,9 @@ size_t fileReadCb(char* d, size_t s, size_t n, void* self) {
 size_t streamCb(char* d, size_t s, size_t n, void* self) {
     return opOf(self).client->onStreamData(opOf(self), d, s * n);
 }
+int streamProgressCb(void* self, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+    return opOf(self).client->onStreamProgress(opOf(self));
+}
 int progressCb(void* self, curl_off_t dt, curl_off_t dn, curl_off_t ut, curl_off_t un) {
     return opOf(self).client->onProgress(opOf(self), dt, dn, ut, un);
 }
@@ -855,21 +858,37 @@ int FtpWrapper::querySize(Operation& op, const std::string& path, char* errorBuf
     return rc;
 }
 
-std::size_t FtpWrapper::onStreamData(Operation& op, const char* data, std::size_t size) {
-    if (cancelled() || op.streamStopped_) return 0;
-    if (!op.recievedDataHandler_) return size;
-    Bytes chunk(reinterpret_cast<const std::uint8_t*>(data),
-                reinterpret_cast<const std::uint8_t*>(data) + size);
-    if (!op.recievedDataHandler_(chunk)) {
-        op.streamStopped_ = true;
-        return 0;
-    }
-    return size;
-}
-
 namespace {
 constexpr std::uint64_t kStreamBlockSize = 524288;
 }  // namespace
+
+// libcurl hands what one receive got over in pieces of 16 KiB; a reader (the streaming cache,
+// which writes and wakes its readers per block) gets it whole instead: the pieces are gathered
+// and handed on after the receive (see onStreamProgress), or when a block is full.
+std::size_t FtpWrapper::onStreamData(Operation& op, const char* data, std::size_t size) {
+    if (cancelled() || op.streamStopped_) return 0;
+    if (!op.recievedDataHandler_) return size;
+    if (op.streamBlock_.capacity() < kStreamBlockSize) op.streamBlock_.reserve(kStreamBlockSize);
+    op.streamBlock_.insert(op.streamBlock_.end(), reinterpret_cast<const std::uint8_t*>(data),
+                           reinterpret_cast<const std::uint8_t*>(data) + size);
+    if (op.streamBlock_.size() >= kStreamBlockSize && !flushStreamBlock(op)) return 0;
+    return size;
+}
+
+bool FtpWrapper::flushStreamBlock(Operation& op) {
+    if (op.streamStopped_) return false;
+    if (op.streamBlock_.empty() || !op.recievedDataHandler_) return true;
+    bool more = op.recievedDataHandler_(op.streamBlock_);
+    op.streamBlock_.clear();
+    if (!more) op.streamStopped_ = true;
+    return more;
+}
+
+// Called by libcurl after each receive (and while it waits): what arrived goes on at once.
+int FtpWrapper::onStreamProgress(Operation& op) {
+    if (cancelled()) return 1;
+    return flushStreamBlock(op) ? 0 : 1;
+}
 
 Status FtpWrapper::readRange(std::uint64_t from, std::optional<std::uint64_t> length,
                              const std::function<bool(const Bytes&)>& handler) {
@@ -901,15 +920,22 @@ Status FtpWrapper::readRange(std::uint64_t from, std::optional<std::uint64_t> le
     curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, errorBuffer);
     curl_easy_setopt(curl, CURLOPT_HEADERDATA, &op);
     curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, headerCb);
+    curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
+    curl_easy_setopt(curl, CURLOPT_XFERINFODATA, &op);
+    curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, streamProgressCb);
     op.recievedDataHandler_ = handler;
     op.streamStopped_ = false;
     op.direction_ = Direction::None;
     int rc = runCurlEasyPerform(op);
-    op.recievedDataHandler_ = nullptr;
     recycleFTPConnection(*conn, rc);
+    // What arrived before the end (or a failure) is still the file's bytes.
+    if (!cancelled()) (void)flushStreamBlock(op);
+    op.recievedDataHandler_ = nullptr;
     if (cancelled()) return ftpFailure(CURLE_ABORTED_BY_CALLBACK, "Download Canncelled");
     // A reader that had enough stops the transfer on purpose.
-    if (rc == CURLE_OK || (rc == CURLE_WRITE_ERROR && op.streamStopped_)) return {};
+    bool stoppedByReader =
+        (rc == CURLE_WRITE_ERROR || rc == CURLE_ABORTED_BY_CALLBACK) && op.streamStopped_;
+    if (rc == CURLE_OK || stoppedByReader) return {};
     if (rc == CURLE_REMOTE_FILE_NOT_FOUND)
         return ftpFailure(ErrorCode::NotFound, "File not found, check permission");
     return std::unexpected(curlError(rc, errorBuffer, op));

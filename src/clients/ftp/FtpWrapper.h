@@ -39,6 +39,8 @@ class FtpWrapper : public Wrapper, public LoginFolder {
         std::int64_t finishedDlSize_ = 0;
         ProgressHandler progress_;
         std::function<bool(const Bytes&)> recievedDataHandler_;
+        // What a streamed read received since it last handed a block on.
+        Bytes streamBlock_;
         bool skipProgressUpdate_ = false;
         bool streamStopped_ = false;
         Direction direction_ = Direction::None;
@@ -187,6 +189,9 @@ class FtpWrapper : public Wrapper, public LoginFolder {
     std::size_t onFileWrite(Operation& op, const char* data, std::size_t size);
     std::size_t onFileRead(Operation& op, char* buffer, std::size_t size);
     std::size_t onStreamData(Operation& op, const char* data, std::size_t size);
+    // Hands what a streamed read gathered to its handler; false once the reader wants no more.
+    bool flushStreamBlock(Operation& op);
+    int onStreamProgress(Operation& op);
     int onProgress(Operation& op, std::int64_t dltotal, std::int64_t dlnow, std::int64_t ultotal,
                    std::int64_t ulnow);
     // Whether libcurl may open a connection to `address` (false for a passive data connection

@@ -28,10 +28,10 @@ double nowTick() {
     return duration<double>(system_clock::now().time_since_epoch()).count();
 }
 
-bool writeAll(int fd, const std::uint8_t* data, std::size_t size) {
+bool writeAllAt(int fd, const std::uint8_t* data, std::size_t size, std::uint64_t at) {
     std::size_t done = 0;
     while (done < size) {
-        ssize_t n = ::write(fd, data + done, size - done);
+        ssize_t n = ::pwrite(fd, data + done, size - done, static_cast<off_t>(at + done));
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) return false;
         done += static_cast<std::size_t>(n);
@@ -55,7 +55,9 @@ void lockShared(int fd) {
 
 // --- CacheItem
 
-CacheItem::CacheItem(DiskDataCache& cache, std::uint64_t start)
+CacheItem::CacheItem(DiskDataCache& cache, std::uint64_t start) : CacheItem(cache, start, false) {}
+
+CacheItem::CacheItem(DiskDataCache& cache, std::uint64_t start, bool reuseSpare)
     : startPos(start), lastReadTick(nowTick()), cache_(cache) {
     if (!cache_.ensureFolderLocked()) return;
     std::string folder = DiskDataCache::cacheFolder();
@@ -63,6 +65,25 @@ CacheItem::CacheItem(DiskDataCache& cache, std::uint64_t start)
     double tick = lastReadTick;
     for (int attempt = 0; attempt < 1000; ++attempt, tick += 0.000001) {
         std::string path = fmt::format("{}/c{:f}", folder, tick);
+        if (reuseSpare) {
+            int err = 0;
+            if (cache_.takeSpare(path, err)) {
+                writeFd_ = ::open(path.c_str(), O_WRONLY | O_CLOEXEC);
+                struct stat st {};
+                if (writeFd_ >= 0 && ::fstat(writeFd_, &st) == 0) {
+                    cacheFilePath = path;
+                    fileSize_ = static_cast<std::uint64_t>(st.st_size);
+                    return;
+                }
+                if (writeFd_ >= 0) ::close(writeFd_);
+                writeFd_ = -1;
+                ::unlink(path.c_str());
+                reuseSpare = false;
+                continue;
+            }
+            if (err == EEXIST) continue;
+            reuseSpare = false;
+        }
         int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
         if (fd >= 0) {
             ::close(fd);
@@ -85,15 +106,22 @@ bool CacheItem::appendData(const std::uint8_t* data, std::size_t size) {
     }
     // The file stays open between blocks (a run takes thousands of them); it must still be there:
     // a run whose file was removed is not silently continued in a file nobody can read.
-    if (writeFd_ < 0) writeFd_ = ::open(cacheFilePath->c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+    if (writeFd_ < 0) writeFd_ = ::open(cacheFilePath->c_str(), O_WRONLY | O_CLOEXEC);
     struct stat st {};
     if (writeFd_ < 0 || ::fstat(writeFd_, &st) != 0 || st.st_nlink == 0) return false;
-    bool ok = writeAll(writeFd_, data, size);
-    // A short write (a full disk) leaves the file as long as the run says it is.
-    if (!ok && ::ftruncate(writeFd_, static_cast<off_t>(length)) != 0) {
+    // The bytes go after the run's, over what a reused file held there. A file changed behind
+    // the cache's back is written at its end instead, so that the read's size check notices.
+    bool changed = static_cast<std::uint64_t>(st.st_size) != fileSize_;
+    std::uint64_t at = changed ? static_cast<std::uint64_t>(st.st_size) : length;
+    bool ok = writeAllAt(writeFd_, data, size, at);
+    if (!ok) {
+        // A short write (a full disk) leaves the file as long as the run says it is.
+        if (::ftruncate(writeFd_, static_cast<off_t>(length)) == 0) fileSize_ = length;
+        return false;
     }
-    if (!ok) return false;
     length += size;
+    // Such a file is expected to hold exactly the run again, which it then does not.
+    fileSize_ = changed ? length : std::max(fileSize_, length);
     lastWriteTick = nowTick();
     return true;
 }
@@ -103,7 +131,7 @@ int CacheItem::openVerified() {
     struct stat st {};
     std::uint64_t onDisk = 0;
     if (fd >= 0 && ::fstat(fd, &st) == 0) onDisk = static_cast<std::uint64_t>(st.st_size);
-    if (fd >= 0 && onDisk == length) return fd;
+    if (fd >= 0 && onDisk == fileSize_) return fd;
     if (fd >= 0) ::close(fd);
     StreamingLog::log("[DEBUG]cache item corrupted, maybe the system clean up temp file.");
     StreamingLog::log(fmt::format("[DEBUG]Path={}, FileSize={}, cacheIdxLength={}", *cacheFilePath,
@@ -137,17 +165,36 @@ std::optional<std::vector<std::uint8_t>> CacheItem::readData(std::uint64_t offse
 }
 
 void CacheItem::closeWriteFile() {
+    if (cacheFilePath && fileSize_ > length) {
+        int fd = writeFd_ >= 0 ? writeFd_ : ::open(cacheFilePath->c_str(), O_WRONLY | O_CLOEXEC);
+        if (fd >= 0 && ::ftruncate(fd, static_cast<off_t>(length)) == 0) fileSize_ = length;
+        if (fd >= 0 && fd != writeFd_) ::close(fd);
+    }
     if (writeFd_ >= 0) ::close(writeFd_);
     writeFd_ = -1;
 }
 
-void CacheItem::disposeCache() {
-    if (cacheFilePath) ::unlink(cacheFilePath->c_str());
-    closeWriteFile();
+void CacheItem::dropFile() {
+    if (writeFd_ >= 0) ::close(writeFd_);
+    writeFd_ = -1;
     cacheFilePath.reset();
     length = 0;
     startPos = 0;
+    fileSize_ = 0;
     cache_.removeItem(this);
+}
+
+void CacheItem::disposeCache() {
+    if (cacheFilePath) ::unlink(cacheFilePath->c_str());
+    dropFile();
+}
+
+void CacheItem::retire() {
+    auto path = cacheFilePath;
+    auto size = fileSize_;
+    auto& cache = cache_;
+    dropFile();
+    if (path && !cache.keepSpare(*path, size)) ::unlink(path->c_str());
 }
 
 std::uint64_t CacheItem::endPos() const {
@@ -212,6 +259,7 @@ void DiskDataCache::clearCache() {
     auto items = std::move(cacheItems_);
     cacheItems_.clear();
     items.clear();  // each deletes its file
+    dropSpares();
     std::error_code ec;
     if (folderFd_ < 0) {
         // Not used by this process yet (start-up): the folder goes, unless another process
@@ -249,7 +297,7 @@ void DiskDataCache::evictOldestQuarter(const std::function<bool(const CacheItem&
         if (removed >= target) break;
         if (!evictable(*item)) continue;
         removed += item->length;
-        item->disposeCache();
+        item->retire();
     }
 }
 
@@ -291,7 +339,7 @@ bool DiskDataCache::writeDataWithStartPos(std::uint64_t startPos, const std::uin
     if (!item) {
         // Runs stop growing when another one starts, mostly: the others need no open file.
         for (auto& other : cacheItems_) other->closeWriteFile();
-        item = std::make_shared<CacheItem>(*this, startPos);
+        item = std::make_shared<CacheItem>(*this, startPos, true);
         cacheItems_.push_back(item);
     }
     bool ok = item->appendData(data, size);
@@ -307,6 +355,52 @@ bool DiskDataCache::writeDataWithStartPos(std::uint64_t startPos, const std::uin
     ++writeCount_;
     written_.notify_all();
     return ok && !cacheFullLocked();
+}
+
+void DiskDataCache::endWrites(std::uint64_t writeEnd) {
+    std::lock_guard lock(mutex_);
+    for (auto& item : cacheItems_)
+        if (item->cacheFilePath && item->endPos() == writeEnd) item->closeWriteFile();
+}
+
+bool DiskDataCache::keepSpare(const std::string& path, std::uint64_t size) {
+    std::lock_guard lock(mutex_);
+    // At most what one eviction frees: a quarter of the total and the run that passes it.
+    std::uint64_t kept = size;
+    for (auto& spare : spares_) kept += spare.size;
+    if (size == 0 || size > maxCacheItemSize_ || kept > maxTotalCacheSize_ / 4 + maxCacheItemSize_)
+        return false;
+    // A descriptor of it handed out by openCachedRun (an answer still sending the run) holds a
+    // shared lock: then the file goes as it is, and the answer goes on reading its bytes.
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    bool unused = fd >= 0 && ::flock(fd, LOCK_EX | LOCK_NB) == 0;
+    if (fd >= 0) ::close(fd);
+    if (!unused) return false;
+    std::string spare = fmt::format("{}/{}{}", cacheFolder(), kSparePrefix, nextSpare_++);
+    if (::renameat2(AT_FDCWD, path.c_str(), AT_FDCWD, spare.c_str(), RENAME_NOREPLACE) != 0)
+        return false;
+    spares_.push_back({spare, size});
+    return true;
+}
+
+bool DiskDataCache::takeSpare(const std::string& path, int& err) {
+    std::lock_guard lock(mutex_);
+    err = ENOENT;
+    if (spares_.empty()) return false;
+    if (::renameat2(AT_FDCWD, spares_.back().path.c_str(), AT_FDCWD, path.c_str(),
+                    RENAME_NOREPLACE) == 0) {
+        spares_.pop_back();
+        return true;
+    }
+    err = errno;
+    if (err != EEXIST) dropSpares();
+    return false;
+}
+
+void DiskDataCache::dropSpares() {
+    std::lock_guard lock(mutex_);
+    for (auto& spare : spares_) ::unlink(spare.path.c_str());
+    spares_.clear();
 }
 
 std::shared_ptr<CacheItem> DiskDataCache::findMatchItem(std::uint64_t offset) {
@@ -341,6 +435,7 @@ void DiskDataCache::removeWriteObserver(int id) {
 void DiskDataCache::publishWrite(std::uint64_t writeEnd, bool fetchEnded) {
     if (fetchEnded) {
         std::lock_guard lock(mutex_);
+        endWrites(writeEnd);
         ++writeCount_;
         written_.notify_all();
     }
@@ -374,6 +469,9 @@ std::optional<CachedRun> DiskDataCache::openCachedRun(std::uint64_t offset, std:
     int fd = item->openVerified();
     std::optional<CachedRun> run;
     if (fd >= 0) {
+        // Held as long as the descriptor is open (by whoever it is handed to): a file still read
+        // from is never written over by another run (see keepSpare).
+        lockShared(fd);
         run = CachedRun{fd, offset - item->startPos, item->endPos() - offset};
         item->lastReadTick = nowTick();
     }

@@ -6,6 +6,12 @@
 // their end, never merged, and capped in size so that eviction frees space in pieces; eviction
 // removes the oldest written runs first.
 //
+// An evicted run's file is kept aside (as "spare<n>") for a later run to write over instead of a
+// new one: overwriting pages the file system already holds costs about half of filling fresh ones.
+// The files kept hold no more than one eviction frees.
+// While a run writes over such a file, the bytes past the run's length are the former run's; they
+// are never read, and they are cut off once the run stops growing.
+//
 // Every operation is serialised on the cache's own lock. While a process uses the cache it holds
 // a shared lock on the folder, so that the start-up clean-up of another process leaves it alone.
 
@@ -27,6 +33,8 @@ class CacheItem {
   public:
     // A run starting at `startPos`: creates the cache folder when missing and the empty file.
     CacheItem(DiskDataCache& cache, std::uint64_t startPos);
+    // The same over one of the cache's spare files when it has one (see above), else as the other.
+    CacheItem(DiskDataCache& cache, std::uint64_t startPos, bool reuseSpare);
     // Deletes the file if the item still has one.
     ~CacheItem();
     CacheItem(const CacheItem&) = delete;
@@ -35,7 +43,8 @@ class CacheItem {
     // Writes the bytes at the end of the run's file. False for a disposed item, a file that is
     // gone, or a failed write.
     bool appendData(const std::uint8_t* data, std::size_t size);
-    // Lets go of the file kept open for appending (it is opened again by the next append).
+    // Lets go of the file kept open for appending (it is opened again by the next append), and
+    // cuts off what a reused file held past the run.
     void closeWriteFile();
     // Up to `maxLength` bytes from media-file offset `offset` (within the run). Absent for a
     // disposed item, and for one whose file no longer holds `length` bytes (then disposed).
@@ -57,11 +66,16 @@ class CacheItem {
 
   private:
     friend class DiskDataCache;
-    // The file as it is on disk: its descriptor when it holds exactly `length` bytes.
+    // The file as it is on disk: its descriptor when it holds exactly the bytes it should.
     int openVerified();
+    // Evicted: the file becomes a spare of the cache (or goes), and the item leaves the list.
+    void retire();
+    void dropFile();
 
     DiskDataCache& cache_;
     int writeFd_ = -1;
+    // The size the file has on disk: `length`, or more while a reused file is written over.
+    std::uint64_t fileSize_ = 0;
 };
 
 // A cached run of the file opened for reading: `fd` (the caller closes it); the wanted bytes
@@ -77,6 +91,8 @@ class DiskDataCache {
     static constexpr std::uint64_t kDefaultMaxTotalCacheSize = 1073741824;  // 1 GiB
     static constexpr std::uint64_t kDefaultMaxCacheItemSize = 268435456;    // 256 MiB
     static constexpr const char* kFolderName = "DiskDataCacheFolder";
+    // Evicted runs' files kept for later runs are "spare<n>" in the folder.
+    static constexpr const char* kSparePrefix = "spare";
 
     static DiskDataCache& shared();
     DiskDataCache();
@@ -91,6 +107,8 @@ class DiskDataCache {
     void clearCache();
     // Evicts the oldest written runs until a quarter of the cached bytes is gone.
     void clearSomeOldestCaches();
+    // A fetch that wrote up to `writeEnd` has ended: the run ending there stops growing.
+    void endWrites(std::uint64_t writeEnd);
     // Sets the limits for a media file of `fileSize` bytes and the free space of the home folder.
     void calcMaxCacheSize(std::uint64_t fileSize);
     // Stores the bytes at media-file offset `startPos`: at the end of the run ending there, else
@@ -105,7 +123,8 @@ class DiskDataCache {
     std::optional<std::vector<std::uint8_t>> readDataWithStartPos(std::uint64_t offset,
                                                                   std::uint64_t maxLength);
     // The run holding all of [offset, offset + length) opened for reading, or absent; counts as
-    // a read of the run (and may evict afterwards, as reads do).
+    // a read of the run (and may evict afterwards, as reads do). While the descriptor is open the
+    // file keeps the run's bytes, evicted or not.
     std::optional<CachedRun> openCachedRun(std::uint64_t offset, std::uint64_t length);
     std::uint64_t cachedSize() const;
     bool cacheFull() const;
@@ -151,6 +170,13 @@ class DiskDataCache {
     void evictOldestQuarter(const std::function<bool(const CacheItem&)>& evictable);
     std::uint64_t cachedSizeLocked() const;
     bool cacheFullLocked() const;
+    // Keeps an evicted run's file (of `size` bytes) as a spare when nothing reads from it and the
+    // spares stay within what one eviction frees; false when the caller is to delete it.
+    bool keepSpare(const std::string& path, std::uint64_t size);
+    // Hands a spare over to `path` (renamed); false with `err` EEXIST when `path` is taken, else
+    // when there is no spare.
+    bool takeSpare(const std::string& path, int& err);
+    void dropSpares();
 
     mutable std::recursive_mutex mutex_;
     std::condition_variable_any written_;
@@ -162,6 +188,12 @@ class DiskDataCache {
     std::vector<std::shared_ptr<CacheItem>> cacheItems_;
     int folderFd_ = -1;
     std::string lockedFolder_;
+    struct Spare {
+        std::string path;
+        std::uint64_t size = 0;
+    };
+    std::vector<Spare> spares_;
+    std::uint64_t nextSpare_ = 0;
     std::mutex observersMutex_;
     std::vector<std::pair<int, WriteObserver>> observers_;
     int nextObserverId_ = 1;

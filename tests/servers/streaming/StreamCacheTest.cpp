@@ -4,8 +4,11 @@
 // its stall rule.
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
 #include <mutex>
 #include <thread>
 
@@ -113,6 +116,57 @@ TEST(StreamCache, RunsGrowSplitAreCheckedAndEvictOldestWritesFirst) {
     EXPECT_TRUE(write(cache, 4000, 1000));
     EXPECT_EQ(runs(cache),
               (std::vector<std::string>{"(9000, 10000)", "(3000, 4000)", "(4000, 5000)"}));
+
+    // The file of a run evicted that way is written over by the next new run, which never shows
+    // a byte of its former run (the stale bytes past it are a different part of the pattern):
+    // neither while it grows nor once its fetch ended and its file holds exactly the run again.
+    cache.clearCache();
+    cache.setMaxCacheItemSize(2000);
+    EXPECT_TRUE(write(cache, 0, 2000));
+    auto former = *cache.findMatchItem(0)->cacheFilePath;
+    struct stat formerStat {};
+    ASSERT_EQ(::stat(former.c_str(), &formerStat), 0);
+    cache.noteRead(0, 2000);
+    EXPECT_TRUE(write(cache, 2000, 2000));  // full: the run at 0 was read through and goes
+    EXPECT_FALSE(fs::exists(former));
+    EXPECT_TRUE(write(cache, 10000, 700));
+    auto reused = *cache.findMatchItem(10000)->cacheFilePath;
+    struct stat reusedStat {};
+    ASSERT_EQ(::stat(reused.c_str(), &reusedStat), 0);
+    EXPECT_EQ(reusedStat.st_ino, formerStat.st_ino);
+    EXPECT_EQ(cache.readDataWithStartPos(10000, 5000), patternBytes(10000, 700));
+    EXPECT_FALSE(cache.readDataWithStartPos(10700, 10));
+    EXPECT_TRUE(write(cache, 10700, 300));
+    EXPECT_EQ(cache.readDataWithStartPos(10500, 5000), patternBytes(10500, 500));
+    cache.publishWrite(11000, true);
+    EXPECT_EQ(readFile(reused), patternString(10000, 1000));
+    EXPECT_EQ(runs(cache), (std::vector<std::string>{"(2000, 4000)", "(10000, 11000)"}));
+    std::vector<std::string> files;
+    for (auto& entry : fs::directory_iterator(DiskDataCache::cacheFolder()))
+        files.push_back(entry.path().string());
+    EXPECT_EQ(files.size(), 2u);
+    // A reused file grown behind the cache's back is still caught by the size check.
+    {
+        std::ofstream grow(reused, std::ios::binary | std::ios::app);
+        grow << std::string(500, 'x');
+    }
+    EXPECT_TRUE(write(cache, 11000, 100));
+    EXPECT_FALSE(cache.readDataWithStartPos(11000, 10));
+    EXPECT_TRUE(log.has("[DEBUG]Path=" + reused + ", FileSize=1600, cacheIdxLength=1100"));
+
+    // A run evicted while an answer still sends it from its file (a descriptor openCachedRun
+    // handed out) keeps its bytes there: its file is not the one the next run writes over.
+    cache.clearCache();
+    EXPECT_TRUE(write(cache, 0, 2000));
+    auto sending = cache.openCachedRun(0, 2000);
+    ASSERT_TRUE(sending);
+    cache.noteRead(0, 2000);
+    EXPECT_TRUE(write(cache, 2000, 2000));
+    EXPECT_TRUE(write(cache, 10000, 1000));
+    std::vector<std::uint8_t> sent(2000);
+    EXPECT_EQ(::pread(sending->fd, sent.data(), sent.size(), 0), 2000);
+    ::close(sending->fd);
+    EXPECT_EQ(sent, patternBytes(0, 2000));
 
     // The shared reader switching to another file empties the folder completely; FTP fetches
     // run one at a time, SMB ones five.
