@@ -98,17 +98,6 @@ void stampCachedCopy(const FileTransferTask& task) {
     (void)::utimensat(AT_FDCWD, cachedCopyOf(task).c_str(), times, 0);
 }
 
-// The playback server, on its usual port, else (another program holds it) on any free one: a
-// player is given the address either way.
-Status startStreamingServer() {
-    installStreaming();
-    auto& service = StreamHttpServerService::sharedHttpServerService();
-    if (service.isOnline()) return {};
-    if (service.startServer()) return {};
-    service.setPort(0);
-    return service.startServer();
-}
-
 }  // namespace
 
 // Tasks queued together whose end something waits for.
@@ -648,7 +637,7 @@ void PanelActions::playSelected() {
             // Remote files reach the player through the playback server.
             bool remote = std::any_of(items.begin(), items.end(),
                                       [](const Location& l) { return !l.isLocal(); });
-            if (auto started = remote ? startStreamingServer() : Status{}; !started) {
+            if (auto started = remote ? startPlaybackServer() : Status{}; !started) {
                 out.error = QString::fromStdString(started.error().describe());
                 return out;
             }
@@ -708,7 +697,7 @@ void PanelActions::streamSelected() {
                 out.error = QObject::tr("Files on this server cannot be streamed yet.");
                 return out;
             }
-            if (auto started = startStreamingServer(); !started) {
+            if (auto started = startPlaybackServer(); !started) {
                 out.error = QString::fromStdString(started.error().describe());
                 return out;
             }

@@ -833,10 +833,19 @@ void installStreaming() {
                 auto& service = StreamHttpServerService::sharedHttpServerService();
                 service.setServerInfo(server);
                 service.setMetadata(file);
-                if (!service.isOnline() && !service.startServer()) return std::nullopt;
+                if (!startPlaybackServer()) return std::nullopt;
                 return service.listeningPort();
             });
     });
+}
+
+Status startPlaybackServer() {
+    installStreaming();
+    auto& service = StreamHttpServerService::sharedHttpServerService();
+    if (service.isOnline()) return {};
+    if (service.startServer()) return {};
+    service.setPort(0);
+    return service.startServer();
 }
 
 }  // namespace quillon

@@ -71,4 +71,8 @@ class StreamHttpServerService {
 // (StreamingSupport). Idempotent.
 void installStreaming();
 
+// Starts the playback server (installing streaming first) unless it runs: on its usual port, else,
+// when another program holds that one, on any free port; a player is given the address either way.
+Status startPlaybackServer();
+
 }  // namespace quillon
