@@ -111,6 +111,8 @@ std::int64_t SyncPlan::transferBytes() const {
 
 namespace SyncTreePlanner {
 
+using SyncUtils::localChild;
+
 namespace {
 
 std::string nameOf(const KvMetadata& m) {
@@ -119,17 +121,6 @@ std::string nameOf(const KvMetadata& m) {
 
 std::string childPath(const std::string& rel, const std::string& name) {
     return rel.empty() ? name : rel + "/" + name;
-}
-
-KvMetadata localChild(const KvMetadata& folder, const std::string& name, bool isDir) {
-    KvMetadata m(StringUtils::stringByAppendingPathComponentDirectly(folder.pathOrEmpty(), name));
-    m.setName(name);
-    m.isDir = isDir;
-    m.protocolType = ProtocolType::Local;
-    m.serverID = folder.serverID;
-    m.localPath = m.path();
-    m.parentFolderMeta = std::make_shared<const KvMetadata>(folder);
-    return m;
 }
 
 bool isLinkOrHidden(const KvMetadata& m) {
