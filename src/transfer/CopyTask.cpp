@@ -36,11 +36,6 @@ Result<bool> CopyTask::fileExists() {
     return ::lstat(path.c_str(), &st) == 0;
 }
 
-void CopyTask::cancelTransfer() {
-    setState(TransferTaskState::Stopped);
-    cancelTrackedWrappers();
-}
-
 void CopyTask::tick() {
     double t = now();
     if (t - lastUpdateTick_ > 0.5) {

@@ -36,11 +36,6 @@ Result<bool> CrossCopyTask::fileExists() {
     return targetHasSourceName();
 }
 
-void CrossCopyTask::cancelTransfer() {
-    setState(TransferTaskState::Stopped);
-    cancelTrackedWrappers();
-}
-
 void CrossCopyTask::finish(std::optional<Error> error) {
     FileTransferUtils::removeTaskTempFolder(taskTempFolderPath());
     completeFileTransfer(std::move(error));

@@ -17,7 +17,6 @@ class CrossCopyTask : public FileTransferTask {
     void startTransfer() override;
     // The target server's folder holds an item of the source's name.
     [[nodiscard]] Result<bool> fileExists() override;
-    void cancelTransfer() override;
     std::string_view taskClassName() const override { return "CrossCopyTask"; }
 
     // The name chosen for "keep both" (empty otherwise).

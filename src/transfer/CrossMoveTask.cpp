@@ -25,8 +25,7 @@ Result<bool> CrossMoveTask::fileExists() {
 }
 
 void CrossMoveTask::cancelTransfer() {
-    setState(TransferTaskState::Stopped);
-    cancelTrackedWrappers();
+    FileTransferTask::cancelTransfer();
     std::shared_ptr<CrossCopyTask> inner;
     {
         std::lock_guard lock(innerMutex_);

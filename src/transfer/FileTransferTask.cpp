@@ -321,6 +321,11 @@ Status FileTransferTask::collectTree(const std::shared_ptr<FileTransferNode>& no
     return {};
 }
 
+void FileTransferTask::cancelTransfer() {
+    setState(TransferTaskState::Stopped);
+    cancelTrackedWrappers();
+}
+
 bool FileTransferTask::openBothSides() {
     beginTransfer();
     if (fileConflict() == ConflictAction::Skip || stopped()) {

@@ -77,7 +77,7 @@ class FileTransferTask : public std::enable_shared_from_this<FileTransferTask> {
     // that error, reported like any other end.
     void failBeforeStart(const Error& error);
     // Stops a running transfer: state 3, and the wrappers' current requests are cancelled.
-    virtual void cancelTransfer() = 0;
+    virtual void cancelTransfer();
     // The class name ("CopyTask", ...), for display and for "another task of the same class".
     virtual std::string_view taskClassName() const = 0;
     // Moves ask only "keep both" or "skip" on a name conflict.

@@ -33,11 +33,6 @@ Result<bool> MoveTask::fileExists() {
     return true;
 }
 
-void MoveTask::cancelTransfer() {
-    setState(TransferTaskState::Stopped);
-    cancelTrackedWrappers();
-}
-
 Status MoveTask::moveAll(const KvMetadataList& items, const KvMetadata& folder) {
     if (targetWrapper_->capabilities().moveItems)
         return targetWrapper_->moveItemsSync(items, folder);

@@ -15,7 +15,6 @@ class MoveTask : public FileTransferTask {
     void startTransfer() override;
     // The target folder holds an item of the source's name; it is kept as the conflict entry.
     [[nodiscard]] Result<bool> fileExists() override;
-    void cancelTransfer() override;
     std::string_view taskClassName() const override { return "MoveTask"; }
     bool isMoveTask() const override { return true; }
 

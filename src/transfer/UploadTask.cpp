@@ -65,11 +65,6 @@ Result<bool> UploadTask::fileExists() {
     return targetHasSourceName();
 }
 
-void UploadTask::cancelTransfer() {
-    setState(TransferTaskState::Stopped);
-    cancelTrackedWrappers();
-}
-
 void UploadTask::startTransfer() {
     beginTransfer();
     countsArrivals_ = true;

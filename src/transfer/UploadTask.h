@@ -15,7 +15,6 @@ class UploadTask : public FileTransferTask {
     void startTransfer() override;
     // The server's target folder holds an item of the source's name.
     [[nodiscard]] Result<bool> fileExists() override;
-    void cancelTransfer() override;
     std::string_view taskClassName() const override { return "UploadTask"; }
 
   private:
