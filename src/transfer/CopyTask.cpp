@@ -45,7 +45,7 @@ void CopyTask::tick() {
 }
 
 void CopyTask::startTransfer() {
-    if (!openBothSides()) return;
+    if (!openSides()) return;
     countsArrivals_ = true;
     copier_.shouldStop = [this] { return stopped(); };
 

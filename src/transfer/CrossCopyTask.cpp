@@ -42,7 +42,7 @@ void CrossCopyTask::finish(std::optional<Error> error) {
 }
 
 void CrossCopyTask::startTransfer() {
-    if (!openBothSides()) return;
+    if (!openSides()) return;
     countsArrivals_ = true;
     if (!isLocal(targetServerInfo)) RemoteUpload::removeLeftovers(*targetProxy_);
     auto temp = FileTransferUtils::makeTaskTempFolder();

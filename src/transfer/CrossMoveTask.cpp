@@ -42,7 +42,7 @@ KvMetadataList CrossMoveTask::foldersToRefresh() const {
 }
 
 void CrossMoveTask::startTransfer() {
-    if (!openBothSides()) return;
+    if (!openSides()) return;
 
     auto inner = std::make_shared<CrossCopyTask>();
     inner->sourceServerInfo = sourceServerInfo;

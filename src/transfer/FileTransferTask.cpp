@@ -326,13 +326,14 @@ void FileTransferTask::cancelTransfer() {
     cancelTrackedWrappers();
 }
 
-bool FileTransferTask::openBothSides() {
+bool FileTransferTask::openSides(bool withSource) {
     beginTransfer();
     if (fileConflict() == ConflictAction::Skip || stopped()) {
         completeFileTransfer(std::nullopt);
         return false;
     }
-    auto source = WrapperProxy::clientForServerInfo(sourceServerInfo);
+    Result<WrapperPtr> source = WrapperPtr();
+    if (withSource) source = WrapperProxy::clientForServerInfo(sourceServerInfo);
     auto target = WrapperProxy::clientForServerInfo(targetServerInfo);
     if (!source || !target) {
         completeFileTransfer(!source ? source.error() : target.error());
@@ -341,6 +342,7 @@ bool FileTransferTask::openBothSides() {
     sourceProxy_ = *source;
     targetProxy_ = *target;
     for (const auto& side : {sourceProxy_, targetProxy_}) {
+        if (!side) continue;
         side->setForceIncludesHiddenFiles(true);
         trackWrapper(side);
     }

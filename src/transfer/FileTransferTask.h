@@ -183,10 +183,11 @@ class FileTransferTask : public std::enable_shared_from_this<FileTransferTask> {
     // Leaves the link out with its notice; `holds` is what it points to, when known.
     void skipLink(const KvMetadata& source, std::optional<std::string> holds = std::nullopt);
 
-    // The start of a run that works through the clients of both sides: ends the run at once, and
-    // returns false, when the task is to be skipped or was stopped or a side has no client;
-    // otherwise sourceProxy_ and targetProxy_ are set, list hidden items and are tracked.
-    bool openBothSides();
+    // The start of a run that works through the target's client and, `withSource`, the source's:
+    // ends the run at once, and returns false, when the task is to be skipped or was stopped or a
+    // side has no client; otherwise targetProxy_ (and sourceProxy_) are set, list hidden items
+    // and are tracked.
+    bool openSides(bool withSource = true);
     // The record of the target folder's item that bears the source item's name; none when
     // there is no such item; the lookup's error when the target cannot be asked.
     Result<std::optional<KvMetadata>> targetEntryWithSourceName() const;

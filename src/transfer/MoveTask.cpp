@@ -1,7 +1,6 @@
 #include "transfer/MoveTask.h"
 
 #include "core/StringUtils.h"
-#include "core/WrapperProxy.h"
 #include "transfer/FileTransferUtils.h"
 
 namespace quillon {
@@ -34,30 +33,17 @@ Result<bool> MoveTask::fileExists() {
 }
 
 Status MoveTask::moveAll(const KvMetadataList& items, const KvMetadata& folder) {
-    if (targetWrapper_->capabilities().moveItems)
-        return targetWrapper_->moveItemsSync(items, folder);
+    if (targetProxy_->capabilities().moveItems) return targetProxy_->moveItemsSync(items, folder);
     // A server without a many-item move gets one move per item.
     for (auto& item : items) {
         if (stopped()) return {};
-        if (auto r = targetWrapper_->moveSync(item, movedTarget(item, folder)); !r) return r;
+        if (auto r = targetProxy_->moveSync(item, movedTarget(item, folder)); !r) return r;
     }
     return {};
 }
 
 void MoveTask::startTransfer() {
-    beginTransfer();
-    if (fileConflict() == ConflictAction::Skip || stopped()) {
-        completeFileTransfer(std::nullopt);
-        return;
-    }
-    auto client = WrapperProxy::clientForServerInfo(targetServerInfo);
-    if (!client) {
-        completeFileTransfer(client.error());
-        return;
-    }
-    targetWrapper_ = *client;
-    targetWrapper_->setForceIncludesHiddenFiles(true);
-    trackWrapper(targetWrapper_);
+    if (!openSides(false)) return;
     KvMetadata folder = targetMetadata;
     rootNode_ = std::make_shared<FileTransferNode>(sourceMetadata,
                                                    movedTarget(sourceMetadata, folder), folder);
@@ -66,7 +52,7 @@ void MoveTask::startTransfer() {
     Status result;
     switch (fileConflict()) {
         case ConflictAction::KeepBoth: {
-            auto listing = targetWrapper_->contentsOfDirectoryAtPathSync(folder);
+            auto listing = targetProxy_->contentsOfDirectoryAtPathSync(folder);
             if (!listing) {
                 result = std::unexpected(listing.error());
                 break;
@@ -74,17 +60,17 @@ void MoveTask::startTransfer() {
             FileTransferUtils::renameTarget(
                 rootNode_->targetMetadata,
                 FileTransferUtils::getUniqueFileName(*listing, itemName(sourceMetadata)));
-            result = targetWrapper_->moveSync(sourceMetadata, rootNode_->targetMetadata);
+            result = targetProxy_->moveSync(sourceMetadata, rootNode_->targetMetadata);
             break;
         }
         case ConflictAction::Replace: {
             if (auto existing = conflictMeta()) {
-                if (auto r = targetWrapper_->removeSync({*existing}); !r) {
+                if (auto r = targetProxy_->removeSync({*existing}); !r) {
                     result = r;
                     break;
                 }
             }
-            result = targetWrapper_->moveSync(sourceMetadata, rootNode_->targetMetadata);
+            result = targetProxy_->moveSync(sourceMetadata, rootNode_->targetMetadata);
             break;
         }
         default:

@@ -24,7 +24,6 @@ class MoveTask : public FileTransferTask {
   private:
     Status moveAll(const KvMetadataList& items, const KvMetadata& folder);
 
-    WrapperPtr targetWrapper_;
     FileTransferNode::Ptr rootNode_;
     mutable std::mutex mutex_;
     std::optional<KvMetadata> conflictMeta_;

@@ -22,7 +22,6 @@ class UploadTask : public FileTransferTask {
     Status transferFiles();
     Status uploadFolder(const FileTransferNode::Ptr& root);
 
-    WrapperPtr targetWrapper_;
     WrapperPtr localWrapper_;  // reads links
     std::vector<FileTransferNode::Ptr> fileNodes_;
 };
