@@ -51,14 +51,9 @@ void CopyTask::startTransfer() {
 
     auto targetItem =
         FileTransferUtils::targetMetadataWithSourceMetadata(sourceMetadata, targetMetadata);
-    if (fileConflict() == ConflictAction::KeepBoth) {
-        auto listing = targetProxy_->contentsOfDirectoryAtPathSync(targetMetadata);
-        if (!listing) {
-            completeFileTransfer(listing.error());
-            return;
-        }
-        FileTransferUtils::renameTarget(
-            targetItem, FileTransferUtils::getUniqueFileName(*listing, itemName(sourceMetadata)));
+    if (auto named = renameForKeepBoth(targetItem, targetMetadata); !named) {
+        completeFileTransfer(named.error());
+        return;
     }
     targetMetadata = targetItem;
     auto result = copyRoot(sourceMetadata.pathOrEmpty(), targetItem.pathOrEmpty());

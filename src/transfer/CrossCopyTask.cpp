@@ -57,16 +57,13 @@ void CrossCopyTask::startTransfer() {
 
     KvMetadata folder = targetMetadata;
     auto targetItem = FileTransferUtils::targetMetadataWithSourceMetadata(sourceMetadata, folder);
+    if (auto named = renameForKeepBoth(targetItem, folder); !named) {
+        finish(named.error());
+        return;
+    }
     if (fileConflict() == ConflictAction::KeepBoth) {
-        auto listing = targetProxy_->contentsOfDirectoryAtPathSync(folder);
-        if (!listing) {
-            finish(listing.error());
-            return;
-        }
-        auto name = FileTransferUtils::getUniqueFileName(*listing, itemName(sourceMetadata));
-        FileTransferUtils::renameTarget(targetItem, name);
         std::lock_guard lock(mutex_);
-        fileNameForConflict_ = name;
+        fileNameForConflict_ = itemName(targetItem);
     }
     targetMetadata = targetItem;
 

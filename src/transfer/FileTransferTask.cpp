@@ -367,6 +367,16 @@ Result<bool> FileTransferTask::targetHasSourceName() const {
     return entry->has_value();
 }
 
+Status FileTransferTask::renameForKeepBoth(KvMetadata& target, const KvMetadata& folder) {
+    if (fileConflict() != ConflictAction::KeepBoth) return {};
+    auto listing = targetProxy_->contentsOfDirectoryAtPathSync(folder);
+    if (!listing) return std::unexpected(listing.error());
+    FileTransferUtils::renameTarget(
+        target, FileTransferUtils::getUniqueFileName(*listing,
+                                                     FileTransferUtils::itemName(sourceMetadata)));
+    return {};
+}
+
 void FileTransferTask::failBeforeStart(const Error& error) {
     beginTransfer();
     completeFileTransfer(error);

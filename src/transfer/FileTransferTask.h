@@ -193,6 +193,9 @@ class FileTransferTask : public std::enable_shared_from_this<FileTransferTask> {
     Result<std::optional<KvMetadata>> targetEntryWithSourceName() const;
     // Whether that item exists; the lookup's error when the target cannot be asked.
     Result<bool> targetHasSourceName() const;
+    // "Keep both": `target` takes a name that `folder` on the target side does not hold yet (the
+    // listing's error when it cannot be listed). Other choices leave it as it is.
+    Status renameForKeepBoth(KvMetadata& target, const KvMetadata& folder);
     WrapperPtr sourceProxy_;
     WrapperPtr targetProxy_;
 

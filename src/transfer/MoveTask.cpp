@@ -5,8 +5,6 @@
 
 namespace quillon {
 
-using FileTransferUtils::itemName;
-
 namespace {
 
 // The moved item's record at its new place; the server assigns the identifier.
@@ -51,18 +49,10 @@ void MoveTask::startTransfer() {
 
     Status result;
     switch (fileConflict()) {
-        case ConflictAction::KeepBoth: {
-            auto listing = targetProxy_->contentsOfDirectoryAtPathSync(folder);
-            if (!listing) {
-                result = std::unexpected(listing.error());
-                break;
-            }
-            FileTransferUtils::renameTarget(
-                rootNode_->targetMetadata,
-                FileTransferUtils::getUniqueFileName(*listing, itemName(sourceMetadata)));
-            result = targetProxy_->moveSync(sourceMetadata, rootNode_->targetMetadata);
+        case ConflictAction::KeepBoth:
+            result = renameForKeepBoth(rootNode_->targetMetadata, folder);
+            if (result) result = targetProxy_->moveSync(sourceMetadata, rootNode_->targetMetadata);
             break;
-        }
         case ConflictAction::Replace: {
             if (auto existing = conflictMeta()) {
                 if (auto r = targetProxy_->removeSync({*existing}); !r) {

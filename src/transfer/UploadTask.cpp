@@ -72,14 +72,9 @@ void UploadTask::startTransfer() {
 
     KvMetadata folder = targetMetadata;
     auto target = FileTransferUtils::targetMetadataWithSourceMetadata(sourceMetadata, folder);
-    if (fileConflict() == ConflictAction::KeepBoth) {
-        auto listing = targetProxy_->contentsOfDirectoryAtPathSync(folder);
-        if (!listing) {
-            completeFileTransfer(listing.error());
-            return;
-        }
-        FileTransferUtils::renameTarget(
-            target, FileTransferUtils::getUniqueFileName(*listing, itemName(sourceMetadata)));
+    if (auto named = renameForKeepBoth(target, folder); !named) {
+        completeFileTransfer(named.error());
+        return;
     }
     targetMetadata = target;
 
