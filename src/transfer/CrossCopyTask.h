@@ -26,7 +26,6 @@ class CrossCopyTask : public FileTransferTask {
   private:
     Status contentsOfDirectory(const FileTransferNode::Ptr& node);
     Status transferFiles();
-    Status copyFolder(const FileTransferNode::Ptr& root);
     Status transferFile(const FileTransferNode& node, std::int64_t base);
     void finish(std::optional<Error> error);
 

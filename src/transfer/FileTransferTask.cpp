@@ -13,6 +13,7 @@
 #include "transfer/FileTransferNode.h"
 #include "transfer/FileTransferTaskManager.h"
 #include "transfer/FileTransferUtils.h"
+#include "transfer/RemoteUpload.h"
 
 namespace quillon {
 
@@ -375,6 +376,30 @@ Status FileTransferTask::renameForKeepBoth(KvMetadata& target, const KvMetadata&
         target, FileTransferUtils::getUniqueFileName(*listing,
                                                      FileTransferUtils::itemName(sourceMetadata)));
     return {};
+}
+
+Status FileTransferTask::placeFolder(const FileTransferNode::Ptr& root,
+                                     const std::function<Status()>& fill) {
+    KvMetadata finalTarget = root->targetMetadata;
+    bool swap = false;
+    if (overwrites()) {
+        auto there = targetProxy_->metadataOfItemSync(finalTarget);
+        if (!there && !there.error().is(ErrorKind::NotFound)) return std::unexpected(there.error());
+        swap = there &&
+               (fileConflict() == ConflictAction::Replace || !there->isDir || there->isSymbolLink);
+    }
+    if (swap) root->targetMetadata = RemoteUpload::stagedFolderFor(*targetProxy_, finalTarget);
+    Status built = targetProxy_->createFolderSync(root->targetMetadata);
+    if (!built && fileConflict() == ConflictAction::Merge && !swap) built = {};
+    if (built) built = fill();
+    if (swap) {
+        bool complete = built && !stopped();
+        auto placed = RemoteUpload::finishStagedFolder(*targetProxy_, root->targetMetadata,
+                                                       finalTarget, complete);
+        if (complete) built = placed;
+        if (!complete || !placed) nothingArrived();
+    }
+    return built;
 }
 
 void FileTransferTask::failBeforeStart(const Error& error) {

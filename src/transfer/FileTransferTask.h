@@ -220,6 +220,12 @@ class FileTransferTask : public std::enable_shared_from_this<FileTransferTask> {
     Status collectTree(const std::shared_ptr<FileTransferNode>& node, const TreeWalk& walk,
                        std::vector<std::shared_ptr<FileTransferNode>>& files);
 
+    // Makes the folder `root` on the target side (targetProxy_) and has `fill` put what it holds in
+    // it. Replacing builds the new folder under a hidden name and swaps it in when complete;
+    // merging writes into the folder that is there.
+    Status placeFolder(const std::shared_ptr<FileTransferNode>& root,
+                       const std::function<Status()>& fill);
+
     // The target folder as the task was created with, kept for the refresh notification.
     KvMetadata targetFolder_;
 

@@ -103,7 +103,10 @@ void UploadTask::startTransfer() {
     }
     auto root = std::make_shared<FileTransferNode>(sourceMetadata, target, folder);
     if (S_ISDIR(st.st_mode)) {
-        auto r = uploadFolder(root);
+        auto r = placeFolder(root, [&] {
+            auto s = contentsOfDirectory(root);
+            return s && !stopped() ? transferFiles() : s;
+        });
         reportProgress();
         completeFileTransfer(r || stopped() ? std::nullopt : std::optional<Error>(r.error()));
         return;
@@ -114,32 +117,6 @@ void UploadTask::startTransfer() {
     auto r = transferFiles();
     reportProgress();
     completeFileTransfer(r ? std::nullopt : std::optional<Error>(r.error()));
-}
-
-Status UploadTask::uploadFolder(const FileTransferNode::Ptr& root) {
-    // Replacing builds the new folder under a hidden name and swaps it in when complete;
-    // merging writes into the folder that is there.
-    KvMetadata finalTarget = root->targetMetadata;
-    bool swap = false;
-    if (overwrites()) {
-        auto there = targetProxy_->metadataOfItemSync(finalTarget);
-        if (!there && !there.error().is(ErrorKind::NotFound)) return std::unexpected(there.error());
-        swap = there &&
-               (fileConflict() == ConflictAction::Replace || !there->isDir || there->isSymbolLink);
-    }
-    if (swap) root->targetMetadata = RemoteUpload::stagedFolderFor(*targetProxy_, finalTarget);
-    Status built = targetProxy_->createFolderSync(root->targetMetadata);
-    if (!built && fileConflict() == ConflictAction::Merge && !swap) built = {};
-    if (built) built = contentsOfDirectory(root);
-    if (built && !stopped()) built = transferFiles();
-    if (swap) {
-        bool complete = built && !stopped();
-        auto placed = RemoteUpload::finishStagedFolder(*targetProxy_, root->targetMetadata,
-                                                       finalTarget, complete);
-        if (complete) built = placed;
-        if (!complete || !placed) nothingArrived();
-    }
-    return built;
 }
 
 Status UploadTask::contentsOfDirectory(const FileTransferNode::Ptr& node) {

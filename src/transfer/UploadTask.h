@@ -20,7 +20,6 @@ class UploadTask : public FileTransferTask {
   private:
     Status contentsOfDirectory(const FileTransferNode::Ptr& node);
     Status transferFiles();
-    Status uploadFolder(const FileTransferNode::Ptr& root);
 
     WrapperPtr localWrapper_;  // reads links
     std::vector<FileTransferNode::Ptr> fileNodes_;
