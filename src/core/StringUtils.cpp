@@ -282,31 +282,9 @@ std::string escapeHTML(std::string_view s, bool ascii) {
     return out;
 }
 
-constexpr bool isUnreserved(unsigned char c) {
-    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' ||
-           c == '.' || c == '_' || c == '~';
-}
-
-constexpr bool isReserved(unsigned char c) {
-    return std::string_view(":/?#[]@!$&'()*+,;=").find(static_cast<char>(c)) !=
-           std::string_view::npos;
-}
-
-std::string percentEncode(std::string_view s, bool keepReserved) {
-    static constexpr char hex[] = "0123456789ABCDEF";
-    std::string out;
-    out.reserve(s.size());
-    for (unsigned char c : s) {
-        if (isUnreserved(c) || (keepReserved && isReserved(c))) {
-            out += static_cast<char>(c);
-        } else {
-            out += '%';
-            out += hex[c >> 4];
-            out += hex[c & 0xF];
-        }
-    }
-    return out;
-}
+// Besides letters and digits: the unreserved characters of a URL, and those with the reserved.
+constexpr std::string_view kUnreserved = "-._~";
+constexpr std::string_view kUnreservedAndReserved = "-._~:/?#[]@!$&'()*+,;=";
 
 int hexValue(char c) {
     if (c >= '0' && c <= '9') return c - '0';
@@ -550,8 +528,26 @@ std::string stringByUnescapingFromHTML(std::string_view s) {
     return out;
 }
 
+std::string percentEncode(std::string_view s, std::string_view kept) {
+    static constexpr char hex[] = "0123456789ABCDEF";
+    std::string out;
+    out.reserve(s.size());
+    for (unsigned char c : s) {
+        bool keep = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
+                    kept.find(static_cast<char>(c)) != std::string_view::npos;
+        if (keep) {
+            out += static_cast<char>(c);
+        } else {
+            out += '%';
+            out += hex[c >> 4];
+            out += hex[c & 0xF];
+        }
+    }
+    return out;
+}
+
 std::string stringByEscapingForURL(std::string_view s) {
-    return percentEncode(s, true);
+    return percentEncode(s, kUnreservedAndReserved);
 }
 
 std::string stringByUnescapingFromURL(std::string_view s) {
@@ -559,7 +555,7 @@ std::string stringByUnescapingFromURL(std::string_view s) {
 }
 
 std::string stringByEscapingForURLArgument(std::string_view s) {
-    return percentEncode(s, false);
+    return percentEncode(s, kUnreserved);
 }
 
 std::string stringByUnescapingFromURLArgument(std::string_view s) {

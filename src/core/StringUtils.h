@@ -61,6 +61,8 @@ std::string stringByEscapingForAsciiHTML(std::string_view s);
 // Named, decimal and hexadecimal entities back to text; unknown entities stay as they are.
 std::string stringByUnescapingFromHTML(std::string_view s);
 
+// Every byte but ASCII letters, digits and the characters of `kept` becomes "%XX".
+std::string percentEncode(std::string_view s, std::string_view kept);
 // Percent-encoding of a whole URL (keeps the URL's reserved characters) and of a query argument
 // (escapes everything but unreserved characters).
 std::string stringByEscapingForURL(std::string_view s);

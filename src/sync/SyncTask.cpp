@@ -37,6 +37,7 @@ namespace quillon {
 namespace {
 
 using SyncUtils::kLockFileName;
+using SyncUtils::localChild;
 // Seconds from 1970 to 2001-01-01 00:00:00 UTC, the reference date of the ability-check file.
 constexpr double kReferenceDateOffset = 978307200.0;
 
@@ -196,18 +197,6 @@ KvMetadata SyncTask::remoteRecordOf(const KvMetadata& r,
     // of tolerance does not see it.
     record.timestamp = isWholeMinute(*exact) ? *exact + std::chrono::milliseconds(1) : *exact;
     return record;
-}
-
-KvMetadata SyncTask::localChild(const KvMetadata& folder, const std::string& name,
-                                bool isDir) const {
-    KvMetadata m(join(folder.pathOrEmpty(), name));
-    m.setName(name);
-    m.isDir = isDir;
-    m.protocolType = ProtocolType::Local;
-    m.serverID = folder.serverID;
-    m.localPath = m.path();
-    m.parentFolderMeta = std::make_shared<const KvMetadata>(folder);
-    return m;
 }
 
 bool SyncTask::isRemoteRoot(const KvMetadata& folder) const {

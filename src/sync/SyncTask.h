@@ -171,7 +171,6 @@ class SyncTask : public FileTransferTask {
         std::lock_guard lock(mutex_);
         f(summary_);
     }
-    KvMetadata localChild(const KvMetadata& folder, const std::string& name, bool isDir) const;
     bool isRemoteRoot(const KvMetadata& folder) const;
     WrapperPtr wrapper() const;
 

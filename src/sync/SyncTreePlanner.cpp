@@ -111,6 +111,8 @@ std::int64_t SyncPlan::transferBytes() const {
 
 namespace SyncTreePlanner {
 
+using SyncUtils::localChild;
+
 namespace {
 
 std::string nameOf(const KvMetadata& m) {
@@ -119,17 +121,6 @@ std::string nameOf(const KvMetadata& m) {
 
 std::string childPath(const std::string& rel, const std::string& name) {
     return rel.empty() ? name : rel + "/" + name;
-}
-
-KvMetadata localChild(const KvMetadata& folder, const std::string& name, bool isDir) {
-    KvMetadata m(StringUtils::stringByAppendingPathComponentDirectly(folder.pathOrEmpty(), name));
-    m.setName(name);
-    m.isDir = isDir;
-    m.protocolType = ProtocolType::Local;
-    m.serverID = folder.serverID;
-    m.localPath = m.path();
-    m.parentFolderMeta = std::make_shared<const KvMetadata>(folder);
-    return m;
 }
 
 bool isLinkOrHidden(const KvMetadata& m) {
@@ -149,7 +140,7 @@ class Planner {
         // deletions of its own.
         for (std::size_t i = 0; i < delRemote_.size(); ++i) {
             Deleted d = delRemote_[i];
-            if (walkRemote(d.rel, d.folder)) continue;
+            if (walk(true, d.rel, d.folder)) continue;
             SyncStep& step = emit(SyncAction::CreateLocalFolder, true, false, d.rel,
                                   "it holds items changed on the server");
             step.item.remote = d.folder;
@@ -158,7 +149,7 @@ class Planner {
         }
         for (std::size_t i = 0; i < delLocal_.size(); ++i) {
             Deleted d = delLocal_[i];
-            if (walkLocal(d.rel, d.folder)) continue;
+            if (walk(false, d.rel, d.folder)) continue;
             SyncStep& step = emit(SyncAction::CreateRemoteFolder, true, false, d.rel,
                                   "it holds items changed here");
             step.item.local = d.folder;
@@ -187,9 +178,16 @@ class Planner {
         KvMetadata remoteFolder;
     };
     std::unordered_map<std::string, std::vector<Loser>> originals_;
-    // What the folder walks delete (remote full paths, local paths), and the folders whose
-    // records they drop because something in them stays.
-    std::unordered_set<std::string> goneRemote_, goneLocal_, droppedRemote_, droppedLocal_;
+    // What the folder walks delete, and the folders whose records they drop because something in
+    // them stays: by side (index 1 the server's, 0 the local one), each by keyOf.
+    std::unordered_set<std::string> gone_[2], dropped_[2];
+
+    // How one side tells its items apart: the server's by full path, the local ones by path.
+    static std::string keyOf(bool remote, const KvMetadata& m) {
+        return remote ? SyncUtils::getFullPath(m) : m.pathOrEmpty();
+    }
+    // Where a side's changes are made, as the reasons say it.
+    static std::string where(bool remote) { return remote ? "on the server" : "here"; }
 
     static std::int64_t countFiles(const SyncTreeSnapshot& tree) {
         std::int64_t files = 0;
@@ -226,53 +224,37 @@ class Planner {
         for (auto& e : it->second) {
             std::string name = nameOf(e);
             if (name.empty() || (!all && !isSyncedName(name))) continue;
-            if (remote ? goneRemote_.contains(SyncUtils::getFullPath(e))
-                       : goneLocal_.contains(e.pathOrEmpty()))
-                continue;
+            if (gone_[remote].contains(keyOf(remote, e))) continue;
             out.push_back(e);
         }
         return out;
     }
 
-    std::optional<KvMetadata> remoteByRemote(const KvMetadata& r) const {
-        if (!in_.records.remoteByRemote || droppedRemote_.contains(SyncUtils::getFullPath(r)))
-            return std::nullopt;
-        return in_.records.remoteByRemote(r);
+    using Lookup = std::function<std::optional<KvMetadata>(const KvMetadata&)>;
+    std::optional<KvMetadata> record(const Lookup& lookup, bool remote, const KvMetadata& m) const {
+        if (!lookup || dropped_[remote].contains(keyOf(remote, m))) return std::nullopt;
+        return lookup(m);
     }
-    std::optional<KvMetadata> localByRemote(const KvMetadata& r) const {
-        if (!in_.records.localByRemote || droppedRemote_.contains(SyncUtils::getFullPath(r)))
-            return std::nullopt;
-        return in_.records.localByRemote(r);
-    }
-    std::optional<KvMetadata> localByLocal(const KvMetadata& l) const {
-        if (!in_.records.localByLocal || droppedLocal_.contains(l.pathOrEmpty()))
-            return std::nullopt;
-        return in_.records.localByLocal(l);
-    }
-    std::optional<KvMetadata> remoteByLocal(const KvMetadata& l) const {
-        if (!in_.records.remoteByLocal || droppedLocal_.contains(l.pathOrEmpty()))
-            return std::nullopt;
-        return in_.records.remoteByLocal(l);
-    }
-    // The item as the remote side's records know it.
-    SyncItemState remoteItem(const KvMetadata& r) const {
+    // The item as one side's records know it.
+    SyncItemState itemOf(bool remote, const KvMetadata& m) const {
         SyncItemState item;
-        item.remote = r;
-        item.remoteRecord = remoteByRemote(r);
-        item.localRecord = localByRemote(r);
-        return item;
-    }
-    SyncItemState localItem(const KvMetadata& l) const {
-        SyncItemState item;
-        item.local = l;
-        item.localRecord = localByLocal(l);
-        item.remoteRecord = remoteByLocal(l);
+        auto& rec = in_.records;
+        if (remote) {
+            item.remote = m;
+            item.remoteRecord = record(rec.remoteByRemote, true, m);
+            item.localRecord = record(rec.localByRemote, true, m);
+        } else {
+            item.local = m;
+            item.localRecord = record(rec.localByLocal, false, m);
+            item.remoteRecord = record(rec.remoteByLocal, false, m);
+        }
         return item;
     }
 
-    bool remoteChanged(const KvMetadata& r, const KvMetadata& sr) const {
-        return in_.rules.remoteChanged ? in_.rules.remoteChanged(r, sr)
-                                       : SyncPlanner::remoteChanged(r, sr);
+    bool changed(bool remote, const KvMetadata& m, const KvMetadata& record) const {
+        if (!remote) return SyncPlanner::localChanged(m, record);
+        return in_.rules.remoteChanged ? in_.rules.remoteChanged(m, record)
+                                       : SyncPlanner::remoteChanged(m, record);
     }
 
     // The items listed on the server in one folder (`localFolder` is its local twin).
@@ -287,7 +269,7 @@ class Planner {
 
         for (auto& r : remote) {
             std::string name = nameOf(r), path = childPath(rel, name);
-            SyncItemState item = remoteItem(r);
+            SyncItemState item = itemOf(true, r);
             if (auto it = localByName.find(name); it != localByName.end()) item.local = *it->second;
             const auto& l = item.local;
             auto plan = SyncPlanner::planRemoteItem(item, in_.rules);
@@ -365,7 +347,7 @@ class Planner {
                     localPass(path, l, r, true);
                 continue;
             }
-            SyncItemState item = localItem(l);
+            SyncItemState item = itemOf(false, l);
             auto plan = SyncPlanner::planLocalOnlyItem(item);
             SyncStep* step = nullptr;
             switch (plan.verdict) {
@@ -409,88 +391,51 @@ class Planner {
         }
     }
 
-    // A remote folder deleted here: what is unchanged since the last sync goes, the rest is
-    // kept; true when the folder itself goes.
-    bool walkRemote(const std::string& rel, const KvMetadata& folder) {
+    // A folder on one side deleted on the other: what is unchanged since the last sync goes, the
+    // rest is kept; true when the folder itself goes.
+    bool walk(bool remote, const std::string& rel, const KvMetadata& folder) {
+        const std::string here = where(remote), there = where(!remote);
         bool kept = false;
-        for (auto& e : listed(true, rel, true, true)) {
+        for (auto& e : listed(remote, rel, true, true)) {
             std::string path = childPath(rel, nameOf(e));
             if (isLinkOrHidden(e)) {
                 kept = true;
-                emit(SyncAction::Keep, e.isDir, true, path, "not synced (hidden or a link)");
+                emit(SyncAction::Keep, e.isDir, remote, path, "not synced (hidden or a link)");
                 continue;
             }
-            auto item = remoteItem(e);
+            auto item = itemOf(remote, e);
+            const auto& record = remote ? item.remoteRecord : item.localRecord;
             if (e.isDir) {
-                if (!item.remoteRecord) {
+                if (!record) {
                     kept = true;
-                    emit(SyncAction::Keep, true, true, path, "new on the server");
-                } else if (!walkRemote(path, e)) {
+                    emit(SyncAction::Keep, true, remote, path, "new " + here);
+                } else if (!walk(remote, path, e)) {
                     kept = true;
                 }
                 continue;
             }
-            if (item.remoteRecord && !remoteChanged(e, *item.remoteRecord)) {
-                emit(SyncAction::DeleteRemote, false, true, path, "its folder was deleted here")
+            if (record && !changed(remote, e, *record)) {
+                emit(remote ? SyncAction::DeleteRemote : SyncAction::DeleteLocal, false, remote,
+                     path, "its folder was deleted " + there)
                     .item = item;
-                goneRemote_.insert(SyncUtils::getFullPath(e));
+                gone_[remote].insert(keyOf(remote, e));
             } else {
                 kept = true;
-                emit(SyncAction::Keep, false, true, path,
-                     item.remoteRecord ? "changed on the server since the last sync"
-                                       : "new on the server");
+                emit(SyncAction::Keep, false, remote, path,
+                     record ? "changed " + here + " since the last sync" : "new " + here);
             }
         }
-        auto item = remoteItem(folder);
+        auto item = itemOf(remote, folder);
         if (kept) {
             // What is left makes the folder new to the next comparison.
             records(SyncStepKind::ForgetFolder, rel).item = item;
-            droppedRemote_.insert(SyncUtils::getFullPath(folder));
+            dropped_[remote].insert(keyOf(remote, folder));
             return false;
         }
-        emit(SyncAction::DeleteRemoteFolder, true, true, rel, "deleted here").item = item;
-        goneRemote_.insert(SyncUtils::getFullPath(folder));
-        return true;
-    }
-
-    bool walkLocal(const std::string& rel, const KvMetadata& folder) {
-        bool kept = false;
-        for (auto& e : listed(false, rel, true, true)) {
-            std::string path = childPath(rel, nameOf(e));
-            if (isLinkOrHidden(e)) {
-                kept = true;
-                emit(SyncAction::Keep, e.isDir, false, path, "not synced (hidden or a link)");
-                continue;
-            }
-            auto item = localItem(e);
-            if (e.isDir) {
-                if (!item.localRecord) {
-                    kept = true;
-                    emit(SyncAction::Keep, true, false, path, "new here");
-                } else if (!walkLocal(path, e)) {
-                    kept = true;
-                }
-                continue;
-            }
-            if (item.localRecord && !SyncPlanner::localChanged(e, *item.localRecord)) {
-                emit(SyncAction::DeleteLocal, false, false, path,
-                     "its folder was deleted on the server")
-                    .item = item;
-                goneLocal_.insert(e.pathOrEmpty());
-            } else {
-                kept = true;
-                emit(SyncAction::Keep, false, false, path,
-                     item.localRecord ? "changed here since the last sync" : "new here");
-            }
-        }
-        auto item = localItem(folder);
-        if (kept) {
-            records(SyncStepKind::ForgetFolder, rel).item = item;
-            droppedLocal_.insert(folder.pathOrEmpty());
-            return false;
-        }
-        emit(SyncAction::DeleteLocalFolder, true, false, rel, "deleted on the server").item = item;
-        goneLocal_.insert(folder.pathOrEmpty());
+        emit(remote ? SyncAction::DeleteRemoteFolder : SyncAction::DeleteLocalFolder, true, remote,
+             rel, "deleted " + there)
+            .item = item;
+        gone_[remote].insert(keyOf(remote, folder));
         return true;
     }
 };

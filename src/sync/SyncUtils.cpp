@@ -79,6 +79,17 @@ std::string getFullPath(const KvMetadata& item) {
     return full;
 }
 
+KvMetadata localChild(const KvMetadata& folder, const std::string& name, bool isDir) {
+    KvMetadata m(StringUtils::stringByAppendingPathComponentDirectly(folder.pathOrEmpty(), name));
+    m.setName(name);
+    m.isDir = isDir;
+    m.protocolType = ProtocolType::Local;
+    m.serverID = folder.serverID;
+    m.localPath = m.path();
+    m.parentFolderMeta = std::make_shared<const KvMetadata>(folder);
+    return m;
+}
+
 std::optional<std::string> getIdentify(const std::string& path) {
     if (!path.starts_with(kCloudPathPrefix)) return std::nullopt;
     std::string last = StringUtils::lastPathComponent(path);

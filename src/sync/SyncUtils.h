@@ -41,4 +41,7 @@ std::string getFullPath(const KvMetadata& item);
 // The identifier in the last component of a "/CLOUD_PATH/" path; absent for other paths.
 std::optional<std::string> getIdentify(const std::string& path);
 
+// The record of the local item `name` in `folder`, which need not exist yet.
+KvMetadata localChild(const KvMetadata& folder, const std::string& name, bool isDir);
+
 }  // namespace quillon::SyncUtils

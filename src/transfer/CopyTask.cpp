@@ -36,11 +36,6 @@ Result<bool> CopyTask::fileExists() {
     return ::lstat(path.c_str(), &st) == 0;
 }
 
-void CopyTask::cancelTransfer() {
-    setState(TransferTaskState::Stopped);
-    cancelTrackedWrappers();
-}
-
 void CopyTask::tick() {
     double t = now();
     if (t - lastUpdateTick_ > 0.5) {
@@ -50,20 +45,15 @@ void CopyTask::tick() {
 }
 
 void CopyTask::startTransfer() {
-    if (!openBothSides()) return;
+    if (!openSides()) return;
     countsArrivals_ = true;
     copier_.shouldStop = [this] { return stopped(); };
 
     auto targetItem =
         FileTransferUtils::targetMetadataWithSourceMetadata(sourceMetadata, targetMetadata);
-    if (fileConflict() == ConflictAction::KeepBoth) {
-        auto listing = targetProxy_->contentsOfDirectoryAtPathSync(targetMetadata);
-        if (!listing) {
-            completeFileTransfer(listing.error());
-            return;
-        }
-        FileTransferUtils::renameTarget(
-            targetItem, FileTransferUtils::getUniqueFileName(*listing, itemName(sourceMetadata)));
+    if (auto named = renameForKeepBoth(targetItem, targetMetadata); !named) {
+        completeFileTransfer(named.error());
+        return;
     }
     targetMetadata = targetItem;
     auto result = copyRoot(sourceMetadata.pathOrEmpty(), targetItem.pathOrEmpty());

@@ -14,7 +14,6 @@ class CopyTask : public FileTransferTask {
     void startTransfer() override;
     // The target folder holds an item of the source's name.
     [[nodiscard]] Result<bool> fileExists() override;
-    void cancelTransfer() override;
     std::string_view taskClassName() const override { return "CopyTask"; }
 
   private:

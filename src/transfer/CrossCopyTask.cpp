@@ -36,18 +36,13 @@ Result<bool> CrossCopyTask::fileExists() {
     return targetHasSourceName();
 }
 
-void CrossCopyTask::cancelTransfer() {
-    setState(TransferTaskState::Stopped);
-    cancelTrackedWrappers();
-}
-
 void CrossCopyTask::finish(std::optional<Error> error) {
     FileTransferUtils::removeTaskTempFolder(taskTempFolderPath());
     completeFileTransfer(std::move(error));
 }
 
 void CrossCopyTask::startTransfer() {
-    if (!openBothSides()) return;
+    if (!openSides()) return;
     countsArrivals_ = true;
     if (!isLocal(targetServerInfo)) RemoteUpload::removeLeftovers(*targetProxy_);
     auto temp = FileTransferUtils::makeTaskTempFolder();
@@ -62,16 +57,13 @@ void CrossCopyTask::startTransfer() {
 
     KvMetadata folder = targetMetadata;
     auto targetItem = FileTransferUtils::targetMetadataWithSourceMetadata(sourceMetadata, folder);
+    if (auto named = renameForKeepBoth(targetItem, folder); !named) {
+        finish(named.error());
+        return;
+    }
     if (fileConflict() == ConflictAction::KeepBoth) {
-        auto listing = targetProxy_->contentsOfDirectoryAtPathSync(folder);
-        if (!listing) {
-            finish(listing.error());
-            return;
-        }
-        auto name = FileTransferUtils::getUniqueFileName(*listing, itemName(sourceMetadata));
-        FileTransferUtils::renameTarget(targetItem, name);
         std::lock_guard lock(mutex_);
-        fileNameForConflict_ = name;
+        fileNameForConflict_ = itemName(targetItem);
     }
     targetMetadata = targetItem;
 
@@ -90,7 +82,10 @@ void CrossCopyTask::startTransfer() {
     }
     auto root = std::make_shared<FileTransferNode>(sourceMetadata, targetItem, folder);
     if (sourceMetadata.isDir) {
-        auto r = copyFolder(root);
+        auto r = placeFolder(root, [&] {
+            auto s = contentsOfDirectory(root);
+            return s && !stopped() ? transferFiles() : s;
+        });
         reportProgress();
         finish(r || stopped() ? std::nullopt : std::optional<Error>(r.error()));
         return;
@@ -100,32 +95,6 @@ void CrossCopyTask::startTransfer() {
     auto r = transferFiles();
     reportProgress();
     finish(r ? std::nullopt : std::optional<Error>(r.error()));
-}
-
-Status CrossCopyTask::copyFolder(const FileTransferNode::Ptr& root) {
-    // Replacing builds the new folder under a hidden name and swaps it in when complete;
-    // merging writes into the folder that is there.
-    KvMetadata finalTarget = root->targetMetadata;
-    bool swap = false;
-    if (overwrites()) {
-        auto there = targetProxy_->metadataOfItemSync(finalTarget);
-        if (!there && !there.error().is(ErrorKind::NotFound)) return std::unexpected(there.error());
-        swap = there &&
-               (fileConflict() == ConflictAction::Replace || !there->isDir || there->isSymbolLink);
-    }
-    if (swap) root->targetMetadata = RemoteUpload::stagedFolderFor(*targetProxy_, finalTarget);
-    Status built = targetProxy_->createFolderSync(root->targetMetadata);
-    if (!built && fileConflict() == ConflictAction::Merge && !swap) built = {};
-    if (built) built = contentsOfDirectory(root);
-    if (built && !stopped()) built = transferFiles();
-    if (swap) {
-        bool complete = built && !stopped();
-        auto placed = RemoteUpload::finishStagedFolder(*targetProxy_, root->targetMetadata,
-                                                       finalTarget, complete);
-        if (complete) built = placed;
-        if (!complete || !placed) nothingArrived();
-    }
-    return built;
 }
 
 Status CrossCopyTask::contentsOfDirectory(const FileTransferNode::Ptr& node) {

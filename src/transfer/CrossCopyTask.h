@@ -17,7 +17,6 @@ class CrossCopyTask : public FileTransferTask {
     void startTransfer() override;
     // The target server's folder holds an item of the source's name.
     [[nodiscard]] Result<bool> fileExists() override;
-    void cancelTransfer() override;
     std::string_view taskClassName() const override { return "CrossCopyTask"; }
 
     // The name chosen for "keep both" (empty otherwise).
@@ -27,7 +26,6 @@ class CrossCopyTask : public FileTransferTask {
   private:
     Status contentsOfDirectory(const FileTransferNode::Ptr& node);
     Status transferFiles();
-    Status copyFolder(const FileTransferNode::Ptr& root);
     Status transferFile(const FileTransferNode& node, std::int64_t base);
     void finish(std::optional<Error> error);
 

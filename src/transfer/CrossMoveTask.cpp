@@ -25,8 +25,7 @@ Result<bool> CrossMoveTask::fileExists() {
 }
 
 void CrossMoveTask::cancelTransfer() {
-    setState(TransferTaskState::Stopped);
-    cancelTrackedWrappers();
+    FileTransferTask::cancelTransfer();
     std::shared_ptr<CrossCopyTask> inner;
     {
         std::lock_guard lock(innerMutex_);
@@ -43,7 +42,7 @@ KvMetadataList CrossMoveTask::foldersToRefresh() const {
 }
 
 void CrossMoveTask::startTransfer() {
-    if (!openBothSides()) return;
+    if (!openSides()) return;
 
     auto inner = std::make_shared<CrossCopyTask>();
     inner->sourceServerInfo = sourceServerInfo;

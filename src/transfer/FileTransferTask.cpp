@@ -13,6 +13,7 @@
 #include "transfer/FileTransferNode.h"
 #include "transfer/FileTransferTaskManager.h"
 #include "transfer/FileTransferUtils.h"
+#include "transfer/RemoteUpload.h"
 
 namespace quillon {
 
@@ -321,13 +322,19 @@ Status FileTransferTask::collectTree(const std::shared_ptr<FileTransferNode>& no
     return {};
 }
 
-bool FileTransferTask::openBothSides() {
+void FileTransferTask::cancelTransfer() {
+    setState(TransferTaskState::Stopped);
+    cancelTrackedWrappers();
+}
+
+bool FileTransferTask::openSides(bool withSource) {
     beginTransfer();
     if (fileConflict() == ConflictAction::Skip || stopped()) {
         completeFileTransfer(std::nullopt);
         return false;
     }
-    auto source = WrapperProxy::clientForServerInfo(sourceServerInfo);
+    Result<WrapperPtr> source = WrapperPtr();
+    if (withSource) source = WrapperProxy::clientForServerInfo(sourceServerInfo);
     auto target = WrapperProxy::clientForServerInfo(targetServerInfo);
     if (!source || !target) {
         completeFileTransfer(!source ? source.error() : target.error());
@@ -336,6 +343,7 @@ bool FileTransferTask::openBothSides() {
     sourceProxy_ = *source;
     targetProxy_ = *target;
     for (const auto& side : {sourceProxy_, targetProxy_}) {
+        if (!side) continue;
         side->setForceIncludesHiddenFiles(true);
         trackWrapper(side);
     }
@@ -358,6 +366,40 @@ Result<bool> FileTransferTask::targetHasSourceName() const {
     auto entry = targetEntryWithSourceName();
     if (!entry) return std::unexpected(entry.error());
     return entry->has_value();
+}
+
+Status FileTransferTask::renameForKeepBoth(KvMetadata& target, const KvMetadata& folder) {
+    if (fileConflict() != ConflictAction::KeepBoth) return {};
+    auto listing = targetProxy_->contentsOfDirectoryAtPathSync(folder);
+    if (!listing) return std::unexpected(listing.error());
+    FileTransferUtils::renameTarget(
+        target, FileTransferUtils::getUniqueFileName(*listing,
+                                                     FileTransferUtils::itemName(sourceMetadata)));
+    return {};
+}
+
+Status FileTransferTask::placeFolder(const FileTransferNode::Ptr& root,
+                                     const std::function<Status()>& fill) {
+    KvMetadata finalTarget = root->targetMetadata;
+    bool swap = false;
+    if (overwrites()) {
+        auto there = targetProxy_->metadataOfItemSync(finalTarget);
+        if (!there && !there.error().is(ErrorKind::NotFound)) return std::unexpected(there.error());
+        swap = there &&
+               (fileConflict() == ConflictAction::Replace || !there->isDir || there->isSymbolLink);
+    }
+    if (swap) root->targetMetadata = RemoteUpload::stagedFolderFor(*targetProxy_, finalTarget);
+    Status built = targetProxy_->createFolderSync(root->targetMetadata);
+    if (!built && fileConflict() == ConflictAction::Merge && !swap) built = {};
+    if (built) built = fill();
+    if (swap) {
+        bool complete = built && !stopped();
+        auto placed = RemoteUpload::finishStagedFolder(*targetProxy_, root->targetMetadata,
+                                                       finalTarget, complete);
+        if (complete) built = placed;
+        if (!complete || !placed) nothingArrived();
+    }
+    return built;
 }
 
 void FileTransferTask::failBeforeStart(const Error& error) {

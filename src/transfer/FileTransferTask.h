@@ -77,7 +77,7 @@ class FileTransferTask : public std::enable_shared_from_this<FileTransferTask> {
     // that error, reported like any other end.
     void failBeforeStart(const Error& error);
     // Stops a running transfer: state 3, and the wrappers' current requests are cancelled.
-    virtual void cancelTransfer() = 0;
+    virtual void cancelTransfer();
     // The class name ("CopyTask", ...), for display and for "another task of the same class".
     virtual std::string_view taskClassName() const = 0;
     // Moves ask only "keep both" or "skip" on a name conflict.
@@ -183,15 +183,19 @@ class FileTransferTask : public std::enable_shared_from_this<FileTransferTask> {
     // Leaves the link out with its notice; `holds` is what it points to, when known.
     void skipLink(const KvMetadata& source, std::optional<std::string> holds = std::nullopt);
 
-    // The start of a run that works through the clients of both sides: ends the run at once, and
-    // returns false, when the task is to be skipped or was stopped or a side has no client;
-    // otherwise sourceProxy_ and targetProxy_ are set, list hidden items and are tracked.
-    bool openBothSides();
+    // The start of a run that works through the target's client and, `withSource`, the source's:
+    // ends the run at once, and returns false, when the task is to be skipped or was stopped or a
+    // side has no client; otherwise targetProxy_ (and sourceProxy_) are set, list hidden items
+    // and are tracked.
+    bool openSides(bool withSource = true);
     // The record of the target folder's item that bears the source item's name; none when
     // there is no such item; the lookup's error when the target cannot be asked.
     Result<std::optional<KvMetadata>> targetEntryWithSourceName() const;
     // Whether that item exists; the lookup's error when the target cannot be asked.
     Result<bool> targetHasSourceName() const;
+    // "Keep both": `target` takes a name that `folder` on the target side does not hold yet (the
+    // listing's error when it cannot be listed). Other choices leave it as it is.
+    Status renameForKeepBoth(KvMetadata& target, const KvMetadata& folder);
     WrapperPtr sourceProxy_;
     WrapperPtr targetProxy_;
 
@@ -215,6 +219,12 @@ class FileTransferTask : public std::enable_shared_from_this<FileTransferTask> {
     // (itemFailed). Stops quietly when the task is stopped.
     Status collectTree(const std::shared_ptr<FileTransferNode>& node, const TreeWalk& walk,
                        std::vector<std::shared_ptr<FileTransferNode>>& files);
+
+    // Makes the folder `root` on the target side (targetProxy_) and has `fill` put what it holds in
+    // it. Replacing builds the new folder under a hidden name and swaps it in when complete;
+    // merging writes into the folder that is there.
+    Status placeFolder(const std::shared_ptr<FileTransferNode>& root,
+                       const std::function<Status()>& fill);
 
     // The target folder as the task was created with, kept for the refresh notification.
     KvMetadata targetFolder_;

@@ -154,12 +154,7 @@ void FileTransferTaskManager::runTask(const FileTransferTaskPtr& task) {
             task->startTransfer();
             return;
         }
-        std::optional<ConflictAction> remembered;
-        {
-            std::lock_guard lock(stateMutex_);
-            if (applyAll_) remembered = fileConflict_;
-        }
-        if (remembered) {
+        if (auto remembered = rememberedConflict()) {
             task->setFileConflict(*remembered);
             task->startTransfer();
         } else if (!task->isMoveTask() && sameFolder(*task)) {
@@ -179,12 +174,7 @@ void FileTransferTaskManager::askConflict(const FileTransferTaskPtr& task) {
         return;
     }
     // An "apply to all" answer given while this question waited its turn covers it too.
-    std::optional<ConflictAction> remembered;
-    {
-        std::lock_guard lock(stateMutex_);
-        if (applyAll_) remembered = fileConflict_;
-    }
-    if (remembered) {
+    if (auto remembered = rememberedConflict()) {
         task->setFileConflict(*remembered);
         startInBackground(task);
         return;
@@ -259,6 +249,12 @@ bool FileTransferTaskManager::applyAll() const {
 
 ConflictAction FileTransferTaskManager::fileConflict() const {
     std::lock_guard lock(stateMutex_);
+    return fileConflict_;
+}
+
+std::optional<ConflictAction> FileTransferTaskManager::rememberedConflict() const {
+    std::lock_guard lock(stateMutex_);
+    if (!applyAll_) return std::nullopt;
     return fileConflict_;
 }
 

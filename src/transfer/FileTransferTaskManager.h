@@ -95,6 +95,8 @@ class FileTransferTaskManager : public FileTransferTaskDelegate {
     void askConflict(const FileTransferTaskPtr& task);
     static void startInBackground(const FileTransferTaskPtr& task);
     bool sameFolder(const FileTransferTask& task) const;
+    // The answer given for all conflicts, when there is one.
+    std::optional<ConflictAction> rememberedConflict() const;
     std::shared_ptr<UserPrompts> prompts() const;
     std::size_t countInState(TransferTaskState state) const;
     std::vector<std::shared_ptr<TransferObserver>> observers() const;

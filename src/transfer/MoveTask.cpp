@@ -1,12 +1,9 @@
 #include "transfer/MoveTask.h"
 
 #include "core/StringUtils.h"
-#include "core/WrapperProxy.h"
 #include "transfer/FileTransferUtils.h"
 
 namespace quillon {
-
-using FileTransferUtils::itemName;
 
 namespace {
 
@@ -33,36 +30,18 @@ Result<bool> MoveTask::fileExists() {
     return true;
 }
 
-void MoveTask::cancelTransfer() {
-    setState(TransferTaskState::Stopped);
-    cancelTrackedWrappers();
-}
-
 Status MoveTask::moveAll(const KvMetadataList& items, const KvMetadata& folder) {
-    if (targetWrapper_->capabilities().moveItems)
-        return targetWrapper_->moveItemsSync(items, folder);
+    if (targetProxy_->capabilities().moveItems) return targetProxy_->moveItemsSync(items, folder);
     // A server without a many-item move gets one move per item.
     for (auto& item : items) {
         if (stopped()) return {};
-        if (auto r = targetWrapper_->moveSync(item, movedTarget(item, folder)); !r) return r;
+        if (auto r = targetProxy_->moveSync(item, movedTarget(item, folder)); !r) return r;
     }
     return {};
 }
 
 void MoveTask::startTransfer() {
-    beginTransfer();
-    if (fileConflict() == ConflictAction::Skip || stopped()) {
-        completeFileTransfer(std::nullopt);
-        return;
-    }
-    auto client = WrapperProxy::clientForServerInfo(targetServerInfo);
-    if (!client) {
-        completeFileTransfer(client.error());
-        return;
-    }
-    targetWrapper_ = *client;
-    targetWrapper_->setForceIncludesHiddenFiles(true);
-    trackWrapper(targetWrapper_);
+    if (!openSides(false)) return;
     KvMetadata folder = targetMetadata;
     rootNode_ = std::make_shared<FileTransferNode>(sourceMetadata,
                                                    movedTarget(sourceMetadata, folder), folder);
@@ -70,26 +49,18 @@ void MoveTask::startTransfer() {
 
     Status result;
     switch (fileConflict()) {
-        case ConflictAction::KeepBoth: {
-            auto listing = targetWrapper_->contentsOfDirectoryAtPathSync(folder);
-            if (!listing) {
-                result = std::unexpected(listing.error());
-                break;
-            }
-            FileTransferUtils::renameTarget(
-                rootNode_->targetMetadata,
-                FileTransferUtils::getUniqueFileName(*listing, itemName(sourceMetadata)));
-            result = targetWrapper_->moveSync(sourceMetadata, rootNode_->targetMetadata);
+        case ConflictAction::KeepBoth:
+            result = renameForKeepBoth(rootNode_->targetMetadata, folder);
+            if (result) result = targetProxy_->moveSync(sourceMetadata, rootNode_->targetMetadata);
             break;
-        }
         case ConflictAction::Replace: {
             if (auto existing = conflictMeta()) {
-                if (auto r = targetWrapper_->removeSync({*existing}); !r) {
+                if (auto r = targetProxy_->removeSync({*existing}); !r) {
                     result = r;
                     break;
                 }
             }
-            result = targetWrapper_->moveSync(sourceMetadata, rootNode_->targetMetadata);
+            result = targetProxy_->moveSync(sourceMetadata, rootNode_->targetMetadata);
             break;
         }
         default:

@@ -15,7 +15,6 @@ class MoveTask : public FileTransferTask {
     void startTransfer() override;
     // The target folder holds an item of the source's name; it is kept as the conflict entry.
     [[nodiscard]] Result<bool> fileExists() override;
-    void cancelTransfer() override;
     std::string_view taskClassName() const override { return "MoveTask"; }
     bool isMoveTask() const override { return true; }
 
@@ -25,7 +24,6 @@ class MoveTask : public FileTransferTask {
   private:
     Status moveAll(const KvMetadataList& items, const KvMetadata& folder);
 
-    WrapperPtr targetWrapper_;
     FileTransferNode::Ptr rootNode_;
     mutable std::mutex mutex_;
     std::optional<KvMetadata> conflictMeta_;

@@ -65,38 +65,16 @@ Result<bool> UploadTask::fileExists() {
     return targetHasSourceName();
 }
 
-void UploadTask::cancelTransfer() {
-    setState(TransferTaskState::Stopped);
-    cancelTrackedWrappers();
-}
-
 void UploadTask::startTransfer() {
-    beginTransfer();
     countsArrivals_ = true;
-    if (fileConflict() == ConflictAction::Skip || stopped()) {
-        completeFileTransfer(std::nullopt);
-        return;
-    }
-    auto client = WrapperProxy::clientForServerInfo(targetServerInfo);
-    if (!client) {
-        completeFileTransfer(client.error());
-        return;
-    }
-    targetWrapper_ = *client;
-    targetWrapper_->setForceIncludesHiddenFiles(true);
-    trackWrapper(targetWrapper_);
-    RemoteUpload::removeLeftovers(*targetWrapper_);
+    if (!openSides(false)) return;
+    RemoteUpload::removeLeftovers(*targetProxy_);
 
     KvMetadata folder = targetMetadata;
     auto target = FileTransferUtils::targetMetadataWithSourceMetadata(sourceMetadata, folder);
-    if (fileConflict() == ConflictAction::KeepBoth) {
-        auto listing = targetWrapper_->contentsOfDirectoryAtPathSync(folder);
-        if (!listing) {
-            completeFileTransfer(listing.error());
-            return;
-        }
-        FileTransferUtils::renameTarget(
-            target, FileTransferUtils::getUniqueFileName(*listing, itemName(sourceMetadata)));
+    if (auto named = renameForKeepBoth(target, folder); !named) {
+        completeFileTransfer(named.error());
+        return;
     }
     targetMetadata = target;
 
@@ -119,14 +97,16 @@ void UploadTask::startTransfer() {
     }
     localWrapper_ = *local;
     if (S_ISLNK(st.st_mode)) {
-        auto r =
-            transferLink(sourceMetadata, target, *localWrapper_, *targetWrapper_, overwrites());
+        auto r = transferLink(sourceMetadata, target, *localWrapper_, *targetProxy_, overwrites());
         completeFileTransfer(r ? std::nullopt : std::optional<Error>(r.error()));
         return;
     }
     auto root = std::make_shared<FileTransferNode>(sourceMetadata, target, folder);
     if (S_ISDIR(st.st_mode)) {
-        auto r = uploadFolder(root);
+        auto r = placeFolder(root, [&] {
+            auto s = contentsOfDirectory(root);
+            return s && !stopped() ? transferFiles() : s;
+        });
         reportProgress();
         completeFileTransfer(r || stopped() ? std::nullopt : std::optional<Error>(r.error()));
         return;
@@ -139,43 +119,17 @@ void UploadTask::startTransfer() {
     completeFileTransfer(r ? std::nullopt : std::optional<Error>(r.error()));
 }
 
-Status UploadTask::uploadFolder(const FileTransferNode::Ptr& root) {
-    // Replacing builds the new folder under a hidden name and swaps it in when complete;
-    // merging writes into the folder that is there.
-    KvMetadata finalTarget = root->targetMetadata;
-    bool swap = false;
-    if (overwrites()) {
-        auto there = targetWrapper_->metadataOfItemSync(finalTarget);
-        if (!there && !there.error().is(ErrorKind::NotFound)) return std::unexpected(there.error());
-        swap = there &&
-               (fileConflict() == ConflictAction::Replace || !there->isDir || there->isSymbolLink);
-    }
-    if (swap) root->targetMetadata = RemoteUpload::stagedFolderFor(*targetWrapper_, finalTarget);
-    Status built = targetWrapper_->createFolderSync(root->targetMetadata);
-    if (!built && fileConflict() == ConflictAction::Merge && !swap) built = {};
-    if (built) built = contentsOfDirectory(root);
-    if (built && !stopped()) built = transferFiles();
-    if (swap) {
-        bool complete = built && !stopped();
-        auto placed = RemoteUpload::finishStagedFolder(*targetWrapper_, root->targetMetadata,
-                                                       finalTarget, complete);
-        if (complete) built = placed;
-        if (!complete || !placed) nothingArrived();
-    }
-    return built;
-}
-
 Status UploadTask::contentsOfDirectory(const FileTransferNode::Ptr& node) {
     TreeWalk walk;
     walk.list = [](const KvMetadata& folder) { return listLocalFolder(folder); };
     walk.makeFolder = [this](const KvMetadata& target) -> Status {
-        auto made = targetWrapper_->createFolderSync(target);
+        auto made = targetProxy_->createFolderSync(target);
         // Merging: the folder may be there already.
         if (!made && fileConflict() != ConflictAction::Merge) return made;
         return {};
     };
     walk.linkSource = localWrapper_.get();
-    walk.linkTarget = targetWrapper_.get();
+    walk.linkTarget = targetProxy_.get();
     return collectTree(node, walk, fileNodes_);
 }
 
@@ -189,7 +143,7 @@ Status UploadTask::transferFiles() {
         setTransferringFileMeta(node->sourceMetadata);
         std::int64_t base = done;
         auto r = RemoteUpload::uploadFile(
-            *targetWrapper_, node->sourceMetadata, path, node->targetParentMetadata,
+            *targetProxy_, node->sourceMetadata, path, node->targetParentMetadata,
             itemName(node->targetMetadata), replace,
             relayProgress([base](std::int64_t sent, std::int64_t) { return base + sent; }),
             [this] { return stopped(); });

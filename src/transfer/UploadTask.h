@@ -15,15 +15,12 @@ class UploadTask : public FileTransferTask {
     void startTransfer() override;
     // The server's target folder holds an item of the source's name.
     [[nodiscard]] Result<bool> fileExists() override;
-    void cancelTransfer() override;
     std::string_view taskClassName() const override { return "UploadTask"; }
 
   private:
     Status contentsOfDirectory(const FileTransferNode::Ptr& node);
     Status transferFiles();
-    Status uploadFolder(const FileTransferNode::Ptr& root);
 
-    WrapperPtr targetWrapper_;
     WrapperPtr localWrapper_;  // reads links
     std::vector<FileTransferNode::Ptr> fileNodes_;
 };

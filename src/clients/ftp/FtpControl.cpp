@@ -84,22 +84,7 @@ std::string asciiOnly(std::string_view s) {
 // The platform's URL escaping with "[" and "]" left alone and "!'();&=+$,?%#" forced: only
 // letters, digits, "-._~*/:@" and the brackets travel as they are.
 std::string percentEscape(std::string_view bytes) {
-    static constexpr char hex[] = "0123456789ABCDEF";
-    std::string out;
-    out.reserve(bytes.size() * 3 / 2);
-    for (unsigned char c : bytes) {
-        bool keep =
-            (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-            std::string_view("-._~*/:@[]").find(static_cast<char>(c)) != std::string_view::npos;
-        if (keep && c != 0) {
-            out += static_cast<char>(c);
-        } else {
-            out += '%';
-            out += hex[c >> 4];
-            out += hex[c & 15];
-        }
-    }
-    return out;
+    return StringUtils::percentEncode(bytes, "-._~*/:@[]");
 }
 
 // The server's last refusal among the replies of a request ("553 Prohibited file name"), or its

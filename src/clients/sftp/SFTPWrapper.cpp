@@ -422,6 +422,14 @@ void SFTPWrapper::giveBack(const SessionPtr& s) {
     KvConnectionPool::sharedInstance().recycleConnection(s);
 }
 
+std::unexpected<Error> SFTPWrapper::failedOn(const SessionPtr& s, Error e) {
+    if (isConnectionError(e))
+        s->cleanup();
+    else
+        giveBack(s);
+    return std::unexpected(std::move(e));
+}
+
 template <typename T>
 Result<T> SFTPWrapper::withSession(const std::function<Result<T>(SftpSession&)>& work) {
     if (cancelled()) return std::unexpected(cancelledError());
@@ -585,14 +593,8 @@ Status SFTPWrapper::fetchPart(
         SftpSession& session = **s;
         LIBSSH2_SFTP_HANDLE* h =
             libssh2_sftp_open(session.sftp, d.path.c_str(), LIBSSH2_FXF_READ, 0);
-        if (!h) {
-            auto e = lastError(session, ErrorCode::DownloadFailed, "Opening " + d.path);
-            if (isConnectionError(e))
-                session.cleanup();
-            else
-                giveBack(*s);
-            return std::unexpected(e);
-        }
+        if (!h)
+            return failedOn(*s, lastError(session, ErrorCode::DownloadFailed, "Opening " + d.path));
         if (!openedOnce && opened) {
             if (auto ok = opened(session, h); !ok) {
                 libssh2_sftp_close(h);
@@ -761,14 +763,8 @@ Status SFTPWrapper::uploadSync(const KvMetadata& localFile, const KvMetadata& to
         unsigned long flags = LIBSSH2_FXF_WRITE | LIBSSH2_FXF_CREAT;
         if (attempt == 0) flags |= LIBSSH2_FXF_TRUNC;
         LIBSSH2_SFTP_HANDLE* h = libssh2_sftp_open(session.sftp, temporary.c_str(), flags, 0644);
-        if (!h) {
-            auto e = lastError(session, ErrorCode::UploadFailed, "Creating " + target);
-            if (isConnectionError(e))
-                session.cleanup();
-            else
-                giveBack(*s);
-            return std::unexpected(e);
-        }
+        if (!h)
+            return failedOn(*s, lastError(session, ErrorCode::UploadFailed, "Creating " + target));
         if (attempt > 0) {
             // Continue from what both the server holds and it acknowledged.
             LIBSSH2_SFTP_ATTRIBUTES attrs{};
@@ -873,7 +869,6 @@ Status SFTPWrapper::uploadSync(const KvMetadata& localFile, const KvMetadata& to
         return sent;
     }
     SftpSession& s = *last;
-    Status result;
     int rc = libssh2_sftp_rename_ex(
         s.sftp, temporary.c_str(), temporary.size(), target.c_str(), target.size(),
         LIBSSH2_SFTP_RENAME_OVERWRITE | LIBSSH2_SFTP_RENAME_ATOMIC | LIBSSH2_SFTP_RENAME_NATIVE);
@@ -888,15 +883,13 @@ Status SFTPWrapper::uploadSync(const KvMetadata& localFile, const KvMetadata& to
             rc = libssh2_sftp_rename(s.sftp, temporary.c_str(), target.c_str());
     }
     if (rc != 0) {
-        result = std::unexpected(lastError(s, ErrorCode::UploadFailed, "Replacing " + target));
+        auto e = lastError(s, ErrorCode::UploadFailed, "Replacing " + target);
         discard(&s);
+        return failedOn(last, std::move(e));
     }
-    if (result) throttle.finish(source.sent(), source.sent());
-    if (isConnectionError(result ? Error{} : result.error()))
-        s.cleanup();
-    else
-        giveBack(last);
-    return result;
+    throttle.finish(source.sent(), source.sent());
+    giveBack(last);
+    return {};
 }
 
 // --- Other operations
@@ -1038,14 +1031,7 @@ Status SFTPWrapper::readDataFromOffsetToEnd(std::int64_t start,
     if (!s) return std::unexpected(s.error());
     SftpSession& session = **s;
     LIBSSH2_SFTP_HANDLE* h = libssh2_sftp_open(session.sftp, path.c_str(), LIBSSH2_FXF_READ, 0);
-    if (!h) {
-        auto e = lastError(session, ErrorCode::DownloadFailed, "Opening " + path);
-        if (isConnectionError(e))
-            session.cleanup();
-        else
-            giveBack(*s);
-        return std::unexpected(e);
-    }
+    if (!h) return failedOn(*s, lastError(session, ErrorCode::DownloadFailed, "Opening " + path));
     libssh2_sftp_seek64(h, static_cast<libssh2_uint64_t>(std::max<std::int64_t>(0, start)));
     std::vector<char> buffer(kStreamChunk);
     std::optional<Error> failure;

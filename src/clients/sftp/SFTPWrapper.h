@@ -97,6 +97,9 @@ class SFTPWrapper : public Wrapper, public LinkReader {
     // A pooled session (connected and logged in), or the connection's error.
     Result<SessionPtr> takeSession();
     void giveBack(const SessionPtr& s);
+    // A request on `s` failed with `e`: a broken session is dropped, a sound one goes back to the
+    // pool.
+    std::unexpected<Error> failedOn(const SessionPtr& s, Error e);
     Status connect(SftpSession& s);
     Status checkHostKey(SftpSession& s, const std::string& host, int port);
     Status authenticate(SftpSession& s);

@@ -154,18 +154,7 @@ Error WebdavWrapper::cancelledError() const {
 }
 
 std::string WebdavWrapper::escapePath(const std::string& path) {
-    static constexpr char hex[] = "0123456789ABCDEF";
-    std::string out;
-    for (unsigned char c : path) {
-        if (std::isalnum(c) || c == '/' || c == '-' || c == '.' || c == '_' || c == '~') {
-            out += static_cast<char>(c);
-        } else {
-            out += '%';
-            out += hex[c >> 4];
-            out += hex[c & 15];
-        }
-    }
-    return out;
+    return StringUtils::percentEncode(path, "/-._~");
 }
 
 std::string WebdavWrapper::unescape(const std::string& text) {
