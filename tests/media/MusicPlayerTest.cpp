@@ -1,4 +1,5 @@
 #include "media/MusicPlayerService.h"
+#include "media/PlayList.h"
 
 #include <gtest/gtest.h>
 
@@ -6,8 +7,11 @@
 
 #include "clients/Clients.h"
 #include "core/AppPreference.h"
+#include "core/FileService.h"
 #include "core/KvConnectionPool.h"
 #include "core/NotificationCenter.h"
+#include "core/WrapperProxy.h"
+#include "media/EncodingUtils.h"
 #include "media/MediaKit.h"
 #include "servers/FtpServerFixture.h"
 #include "servers/streaming/CachedDataReader.h"
@@ -244,6 +248,187 @@ TEST(PlayCli, PlaysEveryItemToTheEndWithoutATerminal) {
                                                         "Playing 3/3: a.wav"}));
     writeFile(dir / "bad.wav", "no audio");
     EXPECT_TRUE(quillonExits(1, {"play", "--ao", "null", dir / "bad.wav"}, "bad.wav"));
+}
+
+class PlayListTest : public FreshHome {
+  protected:
+    ScratchDir dir{"playlist"};
+    static void setEncoding(const std::string& name) {
+        if (name.empty())
+            AppPreference::sharedAppPreference().removeValueForKey(PrefKey::TextEncoding);
+        else
+            AppPreference::sharedAppPreference().setValue(PlistValue(name), PrefKey::TextEncoding);
+    }
+    Result<PlayList> open(const std::string& path) {
+        return PlayList::initWithStartMetadata(localFile(path), localServer(), {});
+    }
+};
+
+std::vector<std::string> titles(const PlayList& list) {
+    std::vector<std::string> out;
+    for (auto& item : list.items) out.push_back(item.songName);
+    return out;
+}
+
+TEST_F(PlayListTest, ListsInFourEncodingsReadWithAndWithoutThePreference) {
+    writeFile(dir / "a.mp3", "x");
+    struct Case {
+        std::string encoding, preference, title;
+    };
+    // Titles a few words long, as real lists carry; the Western one is the short text the
+    // detector alone misreads.
+    const std::vector<Case> cases{
+        {"UTF-8", "UTF-8", "Café déjà vu"},
+        {"CP1251", "Windows-1251", "Очи чёрные, очи страстные и прекрасные"},
+        {"SHIFT_JIS", "Shift_JIS", "さくらさくら　やよいの空は　見わたす限り"},
+        {"GB18030", "GB18030", "月亮代表我的心，你问我爱你有多深"},
+    };
+    for (auto& c : cases) {
+        SCOPED_TRACE(c.encoding);
+        for (bool withPreference : {false, true}) {
+            setEncoding(withPreference ? c.preference : "");
+            writeEncoded(dir / "list.m3u", "#EXTM3U\n#EXTINF:61," + c.title + "\na.mp3\n",
+                         c.encoding);
+            auto list = open(dir / "list.m3u");
+            ASSERT_TRUE(list) << list.error().describe();
+            EXPECT_EQ(titles(*list), std::vector<std::string>{c.title}) << withPreference;
+        }
+    }
+    // A preference that does not fit the bytes is an error, not mojibake.
+    setEncoding("UTF-8");
+    writeEncoded(dir / "list.m3u", "#EXTINF:1,Очи чёрные\na.mp3\n", "CP1251");
+    EXPECT_FALSE(open(dir / "list.m3u"));
+    EXPECT_FALSE(EncodingUtils::isValidUtf8("\xC0\xAF"));      // overlong "/"
+    EXPECT_FALSE(EncodingUtils::isValidUtf8("\xED\xA0\x80"));  // a surrogate
+    EXPECT_FALSE(EncodingUtils::isValidUtf8("ab\xE2\x82"));    // cut short
+}
+
+TEST_F(PlayListTest, M3uEntriesRelativeAbsoluteUrlsAndMissing) {
+    writeFile(dir / "sub/one.mp3", "1");
+    writeFile(dir / "sub/two words.flac", "2");
+    ScratchDir elsewhere("abs");
+    writeFile(elsewhere / "three.ogg", "3");
+    const std::string text =
+        "#EXTINF:100,First\r\n"
+        "sub/one.mp3\r\n"
+        "#EXTINF:42\r\n"
+        ".\\sub\\two words.flac\r\n"
+        "\r\n"
+        "# a comment\n" +
+        elsewhere / "three.ogg" +
+        "\n"
+        "#EXTINF:-1,Gone\n"
+        "nowhere.mp3\n"
+        "http://127.0.0.1:9/radio%20one.mp3\n";
+    for (auto name : {"list.m3u", "LIST.M3U8"}) {
+        SCOPED_TRACE(name);
+        writeFile(dir / name, text);  // no #EXTM3U header
+        auto list = open(dir / name);
+        ASSERT_TRUE(list) << list.error().describe();
+        ASSERT_EQ(list->items.size(), 4u);
+        EXPECT_EQ(list->items[0].metadata.path(), dir / "sub/one.mp3");
+        EXPECT_EQ(list->items[0].songName, "First");
+        EXPECT_EQ(list->items[0].duration, 100.0);
+        EXPECT_EQ(list->items[1].metadata.path(), dir / "sub/two words.flac");
+        EXPECT_EQ(list->items[1].songName, "two words.flac");  // no title after the duration
+        EXPECT_EQ(list->items[1].duration, 42.0);
+        EXPECT_EQ(list->items[2].metadata.path(), elsewhere / "three.ogg");
+        EXPECT_FALSE(list->items[2].duration);
+        EXPECT_TRUE(list->items[3].isURL());
+        EXPECT_EQ(list->items[3].songName, "radio one.mp3");
+        EXPECT_EQ(list->missingEntries, std::vector<std::string>{"nowhere.mp3"});
+    }
+}
+
+TEST_F(PlayListTest, CueTracksEndAtTheNextStartAndTheLastAtTheFilesEnd) {
+    makeTone(dir / "disc.wav", 5.0);
+    // CP1251 titles; track 3 has none; 37 frames are 37/75 of a second.
+    writeEncoded(dir / "disc.cue",
+                 "PERFORMER \"Хор имени Пятницкого\"\n"
+                 "TITLE \"Русские народные песни\"\n"
+                 "FILE \"disc.wav\" WAVE\n"
+                 "  TRACK 01 AUDIO\n"
+                 "    TITLE \"Калинка\"\n"
+                 "    INDEX 01 00:00:00\n"
+                 "  TRACK 02 AUDIO\n"
+                 "    TITLE \"Катюша\"\n"
+                 "    PERFORMER \"Солистка\"\n"
+                 "    INDEX 00 00:01:50\n"
+                 "    INDEX 01 00:02:00\n"
+                 "  TRACK 03 AUDIO\n"
+                 "    INDEX 01 00:03:37\n",
+                 "CP1251");
+    auto list = open(dir / "disc.cue");
+    ASSERT_TRUE(list) << list.error().describe();
+    EXPECT_EQ(list->CDTitle, "Русские народные песни");
+    EXPECT_EQ(list->CDPerformer, "Хор имени Пятницкого");
+    EXPECT_EQ(titles(*list), (std::vector<std::string>{"Калинка", "Катюша", "Track 3"}));
+    ASSERT_EQ(list->items.size(), 3u);
+    EXPECT_EQ(list->items[0].artist, "Хор имени Пятницкого");
+    EXPECT_EQ(list->items[1].artist, "Солистка");
+    const double starts[] = {0, 2, 3 + 37 / 75.0}, ends[] = {2, 3 + 37 / 75.0, 5};
+    for (int i = 0; i < 3; ++i) {
+        auto& item = list->items[i];
+        EXPECT_EQ(item.metadata.path(), dir / "disc.wav");
+        EXPECT_EQ(item.albumName, "Русские народные песни");
+        EXPECT_NEAR(item.initialPlaybackTime, starts[i], 1e-9) << i;
+        ASSERT_TRUE(item.endPlaybackTime) << i;
+        EXPECT_NEAR(*item.endPlaybackTime, ends[i], 0.002) << i;
+    }
+    writeFile(dir / "bad.cue", "FILE \"disc.wav\" WAVE\nthis is no sheet\n");
+    auto bad = open(dir / "bad.cue");
+    ASSERT_FALSE(bad);
+    EXPECT_EQ(bad.error().reason, "The CUE sheet cannot be read (line 2).");
+    EXPECT_FALSE(open(dir / "absent.cue"));
+}
+
+TEST_F(PlayListTest, FolderAudioInListingOrderAndRemoteListsFromTheCache) {
+    std::vector<KvMetadata> listing;
+    for (auto name : {"a.flac", "b.txt", "c.m3u", "d.WAV", "e.mp3"})
+        listing.push_back(localFile(dir / name));
+    KvMetadata sub = localFile(dir / "f.mp3");
+    sub.isDir = true;
+    listing.push_back(sub);
+    auto list = PlayList::initWithStartMetadata(listing[3], localServer(), listing);
+    ASSERT_TRUE(list);
+    EXPECT_EQ(titles(*list), (std::vector<std::string>{"a.flac", "d.WAV", "e.mp3"}));
+    EXPECT_EQ(list->currentIndex, 1);
+
+    // A list on our FTP server: fetched into its cache path, entries stay on the server.
+    registerBuiltinClients();
+    RunningFtpServer ftp;
+    writeFile(ftp / "music/list.m3u8", "#EXTINF:3,Über\nsong.mp3\n/other/x.mp3\n");
+    auto info = ftp.serverInfo();
+    KvMetadata remote(std::string("/music/list.m3u8"));
+    remote.protocolType = ProtocolType::FTP;
+    auto fromFtp = PlayList::initWithStartMetadata(remote, info, {});
+    ASSERT_TRUE(fromFtp) << fromFtp.error().describe();
+    ASSERT_EQ(fromFtp->items.size(), 2u);
+    EXPECT_EQ(fromFtp->items[0].songName, "Über");
+    EXPECT_EQ(fromFtp->items[0].metadata.path(), "/music/song.mp3");
+    EXPECT_EQ(fromFtp->items[1].metadata.path(), "/other/x.mp3");
+    EXPECT_TRUE(fromFtp->missingEntries.empty());  // remote entries are not looked up
+    EXPECT_TRUE(fileHolds(FileService::sharedService().cachePathForMetadata(remote, *info),
+                          readFile(ftp / "music/list.m3u8")));
+}
+
+TEST(PlaylistCli, PrintsTracksAsTextAndJsonAndRefusesFolders) {
+    IsolatedHome home;
+    ScratchDir dir("cli");
+    makeTone(dir / "d.flac", 3.0);
+    writeFile(dir / "d.cue",
+              "FILE \"d.flac\" WAVE\n TRACK 01 AUDIO\n  TITLE \"Intro\"\n  INDEX 01 00:00:00\n"
+              " TRACK 02 AUDIO\n  INDEX 01 00:01:00\n");
+    EXPECT_TRUE(quillonExits(0, {"playlist", dir / "d.cue"}, "Track 2"));
+    auto json = runQuillon({"playlist", "--json", dir / "d.cue"});
+    EXPECT_EQ(json.exitCode, 0) << json.err;
+    EXPECT_TRUE(contains(json.out, R"({"title":"Intro","artist":"","album":"","start":0.000,)"
+                                   R"("end":1.000,"duration":1.000,"file":")" +
+                                       dir / "d.flac\"}"))
+        << json.out;
+    EXPECT_TRUE(contains(json.out, R"("start":1.000,"end":3.000,)")) << json.out;
+    EXPECT_TRUE(quillonExits(1, {"playlist", dir.path()}, "is a folder"));
+    EXPECT_TRUE(quillonExits(1, {"playlist", dir / "none.m3u"}, "not found"));
 }
 
 }  // namespace

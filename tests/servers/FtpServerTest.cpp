@@ -1,5 +1,6 @@
-// The built-in FTP server against real clients (curl, lftp) and a raw
-// control-channel client for exact reply texts and hostile input, on loopback ports.
+// The built-in FTP server against a real client (curl) and a raw control-channel client for
+// exact reply texts and hostile input, on loopback ports. (Our own client's transfers, renames
+// and deletions against it are the conformance suite's.)
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -38,15 +39,6 @@ FtpServerOptions userOptions() {
     o.password = "s3cret pw";
     o.loginFailureDelay = std::chrono::milliseconds(50);
     return o;
-}
-
-// lftp with its home in a scratch folder, one try per command, and a script.
-test::CommandResult lftp(const std::string& home, int port, const std::string& login,
-                         const std::string& script) {
-    return test::runProgram(
-        {"env", "HOME=" + home, "lftp", "-u", login, "-p", std::to_string(port), "-e",
-         "set net:max-retries 1; set net:timeout 10; set cmd:fail-exit yes; " + script + "; bye",
-         "127.0.0.1"});
 }
 
 TEST(FtpServer, CommandTableComesFromThePlistWithAliases) {
@@ -201,8 +193,6 @@ TEST(FtpServer, ListsAndTransfersOverRawDataConnections) {
     EXPECT_EQ(whole.end, done);
 }
 
-// (Plain transfers, renames and deletions through libcurl are the conformance suite's; the raw
-// client checks every reply.)
 TEST(FtpServer, CurlListsResumesAndUploadsInPassiveAndActiveMode) {
     RunningFtpServer srv(userOptions());
     ScratchDir local("curl");
@@ -232,35 +222,6 @@ TEST(FtpServer, CurlListsResumesAndUploadsInPassiveAndActiveMode) {
         {"--user", user, "-P", "127.0.0.1", "-T", local / "up.bin", srv.url("/active.bin")});
     EXPECT_EQ(active.exitCode, 0) << active.err;
     EXPECT_EQ(test::readFile(srv / "active.bin"), content);
-}
-
-TEST(FtpServer, LftpBrowsesTransfersResumesRenamesAndDeletes) {
-    RunningFtpServer srv(userOptions());
-    ScratchDir local("lftp");
-    std::string content = test::randomBytes(1500000, 3);
-    test::writeFile(srv / "Ordner mit Leerzeichen/日本語 ファイル.bin", content);
-    test::writeFile(local / "up load.bin", content);
-    test::writeFile(local / "resume.bin", content);
-    // What a cut-off upload left behind; "put -c" sends the rest after REST.
-    test::writeFile(srv / "resume.bin", content.substr(0, 700000));
-
-    auto r = lftp(local.path(), srv.port(), "bob,s3cret pw",
-                  "lcd " + local.path() +
-                      "; cd 'Ordner mit Leerzeichen'; ls; get '日本語 ファイル.bin' -o got.bin; "
-                      "put 'up load.bin' -o 'hoch geladen.bin'; mv 'hoch geladen.bin' "
-                      "'umbenannt.bin'; mkdir 'neu er'; rmdir 'neu er'; cd ..; put -c resume.bin; "
-                      "rm 'Ordner mit Leerzeichen/umbenannt.bin'");
-    EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
-    EXPECT_TRUE(test::contains(r.out, "日本語 ファイル.bin")) << r.out;
-    EXPECT_EQ(test::readFile(local / "got.bin"), content);
-    EXPECT_EQ(test::readFile(srv / "resume.bin"), content);
-    EXPECT_FALSE(fs::exists(srv / "Ordner mit Leerzeichen/hoch geladen.bin"));
-    EXPECT_FALSE(fs::exists(srv / "Ordner mit Leerzeichen/umbenannt.bin"));
-    EXPECT_FALSE(fs::exists(srv / "Ordner mit Leerzeichen/neu er"));
-    auto log = srv.log();
-    EXPECT_TRUE(std::any_of(log.begin(), log.end(), [](const std::string& l) {
-        return l.find("STOR resume.bin from 700000") != std::string::npos;
-    })) << "lftp did not resume with REST";
 }
 
 TEST(FtpServer, AnonymousSessionsAreReadOnlyUnlessUploadsAreAllowed) {

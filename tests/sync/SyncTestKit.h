@@ -151,6 +151,18 @@ inline std::string localFolderOf(const SyncInfo& info) {
     return SyncUtils::getSyncBaseFolderPath() + "/" + info.localFolderMeta.nameOrEmpty();
 }
 
+// A pair whose "server" is a scratch folder on the local disk.
+struct LocalPair {
+    ScratchDir remote{"syncremote"};
+    SyncInfo info;
+    std::string local;
+
+    explicit LocalPair(const std::string& name)
+        : info(addPair(localFileSystem(), remote.path(), name)), local(localFolderOf(info)) {}
+    std::string r(const std::string& rel) const { return remote / rel; }
+    std::string l(const std::string& rel) const { return local + "/" + rel; }
+};
+
 inline SyncOptions quickOptions() {
     SyncOptions o;
     o.pauseAfterCheck = 0;

@@ -7,15 +7,17 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <fstream>
 
 #include "TransferTestKit.h"
+#include "clients/ftp/FtpWrapper.h"
 #include "core/PathUtils.h"
+#include "core/WrapperProxy.h"
 #include "support/FtpServers.h"
 #include "support/SftpServers.h"
 #include "transfer/CopyTask.h"
 #include "transfer/CrossCopyTask.h"
+#include "transfer/CrossMoveTask.h"
 #include "transfer/DownloadTask.h"
 #include "transfer/FileTransferUtils.h"
 #include "transfer/UploadTask.h"
@@ -448,5 +450,145 @@ TEST_F(FtpTransfer, DownloadLargerThanFreeSpaceFailsBeforeAnyByte) {
     EXPECT_FALSE(moved);
     EXPECT_EQ(task->transferredBytes(), 0);
     EXPECT_TRUE(fs::is_empty(dir.path()));
+    EXPECT_TRUE(fs::is_empty(PathUtils::getAppTempPath()));
+}
+
+namespace {
+
+// Simulates a fault: an FTP client whose uploads arrive one byte short.
+class OneByteShortFtpWrapper : public FtpWrapper {
+  public:
+    using FtpWrapper::FtpWrapper;
+    Status uploadSync(const KvMetadata& localFile, const KvMetadata& toFolder,
+                      const ProgressHandler& progress) override {
+        ScratchDir cut("short");
+        std::string name = StringUtils::lastPathComponent(localFile.pathOrEmpty());
+        std::string shortCopy = cut / name;
+        fs::copy_file(localFile.pathOrEmpty(), shortCopy);
+        fs::resize_file(shortCopy, fs::file_size(shortCopy) - 1);
+        KvMetadata record = localFile;
+        record.setPath(shortCopy);
+        record.localPath = shortCopy;
+        return FtpWrapper::uploadSync(record, toFolder, progress);
+    }
+};
+
+// Makes every FTP client of `serverID` a short-writing one while it lives.
+class ShortUploadsTo {
+  public:
+    explicit ShortUploadsTo(std::string serverID) {
+        registerBuiltinClients();
+        WrapperProxy::registerClass("FtpWrapper", [serverID](ServerInfoPtr info) -> WrapperPtr {
+            if (info->serverID == serverID)
+                return std::make_shared<OneByteShortFtpWrapper>(std::move(info));
+            return std::make_shared<FtpWrapper>(std::move(info));
+        });
+    }
+    ~ShortUploadsTo() {
+        WrapperProxy::registerClass("FtpWrapper", [](ServerInfoPtr info) -> WrapperPtr {
+            return std::make_shared<FtpWrapper>(std::move(info));
+        });
+    }
+};
+
+}  // namespace
+
+using CrossMove = TransferFixture;
+
+TEST_F(CrossMove, VerifiedCopyDeletesTheSourceAlsoUnderAKeepBothName) {
+    auto from = startFtpServer(FtpServerKind::PureFtpd);
+    auto to = startFtpServer(FtpServerKind::Proftpd);
+    if (!from || !to) return;
+    from->writeFile("/album/one.flac", std::string(123457, '1'));
+    from->writeFile("/album/.cover", "c");
+    from->makeDir("/album/empty");
+    from->writeFile("/notes.txt", "moving");
+    to->writeFile("/notes.txt", "already here");
+    from->chownTree();
+    to->chownTree();
+    auto src = from->serverInfo();
+    auto dst = to->serverInfo();
+    auto prompts = std::make_shared<ScriptedPrompts>();
+    prompts->conflictAnswers.push_back({ConflictAction::KeepBoth, false});
+    manager.setUserPrompts(prompts);
+
+    auto folderMove =
+        runOne<CrossMoveTask>(manager, src, remoteItem(src, "/album"), dst, remoteFolder(dst, "/"));
+    ASSERT_EQ(folderMove->state(), TransferTaskState::Completed)
+        << folderMove->error().value_or(Error{}).describe();
+    EXPECT_FALSE(fs::exists(from->hostPath("/album")));
+    EXPECT_TRUE(fileHolds(to->hostPath("/album/one.flac"), std::string(123457, '1')));
+    EXPECT_TRUE(fileHolds(to->hostPath("/album/.cover"), "c"));
+    EXPECT_TRUE(fs::is_directory(to->hostPath("/album/empty")));
+
+    auto fileMove = runOne<CrossMoveTask>(manager, src, remoteItem(src, "/notes.txt"), dst,
+                                          remoteFolder(dst, "/"));
+    ASSERT_EQ(prompts->conflictsAsked.size(), 1u);
+    EXPECT_TRUE(prompts->conflictsAsked[0].hideReplaceButton);
+    ASSERT_EQ(fileMove->state(), TransferTaskState::Completed)
+        << fileMove->error().value_or(Error{}).describe();
+    EXPECT_TRUE(fileHolds(to->hostPath("/notes-1.txt"), "moving"));
+    EXPECT_TRUE(fileHolds(to->hostPath("/notes.txt"), "already here"));
+    EXPECT_FALSE(fs::exists(from->hostPath("/notes.txt")));
+    EXPECT_TRUE(fs::is_empty(PathUtils::getAppTempPath()));
+
+    // Local disk to a server is a cross move as well.
+    writeFile(dir / "local.txt", "from disk");
+    auto fromDisk = runOne<CrossMoveTask>(manager, localServer(), localItem(dir / "local.txt"), dst,
+                                          remoteFolder(dst, "/"));
+    ASSERT_EQ(fromDisk->state(), TransferTaskState::Completed)
+        << fromDisk->error().value_or(Error{}).describe();
+    EXPECT_TRUE(fileHolds(to->hostPath("/local.txt"), "from disk"));
+    EXPECT_FALSE(fs::exists(dir / "local.txt"));
+}
+
+TEST_F(CrossMove, CopyOneByteShortReports10013AndKeepsTheSource) {
+    auto from = startFtpServer(FtpServerKind::PureFtpd);
+    auto to = startFtpServer(FtpServerKind::Vsftpd);
+    if (!from || !to) return;
+    from->writeFile("/data.bin", std::string(50000, 'd'));
+    from->writeFile("/tree/inner.bin", std::string(4000, 'i'));
+    from->chownTree();
+    auto src = from->serverInfo();
+    auto dst = to->serverInfo();
+    ShortUploadsTo shortUploads(dst->serverID);
+    manager.setMaxSimultaneousTransfers(1);
+    auto prompts = std::make_shared<ScriptedPrompts>();
+    prompts->failureAnswers = {FailureChoice::Ignore, FailureChoice::Stop};
+    manager.setUserPrompts(prompts);
+    auto file =
+        makeTask<CrossMoveTask>(src, remoteItem(src, "/data.bin"), dst, remoteFolder(dst, "/"));
+    auto folder =
+        makeTask<CrossMoveTask>(src, remoteItem(src, "/tree"), dst, remoteFolder(dst, "/"));
+    runAll(manager, file, folder);
+    for (auto& task : {file, folder}) {
+        ASSERT_EQ(task->state(), TransferTaskState::Failed);
+        EXPECT_EQ(task->error()->domain, "Kv Generic");
+        EXPECT_EQ(task->error()->code, 10013);
+        EXPECT_EQ(task->error()->reason, "Error occured when cross copy.");
+    }
+    EXPECT_EQ(prompts->failuresShown.size(), 2u);
+    EXPECT_TRUE(fileHolds(from->hostPath("/data.bin"), std::string(50000, 'd')));
+    EXPECT_TRUE(fileHolds(from->hostPath("/tree/inner.bin"), std::string(4000, 'i')));
+    EXPECT_EQ(fs::file_size(to->hostPath("/data.bin")), 49999u);
+}
+
+TEST_F(CrossMove, CancelDuringCopyKeepsSourceAndRemovesScratch) {
+    auto from = startFtpServer(FtpServerKind::Vsftpd);
+    auto to = startFtpServer(FtpServerKind::PureFtpd);
+    if (!from || !to) return;
+    makeSparseFile(from->hostPath("/big.bin"), 2ull << 30);
+    from->chownTree();
+    auto src = from->serverInfo();
+    auto dst = to->serverInfo();
+    auto view = std::make_shared<FirstBytesView>();
+    manager.setFileTransferView(view);
+    auto task =
+        makeTask<CrossMoveTask>(src, remoteItem(src, "/big.bin"), dst, remoteFolder(dst, "/"));
+    view->onFirstBytes = [&] { manager.stopTask(task); };
+    runAll(manager, task);
+    EXPECT_EQ(task->state(), TransferTaskState::Stopped);
+    EXPECT_EQ(fs::file_size(from->hostPath("/big.bin")), 2ull << 30);
+    EXPECT_FALSE(fs::exists(to->hostPath("/big.bin")));
     EXPECT_TRUE(fs::is_empty(PathUtils::getAppTempPath()));
 }

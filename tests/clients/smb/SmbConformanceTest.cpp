@@ -126,16 +126,10 @@ TEST_F(SmbClient, BrokenTransfersContinueWhereTheyStopped) {
     ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
     Status result;
     std::thread worker([&] { result = smb->downloadSync(KvMetadata("/data/big.bin"), fifo, {}); });
-    int in = ::open(fifo.c_str(), O_RDONLY | O_CLOEXEC);
-    ASSERT_GE(in, 0);
-    std::string got;
-    char buffer[65536];
     int ended = 0;
-    for (ssize_t n; (n = ::read(in, buffer, sizeof buffer)) > 0;) {
-        got.append(buffer, static_cast<std::size_t>(n));
-        if (ended == 0 && got.size() >= breakAt) ended = server_->endSessions();
-    }
-    ::close(in);
+    std::string got = drainFifo(fifo, [&](std::size_t size) {
+        if (ended == 0 && size >= breakAt) ended = server_->endSessions();
+    });
     worker.join();
     ASSERT_TRUE(result) << result.error().describe();
     EXPECT_GE(ended, 1) << "no session was ended";
@@ -153,18 +147,10 @@ TEST_F(SmbClient, BrokenTransfersContinueWhereTheyStopped) {
     worker = std::thread([&] { result = smb->uploadSync(source, folder, {}); });
     int out = ::open(fifo.c_str(), O_WRONLY | O_CLOEXEC);
     ASSERT_GE(out, 0);
-    auto feed = [&](std::size_t from, std::size_t to) {
-        for (std::size_t at = from; at < to;) {
-            ssize_t n = ::write(out, content.data() + at, to - at);
-            if (n <= 0) return false;
-            at += static_cast<std::size_t>(n);
-        }
-        return true;
-    };
     // The upload has opened its file on the server once it takes what is written here.
-    bool fed = feed(0, breakAt);
+    bool fed = writeAll(out, std::string_view(content).substr(0, breakAt));
     ended = fed ? server_->endSessions() : 0;
-    fed = fed && feed(breakAt, size);
+    fed = fed && writeAll(out, std::string_view(content).substr(breakAt));
     ::close(out);
     worker.join();
     ASSERT_TRUE(fed) << "the upload stopped reading: "
