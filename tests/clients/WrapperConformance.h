@@ -131,6 +131,16 @@ class ClientTest : public ::testing::Test {
     }
 };
 
+// Writes all of `bytes` to `fd`; false when the reader went away first.
+inline bool writeAll(int fd, std::string_view bytes) {
+    while (!bytes.empty()) {
+        ssize_t n = ::write(fd, bytes.data(), bytes.size());
+        if (n <= 0) return false;
+        bytes.remove_prefix(static_cast<std::size_t>(n));
+    }
+    return true;
+}
+
 // Runs the probe as the unprivileged user "nobody" (65534) in a forked child when this process
 // is root, whom file permissions do not stop; otherwise runs it here.
 inline std::expected<std::vector<std::string>, std::string> runAsUnprivilegedUser(
@@ -141,53 +151,36 @@ inline std::expected<std::vector<std::string>, std::string> runAsUnprivilegedUse
     std::fflush(stdout);
     std::fflush(stderr);
     pid_t pid = ::fork();
-    if (pid < 0) {
-        ::close(fds[0]);
-        ::close(fds[1]);
-        return std::unexpected(std::string("cannot fork"));
-    }
     if (pid == 0) {
         ::close(fds[0]);
-        std::string report;
+        // Exit status 2: root privileges cannot be dropped here.
         if (::setgroups(0, nullptr) != 0 || ::setgid(65534) != 0 || ::setuid(65534) != 0 ||
-            ::geteuid() == 0) {
-            report = "SKIP root privileges cannot be dropped here\n";
-        } else {
-            for (auto line : probe()) {
-                std::replace(line.begin(), line.end(), '\n', ' ');
-                report += "FAIL " + line + "\n";
-            }
+            ::geteuid() == 0)
+            ::_exit(2);
+        std::string report;
+        for (auto line : probe()) {
+            std::replace(line.begin(), line.end(), '\n', ' ');
+            report += line + "\n";
         }
-        std::size_t sent = 0;
-        while (sent < report.size()) {
-            ssize_t n = ::write(fds[1], report.data() + sent, report.size() - sent);
-            if (n <= 0) break;
-            sent += static_cast<std::size_t>(n);
-        }
+        writeAll(fds[1], report);
         // No destructors or exit handlers of the test program in the child.
         ::_exit(0);
     }
     ::close(fds[1]);
     std::string text;
     char buf[4096];
-    ssize_t n;
-    while ((n = ::read(fds[0], buf, sizeof buf)) > 0 || (n < 0 && errno == EINTR))
+    for (ssize_t n;
+         pid > 0 && ((n = ::read(fds[0], buf, sizeof buf)) > 0 || (n < 0 && errno == EINTR));)
         if (n > 0) text.append(buf, static_cast<std::size_t>(n));
     ::close(fds[0]);
     int status = 0;
-    ::waitpid(pid, &status, 0);
+    if (pid < 0 || ::waitpid(pid, &status, 0) != pid)
+        return std::unexpected(std::string("cannot fork"));
+    if (WIFEXITED(status) && WEXITSTATUS(status) == 2)
+        return std::unexpected(std::string("root privileges cannot be dropped here"));
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
         return std::vector<std::string>{"the unprivileged probe process ended abnormally"};
-    std::vector<std::string> findings;
-    std::size_t start = 0;
-    while (start < text.size()) {
-        auto end = text.find('\n', start);
-        std::string line = text.substr(start, end - start);
-        start = end == std::string::npos ? text.size() : end + 1;
-        if (line.starts_with("SKIP ")) return std::unexpected(line.substr(5));
-        if (line.starts_with("FAIL ")) findings.push_back(line.substr(5));
-    }
-    return findings;
+    return lines(text);
 }
 
 // Sets "SYS_SHOW_HIDDEN_FILES" in memory for the life of the object and puts the old value back.
@@ -234,16 +227,6 @@ inline std::string drainFifo(const std::string& path,
     }
     if (fd >= 0) ::close(fd);
     return got;
-}
-
-// Writes all of `bytes` to `fd`; false when the reader went away first.
-inline bool writeAll(int fd, std::string_view bytes) {
-    while (!bytes.empty()) {
-        ssize_t n = ::write(fd, bytes.data(), bytes.size());
-        if (n <= 0) return false;
-        bytes.remove_prefix(static_cast<std::size_t>(n));
-    }
-    return true;
 }
 
 // Progress reports of one operation, from whichever thread the client reports on.
