@@ -276,13 +276,6 @@ TEST(SyncInfoService, RefusesStoredLocalNamesThatLeadOutOfTheSyncFolder) {
     EXPECT_TRUE(SyncInfo::isSafeLocalName(".hidden"));
 }
 
-std::string idFrom(const CommandResult& added) {
-    std::string prefix = "Added sync pair ";
-    EXPECT_EQ(added.out.rfind(prefix, 0), 0u) << added.out << added.err;
-    auto rest = added.out.substr(prefix.size());
-    return rest.substr(0, rest.find(':'));
-}
-
 TEST(SyncCommands, AddListRunAndRemoveAPair) {
     ScratchDir remote("clisync");
     writeFile(remote / "a.txt", "alpha");

@@ -126,6 +126,14 @@ inline std::vector<std::string> differingPaths(const std::map<std::string, std::
     return out;
 }
 
+// The id of the pair `quillon sync add` reports it added.
+inline std::string idFrom(const CommandResult& added) {
+    std::string prefix = "Added sync pair ";
+    EXPECT_EQ(added.out.rfind(prefix, 0), 0u) << added.out << added.err;
+    auto rest = added.out.size() < prefix.size() ? std::string() : added.out.substr(prefix.size());
+    return rest.substr(0, rest.find(':'));
+}
+
 // The local file system as the pair's server.
 inline ServerInfoPtr localFileSystem() {
     return std::make_shared<ServerInfo>(
