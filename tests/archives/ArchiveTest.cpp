@@ -5,10 +5,8 @@
 // between entries, and `quillon zip` / `quillon extract` do the same from the shell, with an
 // FTP server on either side.
 #include <fcntl.h>
-#include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>

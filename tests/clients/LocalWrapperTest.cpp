@@ -1,9 +1,9 @@
-// LocalWrapper and SandboxFileAccess behaviour beyond the shared conformance suite.
+// The storage-client conformance suite run against the local file system, then LocalWrapper and
+// SandboxFileAccess behaviour beyond it.
 
 #include "clients/local/LocalWrapper.h"
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,18 +13,48 @@
 #include <regex>
 #include <thread>
 
-#include "clients/Clients.h"
+#include "clients/WrapperConformance.h"
 #include "clients/local/SandboxFileAccess.h"
-#include "core/AppPreference.h"
-#include "core/MainQueue.h"
-#include "core/WrapperProxy.h"
-#include "support/TestEnv.h"
+
+namespace quillon::test {
+namespace {
+
+ConformanceTarget localTarget() {
+    ConformanceTarget target;
+    target.name = "Local";
+    target.open = [] {
+        registerBuiltinClients();
+        auto dir = std::make_shared<ScratchDir>("conformance-server");
+        // Reachable by the unprivileged user of the permission probes.
+        ::chmod(dir->path().c_str(), 0777);
+        ConformanceSession session;
+        session.remoteRoot = dir->path();
+        session.serverDir = dir->path();
+        // Every client of the session shares one record, as the tasks of one transfer do.
+        auto info = std::make_shared<ServerInfo>();
+        info->protocolType = ProtocolType::Local;
+        info->rootFolderPath = "/";
+        session.makeWrapper = [info] { return WrapperProxy::wrapperWithServerInfo(info); };
+        session.close = [dir] {};
+        return session;
+    };
+    target.runRestricted = runAsUnprivilegedUser;
+    return target;
+}
+
+}  // namespace
+
+INSTANTIATE_TEST_SUITE_P(Local, WrapperConformance, ::testing::Values(localTarget()),
+                         conformanceTargetName);
+
+}  // namespace quillon::test
 
 namespace fs = std::filesystem;
 
 namespace quillon {
 namespace {
 
+using test::HiddenFilesPref;
 using test::IsolatedHome;
 using test::readFile;
 using test::ScratchDir;
@@ -33,24 +63,6 @@ using test::writeFile;
 using Reports = std::vector<std::pair<std::int64_t, std::int64_t>>;
 
 constexpr std::int64_t MiB = 1024 * 1024;
-
-// Sets "SYS_SHOW_HIDDEN_FILES" in memory for one test and puts the old value back.
-class HiddenFilesPref {
-  public:
-    explicit HiddenFilesPref(bool show) : saved_(prefs().valueForKey(key())) { set(show); }
-    ~HiddenFilesPref() {
-        if (saved_)
-            prefs().setValue(*saved_, key());
-        else
-            prefs().removeValueForKey(key());
-    }
-    void set(bool show) { prefs().setValue(show, key()); }
-
-  private:
-    static AppPreference& prefs() { return AppPreference::sharedAppPreference(); }
-    static std::string_view key() { return PrefKey::SYS_SHOW_HIDDEN_FILES; }
-    std::optional<PlistValue> saved_;
-};
 
 std::shared_ptr<LocalWrapper> makeLocal() {
     auto info = std::make_shared<ServerInfo>();
@@ -66,19 +78,11 @@ KvMetadata record(const std::string& path, bool isDir = false) {
     return meta;
 }
 
-std::vector<std::string> names(const KvMetadataList& items) {
-    std::vector<std::string> out;
-    for (auto& i : items) out.push_back(i.nameIgnoreLinkResolve().value_or("(none)"));
-    std::sort(out.begin(), out.end());
-    return out;
-}
-
 const KvMetadata& named(const KvMetadataList& items, const std::string& name) {
-    for (auto& i : items)
-        if (i.nameIgnoreLinkResolve() == name) return i;
-    ADD_FAILURE() << "no item named " << name;
     static const KvMetadata none;
-    return none;
+    auto* item = test::findNamed(items, name);
+    EXPECT_TRUE(item) << "no item named " << name;
+    return item ? *item : none;
 }
 
 ProgressHandler collectInto(std::shared_ptr<Reports> reports) {
@@ -163,7 +167,7 @@ TEST_F(LocalWrapperTest, PlaceholderListsUnderTheNameItStandsFor) {
     ASSERT_TRUE(listing) << listing.error().describe();
     // A folder with a placeholder-like name is an ordinary hidden folder; a placeholder is hidden
     // only when the file it stands for is.
-    ASSERT_EQ(names(*listing), (std::vector<std::string>{"Broken.txt", "Report.pdf"}));
+    ASSERT_EQ(test::namesOf(*listing), (std::vector<std::string>{"Broken.txt", "Report.pdf"}));
     auto& report = named(*listing, "Report.pdf");
     EXPECT_TRUE(report.isIcloudPlaceHold);
     EXPECT_EQ(report.fileSizeInBytes, 123456u);
@@ -177,7 +181,7 @@ TEST_F(LocalWrapperTest, PlaceholderListsUnderTheNameItStandsFor) {
     forced->setForceIncludesHiddenFiles(true);
     auto all = forced->contentsOfDirectoryAtPathSync(record(dir.path(), true));
     ASSERT_TRUE(all) << all.error().describe();
-    EXPECT_EQ(names(*all),
+    EXPECT_EQ(test::namesOf(*all),
               (std::vector<std::string>{".Folder.icloud", ".secret", "Broken.txt", "Report.pdf"}));
 
     // Without a cloud container the contents cannot be fetched, unless the file is there.
@@ -218,7 +222,7 @@ TEST_F(LocalWrapperTest, SymbolicLinksListWithTargetsAndCopyAsLinks) {
     // A link folder lists its target, with the target's own paths.
     auto inside = wrapper->contentsOfDirectoryAtPathSync(linkDir);
     ASSERT_TRUE(inside) << inside.error().describe();
-    ASSERT_EQ(names(*inside), std::vector<std::string>{"inside.txt"});
+    ASSERT_EQ(test::namesOf(*inside), std::vector<std::string>{"inside.txt"});
     char* real = ::realpath((dir / "real").c_str(), nullptr);
     EXPECT_EQ((*inside)[0].pathOrEmpty(), std::string(real) + "/inside.txt");
     std::free(real);
@@ -504,9 +508,7 @@ TEST_F(LocalWrapperTest, ListingFillsRecordsFromTheFileSystem) {
     EXPECT_FALSE(sub.fileSizeInBytes.has_value());
     EXPECT_EQ(sub.parentFolderMeta, notes.parentFolderMeta);
 
-    auto missing = wrapper->contentsOfDirectoryAtPathSync(record(dir / "absent", true));
-    ASSERT_FALSE(missing);
-    EXPECT_EQ(missing.error(), (Error{"Local", 10008, "File not found!"}));
+    // (A missing folder is the conformance suite's.)
     auto notFolder = wrapper->contentsOfDirectoryAtPathSync(record(dir / "notes.final.txt", true));
     ASSERT_FALSE(notFolder);
     EXPECT_EQ(notFolder.error().code, ENOTDIR);
@@ -530,10 +532,6 @@ TEST_F(LocalWrapperTest, IsTheRegisteredClientOfLocalServers) {
     info->rootFolderPath.clear();
     EXPECT_EQ(wrapper->rootFolder().pathOrEmpty(), "/");
 
-    auto caps = wrapper->capabilities();
-    EXPECT_TRUE(caps.streaming);
-    EXPECT_FALSE(caps.readFromOffsetToEnd || caps.search || caps.moveItems ||
-                 caps.streamOffsetOnly);
     EXPECT_FALSE(wrapper->moveItemsSync({}, root));
     EXPECT_EQ(wrapper->loadStreamableURLForFileSync(record("/tmp/a b#1%.mp3")),
               "file:///tmp/a%20b%231%25.mp3");

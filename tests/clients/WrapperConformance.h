@@ -24,7 +24,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
-#include <cstring>
 #include <expected>
 #include <filesystem>
 #include <functional>
@@ -35,7 +34,6 @@
 #include <mutex>
 #include <optional>
 #include <ostream>
-#include <random>
 #include <string>
 #include <thread>
 #include <utility>
@@ -133,6 +131,16 @@ class ClientTest : public ::testing::Test {
     }
 };
 
+// Writes all of `bytes` to `fd`; false when the reader went away first.
+inline bool writeAll(int fd, std::string_view bytes) {
+    while (!bytes.empty()) {
+        ssize_t n = ::write(fd, bytes.data(), bytes.size());
+        if (n <= 0) return false;
+        bytes.remove_prefix(static_cast<std::size_t>(n));
+    }
+    return true;
+}
+
 // Runs the probe as the unprivileged user "nobody" (65534) in a forked child when this process
 // is root, whom file permissions do not stop; otherwise runs it here.
 inline std::expected<std::vector<std::string>, std::string> runAsUnprivilegedUser(
@@ -143,53 +151,82 @@ inline std::expected<std::vector<std::string>, std::string> runAsUnprivilegedUse
     std::fflush(stdout);
     std::fflush(stderr);
     pid_t pid = ::fork();
-    if (pid < 0) {
-        ::close(fds[0]);
-        ::close(fds[1]);
-        return std::unexpected(std::string("cannot fork"));
-    }
     if (pid == 0) {
         ::close(fds[0]);
-        std::string report;
+        // Exit status 2: root privileges cannot be dropped here.
         if (::setgroups(0, nullptr) != 0 || ::setgid(65534) != 0 || ::setuid(65534) != 0 ||
-            ::geteuid() == 0) {
-            report = "SKIP root privileges cannot be dropped here\n";
-        } else {
-            for (auto line : probe()) {
-                std::replace(line.begin(), line.end(), '\n', ' ');
-                report += "FAIL " + line + "\n";
-            }
+            ::geteuid() == 0)
+            ::_exit(2);
+        std::string report;
+        for (auto line : probe()) {
+            std::replace(line.begin(), line.end(), '\n', ' ');
+            report += line + "\n";
         }
-        std::size_t sent = 0;
-        while (sent < report.size()) {
-            ssize_t n = ::write(fds[1], report.data() + sent, report.size() - sent);
-            if (n <= 0) break;
-            sent += static_cast<std::size_t>(n);
-        }
+        writeAll(fds[1], report);
         // No destructors or exit handlers of the test program in the child.
         ::_exit(0);
     }
     ::close(fds[1]);
     std::string text;
     char buf[4096];
-    ssize_t n;
-    while ((n = ::read(fds[0], buf, sizeof buf)) > 0 || (n < 0 && errno == EINTR))
+    for (ssize_t n;
+         pid > 0 && ((n = ::read(fds[0], buf, sizeof buf)) > 0 || (n < 0 && errno == EINTR));)
         if (n > 0) text.append(buf, static_cast<std::size_t>(n));
     ::close(fds[0]);
     int status = 0;
-    ::waitpid(pid, &status, 0);
+    if (pid < 0 || ::waitpid(pid, &status, 0) != pid)
+        return std::unexpected(std::string("cannot fork"));
+    if (WIFEXITED(status) && WEXITSTATUS(status) == 2)
+        return std::unexpected(std::string("root privileges cannot be dropped here"));
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
         return std::vector<std::string>{"the unprivileged probe process ended abnormally"};
-    std::vector<std::string> findings;
-    std::size_t start = 0;
-    while (start < text.size()) {
-        auto end = text.find('\n', start);
-        std::string line = text.substr(start, end - start);
-        start = end == std::string::npos ? text.size() : end + 1;
-        if (line.starts_with("SKIP ")) return std::unexpected(line.substr(5));
-        if (line.starts_with("FAIL ")) findings.push_back(line.substr(5));
+    return lines(text);
+}
+
+// Sets "SYS_SHOW_HIDDEN_FILES" in memory for the life of the object and puts the old value back.
+class HiddenFilesPref {
+  public:
+    explicit HiddenFilesPref(bool show) : saved_(prefs().valueForKey(key())) { set(show); }
+    ~HiddenFilesPref() {
+        if (saved_)
+            prefs().setValue(*saved_, key());
+        else
+            prefs().removeValueForKey(key());
     }
-    return findings;
+    void set(bool show) { prefs().setValue(show, key()); }
+
+  private:
+    static AppPreference& prefs() { return AppPreference::sharedAppPreference(); }
+    static std::string_view key() { return PrefKey::SYS_SHOW_HIDDEN_FILES; }
+    std::optional<PlistValue> saved_;
+};
+
+// The names of listed items, sorted; the item of a name.
+inline std::vector<std::string> namesOf(const KvMetadataList& items) {
+    std::vector<std::string> names;
+    for (auto& item : items) names.push_back(item.nameIgnoreLinkResolve().value_or("(none)"));
+    std::sort(names.begin(), names.end());
+    return names;
+}
+inline const KvMetadata* findNamed(const KvMetadataList& items, const std::string& name) {
+    for (auto& item : items)
+        if (item.nameIgnoreLinkResolve() == name) return &item;
+    return nullptr;
+}
+
+// Reads the pipe at `path` to its end, telling `onRead` how much arrived so far after each read.
+inline std::string drainFifo(const std::string& path,
+                             const std::function<void(std::size_t)>& onRead = {}) {
+    std::string got;
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    EXPECT_GE(fd, 0) << path;
+    char buffer[65536];
+    for (ssize_t n; fd >= 0 && (n = ::read(fd, buffer, sizeof buffer)) > 0;) {
+        got.append(buffer, static_cast<std::size_t>(n));
+        if (onRead) onRead(got.size());
+    }
+    if (fd >= 0) ::close(fd);
+    return got;
 }
 
 // Progress reports of one operation, from whichever thread the client reports on.
@@ -222,10 +259,7 @@ class WrapperConformance : public ::testing::TestWithParam<ConformanceTarget> {
         if (known != GetParam().knownFailures.end())
             GTEST_SKIP() << "known failure on " << GetParam().name << ": " << known->second;
 
-        auto& prefs = AppPreference::sharedAppPreference();
-        savedHiddenPref_ = prefs.valueForKey(PrefKey::SYS_SHOW_HIDDEN_FILES);
-        prefs.setValue(false, PrefKey::SYS_SHOW_HIDDEN_FILES);
-        prefTouched_ = true;
+        hiddenPref_.emplace(false);
 
         session_ = GetParam().open();
         ASSERT_FALSE(session_.serverDir.empty())
@@ -241,13 +275,7 @@ class WrapperConformance : public ::testing::TestWithParam<ConformanceTarget> {
         client_.reset();
         if (session_.close) session_.close();
         session_ = {};
-        if (prefTouched_) {
-            auto& prefs = AppPreference::sharedAppPreference();
-            if (savedHiddenPref_)
-                prefs.setValue(*savedHiddenPref_, PrefKey::SYS_SHOW_HIDDEN_FILES);
-            else
-                prefs.removeValueForKey(PrefKey::SYS_SHOW_HIDDEN_FILES);
-        }
+        hiddenPref_.reset();
     }
 
     // Records of items on the server, addressed relative to the scratch folder.
@@ -302,18 +330,6 @@ class WrapperConformance : public ::testing::TestWithParam<ConformanceTarget> {
         return ::lstat(path.c_str(), &st) == 0;
     }
 
-    static std::vector<std::string> namesOf(const KvMetadataList& items) {
-        std::vector<std::string> names;
-        for (auto& item : items) names.push_back(item.nameIgnoreLinkResolve().value_or("(none)"));
-        std::sort(names.begin(), names.end());
-        return names;
-    }
-    static const KvMetadata* findNamed(const KvMetadataList& items, const std::string& name) {
-        for (auto& item : items)
-            if (item.nameIgnoreLinkResolve() == name) return &item;
-        return nullptr;
-    }
-
     // Runs a blocking operation on another thread while this one serves the main queue, so that
     // progress reports delivered there arrive while the operation runs.
     template <typename Op>
@@ -360,8 +376,7 @@ class WrapperConformance : public ::testing::TestWithParam<ConformanceTarget> {
     ConformanceSession session_;
     WrapperPtr client_;
     std::unique_ptr<ScratchDir> local_;
-    std::optional<PlistValue> savedHiddenPref_;
-    bool prefTouched_ = false;
+    std::optional<HiddenFilesPref> hiddenPref_;
 };
 
 TEST_P(WrapperConformance, ListsFilesAndFolders) {

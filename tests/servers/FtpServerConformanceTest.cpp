@@ -1,9 +1,6 @@
 // The storage-client conformance suite with our FTP client against our own FTP server: every
 // scenario the client passes on vsftpd, pure-ftpd and proftpd must pass here too.
 
-#include <filesystem>
-#include <memory>
-
 #include "clients/WrapperConformance.h"
 #include "core/ServerInfo.h"
 #include "servers/FtpServerFixture.h"

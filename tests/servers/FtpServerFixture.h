@@ -7,8 +7,6 @@
 
 #include <asio.hpp>
 
-#include <chrono>
-#include <functional>
 #include <future>
 #include <mutex>
 #include <optional>
@@ -19,6 +17,7 @@
 
 #include "core/ServerInfo.h"
 #include "servers/ftpserver/FtpServer.h"
+#include "support/ServerKit.h"
 #include "support/TestEnv.h"
 
 namespace quillon::test {
@@ -69,13 +68,7 @@ class RunningFtpServer {
         return "ftp://127.0.0.1:" + std::to_string(port()) + path;
     }
     // A plain FTP record for this server, as the clients are given one.
-    ServerInfoPtr serverInfo() const {
-        auto info = std::make_shared<ServerInfo>();
-        info->protocolType = ProtocolType::FTP;
-        info->setValue(std::string("127.0.0.1"), ServerProp::ADDR);
-        info->setValue(std::to_string(port()), ServerProp::PORT);
-        return info;
-    }
+    ServerInfoPtr serverInfo() const { return loopbackRecord(ProtocolType::FTP, port(), "", ""); }
     // The canonical shared folder (what the server reports in change notifications).
     const std::string& rootPath() const { return server_->baseDir(); }
     std::string operator/(const std::string& rel) const { return root_ / rel; }

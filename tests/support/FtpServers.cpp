@@ -5,10 +5,8 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <fmt/format.h>
@@ -194,11 +192,6 @@ bool greets(int port, bool tlsFirst) {
     return ok;
 }
 
-void writeText(const std::string& path, const std::string& text, mode_t mode = 0644) {
-    std::ofstream(path, std::ios::binary) << text;
-    ::chmod(path.c_str(), mode);
-}
-
 }  // namespace
 
 std::string_view ftpServerKindName(FtpServerKind kind) {
@@ -254,14 +247,16 @@ bool FtpServer::launch(std::string* whyNot) {
     std::string logPath = conf + "/server.log";
     std::vector<std::string> argv;
     bool tlsFirst = false;
+    auto cannot = [&](const std::string& why) {
+        *whyNot = name() + " cannot run here: " + why;
+        return false;
+    };
     auto makeCert = [&](std::string* pem) {
         auto r = runProgram({"openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout",
                              conf + "/key.pem", "-out", conf + "/cert.pem", "-days", "2", "-subj",
                              "/CN=127.0.0.1"});
         if (r.exitCode != 0) return false;
-        if (pem) {
-            writeText(*pem, readFile(conf + "/cert.pem") + readFile(conf + "/key.pem"), 0600);
-        }
+        if (pem) writeText(*pem, readFile(conf + "/cert.pem") + readFile(conf + "/key.pem"), 0600);
         return true;
     };
     // A passwd line for the test user, with a SHA-512 crypt hash of its password.
@@ -277,10 +272,7 @@ bool FtpServer::launch(std::string* whyNot) {
     switch (kind_) {
         case FtpServerKind::Vsftpd: {
             std::string bin = findProgram("vsftpd", "usr/sbin/vsftpd");
-            if (bin.empty()) {
-                *whyNot = "vsftpd cannot run here: not found (run deps/install.sh test)";
-                return false;
-            }
+            if (bin.empty()) return cannot("not found (run deps/install.sh test)");
             fs::create_directories(conf + "/empty");
             std::ostringstream c;
             c << "listen=YES\nlisten_ipv6=NO\nlisten_address=127.0.0.1\nlisten_port=" << port_
@@ -300,22 +292,13 @@ bool FtpServer::launch(std::string* whyNot) {
         case FtpServerKind::PureFtpd: {
             std::string bin = findProgram("pure-ftpd", "usr/sbin/pure-ftpd");
             std::string pw = findProgram("pure-ftpd", "usr/bin/pure-pw");
-            if (bin.empty() || pw.empty()) {
-                *whyNot = "pure-ftpd cannot run here: not found (run deps/install.sh test)";
-                return false;
-            }
+            if (bin.empty() || pw.empty()) return cannot("not found (run deps/install.sh test)");
             if (!fs::exists(conf + "/pure.pdb")) {
                 // pure-pw hashes with a costly argon2 setting (seconds per login on a busy
                 // machine): the passwd file is written here with a SHA-512 crypt hash instead.
-                if (!writePasswd("/./::::::::::::\n")) {
-                    *whyNot = "pure-ftpd cannot run here: openssl passwd failed";
-                    return false;
-                }
+                if (!writePasswd("/./::::::::::::\n")) return cannot("openssl passwd failed");
                 auto r = runProgram({pw, "mkdb", conf + "/pure.pdb", "-f", conf + "/passwd"});
-                if (r.exitCode != 0) {
-                    *whyNot = "pure-ftpd cannot run here: pure-pw mkdb failed: " + r.err;
-                    return false;
-                }
+                if (r.exitCode != 0) return cannot("pure-pw mkdb failed: " + r.err);
             }
             argv = {bin, "-S", "127.0.0.1," + std::to_string(port_), "-l",
                     "puredb:" + conf + "/pure.pdb"};
@@ -325,18 +308,10 @@ bool FtpServer::launch(std::string* whyNot) {
         }
         case FtpServerKind::Proftpd: {
             std::string bin = findProgram("proftpd", "usr/sbin/proftpd");
-            if (bin.empty()) {
-                *whyNot = "proftpd cannot run here: not found (run deps/install.sh test)";
-                return false;
-            }
-            if (!fs::exists(conf + "/cert.pem") && !makeCert(nullptr)) {
-                *whyNot = "proftpd cannot run here: openssl could not make a certificate";
-                return false;
-            }
-            if (!writePasswd(":/bin/false\n")) {
-                *whyNot = "proftpd cannot run here: openssl passwd failed";
-                return false;
-            }
+            if (bin.empty()) return cannot("not found (run deps/install.sh test)");
+            if (!fs::exists(conf + "/cert.pem") && !makeCert(nullptr))
+                return cannot("openssl could not make a certificate");
+            if (!writePasswd(":/bin/false\n")) return cannot("openssl passwd failed");
             writeText(conf + "/group", "nogroup:x:" + std::to_string(gid_) + ":\n", 0600);
             bool tlsModule = fs::exists("/usr/lib/proftpd/mod_tls.so");
             std::ostringstream c;
@@ -365,12 +340,9 @@ bool FtpServer::launch(std::string* whyNot) {
         case FtpServerKind::Pyftpdlib: {
             if (::access("/usr/bin/python3", X_OK) != 0 ||
                 ::access("/usr/bin/setpriv", X_OK) != 0 ||
-                runProgram({"/usr/bin/python3", "-c", "import pyftpdlib, OpenSSL"}).exitCode != 0) {
-                *whyNot =
-                    "pyftpdlib cannot run here: /usr/bin/python3 with pyftpdlib and OpenSSL, and "
-                    "setpriv, are needed";
-                return false;
-            }
+                runProgram({"/usr/bin/python3", "-c", "import pyftpdlib, OpenSSL"}).exitCode != 0)
+                return cannot(
+                    "/usr/bin/python3 with pyftpdlib and OpenSSL, and setpriv, are needed");
             writeText(conf + "/server.py", kPyftpdlibScript);
             writeText(conf + "/events.log", "", 0600);
             ::chown((conf + "/events.log").c_str(), uid_, gid_);
@@ -382,10 +354,8 @@ bool FtpServer::launch(std::string* whyNot) {
                          conf + "/events.log", "--parent", std::to_string(::getpid())});
             if (options_.implicitTls || options_.explicitTls) {
                 std::string pem = conf + "/both.pem";
-                if (!fs::exists(pem) && !makeCert(&pem)) {
-                    *whyNot = "pyftpdlib cannot run here: openssl could not make a certificate";
-                    return false;
-                }
+                if (!fs::exists(pem) && !makeCert(&pem))
+                    return cannot("openssl could not make a certificate");
                 ::chown(pem.c_str(), uid_, gid_);
                 argv.insert(argv.end(),
                             {options_.implicitTls ? "--implicit-tls" : "--explicit-tls", pem});
@@ -400,10 +370,7 @@ bool FtpServer::launch(std::string* whyNot) {
     }
 
     pid_ = spawnGroup(argv, logPath);
-    if (pid_ < 0) {
-        *whyNot = name() + " cannot run here: cannot fork";
-        return false;
-    }
+    if (pid_ < 0) return cannot("cannot fork");
     if (awaitListener(
             pid_, port_, [&] { return greets(port_, tlsFirst); }, std::chrono::seconds(30), whyNot))
         return true;

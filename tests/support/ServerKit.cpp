@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -13,7 +14,6 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
-#include <thread>
 
 #include "support/TestEnv.h"
 
@@ -193,6 +193,19 @@ std::vector<pid_t> descendantsOf(pid_t pid) {
             if (e.parent == p) pending.push_back(e.pid);
     }
     return {order.rbegin(), order.rend()};
+}
+
+void writeText(const std::string& path, const std::string& text, mode_t mode) {
+    std::ofstream(path, std::ios::binary) << text;
+    ::chmod(path.c_str(), mode);
+}
+
+std::string makeServedFolder(const std::string& dir, const std::string& name) {
+    ::chmod(dir.c_str(), 0755);
+    std::string folder = dir + "/" + name;
+    fs::create_directories(folder);
+    ::chmod(folder.c_str(), 0777);
+    return folder;
 }
 
 std::string pathBelow(const std::string& root, std::string_view rel) {

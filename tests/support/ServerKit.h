@@ -61,6 +61,12 @@ std::vector<ProcessEntry> processes();
 // The processes below `pid`, deepest first.
 std::vector<pid_t> descendantsOf(pid_t pid);
 
+// Writes a configuration or data file with the given permissions.
+void writeText(const std::string& path, const std::string& text, mode_t mode = 0644);
+// Makes `dir` reachable by the servers' unprivileged users and a world-writable folder `name`
+// in it, which it returns.
+std::string makeServedFolder(const std::string& dir, const std::string& name);
+
 // `rel` ("/a/b" or "a/b") below `root`, and below "/".
 std::string pathBelow(const std::string& root, std::string_view rel);
 std::string slashPath(std::string_view rel);

@@ -2,10 +2,8 @@
 
 #include <signal.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 #include <regex>
 #include <sstream>
 #include <vector>
@@ -18,22 +16,9 @@ namespace fs = std::filesystem;
 
 namespace quillon::test {
 
-namespace {
-
-void writeText(const std::string& path, const std::string& content, mode_t mode) {
-    std::ofstream(path, std::ios::binary) << content;
-    ::chmod(path.c_str(), mode);
-}
-
-}  // namespace
-
-SftpServer::SftpServer(SftpServerKind kind) : kind_(kind), dir_("sftpd") {
-    // sshd's sessions run as "nobody", who must reach the root and the authorized keys.
-    ::chmod(dir_.path().c_str(), 0755);
-    root_ = dir_.path() + "/root";
-    fs::create_directories(root_);
-    ::chmod(root_.c_str(), 0777);
-}
+// sshd's sessions run as "nobody", who must reach the root and the authorized keys.
+SftpServer::SftpServer(SftpServerKind kind)
+    : kind_(kind), dir_("sftpd"), root_(makeServedFolder(dir_.path(), "root")) {}
 
 SftpServer::~SftpServer() {
     if (process_ && process_->pid() > 0) {
@@ -57,23 +42,21 @@ bool SftpServer::launch(std::string* whyNot) {
     std::error_code ec;
     fs::remove(logPath, ec);
     if (hostKeyPublic_.empty()) {
-        auto made = runProgram(
-            {"ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-C", "", "-f", d + "/host_key"});
-        if (made.exitCode != 0) {
-            *whyNot = "ssh-keygen failed: " + made.err;
-            return false;
-        }
+        auto keygen = [&](const std::vector<std::string>& args) {
+            std::vector<std::string> argv{"ssh-keygen", "-q", "-C", ""};
+            argv.insert(argv.end(), args.begin(), args.end());
+            auto made = runProgram(argv);
+            if (made.exitCode != 0) *whyNot = "ssh-keygen failed: " + made.err;
+            return made.exitCode == 0;
+        };
+        if (!keygen({"-t", "ed25519", "-N", "", "-f", d + "/host_key"})) return false;
         hostKeyPublic_ = readFile(d + "/host_key.pub");
         while (!hostKeyPublic_.empty() &&
                (hostKeyPublic_.back() == '\n' || hostKeyPublic_.back() == ' '))
             hostKeyPublic_.pop_back();
         // The client's key, in the PEM form every libssh2 build reads, with a passphrase.
-        made = runProgram({"ssh-keygen", "-q", "-t", "ecdsa", "-m", "PEM", "-N", "key pass", "-C",
-                           "", "-f", d + "/client_key"});
-        if (made.exitCode != 0) {
-            *whyNot = "ssh-keygen failed: " + made.err;
+        if (!keygen({"-t", "ecdsa", "-m", "PEM", "-N", "key pass", "-f", d + "/client_key"}))
             return false;
-        }
         clientKey_ = d + "/client_key";
         writeText(d + "/authorized_keys", readFile(d + "/client_key.pub"), 0644);
     }

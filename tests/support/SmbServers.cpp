@@ -1,17 +1,12 @@
 #include "support/SmbServers.h"
 
-#include <fcntl.h>
 #include <signal.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cctype>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <thread>
 
 #include "support/ServerKit.h"
 
@@ -19,11 +14,7 @@ namespace fs = std::filesystem;
 
 namespace quillon::test {
 
-SmbServer::SmbServer() : dir_("smbd") {
-    ::chmod(dir_.path().c_str(), 0755);
-    share_ = dir_.path() + "/share";
-    fs::create_directories(share_);
-    ::chmod(share_.c_str(), 0777);
+SmbServer::SmbServer() : dir_("smbd"), share_(makeServedFolder(dir_.path(), "share")) {
     for (auto* d : {"private", "lock", "state", "cache", "pid", "ncalrpc", "log"})
         fs::create_directories(dir_.path() + "/" + d);
 }

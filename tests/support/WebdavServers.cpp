@@ -2,7 +2,6 @@
 
 #include <signal.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -24,13 +23,9 @@ constexpr const char* kRealm = "quillon tests";
 
 }  // namespace
 
-WebdavServer::WebdavServer(WebdavServerKind kind) : kind_(kind), dir_("davd") {
-    // Apache's workers run as "nobody", who must reach the root.
-    ::chmod(dir_.path().c_str(), 0755);
-    root_ = dir_.path() + "/root";
-    fs::create_directories(root_);
-    ::chmod(root_.c_str(), 0777);
-}
+// Apache's workers run as "nobody", who must reach the root.
+WebdavServer::WebdavServer(WebdavServerKind kind)
+    : kind_(kind), dir_("davd"), root_(makeServedFolder(dir_.path(), "root")) {}
 
 WebdavServer::~WebdavServer() {
     if (process_ && process_->pid() > 0) process_->stop(SIGTERM);
@@ -76,23 +71,10 @@ bool WebdavServer::launch(std::string* whyNot) {
         argv = {"/usr/sbin/apache2", "-f", d + "/httpd.conf", "-DFOREGROUND"};
         ready = std::regex("resuming normal operations");
     } else {
-        argv = {"rclone",
-                "serve",
-                "webdav",
-                root_,
-                "--addr",
-                "127.0.0.1:" + std::to_string(port_),
-                "--user",
-                kUser,
-                "--pass",
-                kPassword,
-                "--config",
-                "/dev/null",
-                "--dir-cache-time",
-                "0s",
-                "--log-file",
-                logPath,
-                "-v"};
+        argv = {"rclone", "serve", "webdav", root_, "--addr", "127.0.0.1:" + std::to_string(port_),
+                "--user", kUser, "--pass", kPassword, "--config", "/dev/null",
+                // Files the tests put behind the server's back show at once.
+                "--dir-cache-time", "0s", "--log-file", logPath, "-v"};
         ready = std::regex(
             "WebDav Server started on http://127\\.0\\.0\\.1:" + std::to_string(port_) + "/");
     }

@@ -32,10 +32,8 @@ TEST(SyncKill, OneRunAfterAKillAtAnyMomentSettlesThePair) {
                      {"server", "add", "killftp", "--type", "ftp", "--addr", "127.0.0.1", "--port",
                       std::to_string(server->port()), "--user", server->user(), "--password-stdin"},
                      "", server->password() + "\n"));
-    auto pair = runQuillon({"sync", "add", "killftp:/pair", "killed"});
-    ASSERT_EQ(pair.exitCode, 0) << pair.err;
-    std::string id = pair.out.substr(std::string("Added sync pair ").size());
-    id = id.substr(0, id.find(':'));
+    std::string id = idFrom(runQuillon({"sync", "add", "killftp:/pair", "killed"}));
+    ASSERT_FALSE(id.empty());
     std::string local = SyncUtils::getSyncBaseFolderPath() + "/killed";
     auto r = [&](const std::string& rel) { return server->hostPath("pair/" + rel); };
     auto l = [&](const std::string& rel) { return local + "/" + rel; };

@@ -41,14 +41,16 @@ void useLocalClient(bool counting) {
 }
 
 TEST(SyncRun, ARunRefusedBecauseThePairIsBusyLeavesTheRunningPairsStateAlone) {
-    ScratchDir remote{"syncbusy"};
-    writeFile(remote / "a.txt", "a");
-    SyncInfo info = addPair(localFileSystem(), remote.path(), "busy");
-    std::string local = SyncUtils::getSyncFolderPath("busy");
-    // The other run: it holds the pair's lock and has stored "running" with its start time.
-    int fd = ::open((local + "/" + SyncUtils::kLockFileName).c_str(), O_RDWR | O_CREAT, 0600);
+    LocalPair p("busy");
+    SyncInfo info = p.info;
+    writeFile(p.r("a.txt"), "a");
+    // The other run (in this process or another): it holds the pair's lock and has stored
+    // "running" with its start time.
+    std::filesystem::create_directories(p.local);
+    int fd = ::open(p.l(SyncUtils::kLockFileName).c_str(), O_RDWR | O_CREAT, 0600);
     ASSERT_GE(fd, 0);
     ASSERT_EQ(::flock(fd, LOCK_EX), 0);
+    EXPECT_TRUE(SyncUtils::isSyncRunning(p.local));
     info.status = SyncStatus::Running;
     info.lastSyncDate = timeAt(1700000000.5);
     ASSERT_TRUE(SyncInfoService::sharedInstance().updateSyncStatus(info));
@@ -69,7 +71,7 @@ TEST(SyncRun, ARunRefusedBecauseThePairIsBusyLeavesTheRunningPairsStateAlone) {
     }
     NotificationCenter::defaultCenter().removeObserver(token);
     EXPECT_EQ(notifications, 0);
-    EXPECT_FALSE(exists(local + "/a.txt"));
+    EXPECT_FALSE(exists(p.l("a.txt")));
     ::close(fd);
 
     // Once the other run is over, the pair syncs and records its own outcome.
@@ -77,27 +79,25 @@ TEST(SyncRun, ARunRefusedBecauseThePairIsBusyLeavesTheRunningPairsStateAlone) {
     ASSERT_EQ(run.state(), TransferTaskState::Completed);
     EXPECT_EQ(run.stored.status, SyncStatus::Succeeded);
     EXPECT_GT(secondsOf(*run.stored.lastSyncDate), 1700000001.0);
-    EXPECT_EQ(readFile(local + "/a.txt"), "a");
+    EXPECT_EQ(readFile(p.l("a.txt")), "a");
 }
 
 TEST(SyncRun, NewFilesInOneFolderCostNoListingEach) {
-    ScratchDir remote{"synccount"};
-    SyncInfo info = addPair(localFileSystem(), remote.path(), "count");
-    std::string local = SyncUtils::getSyncFolderPath("count");
-    for (int i = 0; i < 30; ++i) writeFile(local + "/sub/f" + std::to_string(i) + ".txt", "x");
+    LocalPair p("count");
+    for (int i = 0; i < 30; ++i) writeFile(p.l("sub/f" + std::to_string(i) + ".txt"), "x");
     CountingLocalClient::listings = 0;
     useLocalClient(true);
-    auto run = runSync(info);
+    auto run = runSync(p.info);
     useLocalClient(false);
     ASSERT_EQ(run.state(), TransferTaskState::Completed);
     EXPECT_EQ(run.summary().uploaded, 30);
     EXPECT_EQ(run.summary().remoteFoldersCreated, 1);
-    EXPECT_EQ(readFile(remote / "sub/f29.txt"), "x");
+    EXPECT_EQ(readFile(p.r("sub/f29.txt")), "x");
     // The ability check (two) and the plan (one): carrying the plan out lists nothing.
     EXPECT_EQ(CountingLocalClient::listings.load(), 3);
-    PairRecords records(info);
-    EXPECT_TRUE(records.hasRemote(remote / "sub/f0.txt"));
-    EXPECT_TRUE(records.hasRemote(remote / "sub", true));
+    PairRecords records(p.info);
+    EXPECT_TRUE(records.hasRemote(p.r("sub/f0.txt")));
+    EXPECT_TRUE(records.hasRemote(p.r("sub"), true));
 }
 
 }  // namespace

@@ -126,6 +126,14 @@ inline std::vector<std::string> differingPaths(const std::map<std::string, std::
     return out;
 }
 
+// The id of the pair `quillon sync add` reports it added.
+inline std::string idFrom(const CommandResult& added) {
+    std::string prefix = "Added sync pair ";
+    EXPECT_EQ(added.out.rfind(prefix, 0), 0u) << added.out << added.err;
+    auto rest = added.out.size() < prefix.size() ? std::string() : added.out.substr(prefix.size());
+    return rest.substr(0, rest.find(':'));
+}
+
 // The local file system as the pair's server.
 inline ServerInfoPtr localFileSystem() {
     return std::make_shared<ServerInfo>(
@@ -150,6 +158,18 @@ inline SyncInfo addPair(const ServerInfoPtr& server, const std::string& remotePa
 inline std::string localFolderOf(const SyncInfo& info) {
     return SyncUtils::getSyncBaseFolderPath() + "/" + info.localFolderMeta.nameOrEmpty();
 }
+
+// A pair whose "server" is a scratch folder on the local disk.
+struct LocalPair {
+    ScratchDir remote{"syncremote"};
+    SyncInfo info;
+    std::string local;
+
+    explicit LocalPair(const std::string& name)
+        : info(addPair(localFileSystem(), remote.path(), name)), local(localFolderOf(info)) {}
+    std::string r(const std::string& rel) const { return remote / rel; }
+    std::string l(const std::string& rel) const { return local + "/" + rel; }
+};
 
 inline SyncOptions quickOptions() {
     SyncOptions o;

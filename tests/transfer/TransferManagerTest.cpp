@@ -3,7 +3,6 @@
 // notification; and the shared helpers (unique names, free space, progress observation).
 #include <gtest/gtest.h>
 #include <sys/statvfs.h>
-#include <unistd.h>
 
 #include <any>
 #include <atomic>
@@ -285,6 +284,8 @@ TEST_F(TransferManager, ConflictQuestionsAndApplyToAll) {
               "An item named “a.txt” already exists in this location.");
     for (auto n : {"a.txt", "b.txt", "c.txt"})
         EXPECT_EQ(readFile(dir / ("dst/" + std::string(n))), std::string("new ") + n);
+    // Replaced in one step: nothing is left beside them.
+    EXPECT_EQ(namesIn(dir / "dst"), (std::vector<std::string>{"a.txt", "b.txt", "c.txt"}));
     // The walk that started nothing forgot the answer.
     EXPECT_FALSE(manager.applyAll());
     EXPECT_EQ(manager.fileConflict(), ConflictAction::NotDecided);

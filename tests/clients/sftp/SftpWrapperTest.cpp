@@ -3,12 +3,10 @@
 // to log in, downloads and uploads taken up again after the connection broke, links and times.
 
 #include <fcntl.h>
-#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -247,7 +245,6 @@ TEST_F(SftpClient, TransfersContinueAfterTheServerDroppedTheSession) {
     auto client = clientOf(server->serverInfo());
     client->setRetries(10, std::chrono::milliseconds(100));
     ScratchDir local("resume");
-    char buffer[65536];
 
     // Download: the client writes into a pipe this test reads, so it cannot run ahead of the
     // reader, and the sessions end while most of the file is still to come.
@@ -262,15 +259,10 @@ TEST_F(SftpClient, TransfersContinueAfterTheServerDroppedTheSession) {
         // A download that never opened the pipe must not leave this test waiting for it.
         if (int fd = ::open(fifo.c_str(), O_WRONLY | O_NONBLOCK); fd >= 0) ::close(fd);
     });
-    int in = ::open(fifo.c_str(), O_RDONLY);
-    ASSERT_GE(in, 0);
-    std::string got;
-    for (ssize_t n; (n = ::read(in, buffer, sizeof buffer)) > 0;) {
-        got.append(buffer, static_cast<std::size_t>(n));
-        if (got.size() >= 2 * 1024 * 1024 && got.size() - n < 2 * 1024 * 1024)
-            server->endSessions();
-    }
-    ::close(in);
+    bool ended = false;
+    std::string got = drainFifo(fifo, [&](std::size_t size) {
+        if (!ended && size >= 2 * 1024 * 1024) ended = (server->endSessions(), true);
+    });
     worker.join();
     ASSERT_TRUE(result) << result.error().describe();
     EXPECT_TRUE(got == content) << "the continued download differs (" << got.size() << " of "
@@ -358,11 +350,7 @@ TEST_F(SftpClient, TransfersContinueAfterTheServerDroppedTheSession) {
     piped.localPath = pipe;
     std::thread feeder([&] {
         if (int fd = ::open(pipe.c_str(), O_WRONLY | O_CLOEXEC); fd >= 0) {
-            for (std::size_t at = 0; at < content.size();) {
-                ssize_t n = ::write(fd, content.data() + at, content.size() - at);
-                if (n <= 0) break;
-                at += static_cast<std::size_t>(n);
-            }
+            writeAll(fd, content);
             ::close(fd);
         }
     });

@@ -5,7 +5,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -75,13 +74,7 @@ class ScriptedHttpServer {
         std::lock_guard lock(mutex_);
         return requests_;
     }
-    ServerInfoPtr serverInfo() const {
-        auto info = std::make_shared<ServerInfo>();
-        info->protocolType = ProtocolType::WebDAV;
-        info->setValue("127.0.0.1", ServerProp::ADDR);
-        info->setValue(std::to_string(port_), ServerProp::PORT);
-        return info;
-    }
+    ServerInfoPtr serverInfo() const { return loopbackRecord(ProtocolType::WebDAV, port_, "", ""); }
 
   private:
     void run() {
