@@ -58,7 +58,6 @@ TEST(Cli, ServersCanBeAddedShownChangedAndRemoved) {
     // Usage errors exit 2.
     EXPECT_TRUE(quillonExits(2, {"server", "add", "x", "--type", "gopher"}));
     EXPECT_TRUE(quillonExits(2, {"server", "add", "x", "--type", "ftp"}));  // no --addr
-    EXPECT_TRUE(quillonExits(2, {"no-such-command"}));
 }
 
 TEST(Cli, PreferencesAreReadAndSavedWithTheirKinds) {
