@@ -187,21 +187,6 @@ TEST_F(ApplicationTest, QuickConnectionIsGoneAfterTheNextStart) {
     EXPECT_EQ(left[0].displayName, "Configured");
 }
 
-TEST_F(ApplicationTest, CorruptPreferenceFileIsReportedAndKeptAside) {
-    std::string path = AppPreference::sharedAppPreference().prefFilePath();
-    test::writeFile(path, "{ this is not a property list");
-    Application app(options(Delayed::Skip));
-    auto r = app.start();
-    ASSERT_FALSE(r);
-    EXPECT_TRUE(test::contains(r.error().reason, "kept as")) << r.error().reason;
-    EXPECT_FALSE(app.isRunning());
-    // Kept aside (as the preference store's own test checks): the next launch runs on the
-    // defaults.
-    ASSERT_TRUE(app.start()) << app.start().error().describe();
-    EXPECT_EQ(AppPreference::sharedAppPreference().integerForKey(PrefKey::MaxSimultaneousTransfers),
-              3);
-}
-
 TEST_F(ApplicationTest, CorruptDatabaseIsReportedAndLeftUntouched) {
     std::string path = DBManager::sharedDBManager().path();
     std::string garbage(8192, 'Q');

@@ -117,6 +117,32 @@ inline ConformanceTarget sharedServerTarget(
     return target;
 }
 
+// The one server of `kind` the whole program shares, started at its first use; `ready` runs
+// once on it when it started.
+template <class Server, class Kind>
+Server* sharedServerOf(Kind kind, void (*ready)(const Server&) = nullptr) {
+    static std::map<Kind, std::unique_ptr<Server>> servers;
+    if (!servers.contains(kind)) {
+        programHome();
+        servers[kind] = Server::start(kind);
+        if (servers[kind] && ready) ready(*servers[kind]);
+    }
+    return servers[kind].get();
+}
+
+// The suite on that shared server.
+template <class Server, class Kind>
+ConformanceTarget sharedKindTarget(std::string name, Kind kind,
+                                   void (*ready)(const Server&) = nullptr) {
+    return sharedServerTarget(
+        std::move(name), [kind, ready](const std::string& folder) -> std::optional<SharedFolder> {
+            Server* server = sharedServerOf<Server>(kind, ready);
+            if (!server) return std::nullopt;
+            return SharedFolder{server->hostPath(folder), server->remotePath(folder),
+                                server->serverInfo()};
+        });
+}
+
 // Tests of one client beyond the suite: the program's home, the built-in clients, and no session
 // left in the pool afterwards.
 class ClientTest : public ::testing::Test {

@@ -58,7 +58,6 @@ class FtpServer {
     const std::string& user() const { return user_; }
     const std::string& password() const { return password_; }
     bool hasLogin() const { return !user_.empty(); }
-    bool supportsMLSD() const { return kind_ != FtpServerKind::Vsftpd; }
     // pyftpdlib: the REST offsets it received, in order.
     std::vector<long long> restOffsets() const;
     // pyftpdlib: how many events of a kind ("LOGIN", "REST", "APPE") it logged so far.

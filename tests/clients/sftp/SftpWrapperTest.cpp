@@ -34,23 +34,11 @@ void trustHost(const SftpServer& server) {
 
 // One server per kind for the whole program, trusted by the program's home.
 SftpServer* sharedServer(SftpServerKind kind) {
-    static std::map<SftpServerKind, std::unique_ptr<SftpServer>> servers;
-    if (!servers.contains(kind)) {
-        programHome();
-        servers[kind] = SftpServer::start(kind);
-        if (servers[kind]) trustHost(*servers[kind]);
-    }
-    return servers[kind].get();
+    return sharedServerOf<SftpServer>(kind, trustHost);
 }
 
 ConformanceTarget sftpTarget(const std::string& name, SftpServerKind kind) {
-    return sharedServerTarget(
-        name, [kind](const std::string& folder) -> std::optional<SharedFolder> {
-            SftpServer* server = sharedServer(kind);
-            if (!server) return std::nullopt;
-            return SharedFolder{server->hostPath(folder), server->remotePath(folder),
-                                server->serverInfo()};
-        });
+    return sharedKindTarget<SftpServer>(name, kind, trustHost);
 }
 
 ConformanceTarget opensshTarget() {

@@ -18,20 +18,8 @@
 namespace quillon::test {
 namespace {
 
-WebdavServer* sharedServer(WebdavServerKind kind) {
-    static std::map<WebdavServerKind, std::unique_ptr<WebdavServer>> servers;
-    if (!servers.contains(kind)) servers[kind] = WebdavServer::start(kind);
-    return servers[kind].get();
-}
-
 ConformanceTarget webdavTarget(const std::string& name, WebdavServerKind kind) {
-    return sharedServerTarget(
-        name, [kind](const std::string& folder) -> std::optional<SharedFolder> {
-            WebdavServer* server = sharedServer(kind);
-            if (!server) return std::nullopt;
-            return SharedFolder{server->hostPath(folder), server->remotePath(folder),
-                                server->serverInfo()};
-        });
+    return sharedKindTarget<WebdavServer>(name, kind);
 }
 
 ConformanceTarget apacheTarget() {
